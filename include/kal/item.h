@@ -1,0 +1,119 @@
+// Item files: many byte strings, each named by a 16-bit id, in one stream behind an index at its head.
+//
+// The index is kept in memory and reaches the file when the item file is flushed, freed or closed; until then
+// the file's index is stale. All offsets count from the stream's base offset. The stored form is described in
+// docs/formats/item-file.md.
+#ifndef KAL_ITEM_H
+#define KAL_ITEM_H
+
+#include <kal/base.h>
+#include <kal/stream.h>
+
+// Format flags. The other 15 bits belong to the file's maker.
+inline constexpr uint16_t KAL_ITEMS_WIDE = 0x8000; // 32-bit item sizes
+
+// The id of a free entry; never an item's.
+inline constexpr uint16_t KAL_ITEM_FREE = 0xFFFF;
+
+// The most that the index may take, spare entries included: 4,085 narrow or 3,266 wide entries reopen.
+inline constexpr uint32_t KAL_INDEX_ROOM_MAX = 32767;
+
+// The largest item that a flush can move out of the growing index's way.
+inline constexpr uint32_t KAL_ITEM_MOVE_MAX = 65535;
+
+#pragma pack(push, 1)
+// One entry of the index, little-endian as it stands in the file, in one of two forms; the file's
+// KAL_ITEMS_WIDE flag tells which, and entries follow one another by that form's size.
+struct ItemIndexNarrow {
+    uint16_t id;
+    uint16_t size;   // bytes
+    uint32_t offset; // logical position of the item's first byte
+};
+struct ItemIndexWide {
+    uint16_t id;
+    uint32_t size;
+    uint32_t offset;
+};
+union ItemIndex {
+    ItemIndexNarrow narrow;
+    ItemIndexWide wide;
+};
+
+// The item-file record.
+struct IFILE {
+    uint16_t formatFlags;
+    uint16_t count;    // index entries, free ones included
+    uint16_t capacity; // entries that the index array can hold
+    uint16_t mode;     // the stream's mode when the item file was made
+    SFILE* stream;     // owned only when KalOpenIFile or KalOpenTempIFile made it
+    ItemIndex* index;  // owned
+};
+#pragma pack(pop)
+
+static_assert(sizeof(ItemIndexNarrow) == 8 && sizeof(ItemIndexWide) == 10);
+static_assert(sizeof(IFILE) == 8 + 2 * sizeof(void*));
+
+// Opens a stream by name (modes as KalOpenFile) and lays an item file over it. The stream's or
+// KalMakeIFile's status; on failure `*out` is null and no stream stays open. KalCloseIFile ends it.
+KAL_API int16_t KalOpenIFile(IFILE** out, const char* name, uint16_t mode, uint16_t format);
+
+// The same over a temporary file, narrow, that closing deletes.
+KAL_API int16_t KalOpenTempIFile(IFILE** out);
+
+// Lays an item file over an open stream, which stays the caller's; KalFreeIFile ends it. A stream whose mode
+// has KAL_MODE_CREATE gets a new file of format `format`; any other is read, and a `format` other than 0 must
+// be the stored one. 0, or with `*out` null: KAL_ERR_MEMORY, KAL_ERR_BUFFER (no memory for the index, or
+// more entries than KAL_INDEX_ROOM_MAX holds), KAL_ERR_READ (the index ends early), KAL_ERR_FORMAT, or the
+// stream's status when the header could not be read.
+KAL_API int16_t KalMakeIFile(IFILE** out, SFILE* stream, uint16_t format);
+
+// Flushes the index when the stream takes writes, then frees the item file but not the stream. 0.
+KAL_API int16_t KalFreeIFile(IFILE* file);
+
+// KalFreeIFile, then the stream is closed. 0. When its last bytes cannot be written the stream is given up
+// all the same; a caller that must know flushes first (KalFlushIFile, KalFlushBuf).
+KAL_API int16_t KalCloseIFile(IFILE* file);
+
+// Writes header and index, after moving the items that stand where the index goes to the stream's end. 0;
+// KAL_ERR_MEMORY when such an item is larger than KAL_ITEM_MOVE_MAX or memory is short; the stream's status
+// when a move failed. After a failure the stored index is the old one and the items are where they were.
+KAL_API int16_t KalFlushIFile(IFILE* file);
+
+// The first entry with this id, or null. It stays valid until the next KalAppendItemIndex.
+KAL_API ItemIndex* KalFindItem(IFILE* file, uint16_t id);
+
+// The item's size in bytes, or -1 when there is no such item.
+KAL_API int32_t KalGetItemSize(IFILE* file, uint16_t id);
+
+// Adds an entry at the index's end, its fields for the caller to set. Null when memory is short or the
+// count would pass 16 bits; the index is unchanged then. Earlier entry pointers are no longer valid.
+KAL_API ItemIndex* KalAppendItemIndex(IFILE* file);
+
+// Writes the entry's size in bytes from `data` at the entry's offset. The stream's count.
+KAL_API int32_t KalWriteItem(IFILE* file, ItemIndex* entry, const void* data);
+
+// Reads up to `size` bytes from the item's start. The stream's count.
+KAL_API int32_t KalReadItem(IFILE* file, ItemIndex* entry, void* destination, uint32_t size);
+
+// Reads the next up to `count` bytes of an item; starts over when the stream stands outside it or at its
+// start. Bytes read; 0 at the item's end or on failure.
+KAL_API uint32_t KalIncReadItem(IFILE* file, ItemIndex* entry, void* destination, uint32_t count);
+
+// Stores `length` bytes as item `id` in place of any item of that id, in the smallest free extent that holds
+// them or at the end. Bytes written; 0 when nothing could be (the old item is then as it was where no byte
+// of it was overwritten). A narrow file keeps the low 16 bits of the length and writes that many.
+KAL_API uint32_t KalWriteIFile(IFILE* file, const void* data, uint32_t length, uint16_t id);
+
+// Appends `length` bytes to item `id` where it lies, or stores it anew. Bytes written; 0 when another entry
+// lies in the way or the size would not fit the entry: nothing changes then.
+KAL_API uint32_t KalAddIFile(IFILE* file, const void* data, uint32_t length, uint16_t id);
+
+// KalReadItem and KalIncReadItem by id; 0 when there is no such item.
+KAL_API uint32_t KalReadIFile(IFILE* file, void* destination, uint32_t size, uint16_t id);
+KAL_API uint32_t KalIncReadIFile(IFILE* file, void* destination, uint32_t count, uint16_t id);
+
+// Reads a whole item into a new block, which the caller frees with KalFreeSMem; its size goes to `*size`.
+// Null when there is no such item, it does not fit into the stream, memory is short or the read was.
+KAL_API char* KalGetItem(IFILE* file, uint16_t id, int32_t* size);
+
+#endif

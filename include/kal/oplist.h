@@ -1,0 +1,209 @@
+// Operation lists: recorded sequences of typed records ("ops") that are put one after another and got back in
+// the same order; and files that keep many lists as items.
+//
+// An op is a small-memory block of a 4-byte header and a payload; callers hold the payload:
+//
+//     block -> +------+------+----------------+
+//              | type | size | payload        |    type, size: 16 bits each, little-endian
+//              +------+------+----------------+
+//                             ^ the op pointer
+//
+// Calling order: open, puts, a seek (which ends what was put), gets; puts and gets may take turns with seeks
+// between them; close last. The stored form is described in docs/formats/operation-list.md.
+#ifndef KAL_OPLIST_H
+#define KAL_OPLIST_H
+
+#include <kal/base.h>
+#include <kal/cfile.h>
+#include <kal/item.h>
+#include <kal/list.h>
+#include <kal/stream.h>
+
+// List flags.
+inline constexpr uint16_t KAL_OPL_KEEP = 0x0001;       // keep a temporary list's file after close
+inline constexpr uint16_t KAL_OPL_DIB = 0x1000;        // bitmap rows; only with KAL_OPL_VMEM
+inline constexpr uint16_t KAL_OPL_VMEM = 0x4000;       // in VMem blocks instead of a stream
+inline constexpr uint16_t KAL_OPL_COMPRESSED = 0x8000; // KalOpenOpList: through a compressed stream
+
+// Format flag of an operation-list file: its items are compressed.
+inline constexpr uint16_t KAL_IOP_COMPRESSED = 0x4000;
+
+// Op types with a meaning to the library; all others are the caller's.
+inline constexpr uint16_t KAL_OP_END = 0;          // the end of the list
+inline constexpr uint16_t KAL_OP_DIB1 = 0x14;      // DIB op too, in a list of 1 bit per pixel
+inline constexpr uint16_t KAL_OP_DIB = 0x15;       // a band of scan lines
+inline constexpr uint16_t KAL_OP_FILLER = 0xFFFF;  // the rest of a VMem block is unused
+inline constexpr uint32_t KAL_OP_ROW = 0xFFFFFFFE; // KalPutOpData: a raw scan line
+
+// Bytes of an op's header.
+inline constexpr uint32_t KAL_OP_HEADER = 4;
+
+// Result of a put that failed.
+inline constexpr uint32_t KAL_OP_FAILED = 0xFFFFFFFF;
+
+// Sees every op before it is put, the end ops included.
+class FilterOps {
+public:
+    virtual void FilterOp(void* op, uint16_t type, uint16_t size) = 0;
+
+protected:
+    ~FilterOps() = default;
+};
+
+// Takes every put in place of the list; its result is the put's.
+class OpSink {
+public:
+    virtual uint32_t PutOp(void* op) = 0;
+    virtual uint32_t PutOpData(uint32_t type, const void* data, uint32_t size) = 0;
+
+protected:
+    ~OpSink() = default;
+};
+
+struct dibinfo;
+struct opblock;
+
+// The list record. The owner may set `sink`; the rest is read only for callers.
+#pragma pack(push, 1)
+struct tagOpList {
+    SFILE* stream;         // file mode: holds the ops; null in VMem mode and after a failed open
+    scfiletag* compStream; // file mode: the compressed stream over it, or null
+    uint16_t flags;        // KAL_OPL_ bits; a list opened by name keeps its whole mode word
+    uint16_t putPending;   // 1 when an end op is owed: the last operation was a put
+    int16_t status;        // the first errors stick here; see KalGetOpError
+    uint32_t pos;          // where the next get reads and the next put writes
+    uint32_t endPos;       // where the last end op went
+    dibinfo* dib;          // the bitmap's description, or null
+    uint32_t blockSize;    // VMem mode: the usual capacity of a block in bytes
+    uint16_t blockCount;   // VMem mode: the index of the next new block
+    slisthd* blocks;       // VMem mode: the blocks in index order
+    opblock* curBlock;     // VMem mode: the current block
+    FilterOps* filter;     // or null; not owned
+    OpSink* sink;          // or null; not owned
+};
+#pragma pack(pop)
+using OpList = tagOpList;
+
+static_assert(sizeof(OpList) == 20 + 7 * sizeof(void*));
+
+// Allocates an op with `size` payload bytes, all 0 (the low 16 bits of type and size count). Null when memory
+// is short. The caller frees it with KalFreeSMem(KalOpBlock(op)).
+KAL_API void* KalCreateOp(uint32_t type, uint32_t size);
+
+// Type and payload size of an op, and the block to give to KalFreeSMem.
+inline uint16_t KalOpType(const void* op) {
+    const uint8_t* header = static_cast<const uint8_t*>(op) - KAL_OP_HEADER;
+    return static_cast<uint16_t>(header[0] | header[1] << 8);
+}
+inline uint16_t KalOpSize(const void* op) {
+    const uint8_t* header = static_cast<const uint8_t*>(op) - KAL_OP_HEADER;
+    return static_cast<uint16_t>(header[2] | header[3] << 8);
+}
+inline void* KalOpBlock(void* op) {
+    return static_cast<uint8_t*>(op) - KAL_OP_HEADER;
+}
+
+// Opens a list. With KAL_OPL_VMEM it lives in VMem blocks and `name` is not used; else it lives in the stream
+// that `name` and `mode` open (see KalOpenFile), with a 4,096-byte buffer, compressed with
+// KAL_OPL_COMPRESSED. 0, or the failure's status. Unless that is KAL_ERR_MEMORY with `*out` null, the record
+// is made even so, without a stream and with the status in it; the caller closes it as any other.
+KAL_API int16_t KalOpenOpList(OpList** out, const char* name, uint16_t mode);
+
+// Opens a temporary list: in VMem blocks with KAL_OPL_VMEM, else in a temporary file, which stays after the
+// close with KAL_OPL_KEEP (a list that is kept is never a VMem list). Never compressed. Results as above.
+KAL_API int16_t KalTempOpList(OpList** out, uint16_t flags);
+
+// Makes a list over an item file's stream at position 0, with an end op owed; positioning and ending it is
+// the owner's matter. Null when memory is short. KalCloseOpList closes the shared stream too.
+KAL_API OpList* KalMakeOpList(IFILE* file);
+
+// Puts the end op that is owed, ends the compressed run, closes the stream and frees the list. Nothing for
+// null.
+KAL_API void KalCloseOpList(OpList* list);
+
+// Stores a copy of the op at the list's position. The op's position, or KAL_OP_FAILED with the reason in the
+// list's status.
+KAL_API uint32_t KalPutOp(OpList* list, void* op);
+
+// The same for an op of `type` with the `size` bytes at `data` (up to 65,535) as its payload.
+KAL_API uint32_t KalPutOpData(OpList* list, uint32_t type, const void* data, uint32_t size);
+
+// The op at the list's position, which moves behind it; the caller frees it with
+// KalFreeSMem(KalOpBlock(op)). Null at the end of the list, where the position stays, or on failure;
+// KalGetOpError tells which.
+KAL_API void* KalGetOp(OpList* list);
+
+// Puts the end op that is owed, then moves the list to a position that a put or `endPos` gave, or to 0. The
+// status. A compressed list is written from its start in one pass, and read from its start in one pass.
+KAL_API int16_t KalSeekOp(OpList* list, int32_t position);
+
+// KalSeekOp to the last end op, so that the next put takes its place.
+KAL_API int16_t KalSeekEndOp(OpList* list);
+
+// 1 when the list is null, its position is not 0, or it holds nothing; else 0. The list stays at its start.
+KAL_API uint16_t KalIsOpListEmpty(OpList* list);
+
+// The list's status, else its stream's or compressed stream's; 0 for a null list.
+KAL_API int16_t KalGetOpError(OpList* list);
+
+// Sets the filter, which must outlive the list or be replaced.
+KAL_API void KalSetOpListFilter(OpList* list, FilterOps& filter);
+
+// Gives back the unused tail of the block that holds the end op; nothing for a list in a stream.
+KAL_API void KalShrinkOpList(OpList* list);
+
+// --- Operation-list files ------------------------------------------------------------------------------
+// An item file whose items are lists. At most one list is being stored and one being read at a time; in a
+// compressed file the two may not take turns. Nothing else may be written while a list is being stored.
+
+#pragma pack(push, 1)
+struct tagIOPFILE {
+    IFILE* ifile;        // owned
+    ItemIndex* putEntry; // the entry of the list being stored
+    OpList* getList;
+    ItemIndex* getEntry; // the entry of the list being read
+    OpList* putList;
+};
+#pragma pack(pop)
+using IOPFILE = tagIOPFILE;
+
+static_assert(sizeof(IOPFILE) == 5 * sizeof(void*));
+
+// Open an operation-list file by name, as a temporary file that closing deletes, or over the caller's stream;
+// arguments and statuses as KalOpenIFile, KalOpenTempIFile and KalMakeIFile. `format` is KAL_ITEMS_WIDE and
+// KAL_IOP_COMPRESSED as wanted. On failure `*out` is null.
+KAL_API int16_t KalOpenIOpFile(IOPFILE** out, const char* name, uint16_t mode, uint16_t format);
+KAL_API int16_t KalOpenTempIOpFile(IOPFILE** out);
+KAL_API int16_t KalMakeIOpFile(IOPFILE** out, SFILE* stream, uint16_t format);
+
+// Starts storing a list as a new item `id`, and gives the list to put ops to; KalClosePutIOpList ends it,
+// never KalCloseOpList. 0, KAL_ERR_MEMORY, or KAL_ERR_BUFFER when the index cannot grow; `*out` is then null
+// and the file is as before. A compressed stream that could not be made leaves its status in the list, which
+// then takes nothing.
+KAL_API int16_t KalOpenPutIOpList(IOPFILE* file, uint16_t id, OpList** out);
+
+// Ends the list being stored: end op, end of the compressed run, size in the index. 0; KAL_ERR_SERVICE when
+// no list is being stored.
+KAL_API int16_t KalClosePutIOpList(IOPFILE* file);
+
+// Starts reading the first item `id`; KalCloseGetIOpList ends it. 0; 1 when there is no such item;
+// KAL_ERR_MEMORY. `*out` is null unless the result is 0.
+KAL_API int16_t KalOpenGetIOpList(IOPFILE* file, uint16_t id, OpList** out);
+
+// Ends the list being read. 0; KAL_ERR_SERVICE when no list is being read.
+KAL_API int16_t KalCloseGetIOpList(IOPFILE* file);
+
+// Stores the ops of `source` from its current position on as item `id`. Statuses as KalOpenPutIOpList.
+// Errors on the way end the copy and are not reported.
+KAL_API int16_t KalPutIOpList(IOPFILE* file, uint16_t id, OpList* source);
+
+// Puts the ops of the first item `id` to `destination` at its current position, which then owes an end op.
+// 0, or 1 when the item cannot be opened.
+KAL_API int16_t KalGetIOpList(IOPFILE* file, uint16_t id, OpList* destination);
+
+// End the operation-list file: the index is written back when the stream takes writes. KalCloseIOpFile closes
+// the stream, KalFreeIOpFile leaves it open. A list still being stored or read is ended first. 0.
+KAL_API int16_t KalCloseIOpFile(IOPFILE* file);
+KAL_API int16_t KalFreeIOpFile(IOPFILE* file);
+
+#endif

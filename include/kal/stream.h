@@ -1,0 +1,158 @@
+// The stream: one buffered byte stream over interchangeable back-ends.
+//
+// A stream is a record, SFILE, whose six slots read, write, seek and close it; a caller never asks what lies
+// behind. Streams are born by KalOpenFile (by name), KalOpenTempFile or KalMakeSFile (over an open handle)
+// and end with their close slot:
+//
+//     SFILE* stream;
+//     if (KalOpenFile(&stream, "picture.dat", KAL_MODE_CREATE | KAL_MODE_UPDATE, 0) == 0) {
+//         stream->write(stream, bytes, count);
+//         stream->close(stream);
+//     }
+//
+// A stream is used by one thread at a time. Positions and counts are unsigned 32-bit byte numbers, so a
+// stream reaches 4 GiB; a write that would pass that end takes what fits and reports a full disk.
+#ifndef KAL_STREAM_H
+#define KAL_STREAM_H
+
+#include <kal/base.h>
+
+// Open modes, combined by OR.
+inline constexpr uint16_t KAL_MODE_WRITE = 0x0001;   // read and write
+inline constexpr uint16_t KAL_MODE_UPDATE = 0x0002;  // the same; a buffer that a write starts is first filled
+                                                     // from the file
+inline constexpr uint16_t KAL_MODE_APPEND = 0x0008;  // stand at the end; make the file when it is missing
+inline constexpr uint16_t KAL_MODE_SEARCH = 0x0080;  // look along the search text too (see kal/path.h)
+inline constexpr uint16_t KAL_MODE_CREATE = 0x0100;  // make the file, or empty it
+inline constexpr uint16_t KAL_MODE_VMEM = 0x1000;    // in VMem blocks; the name is not used
+inline constexpr uint16_t KAL_MODE_MEMORY = 0x2000;  // in one growing memory block; the name is not used
+inline constexpr uint16_t KAL_MODE_FILEMAP = 0x4000; // in a named mapping that processes share
+
+// Seek origins.
+inline constexpr uint32_t KAL_SEEK_START = 0;
+inline constexpr uint32_t KAL_SEEK_CURRENT = 1;
+inline constexpr uint32_t KAL_SEEK_END = 2;
+
+// `bufEnd` of a stream without a buffer, and the result of a seek that failed.
+inline constexpr uint32_t KAL_NO_POSITION = 0xFFFFFFFF;
+
+// The stream record. Callers read its fields and call its slots; the layout is fixed, without gaps.
+#pragma pack(push, 1)
+struct tagSFILE {
+    uint32_t handle;    // disk: the host's file handle
+    uint16_t mode;      // KAL_MODE_ bits given at open
+    int16_t status;     // of the last operation, 0 or negative; -254 blocks writes and seeks
+    uint32_t pos;       // current position; disk: from the file's start, base offset included
+    uint32_t osPos;     // disk: where the host's file pointer stands
+    uint8_t* buf;       // buffer, null when there is none; owned
+    uint8_t* bufPtr;    // the buffer's byte of `pos`, while bufStart <= pos < bufEnd
+    uint32_t bufStart;  // file position of the buffer's first byte
+    uint32_t bufEnd;    // file position past the buffer's last valid byte; KAL_NO_POSITION without a buffer
+    uint32_t bufSize;   // the buffer's capacity in bytes; 0 means no buffer
+    uint16_t dirty;     // 1 while the buffer holds bytes that the file does not
+    char* tempName;     // file that closing deletes, or null; owned
+    char* name;         // the name given at open, or null; owned
+    uint32_t offset;    // base offset, added to seeks from the start: a logical position is pos - offset
+    uintptr_t backData; // one word of the back-end's own
+
+    // Reads up to `count` bytes to `destination`. The bytes delivered; fewer than asked at the end
+    // (status KAL_ERR_SHORT_READ or KAL_ERR_END) or on failure. Negative (the status) when it could not
+    // start.
+    int32_t (*read)(tagSFILE* stream, void* destination, uint32_t count);
+    // The next byte as 0 to 255, or the negative status when there is none.
+    int32_t (*getChar)(tagSFILE* stream);
+    // Writes `count` bytes from `source`. The bytes accepted; negative (the status) when it could not start.
+    int32_t (*write)(tagSFILE* stream, const void* source, uint32_t count);
+    // Writes one byte. The status.
+    int16_t (*putChar)(tagSFILE* stream, char byte);
+    // Moves the position by `offset` from an origin (KAL_SEEK_). The status.
+    int16_t (*seek)(tagSFILE* stream, int32_t offset, uint32_t origin);
+    // Ends the stream and releases all that it owns, the record included. The status.
+    int16_t (*close)(tagSFILE* stream);
+};
+#pragma pack(pop)
+using SFILE = tagSFILE;
+
+static_assert(sizeof(SFILE) == 34 + 11 * sizeof(void*), "the record has no gaps");
+static_assert(sizeof(void*) != 4 || sizeof(SFILE) == 78);
+static_assert(offsetof(SFILE, mode) == 4 && offsetof(SFILE, status) == 6 && offsetof(SFILE, pos) == 8);
+static_assert(offsetof(SFILE, buf) == 16 && offsetof(SFILE, bufStart) == 16 + 2 * sizeof(void*));
+static_assert(offsetof(SFILE, tempName) == 30 + 2 * sizeof(void*));
+static_assert(offsetof(SFILE, offset) == 30 + 4 * sizeof(void*));
+static_assert(offsetof(SFILE, read) == 34 + 5 * sizeof(void*));
+
+// --- Opening by name ---------------------------------------------------------------------------------
+
+// Opens a stream. `mode` chooses the back-end (memory, then VMem, then file mapping, else disk) and the
+// access; `size` is the capacity of a file mapping in bytes (0: 3,000,000) and means nothing elsewhere.
+// 0, and `*out` holds the stream, which the caller ends with its close slot; a disk stream starts with a
+// 512-byte buffer. On failure nothing is left behind and `*out` is null:
+// KAL_ERR_MEMORY, KAL_ERR_OPEN - errno, or the back-end's own status.
+KAL_API int16_t KalOpenFile(SFILE** out, const char* name, uint16_t mode, int32_t size);
+
+// Opens a file under a free name in the temporary directory (see KalTempPath); callers pass the mode 0x0302.
+// The name is reserved by an exclusive create, so no two callers get the same. With `keep` 0 closing deletes
+// the file. Statuses as KalOpenFile; KAL_ERR_SERVICE when no name is free.
+KAL_API int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep);
+
+// 1 when the file can be opened for reading, else 0.
+KAL_API uint16_t KalExistsFile(const char* name);
+
+// Appends the file `name` (looked for along the search text) to `destination`, in pieces of the source's
+// buffer size; a piece that ends in the end-of-text mark 0x1A is written without it. What the file held at
+// the start is copied, also onto itself. The status of opening the file, KAL_ERR_SERVICE when memory is
+// short, else 0; errors of the writes stand in the destination's status.
+KAL_API int16_t KalFileCat(SFILE* destination, const char* name);
+
+// Copies the file `source` to the file `destination`, which is made or emptied. The statuses of opening
+// either, KAL_ERR_BUFFER when memory is short, KAL_ERR_SERVICE when both are one file (nothing changes then),
+// else 0; write errors are not reported.
+KAL_API int16_t KalCopyFile(const char* destination, const char* source);
+
+// --- Streams over a handle, buffers ------------------------------------------------------------------
+
+// Makes a disk stream over an open file handle (a file descriptor) that stands at position 0. The stream
+// owns the handle from then on. It takes no writes until the caller sets KAL_MODE_WRITE or KAL_MODE_UPDATE in
+// its mode. 0, or KAL_ERR_MEMORY with `*out` null; a stream whose buffer could not be had goes without.
+KAL_API int16_t KalMakeSFile(SFILE** out, int32_t handle);
+
+// Replaces the stream's buffer by one of `size` bytes, 0 for none. What the old buffer holds is NOT written
+// back: set the buffer first, or flush. 0, or KAL_ERR_BUFFER: the stream then has an empty buffer of the old
+// size or none. A file-mapping stream is left as it is.
+KAL_API int16_t KalSetBuf(SFILE* stream, uint32_t size);
+
+// Writes the buffer back. 0, KAL_ERR_SEEK, KAL_ERR_WRITE or KAL_ERR_DISK_FULL; the buffer stays dirty on
+// failure.
+KAL_API int16_t KalFlushBuf(SFILE* stream);
+
+// Sets the base offset of a disk stream. 0, or KAL_ERR_NULL_STREAM.
+KAL_API int16_t KalSetOffset(SFILE* stream, uint32_t offset);
+
+// --- The six operations of a disk stream ---------------------------------------------------------------
+// What the slots of a disk stream hold; see the slots for arguments and results.
+
+KAL_API int32_t KalReadDiskFile(SFILE* stream, void* destination, uint32_t count);
+KAL_API int32_t KalGetDiskChar(SFILE* stream);
+// KAL_ERR_WRITE when the mode has neither KAL_MODE_WRITE nor KAL_MODE_UPDATE; 0 while the disk is full.
+KAL_API int32_t KalWriteDiskFile(SFILE* stream, const void* source, uint32_t count);
+KAL_API int16_t KalPutDiskChar(SFILE* stream, char byte);
+// An origin other than 1 and 2 counts from the start, the base offset added only for 0.
+KAL_API int16_t KalSeekDiskPos(SFILE* stream, int32_t offset, uint32_t origin);
+// When the dirty buffer cannot be written back, the status; the stream then stays open and whole. Else the
+// stream is released: 0, or KAL_ERR_CLOSE. A temporary file is deleted, its buffer not written back first.
+KAL_API int16_t KalCloseDiskFile(SFILE* stream);
+
+// The next byte of any stream as its getChar slot gives it, straight from the buffer where it can be: what a
+// tight loop calls.
+inline int32_t KalNextChar(SFILE* stream) {
+    const uint32_t pos = stream->pos;
+    if (stream->bufSize != 0 && pos - stream->bufStart < stream->bufEnd - stream->bufStart) {
+        const uint8_t* next = stream->bufPtr;
+        stream->bufPtr = const_cast<uint8_t*>(next + 1);
+        stream->pos = pos + 1;
+        return *next;
+    }
+    return stream->getChar(stream);
+}
+
+#endif

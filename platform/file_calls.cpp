@@ -1,0 +1,139 @@
+#include "platform/file_calls.h"
+
+#include "platform/host_calls.h"
+#include "platform/host_path.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+int openHost(const char* hostPath, int flags, mode_t mode) {
+    int fd;
+    do {
+        fd = hostCalls.open(hostPath, flags | O_CLOEXEC, mode);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        if (errno == EISDIR) // the platform has one answer for directories, whatever the access
+            errno = EACCES;
+        return -1;
+    }
+    struct stat found;
+    if ((flags & O_ACCMODE) == O_RDONLY && hostCalls.fstat(fd, &found) == 0 && S_ISDIR(found.st_mode)) {
+        hostCalls.close(fd);
+        errno = EACCES;
+        return -1;
+    }
+    return fd;
+}
+
+int openPath(const char* path, int flags, mode_t mode) {
+    HostPath host;
+    return toHostPath(path, host) ? openHost(host.text, flags, mode) : -1;
+}
+
+bool isNoRoom(int error) {
+    return error == ENOSPC || error == EDQUOT || error == EFBIG;
+}
+
+// Moves `count` bytes in as many host calls as it takes. `moveSome` does one, given how much is done.
+template <class MoveSome>
+int64_t moveAll(HFILE file, int64_t count, MoveSome moveSome) {
+    int64_t done = 0;
+    while (done < count) {
+        const ssize_t moved = moveSome(done, static_cast<size_t>(count - done));
+        if (moved > 0) {
+            done += moved;
+        } else if (moved == 0 || isNoRoom(errno)) {
+            break; // the end of the file, or of the disk
+        } else if (errno != EINTR) {
+            const int error = errno;
+            if (done > 0)
+                hostCalls.lseek(file, -done, SEEK_CUR);
+            errno = error;
+            return -1;
+        }
+    }
+    return done;
+}
+
+int64_t readAll(HFILE file, void* destination, int64_t count) {
+    return moveAll(file, count, [=](int64_t done, size_t left) {
+        return hostCalls.read(file, static_cast<char*>(destination) + done, left);
+    });
+}
+
+int64_t writeAll(HFILE file, const void* source, int64_t count) {
+    return moveAll(file, count, [=](int64_t done, size_t left) {
+        return hostCalls.write(file, static_cast<const char*>(source) + done, left);
+    });
+}
+
+} // namespace
+
+HFILE _lopen(const char* path, int access) {
+    constexpr int flags[] = {O_RDONLY, O_WRONLY, O_RDWR};
+    return openPath(path, flags[access], 0);
+}
+
+HFILE _lcreat(const char* path, int attributes) {
+    return openPath(path, O_RDWR | O_CREAT | O_TRUNC, attributes == 1 ? 0444 : 0666);
+}
+
+uint32_t _lread(HFILE file, void* destination, uint32_t count) {
+    return static_cast<uint32_t>(readAll(file, destination, count));
+}
+
+uint32_t _lwrite(HFILE file, const void* source, uint32_t count) {
+    return static_cast<uint32_t>(writeAll(file, source, count));
+}
+
+int32_t _hread(HFILE file, void* destination, int32_t count) {
+    return count < 0 ? HFILE_ERROR : static_cast<int32_t>(readAll(file, destination, count));
+}
+
+int32_t _hwrite(HFILE file, const void* source, int32_t count) {
+    return count < 0 ? HFILE_ERROR : static_cast<int32_t>(writeAll(file, source, count));
+}
+
+int32_t _llseek(HFILE file, int32_t offset, int origin) {
+    const int64_t distance = origin == SEEK_SET ? int64_t(uint32_t(offset)) : int64_t(offset);
+    const off_t before = origin == SEEK_END ? hostCalls.lseek(file, 0, SEEK_CUR) : -1;
+    const off_t position = hostCalls.lseek(file, distance, origin);
+    if (position >= 0 && position < int64_t(UINT32_MAX))
+        return static_cast<int32_t>(static_cast<uint32_t>(position));
+    if (position >= 0) // too far for 32 bits: back to where the pointer stood
+        hostCalls.lseek(file, origin == SEEK_CUR ? position - distance : before, SEEK_SET);
+    return HFILE_ERROR;
+}
+
+HFILE _lclose(HFILE file) {
+    return hostCalls.close(file);
+}
+
+int _open(const char* path, int flags) {
+    HostPath host;
+    if (!toHostPath(path, host))
+        return -1;
+    const int access = (flags & _O_RDWR) != 0 ? O_RDWR : O_RDONLY;
+    const int create = ((flags & _O_CREAT) != 0 ? O_CREAT : 0) | ((flags & _O_EXCL) != 0 ? O_EXCL : 0);
+    return openHost(host.text, access | create, 0600);
+}
+
+int _close(int file) {
+    return hostCalls.close(file);
+}
+
+int _access(const char* path, int mode) {
+    HostPath host;
+    if (!toHostPath(path, host))
+        return -1;
+    const int asked = ((mode & 2) != 0 ? W_OK : 0) | ((mode & 4) != 0 ? R_OK : 0);
+    return hostCalls.access(host.text, asked == 0 ? F_OK : asked);
+}
+
+int _unlink(const char* path) {
+    HostPath host;
+    return toHostPath(path, host) ? hostCalls.unlink(host.text) : -1;
+}

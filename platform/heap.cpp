@@ -1,0 +1,174 @@
+// Small memory over the C heap. A block:
+//
+//     malloc -> +------------------+---------------------+--------+
+//               | size, 16 bytes   | usable bytes        | 0xCDAB |
+//               +------------------+---------------------+--------+
+//                                  ^ what the caller holds
+//
+// The block map answers whether a pointer is one of these before anything at it is read.
+#include <kal/heap.h>
+
+#include "platform/block_map.h"
+#include "platform/heap_faults.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kHeader = 16;
+static_assert(kHeader % alignof(max_align_t) == 0 && kHeader >= sizeof(uint32_t));
+
+// 0: no fault asked for. Counts down to the allocation that fails.
+std::atomic<int64_t> faultCountdown{0};
+std::atomic<bool> faultStays{false};
+std::atomic<bool> faultHappened{false};
+
+uint8_t* rawOf(void* block) {
+    return static_cast<uint8_t*>(block) - kHeader;
+}
+
+// The most a block can have: header and guard must fit the address space too.
+bool tooLarge(uint32_t size) {
+    return size > SIZE_MAX - kHeader - sizeof(KAL_HEAP_GUARD);
+}
+
+void setSize(uint8_t* raw, uint32_t size) {
+    std::memcpy(raw, &size, sizeof size);
+    std::memcpy(raw + kHeader + size, &KAL_HEAP_GUARD, sizeof KAL_HEAP_GUARD);
+}
+
+uint32_t sizeOf(const void* block) {
+    uint32_t size;
+    std::memcpy(&size, static_cast<const uint8_t*>(block) - kHeader, sizeof size);
+    return size;
+}
+
+bool guardStands(const void* block) {
+    return std::memcmp(static_cast<const uint8_t*>(block) + sizeOf(block), &KAL_HEAP_GUARD,
+                       sizeof KAL_HEAP_GUARD) == 0;
+}
+
+bool isWhole(const void* block) {
+    return isBlock(block) && guardStands(block);
+}
+
+} // namespace
+
+void* KalAllocSMem(uint32_t size) {
+    if (tooLarge(size) || heapFaultDue())
+        return nullptr;
+    auto* raw = static_cast<uint8_t*>(std::calloc(1, kHeader + size + sizeof KAL_HEAP_GUARD));
+    if (raw == nullptr)
+        return nullptr;
+    setSize(raw, size);
+    if (!markBlock(raw + kHeader)) {
+        std::free(raw);
+        return nullptr;
+    }
+    return raw + kHeader;
+}
+
+int16_t KalFreeSMem(void* block) {
+    if (!isWhole(block) || !unmarkBlock(block))
+        return KAL_ERR_MEMORY;
+    std::free(rawOf(block));
+    return KAL_OK;
+}
+
+void* KalReAllocSMem(void* block, uint32_t size) {
+    if (!isWhole(block) || tooLarge(size))
+        return nullptr;
+    const uint32_t oldSize = sizeOf(block);
+    // The address changes hands inside realloc, so the mark moves around it.
+    if (heapFaultDue() || !unmarkBlock(block))
+        return nullptr;
+    auto* raw = static_cast<uint8_t*>(std::realloc(rawOf(block), kHeader + size + sizeof KAL_HEAP_GUARD));
+    if (raw == nullptr) {
+        markBlock(block);
+        return nullptr;
+    }
+    if (size > oldSize)
+        std::memset(raw + kHeader + oldSize, 0, size - oldSize);
+    setSize(raw, size);
+    if (!markBlock(raw + kHeader)) {
+        // No room in the map for the new address: the caller's bytes must not be lost, so move them into a
+        // block that the map can hold.
+        void* moved = KalAllocSMem(size);
+        if (moved != nullptr)
+            std::memcpy(moved, raw + kHeader, size);
+        std::free(raw);
+        return moved;
+    }
+    return raw + kHeader;
+}
+
+uint32_t KalSizeSMem(const void* block) {
+    return isBlock(block) ? sizeOf(block) : 0;
+}
+
+uint16_t KalIsValidFarPointer(const void* address) {
+    if (address == nullptr)
+        return 0;
+    if (isBlock(address))
+        return 1;
+    uint8_t probe;
+    const iovec local = {&probe, 1};
+    const iovec remote = {const_cast<void*>(address), 1};
+    const ssize_t got = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
+    if (got == 1)
+        return 1;
+    if (errno != EPERM && errno != ENOSYS)
+        return 0;
+    // The host forbids the call: ask whether the page is mapped at all.
+    const auto pageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    const uintptr_t page = reinterpret_cast<uintptr_t>(address) & ~(pageSize - 1);
+    unsigned char residency;
+    return mincore(reinterpret_cast<void*>(page), 1, &residency) == 0 ? 1 : 0;
+}
+
+void* ZEPObject::operator new(size_t size) noexcept {
+    return size > UINT32_MAX ? nullptr : KalAllocSMem(static_cast<uint32_t>(size));
+}
+
+void ZEPObject::operator delete(void* object) noexcept {
+    if (object != nullptr)
+        KalFreeSMem(object);
+}
+
+void failHeapAllocation(int64_t n) {
+    faultStays = false;
+    faultHappened = false;
+    faultCountdown = n;
+}
+
+void failHeapAllocationsFrom(int64_t n) {
+    failHeapAllocation(n);
+    faultStays = true;
+}
+
+bool heapFaultHappened() {
+    return faultHappened;
+}
+
+uint64_t liveHeapBlocks() {
+    return countBlocks();
+}
+
+bool heapFaultDue() {
+    if (faultCountdown.load(std::memory_order_relaxed) == 0) [[likely]]
+        return false;
+    const int64_t left = faultCountdown.fetch_sub(1) - 1;
+    if (left > 0)
+        return false;
+    if (faultStays)
+        faultCountdown = 1;
+    faultHappened = true;
+    return true;
+}

@@ -1,0 +1,23 @@
+#include "platform/host_calls.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+int openFile(const char* path, int flags, mode_t mode) {
+    return ::open(path, flags, mode);
+}
+
+} // namespace
+
+HostCalls hostCalls = {
+    .open = openFile,
+    .close = ::close,
+    .read = ::read,
+    .write = ::write,
+    .lseek = ::lseek,
+    .fstat = ::fstat,
+    .access = ::access,
+    .unlink = ::unlink,
+};

@@ -1,0 +1,22 @@
+// The raw system calls of the library, in one table. Everything in this folder calls the host through it, so
+// that a test can make the n-th call of a name fail, come short or kill the process.
+#ifndef KAL_PLATFORM_HOST_CALLS_H
+#define KAL_PLATFORM_HOST_CALLS_H
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+struct HostCalls {
+    int (*open)(const char* path, int flags, mode_t mode);
+    int (*close)(int fd);
+    ssize_t (*read)(int fd, void* destination, size_t count);
+    ssize_t (*write)(int fd, const void* source, size_t count);
+    off_t (*lseek)(int fd, off_t offset, int origin);
+    int (*fstat)(int fd, struct stat* result);
+    int (*access)(const char* path, int mode);
+    int (*unlink)(const char* path);
+};
+
+extern HostCalls hostCalls;
+
+#endif

@@ -1,0 +1,71 @@
+// Faults for tests: a host call that fails, comes short or kills at its n-th use, and the heap's allocations
+// failing one after another.
+#ifndef KAL_TESTS_SUPPORT_FAULTS_H
+#define KAL_TESTS_SUPPORT_FAULTS_H
+
+#include "platform/heap_faults.h"
+#include "platform/host_calls.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+// A field of a packed record by value: the assertion macros bind references, which packed fields do not take.
+template <class T>
+T val(T field) {
+    return field;
+}
+
+// Puts the host calls back as they were when it goes out of scope.
+class HostCallGuard {
+public:
+    HostCallGuard() : saved_(hostCalls) {}
+    ~HostCallGuard() { hostCalls = saved_; }
+    HostCallGuard(const HostCallGuard&) = delete;
+    HostCallGuard& operator=(const HostCallGuard&) = delete;
+
+private:
+    HostCalls saved_;
+};
+
+// How often the host was asked, by kind, while it is in scope.
+class HostCallCounter {
+public:
+    HostCallCounter();
+    static int64_t reads();
+    static int64_t writes();
+    static int64_t seeks();
+    static int64_t all();
+
+private:
+    HostCallGuard guard_;
+};
+
+// Fails if blocks of small memory were won or lost in its scope.
+class HeapBalance {
+public:
+    HeapBalance() : before_(liveHeapBlocks()) {}
+    ~HeapBalance() { EXPECT_EQ(liveHeapBlocks(), before_) << "small-memory blocks leaked or lost"; }
+    HeapBalance(const HeapBalance&) = delete;
+    HeapBalance& operator=(const HeapBalance&) = delete;
+
+private:
+    uint64_t before_;
+};
+
+// Runs `attempt(n)` with the n-th allocation failing, for n = 1, 2, ... until one run needs no more than
+// n - 1. Each run must leave the heap as it found it. Returns the number of runs that met the fault.
+template <class Attempt>
+int withEachAllocationFailing(Attempt attempt) {
+    for (int n = 1;; n++) {
+        HeapBalance balance;
+        failHeapAllocation(n);
+        attempt(n);
+        const bool met = heapFaultHappened();
+        failHeapAllocation(0);
+        if (!met || ::testing::Test::HasFatalFailure())
+            return n - 1;
+    }
+}
+
+#endif

@@ -1,0 +1,97 @@
+#include "tests/support/files.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+FolderTest::FolderTest() : before_(fs::current_path()) {
+    std::string name = (fs::temp_directory_path() / "kal-test-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("no temporary folder");
+    folder_ = name;
+    fs::current_path(folder_);
+}
+
+FolderTest::~FolderTest() {
+    std::error_code ignored;
+    fs::current_path(before_, ignored);
+    fs::remove_all(folder_, ignored);
+}
+
+Bytes readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in.good()) << path;
+    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void writeFile(const std::string& path, const Bytes& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.close();
+    EXPECT_TRUE(out.good()) << path;
+}
+
+bool fileExists(const std::string& path) {
+    return fs::exists(path);
+}
+
+std::vector<std::string> filesIn(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder))
+        names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+Bytes randomBytes(size_t count, uint32_t seed) {
+    std::mt19937 random(seed);
+    Bytes bytes(count);
+    for (auto& byte : bytes)
+        byte = static_cast<uint8_t>(random());
+    return bytes;
+}
+
+Bytes bytesOf(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
+
+TinyFileSystem::TinyFileSystem(const std::string& folder, size_t bytes) : folder_(folder) {
+    ::mkdir(folder.c_str(), 0700);
+    const std::string options = "size=" + std::to_string(bytes);
+    mounted_ = ::mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) == 0;
+}
+
+TinyFileSystem::~TinyFileSystem() {
+    if (mounted_)
+        ::umount2(folder_.c_str(), MNT_DETACH);
+}
+
+FileSizeLimit::FileSizeLimit(size_t bytes) {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    before_ = limit.rlim_cur;
+    handler_ = std::signal(SIGXFSZ, SIG_IGN);
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+FileSizeLimit::~FileSizeLimit() {
+    lift();
+    std::signal(SIGXFSZ, handler_);
+}
+
+void FileSizeLimit::lift() {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = before_;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}

@@ -1,0 +1,63 @@
+// Real files for tests, made and read with plain host calls.
+#ifndef KAL_TESTS_SUPPORT_FILES_H
+#define KAL_TESTS_SUPPORT_FILES_H
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+
+// A folder of its own for each test, gone afterwards; the current directory while the test runs.
+class FolderTest : public ::testing::Test {
+protected:
+    FolderTest();
+    ~FolderTest() override;
+    std::string path(const std::string& name) const { return folder_ + "/" + name; }
+
+private:
+    std::string folder_;
+    std::string before_;
+};
+
+Bytes readFile(const std::string& path);
+void writeFile(const std::string& path, const Bytes& bytes);
+bool fileExists(const std::string& path);
+std::vector<std::string> filesIn(const std::string& folder);
+
+// Reproducible bytes: the same seed gives the same ones.
+Bytes randomBytes(size_t count, uint32_t seed);
+Bytes bytesOf(const std::string& text);
+
+// A file system of `bytes` at `folder`, which it makes, while it is in scope. mounted() is false where this
+// process may not mount.
+class TinyFileSystem {
+public:
+    TinyFileSystem(const std::string& folder, size_t bytes);
+    ~TinyFileSystem();
+    TinyFileSystem(const TinyFileSystem&) = delete;
+    TinyFileSystem& operator=(const TinyFileSystem&) = delete;
+    bool mounted() const { return mounted_; }
+
+private:
+    std::string folder_;
+    bool mounted_;
+};
+
+// Files of this process cannot grow past `bytes` while it is in scope.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(size_t bytes);
+    ~FileSizeLimit();
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+    void lift();
+
+private:
+    uint64_t before_;
+    void (*handler_)(int);
+};
+
+#endif
