@@ -18,6 +18,10 @@ HostCalls hostCalls = {
     .write = ::write,
     .lseek = ::lseek,
     .fstat = ::fstat,
+    .stat = ::stat,
     .access = ::access,
     .unlink = ::unlink,
+    .mkdir = ::mkdir,
+    .chdir = ::chdir,
+    .getcwd = ::getcwd,
 };
