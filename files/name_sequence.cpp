@@ -2,6 +2,7 @@
 #include <kal/file.h>
 #include <kal/path.h>
 
+#include "files/path_text.h"
 #include "platform/c_text.h"
 #include "platform/file_calls.h"
 
@@ -15,17 +16,15 @@ constexpr size_t kExtensionDigits = 3;
 constexpr size_t kNumberSize = 12; // any 32-bit number with its sign and terminating zero
 
 struct Parts {
-    char directory[KAL_DIR_SIZE + 1];
+    char directory[KAL_DIR_SIZE];
     char file[KAL_FILE_SIZE];
     char extension[KAL_EXT_SIZE];
 };
 
 // False when the directory part is longer than a path's may be: cut, it would name another directory.
 bool split(const char* path, Parts& parts) {
-    const int32_t length = KalGetDir(path, parts.directory, sizeof parts.directory);
-    KalGetFile(path, parts.file, sizeof parts.file);
-    KalGetExt(path, parts.extension, sizeof parts.extension);
-    return length < int32_t(KAL_DIR_SIZE);
+    KalSplitPath(path, parts.directory, parts.file, parts.extension);
+    return directoryLength(path) < KAL_DIR_SIZE;
 }
 
 bool isDigit(char c) {

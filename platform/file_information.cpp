@@ -16,7 +16,7 @@ int GetFileInformationByHandle(HFILE file, BY_HANDLE_FILE_INFORMATION* informati
     return 1;
 }
 
-int _stat(const char* path, struct _stat* information) {
+int _stat(const char* path, FileStatus* information) {
     HostPath host;
     struct stat found;
     if (!toHostPath(path, host) || hostCalls.stat(host.text, &found) != 0)

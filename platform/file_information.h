@@ -18,11 +18,11 @@ struct BY_HANDLE_FILE_INFORMATION {
 // 1, or 0 on failure.
 int GetFileInformationByHandle(HFILE file, BY_HANDLE_FILE_INFORMATION* information);
 
-struct _stat {
+struct FileStatus {
     uint64_t st_size; // bytes; 0 of a directory
 };
 
 // 0 or -1. The path is in the platform's form.
-int _stat(const char* path, struct _stat* information);
+int _stat(const char* path, FileStatus* information);
 
 #endif
