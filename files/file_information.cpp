@@ -26,15 +26,20 @@ int16_t tryOpening(const char* path, uint16_t mode) {
     return status;
 }
 
-// Tries to make the file. Only a file that this call has made is deleted, and none is emptied.
-int16_t tryMaking(const char* path) {
-    bool made = false;
-    if (reserveName(path, &made) && !made)
+// The second half of trying to make a file, after reserveName: opens what that made and deletes it again.
+// Only a file that was made here is deleted, and none is emptied.
+int16_t tryReserved(const char* path, bool made) {
+    if (!made)
         return static_cast<int16_t>(KAL_ERR_OPEN - errno);
     const int16_t status = tryOpening(path, KAL_MODE_UPDATE);
-    if (made)
-        _unlink(path);
+    _unlink(path);
     return status;
+}
+
+int16_t tryMaking(const char* path) {
+    bool made = false;
+    const bool isThere = !reserveName(path, &made);
+    return isThere ? tryOpening(path, KAL_MODE_UPDATE) : tryReserved(path, made);
 }
 
 bool wouldEmpty(const char* path, uint16_t mode) {
@@ -67,9 +72,7 @@ int16_t KalFileStat(const char* path, FILESTAT* stat) {
     bool made = false;
     int16_t status = findUniqueName(name, kNameSize, reserveName, &made);
     if (status == KAL_OK) {
-        status = tryOpening(name, kCreateTest);
-        if (made)
-            _unlink(name);
+        status = tryReserved(name, made);
         stat->writable = status == KAL_OK ? 1 : 0;
     }
     KalFreeSMem(name);

@@ -26,21 +26,20 @@ void closeLog() {
         logStream = nullptr;
 }
 
-// At the end of the process. Whoever logs after this still gets every message to the file.
-void finishLog() {
-    if (openingProcess != _getpid())
-        return;
-    logFlag = 1;
-    if (logStream != nullptr)
-        closeLog();
-}
-
 // A fork starts without the file: both would move one file pointer and write one tail twice.
 void leaveInheritedLog() {
     if (logStream != nullptr && openingProcess != _getpid()) {
         logStream->dirty = 0;
         closeLog();
     }
+}
+
+// At the end of the process. Whoever logs after this still gets every message to the file.
+void finishLog() {
+    leaveInheritedLog();
+    logFlag = 1;
+    if (logStream != nullptr)
+        closeLog();
 }
 
 int16_t openLog() {
