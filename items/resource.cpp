@@ -20,7 +20,7 @@ constexpr RawReader kSmallWords = {KAL_ERR_BUFFER, true};
 
 // A resource's size is a 16-bit number, in the same place of both forms of the index. -1 when there is none.
 int32_t sizeOf(IFILE* file, uint16_t id) {
-    const ItemIndex* entry = KalFindItem(file, id);
+    const ItemIndex* entry = id != KAL_ITEM_FREE ? KalFindItem(file, id) : nullptr;
     return entry != nullptr ? entry->narrow.size : -1;
 }
 
