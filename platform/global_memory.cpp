@@ -111,6 +111,12 @@ void closeSpan(const Slot& slot) {
     markUnusable(slot.span, static_cast<size_t>(capacityOf(slot.spanClass)));
 }
 
+// An unlocked block must not be touched. The sanitizer does not watch over large ones, whose marks take long.
+void closeBlock(const Slot& slot) {
+    if (!isMapping(slot.spanClass))
+        closeSpan(slot);
+}
+
 // --- Free slots: lists linked by slot number
 // -----------------------------------------------------------------
 
@@ -251,13 +257,16 @@ Slot* liveSlot(HGLOBAL block) {
 
 // Sets the size of a block whose span holds as much, and clears bytes gained when asked to.
 void setSize(Slot& slot, uint32_t size, bool clear) {
-    markUsable(slot.span, size);
-    if (clear && size > slot.size)
-        std::memset(slot.span + slot.size, 0, size - slot.size);
+    if (size > slot.size) {
+        markUsable(slot.span + slot.size, size - slot.size);
+        if (clear)
+            std::memset(slot.span + slot.size, 0, size - slot.size);
+    } else {
+        markUnusable(slot.span + size, slot.size - size);
+    }
     slot.size = size;
-    closeSpan(slot);
-    if (slot.locks > 0)
-        markUsable(slot.span, size);
+    if (slot.locks == 0)
+        closeBlock(slot);
 }
 
 // Pages behind the end of a block that shrank go back to the host.
@@ -280,6 +289,7 @@ bool moveTo(Slot& slot, uint32_t spanClass) {
         if (span == nullptr)
             return false;
         slot.span = span;
+        markUsable(span, slot.size);
         slot.spanClass = static_cast<uint8_t>(spanClass);
         return true;
     }
@@ -352,9 +362,8 @@ HGLOBAL GlobalAlloc(uint32_t flags, uint32_t size) {
     slot.locks = 0;
     slot.live = true;
     add(liveBlocks, 1u);
-    if (size > 0 && (flags & GMEM_ZEROINIT) != 0)
-        setSize(slot, size, true);
-    slot.size = size;
+    if (size > 0)
+        setSize(slot, size, (flags & GMEM_ZEROINIT) != 0);
     return handleOf(index);
 }
 
@@ -362,7 +371,7 @@ void* GlobalLock(HGLOBAL block) {
     Slot* slot = liveSlot(block);
     if (slot == nullptr || slot->size == 0 || slot->locks == UINT16_MAX)
         return nullptr;
-    if (slot->locks++ == 0)
+    if (slot->locks++ == 0 && !isMapping(slot->spanClass))
         markUsable(slot->span, slot->size);
     return slot->span;
 }
@@ -372,7 +381,7 @@ int32_t GlobalUnlock(HGLOBAL block) {
     if (slot == nullptr || slot->locks == 0)
         return 0;
     if (--slot->locks == 0)
-        closeSpan(*slot);
+        closeBlock(*slot);
     return slot->locks;
 }
 
