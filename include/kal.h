@@ -18,5 +18,6 @@
 #include <kal/resource.h>
 #include <kal/stream.h>
 #include <kal/text.h>
+#include <kal/vmem.h>
 
 #endif

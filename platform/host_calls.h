@@ -19,6 +19,10 @@ struct HostCalls {
     int (*mkdir)(const char* path, mode_t mode);
     int (*chdir)(const char* path);
     char* (*getcwd)(char* destination, size_t size);
+    void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t offset);
+    int (*munmap)(void* address, size_t size);
+    void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);
+    int (*madvise)(void* address, size_t size, int advice);
 };
 
 extern HostCalls hostCalls;
