@@ -39,7 +39,7 @@ int FileTimeToDosDateTime(const FILETIME* time, uint16_t* date, uint16_t* timeOf
     const auto day = floor<days>(held);
     const year_month_day calendar(day);
     const hh_mm_ss clock(held - day);
-    *date = static_cast<uint16_t>((int(calendar.year()) - kFirstYear) << 9 | unsigned(calendar.month()) << 5 |
+    *date = static_cast<uint16_t>(unsigned(int(calendar.year()) - kFirstYear) << 9 | unsigned(calendar.month()) << 5 |
                                   unsigned(calendar.day()));
     *timeOfDay = static_cast<uint16_t>(clock.hours().count() << 11 | clock.minutes().count() << 5 |
                                        clock.seconds().count() / 2);
