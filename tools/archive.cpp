@@ -197,15 +197,17 @@ void Archive::get(uint16_t id, const std::function<void(OpList*)>& use) {
         fail("there is no picture " + std::to_string(id));
     require(status);
     try {
+        if (KalGetOpError(list) != 0)
+            fail(statusText(KalGetOpError(list)));
         use(list);
-    } catch (...) {
+    } catch (const Damaged& damaged) {
         KalCloseGetIOpList(lists_);
-        throw;
+        fail("picture " + std::to_string(id) + " is damaged: " + damaged.what());
     }
     KalCloseGetIOpList(lists_);
 }
 
-uint16_t Archive::put(const std::function<void(OpList*)>& fill) {
+uint16_t Archive::put(const std::function<void(OpList*, uint16_t)>& fill) {
     if (lists_->ifile->count >= mostEntries)
         fail("it is full: " + std::to_string(mostEntries - 1) + " pictures are the most");
     uint16_t highest = signatureId;
@@ -220,7 +222,7 @@ uint16_t Archive::put(const std::function<void(OpList*)>& fill) {
     try {
         if (KalGetOpError(list) != 0)
             throw Failure(statusText(KalGetOpError(list)));
-        fill(list);
+        fill(list, id);
     } catch (const Failure& failure) {
         fail(failure.what());
     }

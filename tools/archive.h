@@ -42,10 +42,10 @@ public:
     // The pictures, in the order in which they were stored.
     std::vector<ArchiveItem> pictures() const;
 
-    // Calls `use` with the list of picture `id`. A Failure of it is named after the picture.
+    // Calls `use` with the list of picture `id`. What it finds Damaged is named.
     void get(uint16_t id, const std::function<void(OpList*)>& use);
     // Stores what `fill` puts as a new picture, whose id is the highest so far and one more.
-    uint16_t put(const std::function<void(OpList*)>& fill);
+    uint16_t put(const std::function<void(OpList*, uint16_t)>& fill);
     // Makes what was stored part of the archive. Ends its use. Throws ArchiveAppeared when a new archive's
     // name has been taken meanwhile.
     void commit();

@@ -17,9 +17,10 @@ void extract(const Arguments& arguments) {
     const auto archive = Archive::forReading(arguments.archive);
     if (arguments.id >= KAL_ITEM_FREE)
         throw Failure(arguments.archive, "there is no picture " + std::to_string(arguments.id));
-    archive->get(static_cast<uint16_t>(arguments.id), [&](OpList* list) {
+    const auto id = static_cast<uint16_t>(arguments.id);
+    archive->get(id, [&](OpList* list) {
         OutputFile out(arguments.output);
-        getPicture(list, out);
+        getPicture(list, id, out);
         out.commit();
     });
 }

@@ -14,6 +14,12 @@ public:
     Failure(const std::string& what, const std::string& why) : runtime_error(what + ": " + why) {}
 };
 
+// What a stored picture was to be read from makes no sense; the text says why.
+class Damaged : public Failure {
+public:
+    using Failure::Failure;
+};
+
 // A library status and a host error number in words.
 std::string statusText(int16_t status);
 std::string hostErrorText(int error);

@@ -61,10 +61,12 @@ void list(const Arguments& arguments) {
     size_t damaged = 0;
     for (const ArchiveItem& item : archive->pictures()) {
         try {
-            archive->get(item.id, [&](OpList* ops) { rows.push_back({item, getPictureInfo(ops)}); });
+            if (!rows.empty() && item.id <= rows.back().item.id) // ids only ever count up
+                throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));
+            archive->get(item.id, [&](OpList* ops) { rows.push_back({item, getPictureInfo(ops, item.id)}); });
         } catch (const Failure& failure) {
             if (damaged++ == 0)
-                firstDamage = "picture " + std::to_string(item.id) + " is damaged: " + failure.what();
+                firstDamage = failure.what();
         }
     }
     // What can be read is listed even where some cannot.
@@ -72,7 +74,7 @@ void list(const Arguments& arguments) {
     if (damaged > 1)
         firstDamage += " (and " + std::to_string(damaged - 1) + " more)";
     if (damaged > 0)
-        throw Failure(arguments.archive, firstDamage);
+        throw Failure(firstDamage);
 }
 
 } // namespace

@@ -4,13 +4,14 @@
 #include "tools/interrupt.h"
 
 #include <algorithm>
+#include <new>
 #include <vector>
 
 namespace {
 
 constexpr uint32_t mostPayload = 65531;
 constexpr uint32_t bandHeader = 12;
-constexpr uint32_t filePayload = 8;
+constexpr uint32_t filePayload = 10;
 
 // How the rows of a bitmap lie in a DIB operation: lines aligned to two bytes, and at 24 bits four bytes a
 // pixel, of which the last is not used.
@@ -71,8 +72,11 @@ void putInPieces(OpList* list, uint16_t type, ByteView bytes) {
 // The next operation, or null at the list's end.
 Op next(OpList* list) {
     Op op(KalGetOp(list));
-    if (op == nullptr && KalGetOpError(list) != 0)
-        throw Failure(statusText(KalGetOpError(list)));
+    const int16_t status = op == nullptr ? KalGetOpError(list) : int16_t{0};
+    if (status == KAL_ERR_MEMORY || status == KAL_ERR_BUFFER)
+        throw std::bad_alloc();
+    if (status != 0)
+        throw Damaged(statusText(status));
     return op;
 }
 
@@ -80,7 +84,7 @@ Op next(OpList* list) {
 Op expect(OpList* list, uint16_t type) {
     Op op = next(list);
     if (op == nullptr || KalOpType(op.get()) != type)
-        throw Failure("it does not begin as a picture does");
+        throw Damaged("it does not begin as a picture does");
     return op;
 }
 
@@ -147,7 +151,7 @@ public:
 
     void take(uint16_t type, ByteView bytes) {
         if (bytes.empty())
-            throw Failure("it holds an empty operation");
+            throw Damaged("it holds an empty operation");
         if (type == opPalette || type == opGap || type == opRest)
             append(bytes);
         else if (type == opPadding && padding_.empty())
@@ -155,12 +159,12 @@ public:
         else if (type == KAL_OP_DIB)
             takeBand(bytes);
         else
-            throw Failure("it holds an operation that does not belong there");
+            throw Damaged("it holds an operation that does not belong there");
     }
 
     void append(ByteView bytes) {
         if (bytes.size() > missing_)
-            throw Failure("it holds more than was stored");
+            throw Damaged("it holds more than was stored");
         missing_ -= static_cast<uint32_t>(bytes.size());
         checksum_ = crc32(bytes, checksum_);
         out_.append(bytes);
@@ -168,22 +172,22 @@ public:
 
     void finish(uint32_t checksum) const {
         if (missing_ != 0 || !padding_.empty())
-            throw Failure("a part of it is missing");
+            throw Damaged("a part of it is missing");
         if (checksum_ != checksum)
-            throw Failure("its checksum is wrong");
+            throw Damaged("its checksum is wrong");
     }
 
 private:
     void takeBand(ByteView band) {
         if (band.size() < bandHeader)
-            throw Failure("a band of its rows makes no sense");
+            throw Damaged("a band of its rows makes no sense");
         const Lines lines(load16(band, 4), band[8]);
         const uint32_t count = load16(band, 6);
         const bool fits = lines.pixels > 0 && count > 0 &&
                           band.size() == bandHeader + uint64_t{count} * lines.lineBytes &&
                           (padding_.empty() || padding_.size() == uint64_t{count} * lines.paddingBytes);
         if (!fits || uint64_t{count} * lines.rowBytes > missing_)
-            throw Failure("a band of its rows makes no sense");
+            throw Damaged("a band of its rows makes no sense");
         rows_.assign(size_t{count} * lines.rowBytes, 0);
         for (uint32_t i = 0; i < count; i++) {
             uint8_t* row = &rows_[size_t{i} * lines.rowBytes];
@@ -203,15 +207,22 @@ private:
 };
 
 // Reads the first two operations; the headers themselves go to `headers`.
-PictureInfo readHead(OpList* list, Op& headers) {
+PictureInfo readHead(OpList* list, uint16_t id, Op& headers) {
     headers = expect(list, opHeaders);
     const Op file = expect(list, opFile);
-    if (payload(file).size() != filePayload)
-        throw Failure("it does not begin as a picture does");
+    const ByteView facts = payload(file);
+    if (facts.size() != filePayload)
+        throw Damaged("it does not begin as a picture does");
+    if (load16(facts, 0) != id)
+        throw Damaged("it is picture " + std::to_string(load16(facts, 0)));
     PictureInfo info = {};
-    info.fileBytes = load32(payload(file), 0);
-    info.checksum = load32(payload(file), 4);
-    info.layout = storableLayout(payload(headers), info.fileBytes);
+    info.fileBytes = load32(facts, 2);
+    info.checksum = load32(facts, 6);
+    try {
+        info.layout = storableLayout(payload(headers), info.fileBytes);
+    } catch (const Failure& failure) {
+        throw Damaged(failure.what());
+    }
     return info;
 }
 
@@ -221,13 +232,14 @@ void checkPicture(ByteView file) {
     storableLayout(file, static_cast<uint32_t>(file.size()));
 }
 
-void putPicture(OpList* list, ByteView file) {
+void putPicture(OpList* list, uint16_t id, ByteView file) {
     const BmpLayout layout = storableLayout(file, static_cast<uint32_t>(file.size()));
     const auto part = [file](uint32_t start, uint32_t end) { return file.subspan(start, end - start); };
     put(list, opHeaders, part(0, layout.headersEnd));
     uint8_t facts[filePayload];
-    store32(facts, static_cast<uint32_t>(file.size()));
-    store32(facts + 4, crc32(file));
+    store16(facts, id);
+    store32(facts + 2, static_cast<uint32_t>(file.size()));
+    store32(facts + 6, crc32(file));
     put(list, opFile, facts);
     putInPieces(list, opPalette, part(layout.headersEnd, layout.paletteEnd));
     putInPieces(list, opGap, part(layout.paletteEnd, layout.rowsStart));
@@ -235,14 +247,14 @@ void putPicture(OpList* list, ByteView file) {
     putInPieces(list, opRest, file.subspan(layout.rowsEnd));
 }
 
-PictureInfo getPictureInfo(OpList* list) {
+PictureInfo getPictureInfo(OpList* list, uint16_t id) {
     Op headers;
-    return readHead(list, headers);
+    return readHead(list, id, headers);
 }
 
-void getPicture(OpList* list, OutputFile& out) {
+void getPicture(OpList* list, uint16_t id, OutputFile& out) {
     Op headers;
-    const PictureInfo info = readHead(list, headers);
+    const PictureInfo info = readHead(list, id, headers);
     Rebuilder file(out, info.fileBytes);
     file.append(payload(headers));
     while (const Op op = next(list)) {

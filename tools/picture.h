@@ -1,7 +1,7 @@
 // A BMP file as a list of operations, and back.
 //
 //     headers   the file header and the bitmap header
-//     file      the file's size and checksum
+//     file      the picture's id, the file's size and checksum
 //     palette   ) the file's parts between headers and rows, each left out where the file has none,
 //     gap       ) and in several operations where it is longer than one holds
 //     padding   the bytes that end each row of the next band, where any of them is not 0
@@ -43,16 +43,17 @@ struct PictureInfo {
     uint32_t checksum;
 };
 
-// The calls below throw a Failure that says why, without naming picture or file.
-
-// The picture of a BMP file that cannot be stored; else nothing happens.
+// Throws a Failure that says why when a file is no BMP that can be stored.
 void checkPicture(ByteView file);
-// Puts the whole file to `list`.
-void putPicture(OpList* list, ByteView file);
-// Reads the head of a picture's list.
-PictureInfo getPictureInfo(OpList* list);
-// Writes the file that the list holds. Fails after the last byte at the latest when it is not the file that
-// was stored.
-void getPicture(OpList* list, OutputFile& out);
+
+// Puts the whole file to the list of picture `id`. Throws a Failure that says why.
+void putPicture(OpList* list, uint16_t id, ByteView file);
+
+// Reads the head of the list of picture `id`. Throws Damaged.
+PictureInfo getPictureInfo(OpList* list, uint16_t id);
+
+// Writes the file that the list of picture `id` holds. Throws Damaged, after the last byte at the latest,
+// when it is not the file that was stored.
+void getPicture(OpList* list, uint16_t id, OutputFile& out);
 
 #endif

@@ -44,7 +44,7 @@ std::vector<uint16_t> storeAll(const Arguments& arguments) {
         } catch (const Failure& failure) {
             throw Failure(path, failure.what());
         }
-        ids.push_back(archive->put([&file](OpList* list) { putPicture(list, file); }));
+        ids.push_back(archive->put([&file](OpList* list, uint16_t id) { putPicture(list, id, file); }));
     }
     archive->commit();
     return ids;
