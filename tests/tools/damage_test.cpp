@@ -47,7 +47,7 @@ protected:
     Bytes archive_;
 };
 
-constexpr int rounds = slowBuild ? 25 : 120;
+constexpr int rounds = slowBuild ? 8 : 40;
 
 TEST_F(Damage, OfRandomBytesIsFound) {
     for (const bool plain : {false, true}) {

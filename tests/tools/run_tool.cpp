@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <spawn.h>
 #include <sstream>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -25,14 +26,12 @@ RunningTool::RunningTool(const Arguments& arguments)
     for (const std::string& argument : arguments)
         pointers.push_back(const_cast<char*>(argument.c_str()));
     pointers.push_back(nullptr);
-    process_ = ::fork();
-    if (process_ == 0) {
-        ::dup2(out_, STDOUT_FILENO);
-        ::dup2(err_, STDERR_FILENO);
-        ::alarm(120);
-        ::execv(KAL_TOOL, pointers.data());
-        ::_exit(127);
-    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out_, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err_, STDERR_FILENO);
+    EXPECT_EQ(::posix_spawn(&process_, KAL_TOOL, &actions, nullptr, pointers.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
 }
 
 void RunningTool::kill(int signal) const {

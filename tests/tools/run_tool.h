@@ -16,7 +16,7 @@ struct Outcome {
 
 using Arguments = std::vector<std::string>;
 
-// A kal that runs. One that hangs is ended by SIGALRM.
+// A kal that runs.
 class RunningTool {
 public:
     explicit RunningTool(const Arguments& arguments);
@@ -48,6 +48,7 @@ std::vector<Listed> listed(const std::string& archive);
 // Extracts a picture, expecting success.
 Bytes extracted(const std::string& archive, unsigned id);
 
+// Under the sanitizers starting a process takes many times as long.
 #if defined(__SANITIZE_ADDRESS__)
 inline constexpr bool slowBuild = true;
 #else
