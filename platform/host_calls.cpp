@@ -1,12 +1,17 @@
 #include "platform/host_calls.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
 
 int openFile(const char* path, int flags, mode_t mode) {
     return ::open(path, flags, mode);
+}
+
+void* remap(void* address, size_t oldSize, size_t newSize, int flags) {
+    return ::mremap(address, oldSize, newSize, flags);
 }
 
 } // namespace
@@ -20,4 +25,8 @@ HostCalls hostCalls = {
     .fstat = ::fstat,
     .access = ::access,
     .unlink = ::unlink,
+    .mmap = ::mmap,
+    .munmap = ::munmap,
+    .mremap = remap,
+    .madvise = ::madvise,
 };

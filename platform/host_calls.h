@@ -15,6 +15,10 @@ struct HostCalls {
     int (*fstat)(int fd, struct stat* result);
     int (*access)(const char* path, int mode);
     int (*unlink)(const char* path);
+    void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t offset);
+    int (*munmap)(void* address, size_t size);
+    void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);
+    int (*madvise)(void* address, size_t size, int advice);
 };
 
 extern HostCalls hostCalls;
