@@ -125,9 +125,9 @@ bool swapOutSome(VMemManager* manager, uint32_t size) {
 
 void trimKept(const VMemManager* manager) {
     const uint32_t limit = vmemLimit();
-    if (limit == 0 || manager->resident + keptGlobalMemory() <= limit) [[likely]]
-        return;
-    trimGlobalMemory(limit > manager->resident ? limit - manager->resident : 0);
+    const uint64_t inUse = occupied(manager);
+    if (limit != 0 && inUse + keptGlobalMemory() > limit)
+        trimGlobalMemory(limit > inUse ? limit - inUse : 0);
 }
 
 void* restore(VMemManager* manager, void* handle) {
