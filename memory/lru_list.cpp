@@ -77,6 +77,23 @@ bool canGo(LruList* list, LruNode* node) {
     return true;
 }
 
+// Takes the top away when its block cannot go, or sinks it when the block has come into memory anew since it was
+// queued. True when it is right where it is.
+bool settleTop(LruList* list) {
+    LruCandidate top = list->heap[0];
+    if (top.node->age != top.age || !canGo(list, top.node)) {
+        popHeap(list);
+        return false;
+    }
+    if (top.arrival == top.node->arrival)
+        return true;
+    top.arrival = top.node->arrival;
+    std::pop_heap(list->heap, list->heap + list->heapCount, isNewer);
+    list->heap[list->heapCount - 1] = top;
+    std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
+    return false;
+}
+
 LruNode* spareOrNew(LruList* list) {
     LruNode* node = list->spare;
     if (node != nullptr) {
@@ -140,12 +157,8 @@ void removeNode(LruList* list, LruNode* node) {
 }
 
 LruNode* oldestCandidate(LruList* list) {
-    const auto canTopGo = [list] {
-        const LruCandidate& top = list->heap[0];
-        return top.node->age == top.age && canGo(list, top.node);
-    };
-    while (list->heapCount > 0 && !canTopGo())
-        popHeap(list);
+    while (list->heapCount > 0 && !settleTop(list)) {
+    }
     while (list->frontier != nullptr && !canGo(list, list->frontier))
         list->frontier = newerThan(list->frontier);
     if (list->heapCount == 0)
@@ -162,9 +175,10 @@ void dropOldestCandidate(LruList* list, LruNode* node) {
 }
 
 void parkNode(LruList* list, LruNode* node) {
+    if (list->frontier != nullptr && node->age >= list->frontier->age)
+        return; // it will be looked at in its turn
     node->arrival = ++list->newestAge & (UINT64_MAX >> 2);
-    if (list->frontier == nullptr || node->age < list->frontier->age)
-        park(list, node);
+    park(list, node);
 }
 
 void unparkNode(LruList* list, LruNode* node) {
