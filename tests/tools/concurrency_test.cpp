@@ -33,7 +33,7 @@ TEST_F(Concurrency, AStoreThatIsStoppedLeavesTheArchiveItFound) {
     writeFile("new.bmp", makeBmp({1500, 1000, 24}, 2));
     kalSucceeds({"store", "a.kal", "old.bmp"});
     for (const int signal : {SIGTERM, SIGINT, SIGKILL})
-        for (useconds_t delay = 0; delay < 160000; delay += 20000) {
+        for (useconds_t delay = 0; delay < 160000; delay += slowBuild ? 80000 : 20000) {
             const Bytes before = readFile("a.kal");
             const size_t pictures = listed("a.kal").size();
             RunningTool store({"store", "a.kal", "new.bmp"});
