@@ -171,6 +171,9 @@ TEST_F(Archive, IsFullAtTheMostThatAnIndexHolds) {
     writeFile("p.bmp", makeBmp({1, 1, 1}));
     Arguments all(3265, "p.bmp");
     all.insert(all.begin(), {"store", "a.kal"});
+    // One that no flush can move must not stand in the way of the entries to come.
+    writePicture("big.bmp", 1, 4000);
+    all[2] = "big.bmp";
     kalSucceeds(all);
     const Bytes before = readFile("a.kal");
     expectFailure(kal({"store", "a.kal", "p.bmp"}), 1, "it is full");
