@@ -8,6 +8,7 @@
 
 #include <kal/path.h>
 
+#include <cerrno>
 #include <cstdio>
 
 namespace {
@@ -54,6 +55,15 @@ int16_t findUniqueName(char* name, uint32_t size, bool (*take)(const char* candi
             return KAL_OK;
     }
     return KAL_ERR_SERVICE;
+}
+
+bool reserveName(const char* candidate, void* made) {
+    const int file = _open(candidate, _O_CREAT | _O_EXCL | _O_RDWR);
+    if (file < 0)
+        return errno != EEXIST;
+    _close(file);
+    *static_cast<bool*>(made) = true;
+    return true;
 }
 
 int16_t KalTempPath(const char* directory) {

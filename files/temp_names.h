@@ -9,4 +9,8 @@
 int16_t findUniqueName(char* name, uint32_t size, bool (*take)(const char* candidate, void* context),
                        void* context);
 
+// For findUniqueName: makes the file, so that the name is this caller's alone, and sets the bool `made`.
+// False when the name is taken. Any other failure is true too, without `made`, and errno tells why.
+bool reserveName(const char* candidate, void* made);
+
 #endif

@@ -6,14 +6,18 @@
 
 #include <kal/base.h>
 #include <kal/cfile.h>
+#include <kal/file.h>
 #include <kal/heap.h>
 #include <kal/item.h>
 #include <kal/list.h>
+#include <kal/log.h>
 #include <kal/lzw.h>
 #include <kal/memory.h>
 #include <kal/oplist.h>
 #include <kal/path.h>
+#include <kal/resource.h>
 #include <kal/stream.h>
+#include <kal/text.h>
 #include <kal/vmem.h>
 
 #endif

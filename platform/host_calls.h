@@ -13,8 +13,12 @@ struct HostCalls {
     ssize_t (*write)(int fd, const void* source, size_t count);
     off_t (*lseek)(int fd, off_t offset, int origin);
     int (*fstat)(int fd, struct stat* result);
+    int (*stat)(const char* path, struct stat* result);
     int (*access)(const char* path, int mode);
     int (*unlink)(const char* path);
+    int (*mkdir)(const char* path, mode_t mode);
+    int (*chdir)(const char* path);
+    char* (*getcwd)(char* destination, size_t size);
     void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t offset);
     int (*munmap)(void* address, size_t size);
     void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);

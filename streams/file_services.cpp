@@ -10,7 +10,6 @@
 #include <kal/path.h>
 
 #include <algorithm>
-#include <cerrno>
 
 namespace {
 
@@ -19,17 +18,6 @@ constexpr uint32_t kCopyBlock = 32768;
 constexpr uint32_t kLeastCatBlock = 512;
 constexpr uint8_t kEndOfText = 0x1A;
 constexpr uint16_t kBackends = KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP;
-
-// Makes the file under the candidate, so that the name is this caller's alone. Any failure but a name already
-// taken ends the search too: the open that follows reports it.
-bool reserve(const char* candidate, void* reserved) {
-    const int file = _open(candidate, _O_CREAT | _O_EXCL | _O_RDWR);
-    if (file < 0)
-        return errno != EEXIST;
-    _close(file);
-    *static_cast<bool*>(reserved) = true;
-    return true;
-}
 
 bool sameFile(const SFILE* left, const SFILE* right) {
     BY_HANDLE_FILE_INFORMATION one, other;
@@ -74,7 +62,7 @@ int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep) {
         return KAL_ERR_MEMORY;
     bool reserved = false;
     const bool makesFile = (mode & KAL_MODE_CREATE) != 0 && (mode & kBackends) == 0;
-    int16_t status = makesFile ? findUniqueName(name, kTempNameSize, reserve, &reserved)
+    int16_t status = makesFile ? findUniqueName(name, kTempNameSize, reserveName, &reserved)
                                : KalGetUnique(name, kTempNameSize);
     if (status == KAL_OK)
         status = KalOpenFile(out, name, mode, 0);

@@ -180,11 +180,50 @@ KAL_API int16_t KalSeekVMemPos(SFILE* stream, int32_t offset, uint32_t origin);
 // 0, also for null.
 KAL_API int16_t KalCloseVMemFile(SFILE* stream);
 
+// --- Windows -------------------------------------------------------------------------------------------
+
+// Makes the stretch [start, end) of a disk stream's file a file of its own: positions count from its start,
+// and reads stop at its end. The stream then stands at the start; a buffer is emptied and NOT written back:
+// flush first. An `end` at or before `start` (as signed numbers) bounds nothing and only sets the base
+// offset. Constraining again replaces the window. Writes are not bounded. 0, or 1 for anything but a disk
+// stream, which stays as it was.
+KAL_API int16_t KalConstrainFile(SFILE* stream, int32_t start, int32_t end);
+
+// Gives a disk stream its whole file back; position and buffer stay.
+KAL_API void KalUnconstrainFile(SFILE* stream);
+
+// What the slots of a constrained stream hold. A read that the window's end cuts has the status
+// KAL_ERR_SHORT_READ, or KAL_ERR_END when no byte came.
+KAL_API int32_t ConstReadDiskFile(SFILE* stream, void* destination, uint32_t count);
+KAL_API int32_t ConstGetDiskChar(SFILE* stream);
+// KAL_SEEK_END goes `offset` back from the window's end. KAL_ERR_SEEK past that end, without moving; a
+// position before the window is reached.
+KAL_API int16_t ConstSeekDiskPos(SFILE* stream, int32_t offset, uint32_t origin);
+
+// --- Lines and texts -----------------------------------------------------------------------------------
+
+// Gives the last byte read back: a seek by -1. The status.
+KAL_API int16_t KalUnGetChar(SFILE* stream);
+
+// Reads a line to a text of `size` bytes, terminating zero included: up to a carriage return, a line feed or
+// both in that order, which are not stored, or until the text is full. 0, or the status that ended the
+// reading; its low byte then stands behind the text. That of KAL_ERR_END is the terminating zero; after any
+// other, KAL_ERR_SHORT_READ at the end of a stream in memory included, the text is not ended.
+KAL_API int16_t KalGetStr(SFILE* stream, char* destination, uint32_t size);
+
+// Writes a text, at most its first 65,535 characters, in one call. The stream's status.
+KAL_API int16_t KalPutStr(SFILE* stream, const char* text);
+
+// Writes a text with a carriage return before each line feed. 0, or the status of the byte that failed.
+KAL_API int16_t KalPutStrX(SFILE* stream, const char* text);
+
 // The next byte of any stream as its getChar slot gives it, straight from the buffer where it can be: what a
 // tight loop calls.
 inline int32_t KalNextChar(SFILE* stream) {
     const uint32_t pos = stream->pos;
-    if (stream->bufSize != 0 && pos - stream->bufStart < stream->bufEnd - stream->bufStart) {
+    // A window's buffer may reach past its end.
+    if (stream->bufSize != 0 && stream->getChar != ConstGetDiskChar &&
+        pos - stream->bufStart < stream->bufEnd - stream->bufStart) {
         const uint8_t* next = stream->bufPtr;
         stream->bufPtr = const_cast<uint8_t*>(next + 1);
         stream->pos = pos + 1;

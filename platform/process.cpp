@@ -1,0 +1,7 @@
+#include "platform/process.h"
+
+#include <unistd.h>
+
+int _getpid() {
+    return ::getpid();
+}

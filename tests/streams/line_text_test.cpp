@@ -1,0 +1,217 @@
+// Lines read from and texts written to streams of every kind.
+#include "tests/support/faults.h"
+#include "tests/support/files.h"
+
+#include <kal/stream.h>
+#include <kal/vmem.h>
+
+#include <cerrno>
+#include <random>
+#include <string>
+
+namespace {
+
+// One call of KalGetStr on a model of the stream.
+struct Model {
+    std::string text;
+    int endStatus; // of a read at the end
+    size_t pos = 0;
+
+    // The line and the status; the byte behind the line is the status's low byte.
+    std::pair<std::string, int> getStr(uint32_t size) {
+        std::string line;
+        while (line.size() + 1 < size) {
+            if (pos == text.size())
+                return {line, endStatus};
+            const char c = text[pos++];
+            if (c == '\n')
+                return {line, 0};
+            if (c == '\r') {
+                pos += pos < text.size() && text[pos] == '\n';
+                return {line, 0};
+            }
+            line += c;
+        }
+        return {line, 0};
+    }
+};
+
+struct Kind {
+    const char* name;
+    uint16_t mode;
+    int64_t bufSize; // -1: as it comes
+    int endStatus = -256;
+};
+
+constexpr Kind kinds[] = {
+    {"unbuffered", 0, 0},
+    {"one byte", 0, 1},
+    {"seven bytes", 0, 7},
+    {"512 bytes", 0, 512},
+    {"64 KiB", 0, 65536},
+    {"memory", KAL_MODE_MEMORY, -1, -255},
+    {"VMem", KAL_MODE_VMEM, -1, -255},
+    {"mapping", KAL_MODE_FILEMAP, -1},
+};
+
+class LineText : public FolderTest {
+protected:
+    LineText() { EXPECT_EQ(KalOpenVMem(0), 0); }
+    ~LineText() override { KalCloseVMem(); }
+    // A stream that holds `text` and stands at its start; null for a kind that this build does not have.
+    static SFILE* streamOf(const Kind& kind, const std::string& text) {
+        SFILE* stream = nullptr;
+        if (KalOpenFile(&stream, "text", kind.mode | KAL_MODE_CREATE | KAL_MODE_UPDATE, 300'000) != 0)
+            return nullptr;
+        for (size_t done = 0; done < text.size();) { // VMem takes 65,535 bytes a call
+            const auto count = uint32_t(std::min<size_t>(text.size() - done, 60'000));
+            EXPECT_EQ(stream->write(stream, text.data() + done, count), int32_t(count));
+            done += count;
+        }
+        EXPECT_EQ(stream->seek(stream, 0, KAL_SEEK_START), 0);
+        if (kind.bufSize >= 0) {
+            EXPECT_EQ(KalFlushBuf(stream), 0);
+            EXPECT_EQ(KalSetBuf(stream, uint32_t(kind.bufSize)), 0);
+        }
+        return stream;
+    }
+    static std::string randomText(size_t length, std::mt19937& random) {
+        const std::string ends[] = {"\r", "\n", "\r\n", "\n\r", "\r\r\n"};
+        std::string text;
+        const size_t longest = size_t(1) << random() % 12;
+        while (text.size() < length) {
+            for (size_t line = random() % (longest + 1); line > 0; line--)
+                text += char(random() % 8 == 0 ? random() % 10 : 14 + random() % 242);
+            text += ends[random() % 5];
+        }
+        text.resize(length);
+        return text;
+    }
+    // Reads the whole stream in lines of `size` and holds each against the model.
+    static void expectLines(const Kind& kind, const std::string& text, uint32_t size) {
+        SFILE* stream = streamOf(kind, text);
+        if (stream == nullptr)
+            return;
+        Model model{text, kind.endStatus};
+        std::string line(size + 1, '#');
+        for (int status = 0, calls = 0; status == 0 && calls < 150'000; calls++) {
+            const auto [expected, expectedStatus] = model.getStr(size);
+            std::fill(line.begin(), line.end(), '#');
+            status = KalGetStr(stream, line.data(), size);
+            ASSERT_EQ(status, expectedStatus) << kind.name << " at " << model.pos;
+            ASSERT_EQ(line.substr(0, expected.size() + 1), expected + char(status))
+                << kind.name << " at " << model.pos;
+            ASSERT_EQ(line[size], '#');
+            const auto position = uint32_t(val(stream->pos));
+            ASSERT_EQ(position, uint32_t(model.pos)) << kind.name;
+        }
+        stream->close(stream);
+    }
+};
+
+} // namespace
+
+TEST_F(LineText, LinesOfEveryKindOfStream) {
+    std::mt19937 random(31);
+    for (const Kind& kind : kinds) {
+        for (const char* text :
+             {"", "\r", "\n", "\r\n", "ab\r\ncd", "ab\rcd", "ab\n\rcd", "abcdef\n", "\r\r\n\n"})
+            for (uint32_t size : {2u, 3u, 4u, 100u})
+                expectLines(kind, text, size);
+        for (size_t length : {511u, 512u, 513u, 1024u, 5000u})
+            for (uint32_t size : {2u, 9u, 600u, 70'000u})
+                expectLines(kind, randomText(length, random), size);
+        if (HasFatalFailure())
+            return;
+    }
+    for (const Kind& kind : kinds)
+        expectLines(kind, randomText(100'000, random), 65'000);
+    expectLines(kinds[3], std::string(100'000, 'x'), 200'000);
+}
+
+TEST_F(LineText, SizesOneAndNoneConsumeNothing) {
+    SFILE* stream = streamOf(kinds[3], "ab");
+    char text[] = "##";
+    EXPECT_EQ(KalGetStr(stream, text, 1), 0);
+    EXPECT_STREQ(text, "");
+    text[0] = '#';
+    EXPECT_EQ(KalGetStr(stream, text, 0), 0);
+    EXPECT_STREQ(text, "##");
+    EXPECT_EQ(stream->getChar(stream), 'a');
+    EXPECT_EQ(KalUnGetChar(stream), 0);
+    EXPECT_EQ(stream->getChar(stream), 'a');
+    stream->close(stream);
+}
+
+TEST_F(LineText, RunsAreTakenFromTheBuffer) {
+    std::string text;
+    for (int i = 0; i < 3000; i++)
+        text += std::string(size_t(i) % 60, 'x') + (i % 2 != 0 ? "\r\n" : "\r");
+    SFILE* stream = streamOf(kinds[3], text);
+    char line[100];
+    const HostCallCounter counter;
+    while (KalGetStr(stream, line, sizeof line) == 0) {
+    }
+    EXPECT_LE(counter.reads(), int64_t(text.size() / 512 + 4));
+    EXPECT_LE(counter.seeks(), 1);
+    stream->close(stream);
+}
+
+TEST_F(LineText, AFailingReadEndsTheLineWithItsStatus) {
+    SFILE* stream = streamOf(kinds[1], "abcdef");
+    char line[] = "########";
+    static int left;
+    left = 3;
+    {
+        const HostCallGuard guard;
+        static decltype(HostCalls::read) read;
+        read = hostCalls.read;
+        hostCalls.read = [](int fd, void* to, size_t count) {
+            errno = EIO;
+            return left-- > 0 ? read(fd, to, count) : ssize_t(-1);
+        };
+        EXPECT_EQ(KalGetStr(stream, line, 8), -252);
+    }
+    EXPECT_EQ(std::string(line), std::string("abc") + char(-252) + "####")
+        << "the low byte of the result, no zero";
+    stream->close(stream);
+}
+
+TEST_F(LineText, AStandingStatusEndsTheLineAfterOneCharacter) {
+    SFILE* stream = streamOf(kinds[3], "abc\rdef");
+    EXPECT_EQ(stream->getChar(stream), 'a');
+    stream->status = KAL_ERR_SEEK; // as a refused seek leaves it, with bytes still in the buffer
+    char line[] = "########";
+    EXPECT_EQ(KalGetStr(stream, line, 8), KAL_ERR_SEEK);
+    EXPECT_STREQ(line, "b#######");
+    EXPECT_EQ(stream->seek(stream, 0, KAL_SEEK_CURRENT), 0);
+    EXPECT_EQ(KalGetStr(stream, line, 8), 0);
+    EXPECT_STREQ(line, "c");
+    stream->close(stream);
+}
+
+TEST_F(LineText, TextsAreWrittenWhole) {
+    SFILE* stream = nullptr;
+    ASSERT_EQ(KalOpenFile(&stream, "out", KAL_MODE_CREATE | KAL_MODE_WRITE, 0), 0);
+    EXPECT_EQ(KalPutStr(stream, ""), 0);
+    EXPECT_EQ(KalPutStr(stream, "a\nb"), 0);
+    EXPECT_EQ(KalPutStrX(stream, "\na\r\n\nb"), 0);
+    EXPECT_EQ(KalPutStrX(stream, ""), 0);
+    const std::string longText(65'536, 'x');
+    EXPECT_EQ(KalPutStr(stream, longText.c_str()), 0);
+    EXPECT_EQ(stream->close(stream), 0);
+    EXPECT_EQ(readFile("out"), bytesOf("a\nb\r\na\r\r\n\r\nb" + longText.substr(1)));
+
+    ASSERT_EQ(KalOpenFile(&stream, "out", 0, 0), 0);
+    EXPECT_EQ(KalPutStr(stream, "x"), -251);
+    EXPECT_EQ(KalPutStrX(stream, "\n"), -251);
+    stream->close(stream);
+
+    ASSERT_EQ(KalOpenFile(&stream, "small", KAL_MODE_CREATE | KAL_MODE_WRITE, 0), 0);
+    EXPECT_EQ(KalSetBuf(stream, 0), 0);
+    FileSizeLimit limit(5);
+    EXPECT_EQ(KalPutStrX(stream, "abc\n\n\n"), -254);
+    EXPECT_EQ(readFile("small"), bytesOf("abc\r\n"));
+    EXPECT_EQ(KalPutStr(stream, "x"), -254);
+    stream->close(stream);
+}

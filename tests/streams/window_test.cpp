@@ -1,0 +1,257 @@
+// Windows on disk files, held against a model of the stretch.
+#include "tests/support/faults.h"
+#include "tests/support/files.h"
+
+#include <kal/item.h>
+#include <kal/stream.h>
+
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+namespace {
+
+class Window : public FolderTest {
+protected:
+    ~Window() override {
+        if (stream_ != nullptr)
+            stream_->close(stream_);
+    }
+    SFILE* open(const char* name, uint16_t mode, uint32_t bufSize = 512) {
+        EXPECT_EQ(KalOpenFile(&stream_, name, mode, 0), 0);
+        EXPECT_EQ(KalSetBuf(stream_, bufSize), 0);
+        return stream_;
+    }
+    uint32_t pos() const { return stream_->pos; }
+    int16_t status() const { return stream_->status; }
+    void close() {
+        EXPECT_EQ(stream_->close(stream_), 0);
+        stream_ = nullptr;
+    }
+
+private:
+    SFILE* stream_ = nullptr;
+};
+
+} // namespace
+
+TEST_F(Window, PositionsCountFromItsStart) {
+    const Bytes bytes = randomBytes(300, 1);
+    writeFile("f", bytes);
+    SFILE* s = open("f", 0);
+    ASSERT_EQ(KalConstrainFile(s, 100, 200), 0);
+    EXPECT_EQ(pos(), 100u);
+    const struct {
+        int32_t offset;
+        uint32_t origin;
+        int16_t status;
+        uint32_t pos;
+    } seeks[] = {
+        {0, 0, 0, 100},       {100, 0, 0, 200},          {101, 0, -257, 200},       {10, 2, 0, 190},
+        {0, 2, 0, 200},       {-1, 2, -257, 200},        {-10, 0, 0, 90},           {110, 1, 0, 200},
+        {1, 1, -257, 200},    {-150, 1, 0, 50},          {-51, 1, -257, 50},        {50, 7, 0, 150},
+        {-101, 0, -257, 150}, {INT32_MIN, 0, -257, 150}, {INT32_MAX, 1, -257, 150}, {INT32_MIN, 2, -257, 150},
+    };
+    for (const auto& each : seeks) {
+        EXPECT_EQ(s->seek(s, each.offset, each.origin), each.status)
+            << each.offset << " from " << each.origin;
+        EXPECT_EQ(status(), each.status);
+        EXPECT_EQ(pos(), each.pos) << each.offset << " from " << each.origin;
+        EXPECT_EQ(val(s->offset), 100u);
+    }
+    Bytes got(150);
+    EXPECT_EQ(s->seek(s, 0, 0), 0);
+    EXPECT_EQ(s->read(s, got.data(), 150), 100);
+    EXPECT_EQ(status(), -255);
+    EXPECT_EQ(Bytes(got.begin(), got.begin() + 100), Bytes(bytes.begin() + 100, bytes.begin() + 200));
+    EXPECT_EQ(s->read(s, got.data(), 150), 0);
+    EXPECT_EQ(status(), -256);
+    EXPECT_EQ(s->getChar(s), -256);
+    KalUnconstrainFile(s);
+    EXPECT_EQ(pos(), 200u);
+    EXPECT_EQ(s->getChar(s), bytes[200]) << "position and buffer stay";
+    EXPECT_EQ(s->seek(s, 0, 0), 0);
+    EXPECT_EQ(pos(), 0u);
+    EXPECT_EQ(s->seek(s, 0, 2), 0);
+    EXPECT_EQ(pos(), 300u);
+}
+
+TEST_F(Window, RandomReadingMatchesAModel) {
+    Bytes bytes = randomBytes(3000, 2);
+    for (size_t i = 0; i < bytes.size(); i += 1 + i % 37)
+        bytes[i] = i % 2 != 0 ? '\n' : '\r';
+    writeFile("f", bytes);
+    std::mt19937 engine(4);
+    const auto random = [&] { return uint32_t(engine()); };
+    for (uint32_t bufSize : {0u, 1u, 7u, 512u, 65536u}) {
+        SFILE* s = open("f", 0, bufSize);
+        for (int round = 0; round < 60; round++) {
+            const uint32_t start = random() % 2800;
+            const uint32_t end = start + 1 + random() % (3300 - start); // also past the file's end
+            ASSERT_EQ(KalConstrainFile(s, int32_t(start), int32_t(end)), 0);
+            uint32_t at = start;
+            const uint32_t last = std::min<uint32_t>(end, 3000);
+            for (int step = 0; step < 40; step++) {
+                const uint32_t ahead = at < last ? last - at : 0;
+                if (random() % 3 == 0) {
+                    at = start + random() % (end - start + 1);
+                    ASSERT_EQ(s->seek(s, int32_t(at - start), 0), 0);
+                } else if (random() % 2 != 0) {
+                    Bytes got(random() % 700 + 1);
+                    const uint32_t expected = std::min(uint32_t(got.size()), ahead);
+                    ASSERT_EQ(s->read(s, got.data(), uint32_t(got.size())), int32_t(expected));
+                    ASSERT_EQ(std::memcmp(got.data(), bytes.data() + std::min(at, 3000u), expected), 0);
+                    at += expected;
+                } else if (random() % 2 != 0) {
+                    ASSERT_EQ(step % 2 != 0 ? s->getChar(s) : KalNextChar(s), ahead > 0 ? bytes[at] : -256);
+                    at += ahead > 0;
+                } else {
+                    char line[2000];
+                    const int16_t result = KalGetStr(s, line, sizeof line);
+                    size_t length = 0;
+                    while (length < ahead && bytes[at + length] != '\r' && bytes[at + length] != '\n')
+                        length++;
+                    ASSERT_EQ(result, length == ahead ? -256 : 0);
+                    ASSERT_EQ(std::memcmp(line, bytes.data() + std::min(at, 3000u), length), 0);
+                    at += uint32_t(length);
+                    if (result == 0) {
+                        const bool two = bytes[at] == '\r' && at + 1 < last && bytes[at + 1] == '\n';
+                        at += two ? 2 : 1;
+                    }
+                }
+                ASSERT_EQ(pos(), at) << bufSize << ": [" << start << ", " << end << ")";
+            }
+        }
+        close();
+    }
+}
+
+TEST_F(Window, ConstrainingAgainReplacesIt) {
+    const Bytes bytes = randomBytes(1000, 3);
+    writeFile("f", bytes);
+    SFILE* s = open("f", 0);
+    EXPECT_EQ(KalConstrainFile(s, 100, 900), 0);
+    EXPECT_EQ(s->getChar(s), bytes[100]);
+    EXPECT_EQ(KalConstrainFile(s, 300, 301), 0);
+    EXPECT_EQ(s->getChar(s), bytes[300]);
+    EXPECT_EQ(s->getChar(s), -256);
+    for (int32_t end : {500, 400, -1}) { // no end: a base offset alone
+        EXPECT_EQ(KalConstrainFile(s, 300, 301), 0);
+        EXPECT_EQ(KalConstrainFile(s, 500, end), 0);
+        EXPECT_EQ(s->seek(s, 10, 0), 0);
+        EXPECT_EQ(pos(), 510u);
+        Bytes got(600);
+        EXPECT_EQ(s->read(s, got.data(), 600), 490);
+        EXPECT_EQ(s->seek(s, -10, 2), 0);
+        EXPECT_EQ(pos(), 990u);
+        EXPECT_EQ(s->getChar(s), bytes[990]);
+    }
+}
+
+TEST_F(Window, WritesAreTheDisksAndTheEndStillHoldsForReading) {
+    writeFile("f", Bytes(100, '.'));
+    for (uint16_t mode : {KAL_MODE_WRITE, KAL_MODE_UPDATE}) {
+        SFILE* s = open("f", mode);
+        EXPECT_EQ(KalConstrainFile(s, 10, 20), 0);
+        EXPECT_EQ(s->write(s, "abcdefghijklm", 13), 13);
+        EXPECT_EQ(s->seek(s, 8, 0), 0);
+        char line[20];
+        EXPECT_EQ(KalGetStr(s, line, sizeof line), -256);
+        EXPECT_STREQ(line, "ij");
+        EXPECT_EQ(s->seek(s, 9, 0), 0);
+        EXPECT_EQ(s->putChar(s, 'J'), 0);
+        EXPECT_EQ(KalGetStr(s, line, sizeof line), -256);
+        EXPECT_STREQ(line, "");
+        close();
+        EXPECT_EQ(readFile("f"), bytesOf("..........abcdefghiJklm" + std::string(77, '.')));
+    }
+}
+
+TEST_F(Window, OnlyDiskStreamsTakeIt) {
+    writeFile("f", Bytes(10));
+    SFILE* s = open("f", 0);
+    SFILE other;
+    std::memcpy(&other, s, sizeof other);
+    other.write = [](SFILE*, const void*, uint32_t) { return 0; }; // a back-end of another kind
+    EXPECT_EQ(KalConstrainFile(&other, 1, 5), 1);
+    EXPECT_EQ(KalConstrainFile(nullptr, 1, 5), 1);
+    for (const uint16_t kind : {KAL_MODE_MEMORY, KAL_MODE_VMEM, KAL_MODE_FILEMAP}) {
+        std::memcpy(&other, s, sizeof other);
+        other.mode = kind;
+        EXPECT_EQ(KalConstrainFile(&other, 1, 5), 1);
+        EXPECT_EQ(val(other.offset), 0u);
+        KalUnconstrainFile(&other);
+        SFILE* real = nullptr;
+        if (KalOpenFile(&real, "m", kind | KAL_MODE_CREATE | KAL_MODE_UPDATE, 100) != 0)
+            continue;
+        SFILE before;
+        std::memcpy(&before, real, sizeof before);
+        EXPECT_EQ(KalConstrainFile(real, 1, 5), 1);
+        KalUnconstrainFile(real);
+        EXPECT_EQ(std::memcmp(&before, real, sizeof before), 0);
+        real->close(real);
+    }
+}
+
+TEST_F(Window, AnItemFileInsideALargerFile) {
+    IFILE* items = nullptr;
+    ASSERT_EQ(KalOpenIFile(&items, "items", KAL_MODE_CREATE | KAL_MODE_UPDATE, 0), 0);
+    std::vector<Bytes> contents;
+    for (uint16_t id = 0; id < 30; id++) {
+        contents.push_back(randomBytes(id * 97u, id));
+        KalWriteIFile(items, contents.back().data(), uint32_t(contents.back().size()), id);
+    }
+    EXPECT_EQ(KalCloseIFile(items), 0);
+    const Bytes inner = readFile("items");
+    Bytes outer = randomBytes(777, 5);
+    outer.insert(outer.end(), inner.begin(), inner.end());
+    outer.resize(outer.size() + 1000, 0xEE);
+    writeFile("outer", outer);
+    SFILE* s = open("outer", 0);
+    EXPECT_EQ(KalConstrainFile(s, 777, int32_t(777 + inner.size())), 0);
+    ASSERT_EQ(KalMakeIFile(&items, s, 0), 0);
+    for (uint16_t id = 30; id-- > 0;) {
+        Bytes whole(contents[id].size() + 1); // an empty item needs a place too
+        EXPECT_EQ(KalReadIFile(items, whole.data(), 100'000, id), contents[id].size());
+        whole.pop_back();
+        EXPECT_EQ(whole, contents[id]);
+        Bytes pieces(whole.size() + 1);
+        uint32_t done = 0, got;
+        EXPECT_EQ(s->seek(s, 0, 0), 0);
+        while ((got = KalIncReadIFile(items, pieces.data() + done, 100, id)) > 0)
+            done += got;
+        pieces.pop_back();
+        EXPECT_EQ(pieces, contents[id]);
+    }
+    EXPECT_EQ(KalFreeIFile(items), 0);
+    EXPECT_EQ(readFile("outer"), outer);
+}
+
+TEST_F(Window, FarFromTheStart) {
+    // Below and above 2 GiB, and at the last positions of all.
+    for (uint32_t start : {0x7FFFFF00u, 0x80000000u, 0xFFFFFD00u}) {
+        const uint32_t end = start + 0xFF;
+        const Bytes bytes = randomBytes(0x1FF, start);
+        writeFile("f", {});
+        std::filesystem::resize_file("f", start);
+        SFILE* s = open("f", KAL_MODE_WRITE);
+        EXPECT_EQ(s->seek(s, 0, 2), 0);
+        EXPECT_EQ(s->write(s, bytes.data(), uint32_t(bytes.size())), int32_t(bytes.size()));
+        EXPECT_EQ(KalFlushBuf(s), 0);
+        ASSERT_EQ(KalConstrainFile(s, int32_t(start), int32_t(end)), 0);
+        Bytes got(0x200);
+        EXPECT_EQ(s->read(s, got.data(), 0x200), 0xFF);
+        EXPECT_EQ(status(), -255);
+        EXPECT_EQ(std::memcmp(got.data(), bytes.data(), 0xFF), 0);
+        EXPECT_EQ(s->seek(s, 0x100, 0), -257);
+        EXPECT_EQ(s->seek(s, 0x7FFFFFFF, 0), -257) << "never round the corner";
+        EXPECT_EQ(s->seek(s, 0x7FFFFFFF, 1), -257);
+        EXPECT_EQ(s->seek(s, 5, 2), 0);
+        EXPECT_EQ(pos(), end - 5);
+        EXPECT_EQ(s->getChar(s), bytes[0xFF - 5]);
+        EXPECT_EQ(s->seek(s, -1, 0), 0);
+        EXPECT_EQ(s->getChar(s), 0);
+        EXPECT_EQ(s->getChar(s), bytes[0]);
+        close();
+    }
+}

@@ -1,0 +1,35 @@
+// Tests that need a process of their own: one that exits, is killed, or has fewer rights.
+#ifndef KAL_TESTS_SUPPORT_PROCESSES_H
+#define KAL_TESTS_SUPPORT_PROCESSES_H
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <grp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+// Runs `body` in a child that ends by exit, and gives its wait status: 0 when no check failed in it.
+inline int inChild(const std::function<void()>& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        std::exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
+// The same without the rights of the superuser.
+inline int inChildWithoutRights(const std::function<void()>& body) {
+    return inChild([&] {
+        constexpr unsigned nobody = 65534;
+        if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0))
+            std::exit(2);
+        body();
+    });
+}
+
+#endif

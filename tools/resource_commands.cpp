@@ -1,0 +1,243 @@
+// kal resource make and kal resource list.
+#include "tools/command.h"
+#include "tools/failure.h"
+#include "tools/output_file.h"
+#include "tools/resource_script.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kHeader = 4;
+constexpr size_t kSpareEntries = 10; // a new file has room for these, and a reader adds as many
+constexpr size_t kMostResources = KAL_INDEX_ROOM_MAX / sizeof(ItemIndexNarrow) - kSpareEntries;
+
+struct MakeArguments {
+    std::string output;
+    std::string script;
+};
+
+struct ListArguments {
+    std::string file;
+    bool json = false;
+};
+
+// A stream and the item file over it, released in their order.
+class Items {
+public:
+    explicit Items(SFILE* stream) : stream_(stream) {}
+    ~Items() {
+        if (file_ != nullptr)
+            KalFreeIFile(file_);
+        if (stream_ != nullptr)
+            stream_->close(stream_);
+    }
+    Items(const Items&) = delete;
+    Items& operator=(const Items&) = delete;
+    int16_t lay() { return KalMakeIFile(&file_, stream_, 0); }
+    SFILE* stream() const { return stream_; }
+    IFILE* file() const { return file_; }
+
+private:
+    SFILE* stream_;
+    IFILE* file_ = nullptr;
+};
+
+void require(bool done) {
+    if (!done)
+        throw Failure(statusText(KAL_ERR_MEMORY));
+}
+
+// The resources as an item file: behind the index, which has its final size from the start, one item after
+// the other.
+std::vector<uint8_t> itemFileOf(const std::vector<Resource>& resources) {
+    SFILE* memory = nullptr;
+    require(KalOpenFile(&memory, nullptr, KAL_MODE_MEMORY | KAL_MODE_CREATE | KAL_MODE_UPDATE, 0) == 0);
+    Items items(memory);
+    require(items.lay() == 0);
+    size_t end = kHeader + std::max(resources.size(), kSpareEntries) * sizeof(ItemIndexNarrow);
+    const std::vector<uint8_t> room(end);
+    memory->seek(memory, 0, KAL_SEEK_START);
+    require(memory->write(memory, room.data(), uint32_t(end)) == int32_t(end));
+    for (const Resource& resource : resources) {
+        const auto size = static_cast<uint16_t>(resource.bytes.size());
+        ItemIndex* entry = KalAppendItemIndex(items.file());
+        require(entry != nullptr);
+        entry->narrow = {resource.id, size, static_cast<uint32_t>(end)};
+        require(KalWriteItem(items.file(), entry, resource.bytes.data()) == size);
+        end += size;
+    }
+    require(KalFlushIFile(items.file()) == 0);
+    std::vector<uint8_t> bytes(end);
+    memory->seek(memory, 0, KAL_SEEK_END);
+    memory->seek(memory, 0, KAL_SEEK_START);
+    require(memory->read(memory, bytes.data(), uint32_t(end)) == int32_t(end));
+    return bytes;
+}
+
+void make(const MakeArguments& arguments) {
+    const std::vector<Resource> resources = readResourceScript(arguments.script);
+    if (resources.size() > kMostResources)
+        throw Failure(arguments.script, std::to_string(kMostResources) + " resources are the most");
+    OutputFile output(arguments.output);
+    output.append(itemFileOf(resources));
+    output.commit();
+}
+
+// --- Listing -------------------------------------------------------------------------------------------
+
+// The strings of what can be a text: strings up to an empty one that ends the item. Empty where it cannot.
+std::vector<std::string> stringsOf(const std::string& bytes) {
+    std::vector<std::string> strings;
+    size_t at = 0;
+    do {
+        const size_t end = bytes.find('\0', at);
+        if (end == std::string::npos)
+            return {};
+        strings.push_back(bytes.substr(at, end - at));
+        at = end + 1;
+    } while (at < bytes.size() && bytes[at] != '\0');
+    const auto isControl = [](char c) { return (c >= 0 && c < ' ' && c != '\n' && c != '\r' && c != '\t'); };
+    const bool readable = std::none_of(strings.begin(), strings.end(), [&](const std::string& string) {
+        return std::any_of(string.begin(), string.end(), isControl);
+    });
+    return readable && at + 1 == bytes.size() ? strings : std::vector<std::string>{};
+}
+
+std::string jsonString(const std::string& text) {
+    std::string result = "\"";
+    for (char c : text) {
+        char code[8];
+        const auto byte = static_cast<uint8_t>(c);
+        if (byte >= ' ' && byte < 0x7F && c != '"' && c != '\\') {
+            result += c;
+        } else { // single-byte characters have the numbers of the first 256 of all characters
+            std::snprintf(code, sizeof code, "\\u%04x", byte);
+            result += code;
+        }
+    }
+    return result + '"';
+}
+
+struct Row {
+    uint16_t id;
+    std::string bytes;
+    std::vector<std::string> strings;
+};
+
+std::string join(const std::vector<std::string>& strings, const char* between,
+                 std::string (*write)(const std::string&)) {
+    std::string all;
+    for (const std::string& string : strings)
+        all += (&string == strings.data() ? "" : between) + write(string);
+    return all;
+}
+
+void printTable(const std::vector<Row>& rows) {
+    std::cout << "   id  bytes  content\n";
+    for (const Row& row : rows) {
+        char start[32];
+        std::snprintf(start, sizeof start, "%5u  %5zu  ", row.id, row.bytes.size());
+        std::cout << start << (row.strings.empty() ? "data" : "text " + join(row.strings, " ", quoted))
+                  << '\n';
+    }
+}
+
+void printJson(const std::vector<Row>& rows) {
+    std::cout << '[';
+    for (const Row& row : rows) {
+        std::cout << (&row == rows.data() ? "\n  " : ",\n  ") << "{\"id\": " << row.id
+                  << ", \"bytes\": " << row.bytes.size();
+        if (!row.strings.empty())
+            std::cout << ", \"text\": [" << join(row.strings, ", ", jsonString) << ']';
+        std::cout << '}';
+    }
+    std::cout << (rows.empty() ? "]\n" : "\n]\n");
+}
+
+// The item file at `path`, open for reading.
+std::unique_ptr<Items> openItems(const std::string& path) {
+    try {
+        File file = File::openIfThere(path, O_RDONLY);
+        if (!file.isOpen())
+            throw Failure(hostErrorText(ENOENT));
+        SFILE* stream = nullptr;
+        require(KalMakeSFile(&stream, file.handle()) == 0);
+        file.release();
+        auto items = std::make_unique<Items>(stream);
+        const int16_t status = items->lay();
+        require(status != KAL_ERR_MEMORY);
+        if (status != 0)
+            throw Failure("not a resource file");
+        return items;
+    } catch (const Failure& failure) {
+        throw Failure(path, failure.what());
+    }
+}
+
+Row readRow(IFILE* file, uint16_t id) {
+    int32_t size = 0;
+    const std::unique_ptr<char, int16_t (*)(void*)> bytes(KalGetItem(file, id, &size), KalFreeSMem);
+    if (bytes == nullptr)
+        throw Failure("resource " + std::to_string(id) + " is damaged");
+    Row row{id, std::string(bytes.get(), static_cast<size_t>(size)), {}};
+    row.strings = stringsOf(row.bytes);
+    return row;
+}
+
+void list(const ListArguments& arguments) {
+    const auto items = openItems(arguments.file);
+    const IFILE* file = items->file();
+    const size_t entryBytes =
+        (file->formatFlags & KAL_ITEMS_WIDE) != 0 ? sizeof(ItemIndexWide) : sizeof(ItemIndexNarrow);
+    const auto* index = reinterpret_cast<const uint8_t*>(file->index);
+    std::vector<Row> rows;
+    std::set<uint16_t> seen{KAL_ITEM_FREE};
+    std::string damage;
+    for (size_t i = 0; i < file->count; i++) {
+        const uint16_t id = load16({index + i * entryBytes, entryBytes}, 0);
+        if (!seen.insert(id).second) // free, or hidden by an earlier one
+            continue;
+        try {
+            rows.push_back(readRow(items->file(), id));
+        } catch (const Failure& failure) {
+            damage = damage.empty() ? failure.what() : damage;
+        }
+    }
+    // What can be read is listed even where some cannot.
+    arguments.json ? printJson(rows) : printTable(rows);
+    if (!damage.empty())
+        throw Failure(arguments.file, damage);
+}
+
+} // namespace
+
+void addResource(CLI::App& program) {
+    CLI::App* command = program.add_subcommand("resource", "Make or list a resource file");
+    command->require_subcommand(1);
+
+    CLI::App* making = command->add_subcommand("make", "Make a resource file from a script");
+    auto makeArguments = std::make_shared<MakeArguments>();
+    making->add_option("OUT", makeArguments->output, "The resource file; one that is there is replaced")
+        ->required();
+    making
+        ->add_option("SCRIPT", makeArguments->script,
+                     "Lines of: ID text \"STRING\" ..., or ID file PATH (from the script's folder)")
+        ->required();
+    making->callback([makeArguments] { make(*makeArguments); });
+
+    CLI::App* listing = command->add_subcommand("list", "List the resources of a file");
+    auto listArguments = std::make_shared<ListArguments>();
+    listing->add_option("FILE", listArguments->file, "The resource file")->required();
+    listing->add_flag("--json", listArguments->json, "Print JSON");
+    listing->callback([listArguments] { list(*listArguments); });
+}
