@@ -1,6 +1,8 @@
 #include "platform/host_calls.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
@@ -20,4 +22,13 @@ HostCalls hostCalls = {
     .fstat = ::fstat,
     .access = ::access,
     .unlink = ::unlink,
+    .pread = ::pread,
+    .pwrite = ::pwrite,
+    .ftruncate = ::ftruncate,
+    .fallocate = ::fallocate,
+    .flock = ::flock,
+    .shmOpen = ::shm_open,
+    .shmUnlink = ::shm_unlink,
+    .mmap = ::mmap,
+    .munmap = ::munmap,
 };

@@ -15,6 +15,15 @@ struct HostCalls {
     int (*fstat)(int fd, struct stat* result);
     int (*access)(const char* path, int mode);
     int (*unlink)(const char* path);
+    ssize_t (*pread)(int fd, void* destination, size_t count, off_t offset);
+    ssize_t (*pwrite)(int fd, const void* source, size_t count, off_t offset);
+    int (*ftruncate)(int fd, off_t length);
+    int (*fallocate)(int fd, int mode, off_t offset, off_t count);
+    int (*flock)(int fd, int operation);
+    int (*shmOpen)(const char* name, int flags, mode_t mode);
+    int (*shmUnlink)(const char* name);
+    void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t offset);
+    int (*munmap)(void* address, size_t size);
 };
 
 extern HostCalls hostCalls;
