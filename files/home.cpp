@@ -1,0 +1,58 @@
+// The home directory and the search text of the calling task.
+#include <kal/path.h>
+
+#include "files/path_text.h"
+#include "files/task_text.h"
+
+#include <algorithm>
+
+void KalSetHome(const char* name) {
+    const char* path = KalGetEnv("PATH");
+    dropTaskText(kSlotSearchText);
+    dropTaskText(kSlotHomeName);
+    if (name == nullptr)
+        return;
+    const size_t nameLength = std::strlen(name);
+    const size_t directory = directoryLength(name);
+    const size_t pathLength = path != nullptr ? std::strlen(path) : 0;
+    char* copy = allocText(nameLength);
+    char* searchText = copy != nullptr ? allocText(nameLength + 1 + pathLength) : nullptr;
+    if (searchText == nullptr) {
+        if (copy != nullptr)
+            KalFreeSMem(copy);
+        return;
+    }
+    std::memcpy(copy, name, nameLength);
+    std::memcpy(searchText, name, directory);
+    if (path != nullptr) {
+        searchText[directory] = ';';
+        std::memcpy(searchText + directory + 1, path, pathLength);
+    }
+    KalSetTaskData(searchText, kSlotSearchText);
+    KalSetTaskData(copy, kSlotHomeName);
+}
+
+const char* KalGetHome() {
+    return taskText(kSlotSearchText);
+}
+
+const char* KalGetPath() {
+    const char* searchText = taskText(kSlotSearchText);
+    return searchText != nullptr ? searchText : KalGetEnv("PATH");
+}
+
+char* KalGetHomeExecPath(char* destination, uint32_t size) {
+    const char* searchText = taskText(kSlotSearchText);
+    if (searchText == nullptr)
+        return nullptr;
+    if (size > 0) {
+        const size_t length = std::min<size_t>(std::strcspn(searchText, ";"), size - 1);
+        std::memcpy(destination, searchText, length);
+        destination[length] = 0;
+    }
+    return destination;
+}
+
+void KalSetHomeStr(char* searchText) {
+    KalSetTaskData(searchText, kSlotSearchText);
+}

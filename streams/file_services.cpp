@@ -1,0 +1,143 @@
+// Services built on streams: temporary files, existence, appending and copying.
+#include <kal/stream.h>
+
+#include "files/temp_names.h"
+#include "platform/file_calls.h"
+#include "platform/file_information.h"
+
+#include <kal/heap.h>
+#include <kal/memory.h>
+#include <kal/path.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+constexpr uint32_t kTempNameSize = 772;
+constexpr uint32_t kCopyBlock = 32768;
+constexpr uint32_t kLeastCatBlock = 512;
+constexpr uint8_t kEndOfText = 0x1A;
+constexpr uint16_t kBackends = KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP;
+
+// Makes the file under the candidate, so that the name is this caller's alone. Any failure but a name already
+// taken ends the search too: the open that follows reports it.
+bool reserve(const char* candidate, void* reserved) {
+    const int file = _open(candidate, _O_CREAT | _O_EXCL | _O_RDWR);
+    if (file < 0)
+        return errno != EEXIST;
+    _close(file);
+    *static_cast<bool*>(reserved) = true;
+    return true;
+}
+
+bool sameFile(const SFILE* left, const SFILE* right) {
+    BY_HANDLE_FILE_INFORMATION one, other;
+    return GetFileInformationByHandle(static_cast<HFILE>(left->handle), &one) != 0 &&
+           GetFileInformationByHandle(static_cast<HFILE>(right->handle), &other) != 0 &&
+           one.volume == other.volume && one.fileIndex == other.fileIndex;
+}
+
+// Whether `name` is there already and is the file behind `stream`.
+bool isSameFile(const char* name, const SFILE* stream) {
+    SFILE* present;
+    if (KalOpenFile(&present, name, 0, 0) != KAL_OK)
+        return false;
+    const bool same = sameFile(present, stream);
+    present->close(present);
+    return same;
+}
+
+int16_t copyBlocks(SFILE* to, SFILE* from) {
+    int16_t status = KalSetBuf(from, 0);
+    if (status == KAL_OK)
+        status = KalSetBuf(to, 0);
+    if (status != KAL_OK)
+        return status;
+    uint32_t size = kCopyBlock;
+    void* block = KalAsMuchSMem(&size);
+    if (block == nullptr)
+        return KAL_ERR_BUFFER;
+    int32_t got;
+    while ((got = from->read(from, block, size)) > 0)
+        if (to->write(to, block, static_cast<uint32_t>(got)) != got)
+            break; // what follows could not follow
+    return KalFreeSMem(block);
+}
+
+} // namespace
+
+int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep) {
+    *out = nullptr;
+    auto* name = static_cast<char*>(KalAllocSMem(kTempNameSize));
+    if (name == nullptr)
+        return KAL_ERR_MEMORY;
+    bool reserved = false;
+    const bool makesFile = (mode & KAL_MODE_CREATE) != 0 && (mode & kBackends) == 0;
+    int16_t status = makesFile ? findUniqueName(name, kTempNameSize, reserve, &reserved)
+                               : KalGetUnique(name, kTempNameSize);
+    if (status == KAL_OK)
+        status = KalOpenFile(out, name, mode, 0);
+    if (status != KAL_OK && reserved)
+        _unlink(name);
+    if (status == KAL_OK && keep == 0)
+        (*out)->tempName = name;
+    else
+        KalFreeSMem(name);
+    return status;
+}
+
+uint16_t KalExistsFile(const char* name) {
+    SFILE* stream;
+    if (KalOpenFile(&stream, name, 0, 0) != KAL_OK)
+        return 0;
+    stream->close(stream);
+    return 1;
+}
+
+int16_t KalFileCat(SFILE* destination, const char* name) {
+    if (destination == nullptr)
+        return KAL_ERR_NULL_STREAM;
+    SFILE* source;
+    const int16_t status = KalOpenFile(&source, name, KAL_MODE_SEARCH, 0);
+    if (status != KAL_OK)
+        return status;
+    const uint32_t size = std::max<uint32_t>(source->bufSize, kLeastCatBlock);
+    auto* block = static_cast<uint8_t*>(KalAllocSMem(size));
+    if (block == nullptr) {
+        source->close(source);
+        return KAL_ERR_SERVICE;
+    }
+    // No further than the file reached at the start: the destination may be the same file. (A file of
+    // the host's own making may know no length.)
+    source->seek(source, 0, KAL_SEEK_END);
+    uint32_t left = source->status == KAL_OK && source->pos > 0 ? source->pos : KAL_NO_POSITION;
+    source->seek(source, 0, KAL_SEEK_START);
+    int32_t got;
+    while (left > 0 && (got = source->read(source, block, std::min(size, left))) > 0) {
+        left -= static_cast<uint32_t>(got);
+        const uint32_t kept = static_cast<uint32_t>(got) - (block[got - 1] == kEndOfText ? 1 : 0);
+        destination->write(destination, block, kept);
+    }
+    source->close(source);
+    KalFreeSMem(block);
+    return KAL_OK;
+}
+
+int16_t KalCopyFile(const char* destination, const char* source) {
+    SFILE* from;
+    int16_t status = KalOpenFile(&from, source, 0, 0);
+    if (status != KAL_OK)
+        return status;
+    SFILE* to = nullptr;
+    if (isSameFile(destination, from))
+        status = KAL_ERR_SERVICE;
+    else
+        status = KalOpenFile(&to, destination, KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200, 0);
+    if (status == KAL_OK) {
+        status = copyBlocks(to, from);
+        to->close(to);
+    }
+    from->close(from);
+    return status;
+}
