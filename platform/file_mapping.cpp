@@ -117,7 +117,8 @@ HANDLE handleOf(const char* name, Open open) {
 HANDLE CreateFileMappingA(HANDLE, void*, uint32_t, uint32_t, uint32_t sizeLow, const char* name) {
     if (sizeLow == 0)
         return 0;
-    return handleOf(name, [sizeLow](const char* objectName) { return makeSharedObject(objectName, sizeLow); });
+    return handleOf(name,
+                    [sizeLow](const char* objectName) { return makeSharedObject(objectName, sizeLow); });
 }
 
 HANDLE OpenFileMappingA(uint32_t, int, const char* name) {

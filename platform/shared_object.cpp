@@ -68,9 +68,8 @@ bool sharedObjectName(const char* name, char (&result)[kSharedNameSize]) {
         const bool plain = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9') ||
                            std::strchr(" .-_", *c) != nullptr;
         const int room = kSharedNameSize - length;
-        const int added =
-            std::snprintf(result + length, static_cast<size_t>(room), plain ? "%c" : "%%%02X",
-                          plain ? *c : static_cast<int>(static_cast<unsigned char>(*c)));
+        const int added = std::snprintf(result + length, static_cast<size_t>(room), plain ? "%c" : "%%%02X",
+                                        plain ? *c : static_cast<int>(static_cast<unsigned char>(*c)));
         if (added >= room)
             return false;
         length += added;

@@ -69,12 +69,12 @@ int Children::compare(uint32_t left, uint32_t right) const {
 }
 
 size_t Children::placeOf(const Name& name) const {
-    const auto place = std::lower_bound(entries_.begin(), entries_.end(), name,
-                                        [this](uint32_t entry, const Name& sought) {
-                                            Name here;
-                                            directory_.name(entry, here);
-                                            return compareNames(here, sought) < 0;
-                                        });
+    const auto place =
+        std::lower_bound(entries_.begin(), entries_.end(), name, [this](uint32_t entry, const Name& sought) {
+            Name here;
+            directory_.name(entry, here);
+            return compareNames(here, sought) < 0;
+        });
     return static_cast<size_t>(place - entries_.begin());
 }
 
@@ -91,6 +91,12 @@ bool Children::insert(uint32_t entry) {
     directory_.name(entry, name);
     changed_ = true;
     return entries_.insert(placeOf(name), entry);
+}
+
+void Children::remove(uint32_t entry) {
+    const auto place = std::find(entries_.begin(), entries_.end(), entry);
+    std::copy(place + 1, entries_.end(), place);
+    entries_.shrink(entries_.size() - 1);
 }
 
 // --- Writing the tree --------------------------------------------------------------------------------

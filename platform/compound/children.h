@@ -8,12 +8,12 @@
 
 namespace compound {
 
-class Children {
+class Children : public ZEPObject {
 public:
     Children(Directory& directory, uint32_t storage) : directory_(directory), storage_(storage) {}
 
-    // Gathers the storage's entries from its tree. `claimed` holds a flag an entry, set for all that belong to
-    // some storage, so that no entry is met twice. False when memory is short.
+    // Gathers the storage's entries from its tree. `claimed` holds a flag an entry, set for all that belong
+    // to some storage, so that no entry is met twice. False when memory is short.
     bool load(Array<uint8_t>& claimed);
     // Whether the tree had links that lead nowhere or to an entry met before, or entries without a name.
     bool damaged() const { return damaged_; }
@@ -24,6 +24,7 @@ public:
     uint32_t find(const Name& name) const;
     // Adds an entry whose name is not there yet. False when memory is short.
     bool insert(uint32_t entry);
+    void remove(uint32_t entry);
     // Sets the links of the entries to a red-black tree, if any were added.
     void setLinks();
 
