@@ -144,7 +144,8 @@ void ZEPObject::operator delete(void* object) noexcept {
 
 void failHeapAllocation(int64_t n) {
     faultStays = false;
-    faultHappened = false;
+    if (n != 0)
+        faultHappened = false;
     faultCountdown = n;
 }
 

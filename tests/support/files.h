@@ -31,6 +31,10 @@ std::vector<std::string> filesIn(const std::string& folder);
 Bytes randomBytes(size_t count, uint32_t seed);
 Bytes bytesOf(const std::string& text);
 
+// The bytes of the n-th (from 0) ```hex block of a document of this project: the hexadecimal pairs that start
+// each line, up to the first word that is none.
+Bytes hexExample(const std::string& document, int n = 0);
+
 // A file system of `bytes` at `folder`, which it makes, while it is in scope. mounted() is false where this
 // process may not mount.
 class TinyFileSystem {
