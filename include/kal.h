@@ -10,9 +10,11 @@
 #include <kal/item.h>
 #include <kal/list.h>
 #include <kal/lzw.h>
+#include <kal/mapping.h>
 #include <kal/memory.h>
 #include <kal/oplist.h>
 #include <kal/path.h>
+#include <kal/storage.h>
 #include <kal/stream.h>
 
 #endif

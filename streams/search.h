@@ -32,13 +32,4 @@ bool alongSearchText(const char* name, Attempt attempt) {
     return found;
 }
 
-// A copy of a text on the small-memory heap, or null.
-inline char* copyText(const char* text) {
-    const size_t size = std::strlen(text) + 1;
-    auto* copy = static_cast<char*>(KalAllocSMem(static_cast<uint32_t>(size)));
-    if (copy != nullptr)
-        std::memcpy(copy, text, size);
-    return copy;
-}
-
 #endif

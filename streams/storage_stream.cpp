@@ -18,7 +18,9 @@ SFOLE2* objectOf(const SFILE* s) {
 }
 
 struct StorageSource {
-    static uint32_t seek(SFILE* s, int32_t offset, int origin) { return objectOf(s)->_llseek(offset, origin); }
+    static uint32_t seek(SFILE* s, int32_t offset, int origin) {
+        return objectOf(s)->_llseek(offset, origin);
+    }
     static uint32_t read(SFILE* s, void* destination, uint32_t count) {
         return objectOf(s)->_lread(destination, count);
     }
@@ -68,9 +70,8 @@ struct OpenedStorage {
 
 bool openStorage(OpenedStorage& opened, const char* name, uint16_t mode) {
     WideName wide;
-    if (!wide.set(name) ||
-        StgOpenStorage(wide.text(), nullptr, (mode & kAccess) | STGM_SHARE_DENY_WRITE, nullptr, 0,
-                       &opened.storage) != S_OK)
+    if (!wide.set(name) || StgOpenStorage(wide.text(), nullptr, (mode & kAccess) | STGM_SHARE_DENY_WRITE,
+                                          nullptr, 0, &opened.storage) != S_OK)
         return false;
     opened.name = copyText(name);
     return true;
@@ -162,9 +163,8 @@ int16_t SFOLE2::KalFlushBuf() {
     return Buffered::flush(owner);
 }
 
-int16_t flushIfStorageStream(SFILE* stream, bool& isStorageStream) {
-    isStorageStream = stream->close == KalFOLE2Close;
-    return isStorageStream ? objectOf(stream)->KalFlushBuf() : int16_t(KAL_OK);
+SFOLE2* storageStreamOf(const SFILE* stream) {
+    return stream->close == KalFOLE2Close ? objectOf(stream) : nullptr;
 }
 
 int16_t KalOpenFileAsIStream(SFILE** out, const char* fileName, const char* streamName, uint16_t mode) {
@@ -173,9 +173,8 @@ int16_t KalOpenFileAsIStream(SFILE** out, const char* fileName, const char* stre
     if (!openOrCreateStorage(opened, fileName, mode))
         return KAL_ERR_STORAGE;
     IStream* stream = streamIn(opened, streamName, mode);
-    SFOLE2* object = stream != nullptr && opened.name != nullptr
-                         ? new SFOLE2(out, opened.storage, stream, mode)
-                         : nullptr;
+    SFOLE2* object =
+        stream != nullptr && opened.name != nullptr ? new SFOLE2(out, opened.storage, stream, mode) : nullptr;
     if (*out != nullptr) {
         (*out)->name = opened.name;
         return (*out)->status;

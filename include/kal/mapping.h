@@ -38,14 +38,14 @@ public:
     SFM& operator=(const SFM&) = delete;
 
     uint32_t hMapping = 0;
-    uint8_t* view = nullptr;      // the used-length word, where the mapping starts
-    uint16_t readOnly;            // 1: no write access
-    uint16_t writeOnly = 0;       // 1: no reading
-    int16_t openStatus;           // 0 or KAL_ERR_SERVICE
-    uint32_t mapSize = 0;         // usable bytes, length word included
-    uint8_t* mapEnd = nullptr;    // view + mapSize
-    SFILE* owner;                 // the stream's record
-    uint16_t openExisting = 0;    // 1: writes a mapping that was there
+    uint8_t* view = nullptr;   // the used-length word, where the mapping starts
+    uint16_t readOnly;         // 1: no write access
+    uint16_t writeOnly = 0;    // 1: no reading
+    int16_t openStatus;        // 0 or KAL_ERR_SERVICE
+    uint32_t mapSize = 0;      // usable bytes, length word included
+    uint8_t* mapEnd = nullptr; // view + mapSize
+    SFILE* owner;              // the stream's record
+    uint16_t openExisting = 0; // 1: writes a mapping that was there
 };
 
 // --- What the slots of a mapping stream hold; see SFILE for arguments -----------------------------------

@@ -110,7 +110,7 @@ void Chain::cutTo(uint32_t units) {
 }
 
 // The stretch that holds a unit of the chain; mostly the one used last or the one behind it.
-size_t Chain::stretchOf(uint32_t unitIndex) {
+size_t Chain::stretchOf(uint32_t unitIndex) const {
     const auto holds = [this, unitIndex](size_t index) {
         return index < stretches_.size() && stretches_[index].before <= unitIndex &&
                unitIndex - stretches_[index].before < stretches_[index].run.count;
@@ -125,7 +125,7 @@ size_t Chain::stretchOf(uint32_t unitIndex) {
 
 // Calls `transfer(offset in the space, bytes done, bytes)` for each stretch that the bytes lie in.
 template <class Transfer>
-Moved Chain::transfer(uint64_t position, size_t count, Transfer transfer) {
+Moved Chain::transfer(uint64_t position, size_t count, Transfer transfer) const {
     Moved moved;
     const uint32_t shift = space_->unitShift();
     const uint64_t end = byteCount();
@@ -148,7 +148,7 @@ Moved Chain::transfer(uint64_t position, size_t count, Transfer transfer) {
     return moved;
 }
 
-Moved Chain::read(uint64_t position, void* destination, size_t count) {
+Moved Chain::read(uint64_t position, void* destination, size_t count) const {
     auto* to = static_cast<uint8_t*>(destination);
     return transfer(position, count, [this, to](uint64_t offset, size_t done, size_t bytes) {
         return space_->read(offset, to + done, bytes);

@@ -27,7 +27,7 @@ public:
     void cutTo(uint32_t units);
 
     // Move what lies within the chain.
-    Moved read(uint64_t position, void* destination, size_t count);
+    Moved read(uint64_t position, void* destination, size_t count) const;
     Moved write(uint64_t position, const void* source, size_t count);
 
     // Calls `visit(run)` for each stretch until it gives false; whether it never did.
@@ -46,13 +46,13 @@ private:
     };
 
     bool appendRun(Run run);
-    size_t stretchOf(uint32_t unitIndex);
+    size_t stretchOf(uint32_t unitIndex) const;
     template <class Transfer>
-    Moved transfer(uint64_t position, size_t count, Transfer transfer);
+    Moved transfer(uint64_t position, size_t count, Transfer transfer) const;
 
     Space* space_;
     Array<Stretch> stretches_;
-    size_t recent_ = 0; // the stretch last used
+    mutable size_t recent_ = 0; // the stretch last used
 };
 
 } // namespace compound

@@ -52,7 +52,14 @@ private:
         return takeMarked(file_.sectors().fatSectors(), kFatSector) &&
                takeMarked(file_.sectors().difatSectors(), kDifatSector) &&
                sectors_.take(file_.directory().chain()) && sectors_.take(mini.tableChain()) &&
-               sectors_.take(mini.container());
+               sectors_.take(mini.container()) && reaches(mini.container(), mini.usedBytes());
+    }
+
+    // Whether the file has all bytes of what lies in a chain, also where its last sector is cut short.
+    bool reaches(const Chain& chain, uint64_t size) const {
+        uint8_t last;
+        return chain.byteCount() >= size && (size == 0 || !file_.sectors().isLastCutShort() ||
+                                             chain.read(size - 1, &last, 1).count == 1);
     }
 
     bool takeStream(uint32_t entry) {
@@ -63,7 +70,7 @@ private:
         Space& space = small ? static_cast<Space&>(file_.miniSectors()) : file_.sectors();
         Chain chain(space);
         return size <= file_.longestStream() && chain.load(file_.directory().first(entry)) &&
-               chain.byteCount() >= size && (small ? miniSectors_ : sectors_).take(chain);
+               reaches(chain, size) && (small ? miniSectors_ : sectors_).take(chain);
     }
 
     bool takeStorages() {

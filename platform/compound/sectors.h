@@ -24,6 +24,7 @@ public:
 
     // The sectors that the file has room for, a last one cut short included.
     uint32_t inFile() const;
+    bool isLastCutShort() const { return (file_.length() & (sectorSize() - 1)) != 0; }
     // The bytes of a file that ends behind the last sector in use.
     uint64_t usedBytes() const;
 
