@@ -16,5 +16,6 @@
 #include <kal/path.h>
 #include <kal/storage.h>
 #include <kal/stream.h>
+#include <kal/vmem.h>
 
 #endif

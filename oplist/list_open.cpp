@@ -33,9 +33,10 @@ int16_t KalOpenOpList(OpList** out, const char* name, uint16_t mode) {
         return list->status = KAL_ERR_SERVICE;
     mode &= static_cast<uint16_t>(~KAL_OPL_DIB); // a list in a stream holds no bitmap rows
     SFILE* stream = nullptr;
-    takeStream(list, KalOpenFile(&stream, name, mode, 0), stream);
-    if (list->status != KAL_OK)
-        return list->status;
+    const int16_t status = KalOpenFile(&stream, name, mode, 0);
+    takeStream(list, status, stream);
+    if (status != KAL_OK)
+        return status;
     list->flags = mode;
     if ((mode & KAL_OPL_COMPRESSED) != 0 && compress(list) != KAL_OK)
         closeForGood(stream);
@@ -54,8 +55,9 @@ int16_t KalTempOpList(OpList** out, uint16_t flags) {
         return list->status = KAL_ERR_SERVICE;
     list->flags = flags;
     SFILE* stream = nullptr;
-    takeStream(list, KalOpenTempFile(&stream, kTempMode, flags & KAL_OPL_KEEP), stream);
-    return list->status;
+    const int16_t status = KalOpenTempFile(&stream, kTempMode, flags & KAL_OPL_KEEP);
+    takeStream(list, status, stream);
+    return status;
 }
 
 OpList* KalMakeOpList(IFILE* file) {

@@ -11,6 +11,10 @@ int openFile(const char* path, int flags, mode_t mode) {
     return ::open(path, flags, mode);
 }
 
+void* remap(void* address, size_t oldSize, size_t newSize, int flags) {
+    return ::mremap(address, oldSize, newSize, flags);
+}
+
 } // namespace
 
 HostCalls hostCalls = {
@@ -31,4 +35,6 @@ HostCalls hostCalls = {
     .shmUnlink = ::shm_unlink,
     .mmap = ::mmap,
     .munmap = ::munmap,
+    .mremap = remap,
+    .madvise = ::madvise,
 };

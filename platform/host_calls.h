@@ -24,6 +24,8 @@ struct HostCalls {
     int (*shmUnlink)(const char* name);
     void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t offset);
     int (*munmap)(void* address, size_t size);
+    void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);
+    int (*madvise)(void* address, size_t size, int advice);
 };
 
 extern HostCalls hostCalls;

@@ -48,6 +48,8 @@ int16_t setUpMappingStream(SFILE* record, const char* name, int32_t size);
 // The object behind a compound-file stream; null for any other stream.
 class SFOLE2;
 SFOLE2* storageStreamOf(const SFILE* stream);
+int16_t setUpMemoryStream(SFILE* record, const char* name, int32_t size);
+int16_t setUpVMemStream(SFILE* record, const char* name, int32_t size);
 
 // Turns a record into a disk stream over `handle`, which stands at `position`, with a buffer of the default
 // size where memory allows. Cannot fail.

@@ -11,19 +11,13 @@
 
 namespace {
 
-// Until a back-end of its own stands in the table.
-int16_t refuse(SFILE* record, const char*, int32_t) {
-    KalFreeSMem(record);
-    return KAL_ERR_SERVICE;
-}
-
 // In the order in which their bits are looked at; a mode with none of them is a disk stream.
 constexpr struct {
     uint16_t modeBit;
     SetUpBackend setUp;
 } backends[] = {
-    {KAL_MODE_MEMORY, refuse},
-    {KAL_MODE_VMEM, refuse},
+    {KAL_MODE_MEMORY, setUpMemoryStream},
+    {KAL_MODE_VMEM, setUpVMemStream},
     {KAL_MODE_FILEMAP, setUpMappingStream},
 };
 

@@ -5,10 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
+
+// For loops over modes, formats and ids.
+using Words = std::initializer_list<uint16_t>;
 
 // A folder of its own for each test, gone afterwards; the current directory while the test runs.
 class FolderTest : public ::testing::Test {
