@@ -1,9 +1,9 @@
 // Structured storage: compound files, which hold storages (folders) and streams (files) by name. The part of
 // the platform's interfaces that this library and its program use.
 //
-// Direct mode: what a stream is given goes into the file at once, what describes it when the file is let go
-// of. A file open for reading is shared with readers, one open for writing with nobody, whatever process they
-// are in.
+// Direct mode: what a stream of 4096 bytes and more is given goes into the file at once, smaller streams and
+// what describes them all when the file is let go of. A file open for reading is shared with readers, one
+// open for writing with nobody, whatever process they are in.
 #ifndef KAL_PLATFORM_STORAGE_H
 #define KAL_PLATFORM_STORAGE_H
 

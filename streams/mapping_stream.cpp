@@ -125,7 +125,8 @@ int32_t KalFMRead(SFILE* stream, void* destination, uint32_t count) {
     const uint32_t left = bytesTo(stream, stream->bufEnd);
     stream->status = count > left ? KAL_ERR_SHORT_READ : KAL_OK;
     count = std::min(count, left);
-    std::memcpy(destination, stream->bufPtr, count);
+    if (count > 0)
+        std::memcpy(destination, stream->bufPtr, count);
     advance(stream, count);
     return static_cast<int32_t>(count);
 }
@@ -146,7 +147,8 @@ int32_t KalFMWrite(SFILE* stream, const void* source, uint32_t count) {
     const uint32_t room = bytesTo(stream, endOfMap(stream));
     stream->status = count > room ? KAL_ERR_DISK_FULL : KAL_OK;
     count = std::min(count, room);
-    std::memcpy(stream->bufPtr, source, count);
+    if (count > 0)
+        std::memcpy(stream->bufPtr, source, count);
     advance(stream, count);
     raiseDataEnd(stream);
     return static_cast<int32_t>(count);

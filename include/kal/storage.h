@@ -2,8 +2,8 @@
 // as office programs keep their documents.
 //
 // A stream opened here is used like a disk stream. It starts without a buffer; KalSetBuf gives it one.
-// Readers share a compound file with readers; a writer has it alone until its stream is closed. Bytes go into
-// the file as they are written (or with the buffer), what describes them when the stream is closed.
+// Readers share a compound file with readers; a writer has it alone until its stream is closed. What a
+// writer has done stands in the file once its stream is closed.
 #ifndef KAL_STORAGE_H
 #define KAL_STORAGE_H
 

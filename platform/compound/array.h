@@ -41,24 +41,16 @@ public:
     const T& operator[](size_t index) const { return data_[index]; }
     T& back() { return data_[size_ - 1]; }
 
-    // Room for `count` elements, so that growing up to there does not fail.
+    // Room for `count` elements, so that growing up to there does not fail. Some to spare is taken where
+    // there is enough, so that growing step by step costs little.
     bool reserve(size_t count) {
-        if (count <= capacity_)
-            return true;
-        if (count > UINT32_MAX / sizeof(T))
-            return false;
-        const auto bytes = static_cast<uint32_t>(count * sizeof(T));
-        void* grown = data_ == nullptr ? KalAllocSMem(bytes) : KalReAllocSMem(data_, bytes);
-        if (grown == nullptr)
-            return false;
-        data_ = static_cast<T*>(grown);
-        capacity_ = count;
-        return true;
+        return count <= capacity_ || setCapacity(std::max(count, capacity_ + capacity_ / 2)) ||
+               setCapacity(count);
     }
 
     // Elements gained are all 0.
     bool resize(size_t count) {
-        if (count > capacity_ && !reserve(std::max(count, capacity_ + capacity_ / 2)) && !reserve(count))
+        if (!reserve(count))
             return false;
         if (count > size_)
             std::memset(static_cast<void*>(data_ + size_), 0, (count - size_) * sizeof(T));
@@ -68,7 +60,7 @@ public:
     void shrink(size_t count) { size_ = count; }
 
     bool append(const T& element) {
-        if (size_ == capacity_ && !reserve(capacity_ == 0 ? 4 : capacity_ * 2))
+        if (!reserve(size_ + 1))
             return false;
         data_[size_++] = element;
         return true;
@@ -81,6 +73,18 @@ public:
     }
 
 private:
+    bool setCapacity(size_t count) {
+        if (count > UINT32_MAX / sizeof(T))
+            return false;
+        const auto bytes = static_cast<uint32_t>(count * sizeof(T));
+        void* grown = data_ == nullptr ? KalAllocSMem(bytes) : KalReAllocSMem(data_, bytes);
+        if (grown == nullptr)
+            return false;
+        data_ = static_cast<T*>(grown);
+        capacity_ = count;
+        return true;
+    }
+
     T* data_ = nullptr;
     size_t size_ = 0;
     size_t capacity_ = 0;

@@ -24,6 +24,8 @@ bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
 }
 
 bool MiniSectors::flush(uint8_t* header) {
+    if (!window_.flush())
+        return false;
     const uint32_t shift = tableChain_.space().unitShift();
     for (uint32_t index = 0; index < table.pageCount();) {
         uint32_t step = 0;
@@ -40,11 +42,11 @@ bool MiniSectors::flush(uint8_t* header) {
 }
 
 Moved MiniSectors::read(uint64_t offset, void* destination, size_t count) {
-    return container_.read(offset, destination, count);
+    return window_.read(offset, destination, count);
 }
 
 Moved MiniSectors::write(uint64_t offset, const void* source, size_t count) {
-    return container_.write(offset, source, count);
+    return window_.write(offset, source, count);
 }
 
 bool MiniSectors::makeFree(uint32_t count) {

@@ -4,12 +4,13 @@
 
 #include "platform/compound/chain.h"
 #include "platform/compound/sectors.h"
+#include "platform/compound/window.h"
 
 namespace compound {
 
 class MiniSectors final : public Space {
 public:
-    explicit MiniSectors(Sectors& sectors) : tableChain_(sectors), container_(sectors) {
+    explicit MiniSectors(Sectors& sectors) : tableChain_(sectors), container_(sectors), window_(container_) {
         unitShift_ = kMiniShift;
     }
 
@@ -34,6 +35,7 @@ public:
 private:
     Chain tableChain_; // the mini FAT's sectors
     Chain container_;
+    Window window_; // what goes in and out of the container
 };
 
 } // namespace compound

@@ -76,8 +76,7 @@ bool makeName(const wchar_t* text, Name& name) {
     };
     for (; *text != 0; text++) {
         const auto character = static_cast<uint32_t>(*text);
-        if (character == '/' || character == '\\' || character == ':' || character == '!' ||
-            character > 0x10FFFF)
+        if (character > 0x10FFFF)
             return false;
         const bool pair = character > 0xFFFF;
         if (pair && !add(0xD800 + ((character - 0x10000) >> 10)))
@@ -87,6 +86,12 @@ bool makeName(const wchar_t* text, Name& name) {
     }
     name.units[name.length] = 0;
     return name.length > 0;
+}
+
+bool isProper(const Name& name) {
+    constexpr uint16_t kImproper[] = {'/', '\\', ':', '!'};
+    return std::find_first_of(name.units, name.units + name.length, std::begin(kImproper),
+                              std::end(kImproper)) == name.units + name.length;
 }
 
 void nameText(const Name& name, wchar_t* text) {

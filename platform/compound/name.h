@@ -11,8 +11,11 @@ struct Name {
     uint32_t length = 0;
 };
 
-// False for a name that the format does not take: empty, too long, or with `/`, `\`, `:` or `!` in it.
+// False for a name that is empty or too long.
 bool makeName(const wchar_t* text, Name& name);
+
+// Whether a new entry may have the name: without `/`, `\`, `:` and `!`.
+bool isProper(const Name& name);
 
 // The name in wide characters, ended by 0; `text` holds kNameUnits + 1.
 void nameText(const Name& name, wchar_t* text);

@@ -120,7 +120,7 @@ private:
     // The entry of that name and type, made where it is missing.
     HRESULT make(const wchar_t* text, uint32_t mode, EntryType type, uint32_t& entry, bool& made) {
         Name name;
-        if (!makeName(text, name))
+        if (!makeName(text, name) || !isProper(name))
             return STG_E_INVALIDNAME;
         if (!file_.writable())
             return STG_E_ACCESSDENIED;
