@@ -5,7 +5,8 @@
 //     unused   no span
 //     cold     a span whose pages are the host's again
 //     kept     a span with its pages
-//     live     a block; discarded while its size is 0
+//     live     a block; discarded while its size is 0, and then mostly without a span: a slot that is free
+//              keeps it
 #include "platform/global_memory.h"
 
 #include "platform/heap_faults.h"
@@ -168,6 +169,10 @@ void retire(uint16_t index) {
     push(slot.span != nullptr ? coldSlots[slot.spanClass] : unusedSlots, index);
 }
 
+bool hasUnused() {
+    return unusedSlots != 0 || slotsEverUsed + 1 < kSlots;
+}
+
 // A free slot stripped of its span, or 0: when every number is taken, a span of another class must go.
 uint16_t stripOne() {
     for (uint32_t c = 0; c < kClasses; c++) {
@@ -181,9 +186,9 @@ uint16_t stripOne() {
 }
 
 uint16_t takeUnused() {
-    if (unusedSlots != 0)
-        return pop(unusedSlots);
-    return slotsEverUsed + 1 < kSlots ? static_cast<uint16_t>(++slotsEverUsed) : stripOne();
+    if (!hasUnused())
+        return stripOne();
+    return unusedSlots != 0 ? pop(unusedSlots) : static_cast<uint16_t>(++slotsEverUsed);
 }
 
 // Gives a slot without a span a new one, for which all spans of free slots are given up when nothing else
@@ -321,7 +326,14 @@ bool moveToGrow(Slot& slot, uint32_t size) {
 bool discard(Slot& slot) {
     if (slot.locks > 0)
         return false;
-    if (slot.size > 0) {
+    if (slot.size > 0 && hasUnused()) {
+        const uint16_t index = takeUnused();
+        slots[index].span = slot.span;
+        slots[index].spanClass = slot.spanClass;
+        slots[index].size = slot.size;
+        slot.span = nullptr;
+        retire(index);
+    } else if (slot.size > 0) {
         closeSpan(slot);
         coolSpan(slot);
     }

@@ -94,6 +94,11 @@ bool Chain::extendTo(uint32_t units) {
     return true;
 }
 
+bool Chain::extendAhead(uint32_t units) {
+    constexpr uint32_t kMostAhead = 128;
+    return units <= unitCount() || extendTo(units + std::min(unitCount() / 2, kMostAhead)) || extendTo(units);
+}
+
 void Chain::cutTo(uint32_t units) {
     AllocationTable& table = space_->table;
     while (unitCount() > units) {

@@ -23,6 +23,9 @@ public:
 
     // Lengthens the chain to `units`, or leaves it as it was.
     bool extendTo(uint32_t units);
+    // The same with some units to spare where there is room, for chains that grow step by step: their stretches
+    // stay long.
+    bool extendAhead(uint32_t units);
     // Gives the units from `units` on back.
     void cutTo(uint32_t units);
 

@@ -123,11 +123,13 @@ HRESULT CompoundFile::flush() {
         return S_OK;
     for (Children* children = loaded_; children != nullptr; children = children->nextLoaded)
         children->setLinks();
+    if (!miniSectors_.flush(header_))
+        return STG_E_WRITEFAULT;
     directory_.setData(kRoot, miniSectors_.container().first(), miniSectors_.usedBytes());
     store32(header_ + kFirstDirectory, directory_.chain().first());
     if (load16(header_ + kMajorVersion) != 3)
         store32(header_ + kDirectorySectors, directory_.chain().unitCount());
-    if (!miniSectors_.flush(header_) || !directory_.flush() || !sectors_.flush(header_) ||
+    if (!directory_.flush() || !sectors_.flush(header_) ||
         host_.write(0, header_, sizeof header_).count != sizeof header_)
         return STG_E_WRITEFAULT;
     if (!host_.reserve(sectors_.usedBytes()) || !host_.truncate(sectors_.usedBytes()))

@@ -81,11 +81,11 @@ void Directory::setColour(uint32_t entry, Colour colour) {
 bool Directory::grow() {
     const uint32_t before = count();
     const uint32_t units = chain_.unitCount();
-    const auto bytes = size_t(units + 1) << chain_.space().unitShift();
-    if (!bytes_.reserve(bytes) || !dirty_.resize(units + 1))
+    if (!chain_.extendAhead(units + 1))
         return false;
-    if (!chain_.extendTo(units + 1)) {
-        dirty_.shrink(units);
+    const auto bytes = static_cast<size_t>(chain_.byteCount());
+    if (!bytes_.reserve(bytes) || !dirty_.resize(chain_.unitCount())) {
+        chain_.cutTo(units);
         return false;
     }
     bytes_.resize(bytes);

@@ -26,6 +26,7 @@ bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
 bool MiniSectors::flush(uint8_t* header) {
     if (!window_.flush())
         return false;
+    container_.cutTo(container_.space().unitsFor(usedBytes()));
     const uint32_t shift = tableChain_.space().unitShift();
     for (uint32_t index = 0; index < table.pageCount();) {
         uint32_t step = 0;
@@ -54,16 +55,16 @@ bool MiniSectors::makeFree(uint32_t count) {
         return true;
     const uint32_t before = tableChain_.unitCount();
     const uint32_t pages = (count - table.freeCount() + table.perPage() - 1) / table.perPage();
-    if (!tableChain_.extendTo(before + pages))
+    if (!tableChain_.extendAhead(before + pages))
         return false;
-    if (table.grow(pages))
+    if (table.grow(tableChain_.unitCount() - before))
         return true;
     tableChain_.cutTo(before);
     return false;
 }
 
 bool MiniSectors::secure(uint32_t end) {
-    return container_.extendTo(container_.space().unitsFor(uint64_t(end) << kMiniShift));
+    return container_.extendAhead(container_.space().unitsFor(uint64_t(end) << kMiniShift));
 }
 
 } // namespace compound
