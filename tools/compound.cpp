@@ -11,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cctype>
 #include <cstdio>
 #include <fcntl.h>
 #include <iostream>
@@ -78,7 +79,7 @@ std::string shown(const std::wstring& name) {
             text += static_cast<char>(code);
         } else {
             const int more = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
-            text += static_cast<char>((0xF00 >> more & 0xFF) | code >> (6 * more));
+            text += static_cast<char>((0xFF00 >> (more + 1) & 0xFF) | code >> (6 * more));
             for (int k = more - 1; k >= 0; k--)
                 text += static_cast<char>(0x80 | (code >> (6 * k) & 0x3F));
         }
@@ -91,8 +92,13 @@ std::wstring meant(const std::string& text) {
     for (size_t at = 0; at < text.size();) {
         const auto lead = static_cast<unsigned char>(text[at++]);
         unsigned code = lead;
-        if (lead == '\\' && std::sscanf(text.c_str() + at, "x%2x", &code) == 1)
+        const auto isDigit = [&text](size_t place) {
+            return place < text.size() && std::isxdigit(static_cast<unsigned char>(text[place])) != 0;
+        };
+        if (lead == '\\' && text[at] == 'x' && isDigit(at + 1) && isDigit(at + 2)) {
+            code = static_cast<unsigned>(std::stoul(text.substr(at + 1, 2), nullptr, 16));
             at += 3;
+        }
         const int more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC0 ? 1 : 0;
         if (more > 0)
             code = lead & (0x3Fu >> more);
@@ -115,6 +121,16 @@ std::string json(const std::string& shownName) {
 
 // --- Files -------------------------------------------------------------------------------------------------
 
+File openRegular(const std::string& path, int flags) {
+    try {
+        if (File file = File::openIfThere(path, flags); file.isOpen())
+            return file;
+    } catch (const Failure& failure) {
+        throw Failure(path, failure.what());
+    }
+    throw Failure(path, "there is no such file");
+}
+
 // A compound file by the host's own name: the storage is told of the open file, so that no letter of the name
 // is taken for a drive or a separator.
 class CompoundFile {
@@ -122,9 +138,7 @@ public:
     static CompoundFile existing(const std::string& path, uint32_t mode) {
         CompoundFile file;
         file.path_ = path;
-        file.file_ = File::openIfThere(path, mode == kUpdate ? O_RDWR : O_RDONLY);
-        if (!file.file_.isOpen())
-            throw Failure(path, "there is no such file");
+        file.file_ = openRegular(path, mode == kUpdate ? O_RDWR : O_RDONLY);
         file.take(StgOpenStorage(file.name().c_str(), nullptr, mode, nullptr, 0, &file.raw_));
         return file;
     }
@@ -270,9 +284,7 @@ void write(IStream* stream, const File& input, uint64_t bytes, const std::string
 }
 
 void put(const Arguments& arguments) {
-    const File input = File::openIfThere(arguments.input, O_RDONLY);
-    if (!input.isOpen())
-        throw Failure(arguments.input, "there is no such file");
+    const File input = openRegular(arguments.input, O_RDONLY);
     const uint64_t bytes = input.size();
     if (bytes > kLongestStream)
         throw Failure(arguments.input, "too long for a stream");

@@ -109,13 +109,11 @@ bool readByOlefile(const std::string& path, Streams& streams) {
         "for i, parts in enumerate(ole.listdir()):\n"
         "    open('olefile-out/%d' % i, 'wb').write(ole.openstream(parts).read())\n"
         "    print(i, *[ord(c) for c in '/'.join(parts)])\n";
-    writeFile("olefile.py", bytesOf(script));
-    std::string python = "python3";
-    if (!run(python + " -c 'import olefile'"))
-        python = "/usr/bin/python3"; // the one that the system's packages belong to
-    if (!run(python + " -c 'import olefile'"))
+    writeFile("dump_streams.py", bytesOf(script));
+    std::string python = "/usr/bin/python3"; // the one that the system's packages belong to
+    if (!run(python + " -c 'import olefile'") && !run((python = "python3") + " -c 'import olefile'"))
         return false;
-    EXPECT_TRUE(run(python + " olefile.py '" + path + "' > olefile.txt")) << path;
+    EXPECT_TRUE(run(python + " dump_streams.py '" + path + "' > olefile.txt")) << path;
     const Bytes listing = readFile("olefile.txt");
     std::string text(listing.begin(), listing.end());
     for (size_t at = 0; at < text.size();) {
