@@ -58,8 +58,8 @@ private:
     // Whether the file has all bytes of what lies in a chain, also where its last sector is cut short.
     bool reaches(const Chain& chain, uint64_t size) const {
         uint8_t last;
-        return chain.byteCount() >= size && (size == 0 || !file_.sectors().isLastCutShort() ||
-                                             chain.read(size - 1, &last, 1).count == 1);
+        return chain.byteCount() >= size &&
+               (size == 0 || !file_.sectors().isLastCutShort() || chain.read(size - 1, &last, 1).count == 1);
     }
 
     bool takeStream(uint32_t entry) {
