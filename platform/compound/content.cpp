@@ -24,7 +24,7 @@ Moved Content::read(uint64_t position, void* destination, size_t count) {
 // --- Room --------------------------------------------------------------------------------------------
 
 // Puts the first `keep` bytes into a fresh chain for `size` bytes; `previous` is the old chain then.
-bool Content::move(uint64_t size, uint64_t keep, Chain& previous) {
+bool Content::move(uint64_t size, size_t keep, Chain& previous) {
     uint8_t bytes[kMiniCutoff]; // a stream moves only with fewer than these
     Chain fresh(spaceFor(size));
     if (!fresh.extendTo(fresh.space().unitsFor(size)))
@@ -40,7 +40,7 @@ bool Content::move(uint64_t size, uint64_t keep, Chain& previous) {
 
 bool Content::tryRoom(uint64_t size, Chain& previous) {
     return &spaceFor(size) == &chain_.space() ? chain_.extendTo(chain_.space().unitsFor(size))
-                                              : move(size, size_, previous);
+                                              : move(size, static_cast<size_t>(size_), previous);
 }
 
 // Makes room for `size` bytes, not fewer than there are, or for as many as the disk has room for. The size
@@ -119,7 +119,7 @@ bool Content::setSize(uint64_t size) {
         chain_.cutTo(chain_.space().unitsFor(size));
         done = true;
     } else {
-        done = move(size, size, previous);
+        done = move(size, static_cast<size_t>(size), previous);
     }
     settle(done ? size : size_, previous);
     return done;

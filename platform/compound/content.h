@@ -26,7 +26,7 @@ private:
     Space& spaceFor(uint64_t size) const;
     uint64_t makeRoom(uint64_t size, Chain& previous);
     bool tryRoom(uint64_t size, Chain& previous);
-    bool move(uint64_t size, uint64_t keep, Chain& previous);
+    bool move(uint64_t size, size_t keep, Chain& previous);
     bool settle(uint64_t size, Chain& previous);
     bool zeroTo(uint64_t position);
 
