@@ -149,7 +149,12 @@ uint16_t pop(uint16_t& list) {
 
 uint16_t takeKept(uint32_t spanClass) {
     add(keptBytes, 0 - capacityOf(spanClass));
-    return pop(keptSlots[spanClass]);
+    const uint16_t index = pop(keptSlots[spanClass]);
+    // Slots and spans freed at random lie far apart: fetch what the next two allocations will ask for.
+    const Slot& next = slots[keptSlots[spanClass]];
+    __builtin_prefetch(next.span, 1);
+    __builtin_prefetch(&slots[next.next]);
+    return index;
 }
 
 // Puts a slot in which no block lives any more among the free ones.
@@ -244,6 +249,32 @@ public:
 
 private:
     bool taken_;
+};
+
+// Pages to give back to the host, neighbours in one call: blocks are often freed in the order of their
+// addresses.
+class PageRun {
+public:
+    void add(uint8_t* pages, size_t bytes) {
+        if (pages + bytes == begin_) {
+            begin_ = pages;
+        } else if (pages == end_) {
+            end_ += bytes;
+        } else {
+            drop();
+            begin_ = pages;
+            end_ = pages + bytes;
+        }
+    }
+    ~PageRun() { drop(); }
+
+private:
+    void drop() {
+        if (begin_ != end_)
+            dropPages(begin_, static_cast<size_t>(end_ - begin_));
+    }
+    uint8_t* begin_ = nullptr;
+    uint8_t* end_ = nullptr;
 };
 
 HGLOBAL handleOf(uint16_t index) {
@@ -443,11 +474,15 @@ uint64_t keptGlobalMemory() {
 
 void trimGlobalMemory(uint64_t most) {
     const TableLock lock;
+    PageRun run;
     for (uint32_t c = kClasses; c-- > 0;)
         while (keptSlots[c] != 0 && keptBytes.load(std::memory_order_relaxed) > most) {
             const uint16_t index = takeKept(c);
-            coolSpan(slots[index]);
-            push(slots[index].span != nullptr ? coldSlots[c] : unusedSlots, index);
+            if (isMapping(c))
+                unmapSpan(slots[index]);
+            else
+                run.add(slots[index].span, static_cast<size_t>(capacityOf(c)));
+            push(isMapping(c) ? unusedSlots : coldSlots[c], index);
         }
 }
 

@@ -176,7 +176,8 @@ TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
                     ASSERT_EQ(KalFindVItem(swap.file, id), nullptr);
                 break;
             default:
-                const Bytes bytes = randomBytes(random() % 5 == 0 ? random() % 3 : random() % 400, step);
+                const Bytes bytes =
+                    randomBytes(random() % 5 == 0 ? random() % 3 + 1 : random() % 400 + 1, step);
                 ASSERT_EQ(swap.write(id, bytes), int32_t(bytes.size()));
                 model.write(id, bytes);
                 if (random() % 16 == 0) {
