@@ -188,7 +188,7 @@ private:
 
     // Takes as much as the buffer and the caller's bytes allow without care for their ends.
     void decodeFromBuffer() {
-        if (state_.firstAfterClear || state_.bitCount >= 8)
+        if (state_.firstAfterClear)
             return;
         const uint32_t ahead = bytesAhead(stream_);
         const uint8_t* const from = stream_->bufPtr;

@@ -12,10 +12,12 @@
 #include <kal/list.h>
 #include <kal/log.h>
 #include <kal/lzw.h>
+#include <kal/mapping.h>
 #include <kal/memory.h>
 #include <kal/oplist.h>
 #include <kal/path.h>
 #include <kal/resource.h>
+#include <kal/storage.h>
 #include <kal/stream.h>
 #include <kal/text.h>
 #include <kal/vmem.h>

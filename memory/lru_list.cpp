@@ -31,9 +31,9 @@ bool isInMemory(const LruNode* node) {
     return (GlobalFlags(node->handle) & (GMEM_INVALID_HANDLE | GMEM_DISCARDED)) == 0;
 }
 
-// Order of the heap: the oldest on top.
+// Order of the heap: the longest in memory on top.
 bool isNewer(const LruCandidate& a, const LruCandidate& b) {
-    return a.age > b.age;
+    return a.arrival > b.arrival;
 }
 
 void popHeap(LruList* list) {
@@ -77,6 +77,23 @@ bool canGo(LruList* list, LruNode* node) {
     return true;
 }
 
+// Takes the top away when its block cannot go, or sinks it when the block has come into memory anew since it was
+// queued. True when it is right where it is.
+bool settleTop(LruList* list) {
+    LruCandidate top = list->heap[0];
+    if (top.node->age != top.age || !canGo(list, top.node)) {
+        popHeap(list);
+        return false;
+    }
+    if (top.arrival == top.node->arrival)
+        return true;
+    top.arrival = top.node->arrival;
+    std::pop_heap(list->heap, list->heap + list->heapCount, isNewer);
+    list->heap[list->heapCount - 1] = top;
+    std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
+    return false;
+}
+
 LruNode* spareOrNew(LruList* list) {
     LruNode* node = list->spare;
     if (node != nullptr) {
@@ -116,6 +133,7 @@ LruNode* addNode(LruList* list, void* handle) {
         return nullptr;
     node->handle = handle;
     node->age = ++list->newestAge & (UINT64_MAX >> 2);
+    node->arrival = node->age;
     node->parked = 0;
     node->queued = 0;
     KalSAddHead(&list->list, node);
@@ -139,15 +157,14 @@ void removeNode(LruList* list, LruNode* node) {
 }
 
 LruNode* oldestCandidate(LruList* list) {
-    for (; list->heapCount > 0; popHeap(list)) {
-        const LruCandidate& top = list->heap[0];
-        if (top.node->age == top.age && canGo(list, top.node))
-            return top.node;
+    while (list->heapCount > 0 && !settleTop(list)) {
     }
-    for (; list->frontier != nullptr; list->frontier = newerThan(list->frontier))
-        if (canGo(list, list->frontier))
-            return list->frontier;
-    return nullptr;
+    while (list->frontier != nullptr && !canGo(list, list->frontier))
+        list->frontier = newerThan(list->frontier);
+    if (list->heapCount == 0)
+        return list->frontier;
+    const LruCandidate& top = list->heap[0];
+    return list->frontier != nullptr && list->frontier->arrival < top.arrival ? list->frontier : top.node;
 }
 
 void dropOldestCandidate(LruList* list, LruNode* node) {
@@ -158,8 +175,10 @@ void dropOldestCandidate(LruList* list, LruNode* node) {
 }
 
 void parkNode(LruList* list, LruNode* node) {
-    if (list->frontier == nullptr || node->age < list->frontier->age)
-        park(list, node);
+    if (list->frontier != nullptr && node->age >= list->frontier->age)
+        return; // it will be looked at in its turn
+    node->arrival = ++list->newestAge & (UINT64_MAX >> 2);
+    park(list, node);
 }
 
 void unparkNode(LruList* list, LruNode* node) {
@@ -176,7 +195,7 @@ void unparkNode(LruList* list, LruNode* node) {
         return;
     }
     node->queued = 1;
-    list->heap[list->heapCount++] = {node->age, node};
+    list->heap[list->heapCount++] = {node->arrival, node->age, node};
     std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
 }
 

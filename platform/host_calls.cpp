@@ -1,6 +1,7 @@
 #include "platform/host_calls.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -29,6 +30,13 @@ HostCalls hostCalls = {
     .mkdir = ::mkdir,
     .chdir = ::chdir,
     .getcwd = ::getcwd,
+    .pread = ::pread,
+    .pwrite = ::pwrite,
+    .ftruncate = ::ftruncate,
+    .fallocate = ::fallocate,
+    .flock = ::flock,
+    .shmOpen = ::shm_open,
+    .shmUnlink = ::shm_unlink,
     .mmap = ::mmap,
     .munmap = ::munmap,
     .mremap = remap,

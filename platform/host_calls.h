@@ -19,6 +19,13 @@ struct HostCalls {
     int (*mkdir)(const char* path, mode_t mode);
     int (*chdir)(const char* path);
     char* (*getcwd)(char* destination, size_t size);
+    ssize_t (*pread)(int fd, void* destination, size_t count, off_t offset);
+    ssize_t (*pwrite)(int fd, const void* source, size_t count, off_t offset);
+    int (*ftruncate)(int fd, off_t length);
+    int (*fallocate)(int fd, int mode, off_t offset, off_t count);
+    int (*flock)(int fd, int operation);
+    int (*shmOpen)(const char* name, int flags, mode_t mode);
+    int (*shmUnlink)(const char* name);
     void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t offset);
     int (*munmap)(void* address, size_t size);
     void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);

@@ -5,7 +5,10 @@
 #ifndef KAL_STREAMS_BACKENDS_H
 #define KAL_STREAMS_BACKENDS_H
 
+#include <kal/heap.h>
 #include <kal/stream.h>
+
+#include <cstring>
 
 // The six operations of a back-end; each back-end has one such table.
 struct StreamOperations {
@@ -26,11 +29,25 @@ inline void installOperations(SFILE* record, const StreamOperations& operations)
     record->close = operations.close;
 }
 
+// A copy of a text, for a record to own, or null.
+inline char* copyText(const char* text) {
+    const size_t size = std::strlen(text) + 1;
+    auto* copy = static_cast<char*>(KalAllocSMem(static_cast<uint32_t>(size)));
+    if (copy != nullptr)
+        std::memcpy(copy, text, size);
+    return copy;
+}
+
 // The set-up of a back-end that KalOpenFile chooses by a mode bit, on a fresh record (all 0 but `mode`). It
 // gives the record its storage and operations and returns 0; on failure it releases the record and returns
 // the status of the open.
 using SetUpBackend = int16_t (*)(SFILE* record, const char* name, int32_t size);
 
+int16_t setUpMappingStream(SFILE* record, const char* name, int32_t size);
+
+// The object behind a compound-file stream; null for any other stream.
+class SFOLE2;
+SFOLE2* storageStreamOf(const SFILE* stream);
 int16_t setUpMemoryStream(SFILE* record, const char* name, int32_t size);
 int16_t setUpVMemStream(SFILE* record, const char* name, int32_t size);
 

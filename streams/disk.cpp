@@ -6,6 +6,7 @@
 #include "streams/buffered.h"
 
 #include <kal/heap.h>
+#include <kal/storage.h>
 
 namespace {
 
@@ -81,7 +82,10 @@ int16_t KalSetBuf(SFILE* stream, uint32_t size) {
 }
 
 int16_t KalFlushBuf(SFILE* stream) {
-    return stream != nullptr ? Disk::flush(stream) : int16_t(KAL_ERR_NULL_STREAM);
+    if (stream == nullptr)
+        return KAL_ERR_NULL_STREAM;
+    SFOLE2* storageStream = storageStreamOf(stream);
+    return storageStream != nullptr ? storageStream->KalFlushBuf() : Disk::flush(stream);
 }
 
 int16_t KalSetOffset(SFILE* stream, uint32_t offset) {

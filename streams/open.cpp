@@ -3,20 +3,13 @@
 
 #include "platform/file_calls.h"
 #include "streams/backends.h"
+#include "streams/search.h"
 
 #include <kal/heap.h>
-#include <kal/path.h>
 
 #include <cerrno>
-#include <cstring>
 
 namespace {
-
-// Until a back-end of its own stands in the table.
-int16_t refuse(SFILE* record, const char*, int32_t) {
-    KalFreeSMem(record);
-    return KAL_ERR_SERVICE;
-}
 
 // In the order in which their bits are looked at; a mode with none of them is a disk stream.
 constexpr struct {
@@ -25,7 +18,7 @@ constexpr struct {
 } backends[] = {
     {KAL_MODE_MEMORY, setUpMemoryStream},
     {KAL_MODE_VMEM, setUpVMemStream},
-    {KAL_MODE_FILEMAP, refuse},
+    {KAL_MODE_FILEMAP, setUpMappingStream},
 };
 
 constexpr uint16_t kWriteAccess = KAL_MODE_WRITE | KAL_MODE_UPDATE;
@@ -36,23 +29,11 @@ int16_t openFailed() {
 
 // Opens `name` in the directories of the search text, one after another.
 HFILE openAlongSearchText(const char* name, int access) {
-    const char* rest = KalGetPath();
-    if (rest == nullptr)
-        return HFILE_ERROR;
-    const size_t room = std::strlen(rest) + 1 + KAL_FILE_SIZE + KAL_EXT_SIZE + 1;
-    auto* candidate = static_cast<char*>(KalAllocSMem(static_cast<uint32_t>(room)));
-    if (candidate == nullptr) {
-        errno = ENOMEM;
-        return HFILE_ERROR;
-    }
     HFILE file = HFILE_ERROR;
-    while (rest != nullptr && file == HFILE_ERROR) {
-        rest = KalNextPathFile(candidate, rest, name);
+    alongSearchText(name, [&file, access](const char* candidate) {
         file = _lopen(candidate, access);
-    }
-    const int error = errno;
-    KalFreeSMem(candidate);
-    errno = error;
+        return file != HFILE_ERROR;
+    });
     return file;
 }
 
@@ -67,14 +48,6 @@ HFILE openOrCreate(const char* name, uint16_t mode) {
     if (file == HFILE_ERROR && append)
         file = _lcreat(name, 0);
     return file;
-}
-
-char* copyText(const char* text) {
-    const size_t size = std::strlen(text) + 1;
-    auto* copy = static_cast<char*>(KalAllocSMem(static_cast<uint32_t>(size)));
-    if (copy != nullptr)
-        std::memcpy(copy, text, size);
-    return copy;
 }
 
 int16_t openDiskStream(SFILE* record, const char* name) {

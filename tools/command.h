@@ -10,5 +10,6 @@ void addStore(CLI::App& program);
 void addList(CLI::App& program);
 void addExtract(CLI::App& program);
 void addResource(CLI::App& program);
+void addCompound(CLI::App& program);
 
 #endif

@@ -15,7 +15,7 @@
 namespace {
 
 // The commands, in the order in which help shows them.
-constexpr void (*commands[])(CLI::App&) = {addStore, addList, addExtract, addResource};
+constexpr void (*commands[])(CLI::App&) = {addStore, addList, addExtract, addResource, addCompound};
 
 constexpr int failed = 1;
 constexpr int wrongUsage = 2;
@@ -32,7 +32,7 @@ void fillStandardStreams() {
 }
 
 int run(int count, char** arguments) {
-    CLI::App program("Keeps pictures in archives of operation lists.", "kal");
+    CLI::App program("Keeps pictures in archives of operation lists, and streams in compound files.", "kal");
     program.set_version_flag("--version", "kal " KAL_VERSION);
     program.require_subcommand(1);
     for (auto add : commands)

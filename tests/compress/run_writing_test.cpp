@@ -5,6 +5,7 @@
 #include "tests/support/vector_stream.h"
 
 #include <kal/cfile.h>
+#include <kal/vmem.h>
 
 #include <random>
 
@@ -222,6 +223,32 @@ TEST_F(RunWriting, EndsRunsOnStreamsThatKeepNoDirty) {
         EXPECT_EQ(back, data);
         KalFreeCFile(cfile);
     }
+}
+
+TEST_F(RunWriting, WorksOverEveryBackEnd) {
+    ASSERT_EQ(KalOpenVMem(0), 0);
+    const Bytes data = samplePicture(60000, 4);
+    for (uint16_t mode : {uint16_t{0}, KAL_MODE_MEMORY, KAL_MODE_VMEM}) {
+        SFILE* stream = nullptr;
+        ASSERT_EQ(KalOpenFile(&stream, "run", uint16_t(mode | KAL_MODE_CREATE | KAL_MODE_WRITE), 0), 0);
+        stream->write(stream, data.data(), 1000);
+        scfiletag* cfile;
+        ASSERT_EQ(KalMakeCFile(&cfile, stream), 0);
+        EXPECT_EQ(KalWriteCFile(cfile, data.data(), 30000), 30000);
+        EXPECT_EQ(KalWriteCFile(cfile, &data[30000], 30000), 30000);
+        EXPECT_EQ(KalFlushCFile(cfile), 0);
+        const uint32_t end = stream->pos;
+        stream->seek(stream, 1000, KAL_SEEK_START);
+        Bytes back(60000);
+        EXPECT_EQ(KalReadCFile(cfile, back.data(), 60000), 60000);
+        EXPECT_EQ(back, data);
+        EXPECT_EQ(KalReadCFile(cfile, back.data(), 1), 0);
+        EXPECT_EQ(cfile->status, KAL_ERR_RUN);
+        EXPECT_EQ(val(stream->pos), end) << "mode " << mode;
+        KalFreeCFile(cfile);
+        stream->close(stream);
+    }
+    KalCloseVMem();
 }
 
 // The last byte of a call may be the one that fills the table: nothing is pending then.

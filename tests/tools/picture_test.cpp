@@ -33,7 +33,9 @@ void expectRoundTrip(const std::vector<BmpKind>& kinds, bool plain) {
         EXPECT_EQ(rows[i].topDown, kinds[i].height < 0);
         EXPECT_EQ(rows[i].bytes, files[i].size());
         EXPECT_NEAR(rows[i].ratio, static_cast<double>(rows[i].stored) / rows[i].bytes, 1e-4);
-        EXPECT_TRUE(extracted("a.kal", rows[i].id) == files[i]);
+        if (!slowBuild || i % 3 == 0) {
+            EXPECT_TRUE(extracted("a.kal", rows[i].id) == files[i]);
+        }
     }
 }
 
@@ -141,7 +143,7 @@ TEST_F(Picture, OfAnotherKindIsRefused) {
 
 TEST_F(Picture, CutAnywhereIsRefused) {
     const Bytes file = makeBmp({9, 3, 1});
-    for (size_t length = 0; length < file.size(); length++) {
+    for (size_t length = 0; length < file.size(); length += slowBuild ? 7 : 1) {
         writeFile("p.bmp", Bytes(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(length)));
         const Outcome outcome = kal({"store", "a.kal", "p.bmp"});
         expectFailure(outcome, 1, "p.bmp: ");

@@ -1,0 +1,108 @@
+// Any bytes as a compound file: read, and written to where that is allowed.
+#include "fuzz/fuzz_target.h"
+
+#include "platform/storage.h"
+
+#include <cstdlib>
+#include <map>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Streams = std::map<std::wstring, Bytes>;
+
+constexpr uint32_t kReading = STGM_READ | STGM_SHARE_DENY_WRITE;
+constexpr uint32_t kUpdate = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+
+// A stream's bytes. False when it is not whole.
+bool readStream(IStream* stream, uint64_t size, Bytes& bytes) {
+    uint32_t got = 1;
+    HRESULT result = S_OK;
+    while (got > 0 && result == S_OK) {
+        uint8_t piece[1000];
+        result = stream->Read(piece, sizeof piece, &got);
+        bytes.insert(bytes.end(), piece, piece + got);
+        require(bytes.size() <= size, "no stream is longer than it says");
+    }
+    require(result == S_OK || got == 0, "an error comes without bytes");
+    require((result == S_OK) == (bytes.size() == size), "a stream that is not whole tells so");
+    return result == S_OK;
+}
+
+bool readStorage(IStorage* storage, const std::wstring& prefix, int depth, Streams& streams) {
+    require(depth < 1000, "storages do not come round");
+    IEnumSTATSTG* elements;
+    require(storage->EnumElements(0, nullptr, 0, &elements) == S_OK, "elements can be listed");
+    bool whole = true;
+    STATSTG element;
+    while (elements->Next(1, &element, nullptr) == S_OK) {
+        const std::wstring name = element.pwcsName;
+        CoTaskMemFree(element.pwcsName);
+        IStream* stream;
+        IStorage* inner;
+        if (element.type == STGTY_STREAM &&
+            storage->OpenStream(name.c_str(), nullptr, STGM_READ, 0, &stream) == S_OK) {
+            whole = readStream(stream, element.cbSize, streams[prefix + name]) && whole;
+            stream->Release();
+        } else if (element.type == STGTY_STORAGE &&
+                   storage->OpenStorage(name.c_str(), nullptr, STGM_READ, nullptr, 0, &inner) == S_OK) {
+            whole = readStorage(inner, prefix + name + L"/", depth + 1, streams) && whole;
+            inner->Release();
+        } else {
+            whole = false;
+        }
+    }
+    elements->Release();
+    return whole;
+}
+
+bool readFile(const wchar_t* path, Streams& streams) {
+    IStorage* storage;
+    if (StgOpenStorage(path, nullptr, kReading, nullptr, 0, &storage) != S_OK)
+        return false;
+    const bool whole = readStorage(storage, L"", 0, streams);
+    storage->Release();
+    return whole;
+}
+
+bool changeFile(const wchar_t* path, const Bytes& bytes) {
+    IStorage* storage;
+    if (StgOpenStorage(path, nullptr, kUpdate, nullptr, 0, &storage) != S_OK)
+        return false;
+    IStream* stream;
+    const HRESULT result = storage->CreateStream(L"made by the fuzzer", kUpdate | STGM_CREATE, 0, 0, &stream);
+    if (result == S_OK) {
+        uint32_t written;
+        require(stream->Write(bytes.data(), static_cast<uint32_t>(bytes.size()), &written) == S_OK &&
+                    written == bytes.size(),
+                "a stream takes what is written");
+        stream->Release();
+    }
+    storage->Release();
+    return result == S_OK;
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const int file = memfd_create("compound", 0);
+    static const std::string name = "/proc/self/fd/" + std::to_string(file);
+    const std::wstring path(name.begin(), name.end());
+    if (ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size))
+        std::abort();
+
+    Streams before;
+    readFile(path.c_str(), before);
+    const Bytes added(size % 3 == 0 ? 100 : 5000, uint8_t(size));
+    if (!changeFile(path.c_str(), added))
+        return 0;
+    before[L"made by the fuzzer"] = added;
+    Streams after;
+    require(readFile(path.c_str(), after), "what takes writes is whole afterwards");
+    require(after == before, "a write changes nothing else");
+    return 0;
+}

@@ -1,0 +1,189 @@
+#include "platform/compound/compound_file.h"
+
+namespace compound {
+
+namespace {
+
+constexpr uint16_t kLittleEndian = 0xFFFE;
+constexpr uint16_t kMinor = 0x3E;
+constexpr uint32_t kSmallShift = 9;  // version 3
+constexpr uint32_t kLargeShift = 12; // version 4
+
+HRESULT resultOf(HostFile::Result result) {
+    switch (result) {
+    case HostFile::Result::ok:
+        return S_OK;
+    case HostFile::Result::missing:
+        return STG_E_FILENOTFOUND;
+    case HostFile::Result::exists:
+        return STG_E_FILEALREADYEXISTS;
+    case HostFile::Result::shared:
+        return STG_E_SHAREVIOLATION;
+    case HostFile::Result::full:
+        return STG_E_MEDIUMFULL;
+    default:
+        return STG_E_ACCESSDENIED;
+    }
+}
+
+void makeHeader(uint8_t* header) {
+    std::memcpy(header, kSignature, sizeof kSignature);
+    store16(header + kMinorVersion, kMinor);
+    store16(header + kMajorVersion, 3);
+    store16(header + kByteOrder, kLittleEndian);
+    store16(header + kSectorShift, kSmallShift);
+    store16(header + kMiniSectorShift, kMiniShift);
+    store32(header + kCutoff, kMiniCutoff);
+    store32(header + kFirstMiniFat, kEndOfChain);
+}
+
+// The sector shift of a header that this format can have, else 0.
+uint32_t checkHeader(const uint8_t* header) {
+    const uint16_t version = load16(header + kMajorVersion);
+    const uint16_t shift = load16(header + kSectorShift);
+    const bool known = (version == 3 && shift == kSmallShift) || (version == 4 && shift == kLargeShift);
+    const bool good = std::memcmp(header, kSignature, sizeof kSignature) == 0 &&
+                      load16(header + kByteOrder) == kLittleEndian &&
+                      load16(header + kMiniSectorShift) == kMiniShift &&
+                      load32(header + kCutoff) == kMiniCutoff;
+    return known && good ? shift : 0;
+}
+
+} // namespace
+
+CompoundFile::~CompoundFile() {
+    while (loaded_ != nullptr) {
+        Children* children = loaded_;
+        loaded_ = children->nextLoaded;
+        delete children;
+    }
+}
+
+CompoundFile* CompoundFile::create(const char* hostPath, bool replace, HRESULT& result) {
+    auto* file = new CompoundFile;
+    if (file == nullptr) {
+        result = STG_E_INSUFFICIENTMEMORY;
+        return nullptr;
+    }
+    result = resultOf(file->host_.create(hostPath, replace));
+    if (result == S_OK && !(file->start() && file->flush() == S_OK)) {
+        file->host_.abandon(hostPath);
+        result = STG_E_MEDIUMFULL;
+    }
+    if (result == S_OK)
+        return file;
+    delete file;
+    return nullptr;
+}
+
+CompoundFile* CompoundFile::open(const char* hostPath, bool writable, HRESULT& result) {
+    auto* file = new CompoundFile;
+    if (file == nullptr) {
+        result = STG_E_INSUFFICIENTMEMORY;
+        return nullptr;
+    }
+    result = resultOf(file->host_.open(hostPath, writable));
+    if (result == S_OK && !(file->load() && (!writable || isSound(*file))))
+        result = STG_E_DOCFILECORRUPT;
+    if (result == S_OK)
+        return file;
+    delete file;
+    return nullptr;
+}
+
+bool CompoundFile::start() {
+    makeHeader(header_);
+    sectors_.start(kSmallShift);
+    miniSectors_.start();
+    changed_ = true;
+    return directory_.start();
+}
+
+bool CompoundFile::load() {
+    if (host_.read(0, header_, sizeof header_).count != sizeof header_)
+        return false;
+    const uint32_t shift = checkHeader(header_);
+    return shift != 0 && sectors_.load(shift, header_) &&
+           directory_.load(load32(header_ + kFirstDirectory)) &&
+           miniSectors_.load(header_, directory_.first(kRoot));
+}
+
+void CompoundFile::letGo() {
+    if (--holders_ > 0)
+        return;
+    if (writable())
+        flush();
+    delete this;
+}
+
+// The FAT comes after what changes it, the header last. All sectors have had their room since they were
+// taken, so a full disk does not come in between.
+HRESULT CompoundFile::flush() {
+    if (!changed_)
+        return S_OK;
+    for (Children* children = loaded_; children != nullptr; children = children->nextLoaded)
+        children->setLinks();
+    if (!miniSectors_.flush(header_))
+        return STG_E_WRITEFAULT;
+    directory_.setData(kRoot, miniSectors_.container().first(), miniSectors_.usedBytes());
+    store32(header_ + kFirstDirectory, directory_.chain().first());
+    if (load16(header_ + kMajorVersion) != 3)
+        store32(header_ + kDirectorySectors, directory_.chain().unitCount());
+    if (!directory_.flush() || !sectors_.flush(header_) ||
+        host_.write(0, header_, sizeof header_).count != sizeof header_)
+        return STG_E_WRITEFAULT;
+    if (!host_.reserve(sectors_.usedBytes()) || !host_.truncate(sectors_.usedBytes()))
+        return STG_E_WRITEFAULT;
+    changed_ = false;
+    return S_OK;
+}
+
+uint64_t CompoundFile::longestStream() const {
+    return sectors_.unitShift() == kSmallShift ? 0x80000000u : 0xFFFFFFFFu;
+}
+
+Children* CompoundFile::childrenOf(uint32_t storage) {
+    for (Children* children = loaded_; children != nullptr; children = children->nextLoaded)
+        if (children->storage() == storage)
+            return children;
+    if (!claimed_.resize(directory_.count()))
+        return nullptr;
+    auto* fresh = new Children(directory_, storage);
+    if (fresh == nullptr)
+        return nullptr;
+    if (!fresh->load(claimed_)) {
+        delete fresh;
+        return nullptr;
+    }
+    fresh->nextLoaded = loaded_;
+    loaded_ = fresh;
+    return fresh;
+}
+
+uint32_t CompoundFile::add(Children& children, const Name& name, EntryType type) {
+    const uint32_t entry = directory_.add(name, type);
+    if (entry == kNoEntry)
+        return kNoEntry;
+    if (!claimed_.resize(directory_.count()) || !children.insert(entry)) {
+        directory_.remove(entry);
+        return kNoEntry;
+    }
+    claimed_[entry] = 1;
+    changed_ = true;
+    return entry;
+}
+
+void CompoundFile::remove(Children& children, uint32_t entry) {
+    children.remove(entry);
+    directory_.remove(entry);
+    claimed_[entry] = 0;
+}
+
+bool CompoundFile::markOpen(uint32_t entry) {
+    if (!open_.resize(directory_.count()) || open_[entry] != 0)
+        return false;
+    open_[entry] = 1;
+    return true;
+}
+
+} // namespace compound

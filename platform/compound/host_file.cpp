@@ -1,0 +1,153 @@
+#include "platform/compound/host_file.h"
+
+#include "platform/host_calls.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+
+namespace compound {
+
+namespace {
+
+// Never waits on a pipe or a terminal that bears the name.
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+// How far ahead of the need room is set aside: a quarter of the file, within these bounds.
+constexpr uint64_t kLeastAhead = 64 * 1024;
+constexpr uint64_t kMostAhead = 4 * 1024 * 1024;
+
+HostFile::Result resultOfErrno() {
+    switch (errno) {
+    case ENOENT:
+    case ENOTDIR:
+        return HostFile::Result::missing;
+    case EEXIST:
+        return HostFile::Result::exists;
+    case ENOSPC:
+    case EDQUOT:
+        return HostFile::Result::full;
+    default:
+        return HostFile::Result::denied;
+    }
+}
+
+// Repeats `transfer(done)`, which moves bytes from `done` on, until all are moved, no more come or it fails.
+template <class Transfer>
+Moved moveAll(size_t count, Transfer transfer) {
+    Moved moved;
+    while (moved.count < count) {
+        const ssize_t step = transfer(moved.count);
+        if (step < 0 && errno == EINTR)
+            continue;
+        if (step <= 0) {
+            moved.failed = step < 0;
+            break;
+        }
+        moved.count += static_cast<size_t>(step);
+    }
+    return moved;
+}
+
+} // namespace
+
+HostFile::~HostFile() {
+    if (fd_ >= 0)
+        hostCalls.close(fd_);
+}
+
+HostFile::Result HostFile::take(int fd, bool writable) {
+    if (fd < 0)
+        return resultOfErrno();
+    struct stat state;
+    int locked;
+    do {
+        locked = hostCalls.flock(fd, (writable ? LOCK_EX : LOCK_SH) | LOCK_NB);
+    } while (locked != 0 && errno == EINTR);
+    if (locked != 0 || hostCalls.fstat(fd, &state) != 0 || !S_ISREG(state.st_mode)) {
+        hostCalls.close(fd);
+        return locked != 0 ? Result::shared : Result::denied;
+    }
+    fd_ = fd;
+    writable_ = writable;
+    length_ = static_cast<uint64_t>(state.st_size);
+    return Result::ok;
+}
+
+HostFile::Result HostFile::open(const char* hostPath, bool writable) {
+    return take(hostCalls.open(hostPath, (writable ? O_RDWR : O_RDONLY) | kOpenFlags, 0), writable);
+}
+
+HostFile::Result HostFile::create(const char* hostPath, bool replace) {
+    Result result = take(hostCalls.open(hostPath, O_RDWR | O_CREAT | O_EXCL | kOpenFlags, 0666), true);
+    made_ = result == Result::ok;
+    if (result != Result::exists || !replace)
+        return result;
+    result = take(hostCalls.open(hostPath, O_RDWR | O_CREAT | kOpenFlags, 0666), true);
+    if (result == Result::ok && !truncate(0))
+        return Result::denied;
+    return result;
+}
+
+void HostFile::abandon(const char* hostPath) {
+    if (made_)
+        hostCalls.unlink(hostPath);
+}
+
+Moved HostFile::read(uint64_t position, void* destination, size_t count) const {
+    auto* to = static_cast<uint8_t*>(destination);
+    return moveAll(count, [&](size_t done) {
+        return hostCalls.pread(fd_, to + done, count - done, static_cast<off_t>(position + done));
+    });
+}
+
+Moved HostFile::write(uint64_t position, const void* source, size_t count) {
+    const auto* from = static_cast<const uint8_t*>(source);
+    const Moved moved = moveAll(count, [&](size_t done) {
+        return hostCalls.pwrite(fd_, from + done, count - done, static_cast<off_t>(position + done));
+    });
+    length_ = std::max(length_, position + moved.count);
+    return moved;
+}
+
+bool HostFile::reserve(uint64_t length) {
+    if (length <= length_)
+        return true;
+    const uint64_t ahead = length_ + std::clamp(length_ / 4, kLeastAhead, kMostAhead);
+    return (ahead > length && extend(ahead)) || extend(length);
+}
+
+bool HostFile::extend(uint64_t length) {
+    const uint64_t before = length_;
+    int result;
+    do {
+        result = hostCalls.fallocate(fd_, 0, static_cast<off_t>(before), static_cast<off_t>(length - before));
+    } while (result != 0 && errno == EINTR);
+    if (result == 0) {
+        length_ = length;
+        return true;
+    }
+    if (errno == EOPNOTSUPP || errno == ENOSYS) {
+        // A file system that cannot set room aside: bytes written take it.
+        static const uint8_t zeros[64 * 1024] = {};
+        while (length_ < length) {
+            const auto step = static_cast<size_t>(std::min<uint64_t>(sizeof zeros, length - length_));
+            if (write(length_, zeros, step).count != step)
+                break;
+        }
+        if (length_ == length)
+            return true;
+    }
+    truncate(before); // what a failed attempt may have added
+    return false;
+}
+
+bool HostFile::truncate(uint64_t length) {
+    if (hostCalls.ftruncate(fd_, static_cast<off_t>(length)) != 0)
+        return false;
+    length_ = length;
+    return true;
+}
+
+} // namespace compound

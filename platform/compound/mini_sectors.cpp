@@ -1,0 +1,70 @@
+#include "platform/compound/mini_sectors.h"
+
+namespace compound {
+
+void MiniSectors::start() {
+    table.setPageSize(uint32_t(1) << tableChain_.space().unitShift());
+}
+
+bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
+    start();
+    // A chain that makes no sense stays empty: the small streams are then lost, the others not.
+    tableChain_.load(load32(header + kFirstMiniFat));
+    container_.load(firstOfContainer);
+    const uint32_t pages = tableChain_.unitCount();
+    if (!table.allocatePages(pages))
+        return false;
+    if (pages > 0) {
+        const auto bytes = static_cast<size_t>(tableChain_.byteCount());
+        std::memset(table.page(0), 0xFF, bytes);
+        tableChain_.read(0, table.page(0), bytes);
+    }
+    table.loaded();
+    return true;
+}
+
+bool MiniSectors::flush(uint8_t* header) {
+    if (!window_.flush())
+        return false;
+    container_.cutTo(container_.space().unitsFor(usedBytes()));
+    const uint32_t shift = tableChain_.space().unitShift();
+    for (uint32_t index = 0; index < table.pageCount();) {
+        uint32_t step = 0;
+        while (index + step < table.pageCount() && table.isDirty(index + step))
+            table.setClean(index + step++);
+        const size_t bytes = size_t(step) << shift;
+        if (tableChain_.write(uint64_t(index) << shift, table.page(index), bytes).count != bytes)
+            return false;
+        index += step + 1;
+    }
+    store32(header + kFirstMiniFat, tableChain_.first());
+    store32(header + kMiniFatSectors, tableChain_.unitCount());
+    return true;
+}
+
+Moved MiniSectors::read(uint64_t offset, void* destination, size_t count) {
+    return window_.read(offset, destination, count);
+}
+
+Moved MiniSectors::write(uint64_t offset, const void* source, size_t count) {
+    return window_.write(offset, source, count);
+}
+
+bool MiniSectors::makeFree(uint32_t count) {
+    if (table.freeCount() >= count)
+        return true;
+    const uint32_t before = tableChain_.unitCount();
+    const uint32_t pages = (count - table.freeCount() + table.perPage() - 1) / table.perPage();
+    if (!tableChain_.extendAhead(before + pages))
+        return false;
+    if (table.grow(tableChain_.unitCount() - before))
+        return true;
+    tableChain_.cutTo(before);
+    return false;
+}
+
+bool MiniSectors::secure(uint32_t end) {
+    return container_.extendAhead(container_.space().unitsFor(uint64_t(end) << kMiniShift));
+}
+
+} // namespace compound

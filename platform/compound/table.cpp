@@ -1,0 +1,80 @@
+#include "platform/compound/table.h"
+
+namespace compound {
+
+void AllocationTable::store(uint32_t unit, uint32_t value) {
+    freeCount_ -= next(unit) == kFree ? 1 : 0;
+    store32(bytes_.data() + size_t(unit) * 4, value);
+}
+
+void AllocationTable::setDirty(Run run) {
+    for (uint32_t page = run.first / perPage(); page <= (run.first + run.count - 1) / perPage(); page++)
+        dirty_[page] = 1;
+}
+
+void AllocationTable::link(Run run, uint32_t next) {
+    const uint32_t last = run.first + run.count - 1;
+    for (uint32_t unit = run.first; unit < last; unit++)
+        store(unit, unit + 1);
+    store(last, next);
+    setDirty(run);
+}
+
+void AllocationTable::mark(Run run, uint32_t value) {
+    for (uint32_t unit = run.first; unit < run.first + run.count; unit++)
+        store(unit, value);
+    setDirty(run);
+}
+
+void AllocationTable::release(Run run) {
+    mark(run, kFree);
+    freeCount_ += run.count;
+    firstFree_ = std::min(firstFree_, run.first);
+}
+
+Run AllocationTable::findFree(uint32_t from, uint32_t most) {
+    uint32_t unit = std::max(from, firstFree_);
+    while (unit < size() && next(unit) != kFree)
+        unit++;
+    if (from <= firstFree_)
+        firstFree_ = unit;
+    Run run = {unit, 0};
+    while (run.count < most && unit < size() && next(unit) == kFree) {
+        run.count++;
+        unit++;
+    }
+    return run;
+}
+
+bool AllocationTable::allocatePages(uint32_t pages) {
+    return bytes_.resize(size_t(pages) * pageSize_) && dirty_.resize(pages);
+}
+
+bool AllocationTable::grow(uint32_t pages) {
+    const uint32_t before = pageCount();
+    if (!bytes_.resize(size_t(before + pages) * pageSize_))
+        return false;
+    if (!dirty_.resize(before + pages)) {
+        bytes_.shrink(size_t(before) * pageSize_);
+        return false;
+    }
+    std::memset(page(before), 0xFF, size_t(pages) * pageSize_);
+    std::memset(dirty_.data() + before, 1, pages);
+    freeCount_ += pages * perPage();
+    return true;
+}
+
+void AllocationTable::loaded() {
+    freeCount_ = 0;
+    for (uint32_t unit = 0; unit < size(); unit++)
+        freeCount_ += next(unit) == kFree ? 1 : 0;
+}
+
+uint32_t AllocationTable::usedEnd() const {
+    uint32_t end = size();
+    while (end > 0 && next(end - 1) == kFree)
+        end--;
+    return end;
+}
+
+} // namespace compound

@@ -1,0 +1,64 @@
+// An allocation table, FAT or mini FAT: one number a unit, which names the next unit of its chain, or says
+// that the chain ends there or that the unit is free. Kept as the file has it, in pages of one sector.
+#ifndef KAL_PLATFORM_COMPOUND_TABLE_H
+#define KAL_PLATFORM_COMPOUND_TABLE_H
+
+#include "platform/compound/array.h"
+#include "platform/compound/format.h"
+
+namespace compound {
+
+// Units that follow one another.
+struct Run {
+    uint32_t first = 0;
+    uint32_t count = 0;
+};
+
+class AllocationTable {
+public:
+    void setPageSize(uint32_t bytes) { pageSize_ = bytes; }
+    uint32_t perPage() const { return pageSize_ / 4; }
+
+    // The number of units.
+    uint32_t size() const { return static_cast<uint32_t>(bytes_.size() / 4); }
+    uint32_t pageCount() const { return static_cast<uint32_t>(dirty_.size()); }
+    uint32_t freeCount() const { return freeCount_; }
+
+    uint32_t next(uint32_t unit) const { return load32(bytes_.data() + size_t(unit) * 4); }
+    // Chains the run's units, which are not none, the last one to `next`.
+    void link(Run run, uint32_t next);
+    // Gives each unit of the run one value, which is not kFree.
+    void mark(Run run, uint32_t value);
+    void release(Run run);
+
+    // The first free units from `from` on that follow one another, at most `most`. A count of 0: none.
+    Run findFree(uint32_t from, uint32_t most);
+
+    // Appends pages of free units.
+    bool grow(uint32_t pages);
+
+    // For loading: pages as the file has them are put into pages(), then counted.
+    bool allocatePages(uint32_t pages);
+    uint8_t* page(uint32_t index) { return bytes_.data() + size_t(index) * pageSize_; }
+    void loaded();
+
+    // One past the last unit that is not free.
+    uint32_t usedEnd() const;
+
+    bool isDirty(uint32_t page) const { return dirty_[page] != 0; }
+    void setClean(uint32_t page) { dirty_[page] = 0; }
+
+private:
+    void store(uint32_t unit, uint32_t value);
+    void setDirty(Run run);
+
+    Array<uint8_t> bytes_;
+    Array<uint8_t> dirty_; // a flag a page
+    uint32_t pageSize_ = 512;
+    uint32_t freeCount_ = 0;
+    uint32_t firstFree_ = 0; // no unit before it is free
+};
+
+} // namespace compound
+
+#endif

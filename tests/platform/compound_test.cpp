@@ -1,0 +1,408 @@
+// Compound files as other programs and we see them.
+#include "tests/support/faults.h"
+#include "tests/support/storage.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+class Compound : public FolderTest {};
+
+uint32_t word(const Bytes& file, size_t at) {
+    return file[at] | file[at + 1] << 8 | file[at + 2] << 16 | uint32_t(file[at + 3]) << 24;
+}
+
+// Sizes on both sides of every limit of the format: mini sector, sector, mini stream, header's DIFAT.
+Streams streamsOfAllSizes() {
+    Streams streams;
+    for (const size_t size : {0, 1, 63, 64, 65, 511, 512, 513, 4095, 4096, 4097, 100000, 20 << 20})
+        streams[L"Stream " + std::to_wstring(size)] = randomBytes(size, static_cast<uint32_t>(size));
+    return streams;
+}
+
+std::vector<std::wstring> namesOf(const Streams& streams) {
+    std::vector<std::wstring> names;
+    for (const auto& [name, bytes] : streams)
+        names.push_back(name);
+    return names;
+}
+
+TEST_F(Compound, OtherProgramsReadWhatIsWritten) {
+    const Streams written = streamsOfAllSizes();
+    writeStreams("ours.ole", written);
+    Streams ours, olefile, gsf;
+    EXPECT_TRUE(readStreams("ours.ole", ours));
+    EXPECT_TRUE(ours == written);
+    const bool hasOlefile = readByOlefile("ours.ole", olefile);
+    const bool hasGsf = readByGsf("ours.ole", namesOf(written), gsf);
+    EXPECT_TRUE(!hasOlefile || olefile == written);
+    EXPECT_TRUE(!hasGsf || gsf == written);
+    if (!hasOlefile || !hasGsf)
+        GTEST_SKIP() << "needs olefile and gsf";
+}
+
+TEST_F(Compound, FilesOfOtherProgramsAreRead) {
+    Streams expected, found;
+    std::string files;
+    std::filesystem::create_directories("made/inner/deep");
+    for (const size_t size : {0, 1, 63, 64, 65, 4095, 4096, 4097, 100000, 9 << 20}) {
+        const std::string name = "inner/f" + std::to_string(size);
+        expected[wide(name)] = randomBytes(size, static_cast<uint32_t>(size) + 1);
+        writeFile("made/" + name, expected[wide(name)]);
+    }
+    expected[L"inner/deep/x"] = bytesOf("deep");
+    writeFile("made/inner/deep/x", expected[L"inner/deep/x"]);
+    if (std::system("gsf createole made.ole made/inner > gsf.txt 2>&1") != 0)
+        GTEST_SKIP() << "needs gsf";
+    EXPECT_TRUE(readStreams("made.ole", found));
+    EXPECT_TRUE(found == expected);
+
+    for (const char* name : {"letter.doc", "table.xls"}) {
+        const std::string path = std::string(KAL_SOURCE_DIR "/tests/data/compound/") + name;
+        Streams ours, olefile;
+        EXPECT_TRUE(readStreams(path, ours)) << name;
+        EXPECT_GT(ours.size(), 4u);
+        EXPECT_EQ(ours.count(L"\x05SummaryInformation"), 1u);
+        if (readByOlefile(path, olefile)) {
+            EXPECT_TRUE(ours == olefile) << name;
+        }
+    }
+}
+
+TEST_F(Compound, FilesOfOtherProgramsAreWrittenInPlace) {
+    for (const char* name : {"letter.doc", "table.xls"}) {
+        const std::string original = std::string(KAL_SOURCE_DIR "/tests/data/compound/") + name;
+        Streams model, ours, olefile;
+        ASSERT_TRUE(readStreams(original, model));
+        writeFile(name, readFile(original));
+        {
+            Ref<IStorage> storage;
+            ASSERT_EQ(openFile(name, kUpdate, storage), S_OK);
+            Ref<IStream> stream;
+            ASSERT_EQ(openStream(storage.get(), L"\x01\x43ompObj", stream),
+                      S_OK); // grown past the mini stream
+            model[L"\x01\x43ompObj"] = randomBytes(50000, 5);
+            writeAll(stream.get(), model[L"\x01\x43ompObj"], 777);
+            ASSERT_EQ(makeStream(storage.get(), L"added", stream), S_OK);
+            writeAll(stream.get(), model[L"added"] = randomBytes(3000, 6));
+        }
+        EXPECT_TRUE(readStreams(name, ours));
+        EXPECT_TRUE(ours == model) << name;
+        if (readByOlefile(name, olefile)) {
+            EXPECT_TRUE(olefile == model) << name;
+        }
+    }
+}
+
+// One stream and the bytes that it should hold, changed at random.
+void changeAtRandom(IStream* stream, Bytes& model, std::mt19937& random) {
+    const auto near = [&random] { // sizes gather around the limits
+        const size_t limits[] = {0, 64, 512, 4096, 4096, 8192, 70000};
+        return limits[random() % std::size(limits)] + random() % 130;
+    };
+    if (random() % 4 == 0) {
+        const size_t size = near();
+        ASSERT_EQ(stream->SetSize(size), S_OK);
+        model.resize(size);
+        return;
+    }
+    const size_t at = random() % 3 == 0 ? model.size() : near();
+    const Bytes bytes =
+        randomBytes(random() % 3 == 0 ? near() : random() % 200, static_cast<uint32_t>(random()));
+    uint32_t written = 0;
+    ASSERT_EQ(stream->Seek(static_cast<int64_t>(at), STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(stream->Write(bytes.data(), static_cast<uint32_t>(bytes.size()), &written), S_OK);
+    ASSERT_EQ(written, bytes.size());
+    if (bytes.empty())
+        return;
+    model.resize(std::max(model.size(), at + bytes.size()));
+    std::copy(bytes.begin(), bytes.end(), model.begin() + static_cast<ptrdiff_t>(at));
+}
+
+TEST_F(Compound, RandomChangesAgreeWithAModel) {
+    std::mt19937 random(11);
+    Streams model;
+    writeStreams("model.ole", model);
+    for (int session = 0; session < 60; session++) {
+        HeapBalance balance;
+        {
+            Ref<IStorage> storage;
+            // A file that was written opens for writing only if every sector has one owner.
+            ASSERT_EQ(openFile("model.ole", kUpdate, storage), S_OK) << session;
+            Ref<IStream> streams[3]; // open side by side, so that their chains interleave
+            std::wstring names[3];
+            for (int i = 0; i < 3; i++) {
+                names[i] = L"s" + std::to_wstring(i * 100 + static_cast<int>(random() % 4));
+                const bool fresh = model.count(names[i]) == 0 || random() % 10 == 0;
+                if (fresh)
+                    model[names[i]].clear();
+                ASSERT_EQ(fresh ? makeStream(storage.get(), names[i], streams[i])
+                                : openStream(storage.get(), names[i], streams[i]),
+                          S_OK);
+            }
+            for (int step = 0; step < 20; step++) {
+                const size_t i = random() % 3;
+                ASSERT_NO_FATAL_FAILURE(changeAtRandom(streams[i].get(), model[names[i]], random));
+                if (random() % 20 == 0) {
+                    ASSERT_EQ(storage->Commit(0), S_OK);
+                }
+            }
+            for (int i = 0; i < 3; i++)
+                ASSERT_TRUE(readAll(streams[i].get()) == model[names[i]]) << session << " " << i;
+        }
+        Streams found;
+        ASSERT_TRUE(readStreams("model.ole", found));
+        ASSERT_TRUE(found == model) << session;
+        ASSERT_EQ(readFile("model.ole").size() % 512, 0u);
+    }
+    Streams olefile;
+    if (readByOlefile("model.ole", olefile)) {
+        EXPECT_TRUE(olefile == model);
+    }
+}
+
+// --- The directory -------------------------------------------------------------------------------------
+
+struct Entry {
+    std::u16string name;
+    bool black;
+    uint32_t left, right, child;
+};
+
+// The entries of a file whose directory is one chain in the FAT that the header names (small files).
+std::vector<Entry> entriesOf(const Bytes& file) {
+    std::vector<Entry> entries;
+    const auto next = [&file](uint32_t sector) {
+        return word(file, (word(file, 76 + sector / 128 * 4) + 1) * 512 + sector % 128 * 4);
+    };
+    for (uint32_t sector = word(file, 48); sector < 0xFFFFFFFA; sector = next(sector))
+        for (size_t at = (sector + 1) * size_t(512); at < (sector + 2) * size_t(512); at += 128) {
+            Entry entry = {
+                {}, file[at + 67] == 1, word(file, at + 68), word(file, at + 72), word(file, at + 76)};
+            for (size_t unit = 0; unit + 2 < size_t(file[at + 64]); unit += 2)
+                entry.name += static_cast<char16_t>(file[at + unit] | file[at + unit + 1] << 8);
+            entries.push_back(entry);
+        }
+    return entries;
+}
+
+TEST_F(Compound, TheDirectoryIsARedBlackTreeInTheFormatsOrder) {
+    std::mt19937 random(3);
+    std::vector<std::wstring> names;
+    for (int i = 0; i < 2000; i++)
+        names.push_back((i % 2 != 0 ? L"stream " : L"STREAM Nr. ") + std::to_wstring(i));
+    names.insert(names.end(),
+                 {L"\u00C9t\u00E9", L"\u0436", L"\u0416\u0416", L"\U0001F600", std::wstring(31, L'n')});
+    std::shuffle(names.begin(), names.end(), random);
+    Ref<IStorage> storage;
+    Ref<IStream> stream;
+    ASSERT_EQ(createFile("many.ole", storage), S_OK);
+    for (const std::wstring& name : names)
+        ASSERT_EQ(makeStream(storage.get(), name, stream), S_OK);
+    // Names differ by more than case, by the capitals of other scripts too.
+    EXPECT_EQ(storage->CreateStream(L"Stream NR. 0", kUpdate, 0, 0, stream.out()), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(openStream(storage.get(), L"\u00E9T\u00C9", stream), S_OK);
+    EXPECT_EQ(openStream(storage.get(), L"\u0416", stream), S_OK);
+    EXPECT_EQ(openStream(storage.get(), L"stream 2000", stream), STG_E_FILENOTFOUND);
+    for (const std::wstring& bad :
+         {std::wstring(), std::wstring(32, L'n'), std::wstring(L"a/b"), std::wstring(L"!")})
+        EXPECT_EQ(makeStream(storage.get(), bad, stream), STG_E_INVALIDNAME);
+    stream.reset();
+    storage.reset();
+
+    const std::vector<Entry> entries = entriesOf(readFile("many.ole"));
+    size_t met = 0;
+    const Entry* before = nullptr;
+    const std::function<int(uint32_t, bool, int)> blackHeight = [&](uint32_t index, bool redAbove,
+                                                                    int depth) -> int {
+        if (index == 0xFFFFFFFF)
+            return 0;
+        EXPECT_LT(index, entries.size());
+        EXPECT_LT(depth, 24);
+        const Entry& entry = entries[index];
+        EXPECT_TRUE(entry.black || !redAbove) << "red below red";
+        const int left = blackHeight(entry.left, !entry.black, depth + 1);
+        if (before != nullptr) {
+            EXPECT_LE(before->name.size(), entry.name.size());
+        }
+        before = &entry;
+        met++;
+        EXPECT_EQ(left, blackHeight(entry.right, !entry.black, depth + 1)) << "black heights";
+        return left + (entry.black ? 1 : 0);
+    };
+    EXPECT_TRUE(entries[entries[0].child].black);
+    blackHeight(entries[0].child, false, 0);
+    EXPECT_EQ(met, names.size());
+
+    ASSERT_EQ(openFile("many.ole", STGM_READ | STGM_SHARE_DENY_WRITE, storage), S_OK);
+    for (const std::wstring& name : names)
+        EXPECT_EQ(openStream(storage.get(), name, stream, STGM_READ), S_OK);
+    Streams olefile;
+    if (readByOlefile("many.ole", olefile)) {
+        EXPECT_EQ(olefile.size(), names.size());
+    }
+}
+
+TEST_F(Compound, StoragesNest) {
+    Ref<IStorage> root, storage, again;
+    Ref<IStream> stream;
+    ASSERT_EQ(createFile("nested.ole", root), S_OK);
+    ASSERT_EQ(root->CreateStorage(L"folder", kUpdate, 0, 0, storage.out()), S_OK);
+    ASSERT_EQ(storage->CreateStorage(L"inner", kUpdate, 0, 0, again.out()), S_OK);
+    ASSERT_EQ(makeStream(again.get(), L"x", stream), S_OK);
+    writeAll(stream.get(), bytesOf("inner"));
+    ASSERT_EQ(makeStream(storage.get(), L"x", stream), S_OK);
+    writeAll(stream.get(), bytesOf("folder"));
+    EXPECT_EQ(makeStream(root.get(), L"folder", stream), STG_E_FILEALREADYEXISTS);
+    root.reset(); // the parts hold the file
+    EXPECT_EQ(openFile("nested.ole", kUpdate, root), STG_E_SHAREVIOLATION);
+    again.reset();
+    storage.reset();
+    stream.reset();
+    const Streams model = {{L"folder/inner/x", bytesOf("inner")}, {L"folder/x", bytesOf("folder")}};
+    Streams ours, olefile;
+    EXPECT_TRUE(readStreams("nested.ole", ours));
+    EXPECT_TRUE(ours == model);
+    if (readByOlefile("nested.ole", olefile)) {
+        EXPECT_TRUE(olefile == model);
+    }
+}
+
+// --- Large files and large sectors ---------------------------------------------------------------------
+
+TEST_F(Compound, FilesOfLargeSectorsAreReadAndWritten) {
+    // Header, FAT, directory, a stream of two sectors that lie apart; no small streams yet.
+    Bytes file(6 * 4096);
+    const auto put = [&file](size_t at, std::initializer_list<uint32_t> values) {
+        for (const uint32_t value : values)
+            for (int shift = 0; shift < 32; shift += 8)
+                file[at++] = static_cast<uint8_t>(value >> shift);
+    };
+    put(0, {0xE011CFD0, 0xE11AB1A1});
+    put(24, {0x0004003E, 0x000CFFFE, 6});
+    put(40, {1, 1, 1, 0, 4096, 0xFFFFFFFE, 0, 0xFFFFFFFE, 0, 0});
+    std::fill(file.begin() + 80, file.begin() + 512, uint8_t(0xFF));
+    std::fill(file.begin() + 4096, file.begin() + 2 * 4096, uint8_t(0xFF));
+    put(4096, {0xFFFFFFFD, 0xFFFFFFFE, 4, 0xFFFFFFFF, 0xFFFFFFFE});
+    const auto entry = [&](size_t index, const std::string& name, uint32_t type, uint32_t child,
+                           uint32_t first, uint32_t size) {
+        const size_t at = 2 * 4096 + index * 128;
+        for (size_t i = 0; i < name.size(); i++)
+            file[at + i * 2] = static_cast<uint8_t>(name[i]);
+        put(at + 64, {static_cast<uint32_t>(name.size() * 2 + 2) | type << 16 | 1u << 24, 0xFFFFFFFF,
+                      0xFFFFFFFF, child});
+        put(at + 116, {first, size});
+    };
+    entry(0, "Root Entry", 5, 1, 0xFFFFFFFE, 0);
+    entry(1, "big", 2, 0xFFFFFFFF, 2, 8192);
+    Streams model;
+    model[L"big"] = randomBytes(8192, 4);
+    std::copy(model[L"big"].begin(), model[L"big"].begin() + 4096, file.begin() + 3 * 4096);
+    std::copy(model[L"big"].begin() + 4096, model[L"big"].end(), file.begin() + 5 * 4096);
+    writeFile("large.ole", file);
+    Streams found, olefile;
+    EXPECT_TRUE(readStreams("large.ole", found));
+    ASSERT_TRUE(found == model);
+    {
+        Ref<IStorage> storage;
+        Ref<IStream> stream;
+        ASSERT_EQ(openFile("large.ole", kUpdate, storage), S_OK);
+        for (int i = 0; i < 50; i++) {
+            const std::wstring name = L"s" + std::to_wstring(i);
+            ASSERT_EQ(makeStream(storage.get(), name, stream), S_OK);
+            writeAll(stream.get(), model[name] = randomBytes(size_t(i) * 200, uint32_t(i)));
+        }
+    }
+    EXPECT_TRUE(readStreams("large.ole", found));
+    EXPECT_TRUE(found == model);
+    if (readByOlefile("large.ole", olefile)) {
+        EXPECT_TRUE(olefile == model);
+    }
+}
+
+TEST_F(Compound, AStreamReachesTwoGibibytes) {
+    if (std::getenv("KAL_TEST_LARGE") == nullptr)
+        GTEST_SKIP() << "takes 2 GiB of disk; set KAL_TEST_LARGE";
+    constexpr uint64_t kLimit = 0x80000000;
+    Ref<IStorage> storage;
+    Ref<IStream> stream;
+    ASSERT_EQ(createFile("huge.ole", storage), S_OK);
+    ASSERT_EQ(makeStream(storage.get(), L"huge", stream), S_OK);
+    uint32_t count = 0;
+    ASSERT_EQ(stream->Seek(int64_t(kLimit) - 3, STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(stream->Write("12345", 5, &count), S_OK);
+    EXPECT_EQ(count, 3u) << "no further than the version's limit";
+    ASSERT_EQ(stream->Seek(1 << 30, STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(stream->Write("middle", 6, &count), S_OK);
+    stream.reset();
+    storage.reset();
+    ASSERT_EQ(openFile("huge.ole", kUpdate, storage), S_OK);
+    ASSERT_EQ(openStream(storage.get(), L"huge", stream), S_OK);
+    char text[8] = {};
+    ASSERT_EQ(stream->Seek(-4, STREAM_SEEK_END, nullptr), S_OK);
+    ASSERT_EQ(stream->Read(text, 8, &count), S_OK);
+    EXPECT_EQ(std::string(text, count), std::string("\0"
+                                                    "123",
+                                                    4));
+    ASSERT_EQ(stream->Seek(1 << 30, STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(stream->Read(text, 6, &count), S_OK);
+    EXPECT_EQ(std::string(text, 6), "middle");
+}
+
+// --- Sharing ---------------------------------------------------------------------------------------------
+
+// What opening gives in another process.
+HRESULT elsewhere(const std::string& path, uint32_t mode) {
+    const pid_t child = fork();
+    if (child == 0) {
+        Ref<IStorage> storage;
+        const HRESULT result = (mode & STGM_CREATE) != 0
+                                   ? StgCreateDocfile(wide(path).c_str(), mode, 0, storage.out())
+                                   : openFile(path, mode, storage);
+        storage.reset();
+        _exit(result == S_OK ? 0 : result == STG_E_SHAREVIOLATION ? 1 : 2);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WEXITSTATUS(status) == 0   ? S_OK
+           : WEXITSTATUS(status) == 1 ? STG_E_SHAREVIOLATION
+                                      : STG_E_ACCESSDENIED;
+}
+
+TEST_F(Compound, ReadersShareAndAWriterIsAlone) {
+    const Streams model = {{L"s", randomBytes(6000, 1)}};
+    writeStreams("shared.ole", model);
+    const uint32_t read = STGM_READ | STGM_SHARE_DENY_WRITE;
+    Ref<IStorage> first, second;
+    Ref<IStream> stream, sameStream;
+    ASSERT_EQ(openFile("shared.ole", read, first), S_OK);
+    EXPECT_EQ(openFile("shared.ole", read, second), S_OK);
+    EXPECT_EQ(elsewhere("shared.ole", read), S_OK);
+    second.reset();
+    EXPECT_EQ(openFile("shared.ole", kUpdate, second), STG_E_SHAREVIOLATION);
+    EXPECT_EQ(elsewhere("shared.ole", kUpdate), STG_E_SHAREVIOLATION);
+    EXPECT_EQ(elsewhere("shared.ole", kUpdate | STGM_CREATE), STG_E_SHAREVIOLATION);
+    EXPECT_EQ(openStream(first.get(), L"s", stream, STGM_READ), S_OK);
+    EXPECT_EQ(openStream(first.get(), L"s", sameStream, STGM_READ), STG_E_ACCESSDENIED);
+    EXPECT_EQ(makeStream(first.get(), L"new", sameStream), STG_E_ACCESSDENIED);
+    EXPECT_EQ(stream->Write("x", 1, nullptr), STG_E_ACCESSDENIED);
+    stream.reset();
+    first.reset();
+
+    ASSERT_EQ(openFile("shared.ole", kUpdate, first), S_OK);
+    EXPECT_EQ(elsewhere("shared.ole", read), STG_E_SHAREVIOLATION);
+    EXPECT_EQ(elsewhere("shared.ole", kUpdate | STGM_CREATE), STG_E_SHAREVIOLATION);
+    EXPECT_EQ(StgCreateDocfile(L"shared.ole", kUpdate, 0, second.out()), STG_E_FILEALREADYEXISTS);
+    first.reset();
+    Streams found;
+    EXPECT_TRUE(readStreams("shared.ole", found));
+    EXPECT_TRUE(found == model) << "nobody who was refused changed it";
+}
+
+} // namespace

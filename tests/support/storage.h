@@ -1,0 +1,60 @@
+// Compound files for tests, through the storage interfaces and through other programs.
+#ifndef KAL_TESTS_SUPPORT_STORAGE_H
+#define KAL_TESTS_SUPPORT_STORAGE_H
+
+#include "platform/storage.h"
+#include "tests/support/files.h"
+
+#include <map>
+#include <string>
+
+// What a file holds: stream names, with `/` between them and the storages around, and bytes.
+using Streams = std::map<std::wstring, Bytes>;
+
+// An interface that is released at the end of its scope.
+template <class Interface>
+class Ref {
+public:
+    Ref() = default;
+    ~Ref() { reset(); }
+    Ref(const Ref&) = delete;
+    Ref& operator=(const Ref&) = delete;
+    void reset() {
+        if (pointer_ != nullptr)
+            pointer_->Release();
+        pointer_ = nullptr;
+    }
+    Interface** out() {
+        reset();
+        return &pointer_;
+    }
+    Interface* operator->() const { return pointer_; }
+    Interface* get() const { return pointer_; }
+
+private:
+    Interface* pointer_ = nullptr;
+};
+
+inline constexpr uint32_t kUpdate = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+
+std::wstring wide(const std::string& text);
+HRESULT createFile(const std::string& path, Ref<IStorage>& storage);
+HRESULT openFile(const std::string& path, uint32_t mode, Ref<IStorage>& storage);
+HRESULT makeStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream);
+HRESULT openStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream,
+                   uint32_t mode = kUpdate);
+
+// Writes in pieces of `piece` bytes; all of it, or the test fails.
+void writeAll(IStream* stream, const Bytes& bytes, uint32_t piece = 1u << 20);
+// All bytes from the start, until there are no more or an error, which `result` then holds.
+Bytes readAll(IStream* stream, HRESULT* result = nullptr);
+
+void writeStreams(const std::string& path, const Streams& streams);
+// All streams of a file, of its storages too. What cannot be read is left out; false when there was any.
+bool readStreams(const std::string& path, Streams& streams);
+
+// The same by another program's reader. False where that is not installed.
+bool readByOlefile(const std::string& path, Streams& streams);
+bool readByGsf(const std::string& path, const std::vector<std::wstring>& names, Streams& streams);
+
+#endif

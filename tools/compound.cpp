@@ -1,0 +1,331 @@
+// Compound files: what is in them, one stream out, one stream in.
+//
+// The library's own call reaches the streams of a root storage. A list and streams in storages inside need the
+// storage interfaces, which libkal.so keeps to itself: the program has those objects in it (kal_storage).
+#include "tools/command.h"
+#include "tools/failure.h"
+#include "tools/file.h"
+#include "tools/output_file.h"
+
+#include "platform/storage.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cctype>
+#include <cstdio>
+#include <fcntl.h>
+#include <iostream>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kReading = STGM_READ | STGM_SHARE_DENY_WRITE;
+constexpr uint32_t kUpdate = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+constexpr uint32_t kPiece = 1 << 20;
+constexpr uint64_t kLongestStream = 0x80000000;
+constexpr int kDeepest = 1000; // storages inside one another
+
+struct Arguments {
+    std::string file;
+    std::string stream;
+    std::string input;
+    bool json = false;
+};
+
+template <class Interface>
+struct Releaser {
+    void operator()(Interface* object) const { object->Release(); }
+};
+using StoragePtr = std::unique_ptr<IStorage, Releaser<IStorage>>;
+using StreamPtr = std::unique_ptr<IStream, Releaser<IStream>>;
+
+const char* reasonOf(HRESULT result) {
+    switch (result) {
+    case STG_E_FILENOTFOUND:
+        return "there is no such stream";
+    case STG_E_FILEALREADYEXISTS:
+        return "the name is a storage's";
+    case STG_E_INVALIDNAME:
+        return "not a name for a stream";
+    case STG_E_SHAREVIOLATION:
+        return "in use";
+    case STG_E_MEDIUMFULL:
+        return "no room";
+    case STG_E_DOCFILECORRUPT:
+        return "not a compound file, or a damaged one";
+    default:
+        return "cannot be read or written";
+    }
+}
+
+void require(HRESULT result, const std::string& what) {
+    if (result != S_OK)
+        throw Failure(what, reasonOf(result));
+}
+
+// --- Names -------------------------------------------------------------------------------------------------
+// On the command line they are UTF-8; a control character, with which the names of many streams begin, is `\x`
+// and two hexadecimal digits. `/` stands between a storage and what is in it.
+
+std::string shown(const std::wstring& name) {
+    std::string text;
+    for (const wchar_t character : name) {
+        const auto code = static_cast<uint32_t>(character);
+        char escape[8];
+        if (code < 0x20 || code == 0x7F || code == '\\') {
+            std::snprintf(escape, sizeof escape, "\\x%02X", code);
+            text += escape;
+        } else if (code < 0x80) {
+            text += static_cast<char>(code);
+        } else {
+            const int more = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+            text += static_cast<char>((0xFF00 >> (more + 1) & 0xFF) | code >> (6 * more));
+            for (int k = more - 1; k >= 0; k--)
+                text += static_cast<char>(0x80 | (code >> (6 * k) & 0x3F));
+        }
+    }
+    return text;
+}
+
+std::wstring meant(const std::string& text) {
+    std::wstring name;
+    for (size_t at = 0; at < text.size();) {
+        const auto lead = static_cast<unsigned char>(text[at++]);
+        unsigned code = lead;
+        const auto isDigit = [&text](size_t place) {
+            return place < text.size() && std::isxdigit(static_cast<unsigned char>(text[place])) != 0;
+        };
+        if (lead == '\\' && text[at] == 'x' && isDigit(at + 1) && isDigit(at + 2)) {
+            code = static_cast<unsigned>(std::stoul(text.substr(at + 1, 2), nullptr, 16));
+            at += 3;
+        }
+        const int more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC0 ? 1 : 0;
+        if (more > 0)
+            code = lead & (0x3Fu >> more);
+        for (int k = 0; k < more && at < text.size(); k++)
+            code = code << 6 | (static_cast<unsigned char>(text[at++]) & 0x3F);
+        name += static_cast<wchar_t>(code);
+    }
+    return name;
+}
+
+std::string json(const std::string& shownName) {
+    std::string text;
+    for (const char c : shownName) {
+        if (c == '"' || c == '\\')
+            text += '\\';
+        text += c;
+    }
+    return text;
+}
+
+// --- Files -------------------------------------------------------------------------------------------------
+
+File openRegular(const std::string& path, int flags) {
+    try {
+        if (File file = File::openIfThere(path, flags); file.isOpen())
+            return file;
+    } catch (const Failure& failure) {
+        throw Failure(path, failure.what());
+    }
+    throw Failure(path, "there is no such file");
+}
+
+// A compound file by the host's own name: the storage is told of the open file, so that no letter of the name
+// is taken for a drive or a separator.
+class CompoundFile {
+public:
+    static CompoundFile existing(const std::string& path, uint32_t mode) {
+        CompoundFile file;
+        file.path_ = path;
+        file.file_ = openRegular(path, mode == kUpdate ? O_RDWR : O_RDONLY);
+        file.take(StgOpenStorage(file.name().c_str(), nullptr, mode, nullptr, 0, &file.raw_));
+        return file;
+    }
+    // Opens for writing, or makes the file.
+    static CompoundFile forWriting(const std::string& path) {
+        CompoundFile file;
+        const int handle = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (handle < 0)
+            return existing(path, kUpdate);
+        file.path_ = path;
+        file.file_ = File(handle);
+        const HRESULT result = StgCreateDocfile(file.name().c_str(), kUpdate | STGM_CREATE, 0, &file.raw_);
+        file.made_ = true;
+        if (result != S_OK)
+            file.takeBack();
+        file.take(result);
+        return file;
+    }
+    IStorage* root() const { return storage_.get(); }
+    // Ends the use. A file that this made and that holds nothing of use goes away again.
+    void takeBack() {
+        storage_.reset();
+        if (made_)
+            ::unlink(path_.c_str());
+    }
+
+private:
+    std::wstring name() const {
+        const std::string text = "/proc/self/fd/" + std::to_string(file_.handle());
+        return std::wstring(text.begin(), text.end());
+    }
+    void take(HRESULT result) {
+        storage_.reset(raw_);
+        require(result, path_);
+    }
+
+    std::string path_;
+    File file_;
+    IStorage* raw_ = nullptr;
+    StoragePtr storage_;
+    bool made_ = false;
+};
+
+// Calls `use(storage, name)` with the storage that holds the last part of a path.
+template <class Use>
+void inStorageOf(IStorage* root, const std::string& path, Use use) {
+    StoragePtr inner;
+    IStorage* storage = root;
+    std::string rest = path;
+    for (size_t slash = rest.find('/'); slash != std::string::npos; slash = rest.find('/')) {
+        IStorage* next;
+        require(
+            storage->OpenStorage(meant(rest.substr(0, slash)).c_str(), nullptr, STGM_READ, nullptr, 0, &next),
+            path);
+        inner.reset(next);
+        storage = next;
+        rest.erase(0, slash + 1);
+    }
+    use(storage, meant(rest));
+}
+
+// --- The commands --------------------------------------------------------------------------------------
+
+struct Element {
+    std::string name;
+    bool isStream;
+    uint64_t bytes;
+};
+
+void gather(IStorage* storage, const std::string& prefix, int depth, std::vector<Element>& elements) {
+    IEnumSTATSTG* raw;
+    require(depth < kDeepest ? storage->EnumElements(0, nullptr, 0, &raw) : STG_E_DOCFILECORRUPT, prefix);
+    const std::unique_ptr<IEnumSTATSTG, Releaser<IEnumSTATSTG>> all(raw);
+    STATSTG element;
+    while (all->Next(1, &element, nullptr) == S_OK) {
+        const std::wstring name = element.pwcsName;
+        CoTaskMemFree(element.pwcsName);
+        const std::string path = prefix + shown(name);
+        elements.push_back({path, element.type == STGTY_STREAM, element.cbSize});
+        IStorage* inner;
+        if (element.type == STGTY_STREAM ||
+            storage->OpenStorage(name.c_str(), nullptr, STGM_READ, nullptr, 0, &inner) != S_OK)
+            continue;
+        gather(StoragePtr(inner).get(), path + "/", depth + 1, elements);
+    }
+}
+
+void list(const Arguments& arguments) {
+    const CompoundFile file = CompoundFile::existing(arguments.file, kReading);
+    std::vector<Element> elements;
+    gather(file.root(), "", 0, elements);
+    const char* separator = "[\n  ";
+    for (const Element& element : elements) {
+        const char* kind = element.isStream ? "stream" : "storage";
+        if (arguments.json) {
+            std::cout << separator << R"({"name": ")" << json(element.name) << R"(", "kind": ")" << kind
+                      << R"(", "bytes": )" << element.bytes << '}';
+            separator = ",\n  ";
+        } else {
+            char line[64];
+            std::snprintf(line, sizeof line, "%-7s  %10llu  ", kind,
+                          static_cast<unsigned long long>(element.bytes));
+            std::cout << line << element.name << '\n';
+        }
+    }
+    if (arguments.json)
+        std::cout << (elements.empty() ? "[]\n" : "\n]\n");
+}
+
+void cat(const Arguments& arguments) {
+    const CompoundFile file = CompoundFile::existing(arguments.file, kReading);
+    const std::string what = arguments.file + ": " + arguments.stream;
+    inStorageOf(file.root(), arguments.stream, [&what](IStorage* storage, const std::wstring& name) {
+        IStream* raw;
+        require(storage->OpenStream(name.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &raw), what);
+        const StreamPtr stream(raw);
+        std::vector<char> piece(kPiece);
+        uint32_t got;
+        do {
+            require(stream->Read(piece.data(), kPiece, &got), what);
+            std::cout.write(piece.data(), got);
+        } while (got > 0 && std::cout);
+    });
+}
+
+// Takes the room that the bytes need first, so that a full disk leaves the stream as it was.
+void write(IStream* stream, const File& input, uint64_t bytes, const std::string& what) {
+    uint64_t before = 0;
+    stream->Seek(0, STREAM_SEEK_END, &before);
+    if (bytes > before)
+        require(stream->SetSize(bytes), what);
+    stream->Seek(0, STREAM_SEEK_SET, nullptr);
+    for (uint64_t done = 0; done < bytes;) {
+        const auto piece = input.readAt(done, kPiece);
+        uint32_t written = 0;
+        require(stream->Write(piece.data(), static_cast<uint32_t>(piece.size()), &written), what);
+        if (written == 0)
+            throw Failure(what, "no room, or the input became shorter");
+        done += written;
+    }
+    if (bytes < before)
+        require(stream->SetSize(bytes), what);
+}
+
+void put(const Arguments& arguments) {
+    const File input = openRegular(arguments.input, O_RDONLY);
+    const uint64_t bytes = input.size();
+    if (bytes > kLongestStream)
+        throw Failure(arguments.input, "too long for a stream");
+    CompoundFile file = CompoundFile::forWriting(arguments.file);
+    const std::string what = arguments.file + ": " + arguments.stream;
+    try {
+        inStorageOf(file.root(), arguments.stream, [&](IStorage* storage, const std::wstring& name) {
+            IStream* raw;
+            HRESULT result = storage->OpenStream(name.c_str(), nullptr, kUpdate, 0, &raw);
+            if (result == STG_E_FILENOTFOUND)
+                result = storage->CreateStream(name.c_str(), kUpdate, 0, 0, &raw);
+            require(result, what);
+            write(StreamPtr(raw).get(), input, bytes, what);
+        });
+        require(file.root()->Commit(0), what);
+    } catch (...) {
+        file.takeBack();
+        throw;
+    }
+}
+
+} // namespace
+
+void addCompound(CLI::App& program) {
+    CLI::App* compound = program.add_subcommand("compound", "Look into compound files and change them");
+    compound->require_subcommand(1);
+    auto arguments = std::make_shared<Arguments>();
+    const auto add = [&](const char* name, const char* help, void (*action)(const Arguments&)) {
+        CLI::App* command = compound->add_subcommand(name, help);
+        command->add_option("FILE", arguments->file, "The compound file")->required();
+        command->callback([arguments, action] { action(*arguments); });
+        return command;
+    };
+    const char* streamHelp = "The stream, as list shows it";
+    add("list", "Show the storages and streams of a file", list)
+        ->add_flag("--json", arguments->json, "Print JSON");
+    add("cat", "Write a stream to standard output", cat)
+        ->add_option("STREAM", arguments->stream, streamHelp)
+        ->required();
+    CLI::App* putCommand =
+        add("put", "Make a stream, or replace it, from a file; make the compound file if missing", put);
+    putCommand->add_option("STREAM", arguments->stream, streamHelp)->required();
+    putCommand->add_option("INPUT", arguments->input, "The file with the stream's bytes")->required();
+}
