@@ -14,5 +14,6 @@
 #include <kal/oplist.h>
 #include <kal/path.h>
 #include <kal/stream.h>
+#include <kal/tagset.h>
 
 #endif

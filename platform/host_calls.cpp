@@ -1,12 +1,19 @@
 #include "platform/host_calls.h"
 
+#include <cstdio>
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
 
 int openFile(const char* path, int flags, mode_t mode) {
     return ::open(path, flags, mode);
+}
+
+int openFileAt(int folder, const char* path, int flags, mode_t mode) {
+    return ::openat(folder, path, flags, mode);
 }
 
 } // namespace
@@ -20,4 +27,16 @@ HostCalls hostCalls = {
     .fstat = ::fstat,
     .access = ::access,
     .unlink = ::unlink,
+    .flock = ::flock,
+    .mmap = ::mmap,
+    .munmap = ::munmap,
+    .openat = openFileAt,
+    .mkdirat = ::mkdirat,
+    .renameat = ::renameat,
+    .unlinkat = ::unlinkat,
+    .fstatat = ::fstatat,
+    .faccessat = ::faccessat,
+    .fdopendir = ::fdopendir,
+    .readdir = ::readdir,
+    .closedir = ::closedir,
 };
