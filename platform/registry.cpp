@@ -102,16 +102,16 @@ int32_t walk(const char* path, Subject& subject, OnComponent onComponent) {
         return path == nullptr ? ERROR_INVALID_PARAMETER : ERROR_BAD_PATHNAME;
     subject.store->keys().trim();
     while (*path != 0) {
-        const size_t length = std::strcspn(path, "\\");
-        if (length == 0)
+        const FoldedName name(path);
+        if (name.length == 0)
             return ERROR_BAD_PATHNAME;
         int error = 0;
-        subject.node = subject.store->keys().child(subject.node, path, length, &error);
+        subject.node = subject.store->keys().child(subject.node, name, &error);
         if (subject.node != nullptr && onComponent != nullptr)
-            error = onComponent(*subject.node, path, length);
+            error = onComponent(*subject.node, path, name.length);
         if (error != 0)
             return codeOf(error);
-        path += length;
+        path += name.length;
         path += *path == '\\';
     }
     return ERROR_SUCCESS;
@@ -256,8 +256,7 @@ int32_t RegEnumKeyA(HKEY key, uint32_t index, char* name, uint32_t nameSize) {
         return ERROR_NO_MORE_ITEMS;
     if (list.spelling(index) == nullptr) {
         int error = 0;
-        KeyNode* child = subject.store->keys().child(subject.node, list.name(index),
-                                                     std::strlen(list.name(index)), &error);
+        KeyNode* child = subject.store->keys().child(subject.node, FoldedName(list.name(index)), &error);
         FileName spelling;
         if (child != nullptr)
             error = subject.store->readNote(*child, kSpellingNote, spelling);

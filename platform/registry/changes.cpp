@@ -4,9 +4,9 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 
@@ -31,6 +31,14 @@ bool fill(int fd) {
     if (written >= 0 && static_cast<size_t>(written) < missing)
         errno = ENOSPC;
     return written == static_cast<ssize_t>(missing);
+}
+
+// How often this process is the child of a fork.
+int forks;
+
+void watchForks() {
+    static const int watched = pthread_atfork(nullptr, nullptr, [] { forks++; });
+    static_cast<void>(watched);
 }
 
 int lockFile(int fd) {
@@ -59,6 +67,7 @@ RegistryChanges::Counter RegistryChanges::none_[kChangeCounters];
 
 int RegistryChanges::attach(int folder) {
     detach();
+    watchForks();
     writable_ = true;
     int fd = hostCalls.openat(folder, kFileName, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0 && (errno == EROFS || errno == EACCES)) {
@@ -75,7 +84,7 @@ int RegistryChanges::attach(int folder) {
     }
     counters_ = static_cast<Counter*>(map);
     fd_ = fd;
-    process_ = getpid();
+    forks_ = forks;
     return 0;
 }
 
@@ -94,7 +103,7 @@ bool RegistryChanges::orphaned() const {
 }
 
 bool RegistryChanges::inherited() const {
-    return getpid() != process_;
+    return forks_ != forks;
 }
 
 int RegistryChanges::hold() {

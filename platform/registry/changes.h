@@ -48,7 +48,7 @@ private:
     static Counter none_[kChangeCounters]; // what there is to read while no file is attached
 
     int fd_ = -1;
-    int process_ = 0;
+    int forks_ = 0; // when the file was opened
     bool writable_ = false;
     Counter* counters_ = none_;
 };

@@ -32,29 +32,32 @@ uint32_t pathHash(uint32_t hash, const char* text) {
     return hash;
 }
 
-// The name in small letters, zero-filled to whole words.
-struct FoldedName {
-    char text[kMostFileName + 9];
-    size_t words;
+uint64_t hashBelow(const KeyNode& parent, const FoldedName& name) {
+    uint64_t hash = parent.hash;
+    for (uint32_t i = 0; i < name.wordCount; i++) {
+        hash = (hash ^ name.words[i]) * 0x9E3779B97F4A7C15u;
+        hash ^= hash >> 29;
+    }
+    return hash;
+}
 
-    FoldedName(const char* name, size_t length) : words((length + 8) / 8) {
-        std::memset(text + (words - 1) * 8, 0, 8);
-        for (size_t i = 0; i < length; i++)
-            text[i] = foldedCharacter(name[i]);
-    }
-    uint64_t hashBelow(uint64_t parent) const {
-        uint64_t hash = parent;
-        for (size_t i = 0; i < words; i++) {
-            uint64_t word;
-            std::memcpy(&word, text + i * 8, 8);
-            hash = (hash ^ word) * 0x9E3779B97F4A7C15u;
-            hash ^= hash >> 29;
-        }
-        return hash;
-    }
-};
+bool isNamed(KeyNode& node, const FoldedName& name) {
+    for (uint32_t i = 0; i < name.wordCount; i++)
+        if (node.words()[i] != name.words[i])
+            return false;
+    return node.nameLength == name.length;
+}
 
 } // namespace
+
+FoldedName::FoldedName(const char* path) : length(0) {
+    auto* text = reinterpret_cast<char*>(words);
+    for (char c; length <= kMostFileName && (c = path[length]) != 0 && c != '\\'; length++)
+        text[length] = foldedCharacter(c);
+    wordCount = length / 8 + 1;
+    for (uint32_t i = length; i < wordCount * 8; i++)
+        text[i] = 0;
+}
 
 bool replaceText(char*& owned, const char* text) {
     char* copy = text != nullptr ? copyText(text) : nullptr;
@@ -141,23 +144,21 @@ void KeyTable::free(KeyNode* node) {
     std::free(node);
 }
 
-KeyNode* KeyTable::make(KeyNode* parent, const char* folded, size_t length, uint64_t hash, int* error) {
+KeyNode* KeyTable::make(KeyNode* parent, const FoldedName& name, uint64_t hash, int* error) {
     FileName folder;
     *error = ENAMETOOLONG;
-    if (!toFolderName(folded, length, folder))
+    if (!toFolderName(name.text(), name.length, folder))
         return nullptr;
     *error = ENOMEM;
     const size_t folderSize = std::strlen(folder.text) + 1;
-    const size_t nameRoom = (length + 8) & ~size_t{7};
-    void* block = allocate(sizeof(KeyNode) + nameRoom + folderSize);
+    void* block = allocate(sizeof(KeyNode) + name.wordCount * sizeof(uint64_t) + folderSize);
     if (block == nullptr)
         return nullptr;
     auto* node = new (block) KeyNode();
     node->parent = parent;
     node->hash = hash;
-    node->nameLength = static_cast<uint16_t>(length);
-    std::memcpy(node->name(), folded, length);
-    std::memset(node->name() + length, 0, nameRoom - length);
+    node->nameLength = static_cast<uint16_t>(name.length);
+    std::memcpy(node->words(), name.words, name.wordCount * sizeof(uint64_t));
     std::memcpy(node->folderName(), folder.text, folderSize);
     node->pathHash = kPathHashStart;
     if (parent != nullptr) {
@@ -172,7 +173,7 @@ KeyNode* KeyTable::make(KeyNode* parent, const char* folded, size_t length, uint
 KeyNode* KeyTable::top() {
     int error;
     if (top_ == nullptr)
-        top_ = make(nullptr, "", 0, 0, &error);
+        top_ = make(nullptr, FoldedName(""), 0, &error);
     return top_;
 }
 
@@ -194,23 +195,21 @@ bool KeyTable::grow() {
     return true;
 }
 
-KeyNode* KeyTable::child(KeyNode* parent, const char* name, size_t length, int* error) {
-    if (length > kMostFileName) {
+KeyNode* KeyTable::child(KeyNode* parent, const FoldedName& name, int* error) {
+    if (name.length > kMostFileName) {
         *error = ENAMETOOLONG;
         return nullptr;
     }
-    const FoldedName folded(name, length);
-    const uint64_t hash = folded.hashBelow(parent->hash);
+    const uint64_t hash = hashBelow(*parent, name);
     if (bucketCount_ != 0)
         for (KeyNode* node = buckets_[hash & (bucketCount_ - 1)]; node != nullptr; node = node->nextInBucket)
-            if (node->hash == hash && node->parent == parent && node->nameLength == length &&
-                std::memcmp(node->name(), folded.text, length) == 0)
+            if (node->hash == hash && node->parent == parent && isNamed(*node, name))
                 return node;
     if (count_ >= bucketCount_ && !grow()) {
         *error = ENOMEM;
         return nullptr;
     }
-    KeyNode* node = make(parent, folded.text, length, hash, error);
+    KeyNode* node = make(parent, name, hash, error);
     if (node == nullptr)
         return nullptr;
     KeyNode*& bucket = buckets_[hash & (bucketCount_ - 1)];

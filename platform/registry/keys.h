@@ -46,36 +46,46 @@ enum TreeIndex : uint8_t { kPersistent, kVolatile, kTrees };
 // What both trees' counters of a key stood at.
 using KeyStamp = uint64_t;
 
+// The part of a path up to a `\` or its end, in small letters, zero-filled to whole words.
+struct FoldedName {
+    uint64_t words[(kMostFileName + 8) / 8];
+    uint32_t wordCount;
+    uint32_t length; // kMostFileName + 1 for a longer part
+
+    explicit FoldedName(const char* path);
+    const char* text() const { return reinterpret_cast<const char*>(words); }
+};
+
 struct KeyNode {
     KeyNode* nextInBucket;
     KeyNode* parent; // null in the top
     uint64_t hash;
-    uint32_t pathHash; // of the folder's path; chooses the key's change counter
-    uint32_t slot;
-    uint32_t users; // handles and nodes below
-    uint32_t handles;
-    uint16_t nameLength;
 
     // What the trees said last; holds while `known` and the counters stand at `stamp`.
+    KeyStamp stamp;
+    uint32_t slot; // of the key's change counter
+    uint16_t nameLength;
     bool known;
     bool exists;
     TreeIndex home; // the tree that new values go to
-    KeyStamp stamp;
-    RegistryValue value; // the default one
-
     // A key made in this process that is in no tree yet: it waits for its first value. `home` tells where to.
     bool pending;
-    char* className; // null: `string`
-    char* spelling;  // as last given in making it; null: as the folded name
+    bool takesKeys[kTrees]; // a folder was made in the key's folder, and none failed since
+    RegistryValue value;    // the default one
 
+    uint32_t pathHash; // of the folder's path; chooses the slot
+    uint32_t users;    // handles and nodes below
+    uint32_t handles;
+    char* className;    // of a key to be made; null: `string`
+    char* spelling;     // as last given in making it; null: as the folded name
     SubkeyList subkeys; // kept while handles are open
     KeyStamp subkeysStamp;
     bool subkeysKnown;
 
-    // Behind the node: the folded name, zero-filled to whole words, then the folder's name.
-    char* name() { return reinterpret_cast<char*>(this + 1); }
-    size_t nameRoom() const { return (size_t{nameLength} + 8) & ~size_t{7}; }
-    char* folderName() { return name() + nameRoom(); }
+    // Behind the node: the words of the folded name, then the folder's name.
+    uint64_t* words() { return reinterpret_cast<uint64_t*>(this + 1); }
+    const char* name() { return reinterpret_cast<const char*>(words()); }
+    char* folderName() { return reinterpret_cast<char*>(words() + nameLength / 8 + 1); }
 };
 
 class KeyTable {
@@ -88,14 +98,14 @@ public:
     // The node of the whole tree; null when memory is short.
     KeyNode* top();
     // The node of the name below `parent`, made if it is new. Null with `*error` set: ENAMETOOLONG, ENOMEM.
-    KeyNode* child(KeyNode* parent, const char* name, size_t length, int* error);
+    KeyNode* child(KeyNode* parent, const FoldedName& name, int* error);
     // Frees nodes that nobody uses when there are very many. No node that is not in use may be held over
     // this.
     void trim();
     void forgetAll();
 
 private:
-    KeyNode* make(KeyNode* parent, const char* folded, size_t length, uint64_t hash, int* error);
+    KeyNode* make(KeyNode* parent, const FoldedName& name, uint64_t hash, int* error);
     bool grow();
     void free(KeyNode* node);
 

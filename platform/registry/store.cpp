@@ -185,6 +185,7 @@ int RegistryStore::makeNode(KeyNode& node, TreeIndex home, const NewKey& made) {
     tree.changes.touch(node.slot);
     tree.changes.touch(node.parent->slot);
     int error = tree.makeKey(path, made);
+    node.parent->takesKeys[home] = error == 0;
     if (error != ENOENT)
         return error;
     FileName spelling;
@@ -198,6 +199,8 @@ int RegistryStore::makeNode(KeyNode& node, TreeIndex home, const NewKey& made) {
 
 // Sees to it that the key can be made with its first value: the way to it is there and takes new folders.
 int RegistryStore::prepare(KeyNode& node, TreeIndex home) {
+    if (node.parent->takesKeys[home])
+        return 0;
     RegistryTree& tree = trees_[home];
     if (!tree.attached())
         look();
@@ -230,6 +233,8 @@ int RegistryStore::makeKey(KeyNode& node, const KeyPath& path, NewKey made, bool
         made.spelling = node.spelling;
         made.className = node.className;
         error = makeNode(node, node.home, made);
+        if (error == 0)
+            remember(node, made);
     }
     trees_[node.home].unlock();
     if (error == 0)
@@ -268,12 +273,25 @@ int RegistryStore::settle(KeyNode& node) {
     return pathOf(&node, path) ? makeKey(node, path, NewKey(), nullptr) : ENAMETOOLONG;
 }
 
+// Keeps a default value that was just set in the key's home, whose lock is held: what stands in the
+// persistent tree is the key's value whatever the other one holds.
+void RegistryStore::remember(KeyNode& node, const NewKey& made) {
+    node.known = false;
+    if (node.home != kPersistent || made.valueFile == nullptr || made.valueFile[1] != 0)
+        return;
+    node.exists = true;
+    node.stamp = stampOf(node.slot);
+    node.known = trees_[kVolatile].attached() && node.value.assign(made.type, made.data, made.size);
+}
+
 int RegistryStore::replaceValue(KeyNode& node, const KeyPath& path, const NewKey& made) {
     if (const int error = lock(node.home))
         return error;
     RegistryTree& tree = trees_[node.home];
     tree.changes.touch(node.slot);
     const int error = tree.replaceValue(path, made.valueFile, made.type, made.data, made.size);
+    if (error == 0)
+        remember(node, made);
     tree.unlock();
     return error;
 }

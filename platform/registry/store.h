@@ -23,7 +23,7 @@ public:
     void look();
     // look() at every so many calls: for reads that are answered without asking the host.
     void lookNowAndThen() {
-        if (++calls_ % 256 == 0)
+        if (++calls_ % 4096 == 0)
             look();
     }
 
@@ -63,6 +63,7 @@ private:
     int lock(TreeIndex index);
     int prepare(KeyNode& node, TreeIndex home);
     int makeNode(KeyNode& node, TreeIndex home, const NewKey& made);
+    void remember(KeyNode& node, const NewKey& made);
     int makeKey(KeyNode& node, const KeyPath& path, NewKey made, bool* isNew);
     int replaceValue(KeyNode& node, const KeyPath& path, const NewKey& made);
     int removeFrom(KeyNode& node, const KeyPath& path, const bool (&holds)[kTrees]);

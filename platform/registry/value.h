@@ -18,6 +18,7 @@ struct RegistryValue {
 
     bool present() const { return block != nullptr; }
     const uint8_t* data() const { return block + start; }
+    bool assign(uint32_t newType, const uint8_t* newData, uint32_t newSize); // false when memory is short
     void clear() {
         std::free(block);
         block = nullptr;

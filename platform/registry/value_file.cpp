@@ -1,5 +1,6 @@
 #include "platform/registry/value_file.h"
 
+#include "platform/heap_faults.h"
 #include "platform/registry.h"
 
 #include <charconv>
@@ -15,6 +16,21 @@ bool startsWithMark(const uint8_t* data, uint32_t size) {
 }
 
 } // namespace
+
+bool RegistryValue::assign(uint32_t newType, const uint8_t* newData, uint32_t newSize) {
+    void* room = heapFaultDue() ? nullptr : std::realloc(block, size_t{newSize} + 1);
+    if (room == nullptr) {
+        clear();
+        return false;
+    }
+    block = static_cast<uint8_t*>(room);
+    if (newSize != 0)
+        std::memcpy(block, newData, newSize);
+    start = 0;
+    size = newSize;
+    type = newType;
+    return true;
+}
 
 uint32_t typeLineOf(uint32_t type, const uint8_t* data, uint32_t size, char (&line)[kMostTypeLine]) {
     if (type == REG_SZ && !startsWithMark(data, size))
