@@ -4,6 +4,7 @@
 #include "platform/host_path.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -31,6 +32,24 @@ int openHost(const char* hostPath, int flags, mode_t mode) {
 int openPath(const char* path, int flags, mode_t mode) {
     HostPath host;
     return toHostPath(path, host) ? openHost(host.text, flags, mode) : -1;
+}
+
+// A new file that no name leads to, in the folder of `host`; where the file system cannot make one, a new
+// file whose name is taken away at once.
+int openNameless(HostPath& host, int access) {
+    char* slash = std::strrchr(host.text, '/');
+    const char* folder = slash == nullptr ? "." : slash == host.text ? "/" : host.text;
+    if (slash != nullptr)
+        *slash = 0;
+    int fd = openHost(folder, access | O_TMPFILE, 0600);
+    if (slash != nullptr)
+        *slash = '/';
+    if (fd >= 0)
+        return fd;
+    fd = openHost(host.text, access | O_CREAT | O_EXCL, 0600);
+    if (fd >= 0)
+        hostCalls.unlink(host.text);
+    return fd;
 }
 
 bool isNoRoom(int error) {
@@ -117,6 +136,8 @@ int _open(const char* path, int flags) {
     if (!toHostPath(path, host))
         return -1;
     const int access = (flags & _O_RDWR) != 0 ? O_RDWR : O_RDONLY;
+    if ((flags & _O_TEMPORARY) != 0)
+        return openNameless(host, access);
     const int create = ((flags & _O_CREAT) != 0 ? O_CREAT : 0) | ((flags & _O_EXCL) != 0 ? O_EXCL : 0);
     return openHost(host.text, access | create, 0600);
 }

@@ -37,11 +37,13 @@ HFILE _lclose(HFILE file);
 
 // Flags of _open.
 inline constexpr int _O_RDWR = 0x0002;
+inline constexpr int _O_TEMPORARY = 0x0040;
 inline constexpr int _O_CREAT = 0x0100;
 inline constexpr int _O_EXCL = 0x0400;
 
 // Opens a file as its flags say; with _O_CREAT and _O_EXCL the file is new, made for its owner alone (0600),
-// and no link is followed.
+// and no link is followed. A new file with _O_TEMPORARY goes when its handle is closed, also by the end of
+// the process, however that comes: no other process finds it by its name.
 int _open(const char* path, int flags);
 int _close(int file);
 

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -37,6 +38,12 @@ uint8_t* rawOf(void* block) {
 // The most a block can have: header and guard must fit the address space too.
 bool tooLarge(uint32_t size) {
     return size > SIZE_MAX - kHeader - sizeof(KAL_HEAP_GUARD);
+}
+
+// A large block that grows gets an eighth to spare, so that growth by small steps seldom copies it.
+size_t withSpare(size_t need, bool grows) {
+    constexpr size_t kLarge = 4096;
+    return grows && need >= kLarge && need <= SIZE_MAX - need / 8 ? need + need / 8 : need;
 }
 
 void setSize(uint8_t* raw, uint32_t size) {
@@ -86,10 +93,18 @@ void* KalReAllocSMem(void* block, uint32_t size) {
     if (!isWhole(block) || tooLarge(size))
         return nullptr;
     const uint32_t oldSize = sizeOf(block);
-    // The address changes hands inside realloc, so the mark moves around it.
-    if (heapFaultDue() || !unmarkBlock(block))
+    if (heapFaultDue())
         return nullptr;
-    auto* raw = static_cast<uint8_t*>(std::realloc(rawOf(block), kHeader + size + sizeof KAL_HEAP_GUARD));
+    const size_t need = kHeader + size + sizeof KAL_HEAP_GUARD;
+    if (size >= oldSize && need <= malloc_usable_size(rawOf(block))) {
+        std::memset(static_cast<uint8_t*>(block) + oldSize, 0, size - oldSize);
+        setSize(rawOf(block), size);
+        return block;
+    }
+    // The address changes hands inside realloc, so the mark moves around it.
+    if (!unmarkBlock(block))
+        return nullptr;
+    auto* raw = static_cast<uint8_t*>(std::realloc(rawOf(block), withSpare(need, size > oldSize)));
     if (raw == nullptr) {
         markBlock(block);
         return nullptr;
@@ -144,7 +159,8 @@ void ZEPObject::operator delete(void* object) noexcept {
 
 void failHeapAllocation(int64_t n) {
     faultStays = false;
-    faultHappened = false;
+    if (n != 0)
+        faultHappened = false;
     faultCountdown = n;
 }
 

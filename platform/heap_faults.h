@@ -10,7 +10,7 @@ void failHeapAllocation(int64_t n);
 // Every allocation from the n-th on fails; 0 switches faults off.
 void failHeapAllocationsFrom(int64_t n);
 
-// Whether a fault that was asked for has happened since.
+// Whether the fault that was last asked for has happened.
 bool heapFaultHappened();
 
 // Live small-memory blocks of the whole process.

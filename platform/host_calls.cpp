@@ -12,6 +12,8 @@ int openFile(const char* path, int flags, mode_t mode) {
     return ::open(path, flags, mode);
 }
 
+void* remap(void* address, size_t oldSize, size_t newSize, int flags) {
+    return ::mremap(address, oldSize, newSize, flags);
 int openFileAt(int folder, const char* path, int flags, mode_t mode) {
     return ::openat(folder, path, flags, mode);
 }
@@ -27,9 +29,11 @@ HostCalls hostCalls = {
     .fstat = ::fstat,
     .access = ::access,
     .unlink = ::unlink,
-    .flock = ::flock,
     .mmap = ::mmap,
     .munmap = ::munmap,
+    .mremap = remap,
+    .madvise = ::madvise,
+    .flock = ::flock,
     .openat = openFileAt,
     .mkdirat = ::mkdirat,
     .renameat = ::renameat,

@@ -16,9 +16,11 @@ struct HostCalls {
     int (*fstat)(int fd, struct stat* result);
     int (*access)(const char* path, int mode);
     int (*unlink)(const char* path);
-    int (*flock)(int fd, int operation);
     void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t offset);
     int (*munmap)(void* address, size_t size);
+    void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);
+    int (*madvise)(void* address, size_t size, int advice);
+    int (*flock)(int fd, int operation);
     int (*openat)(int folder, const char* path, int flags, mode_t mode);
     int (*mkdirat)(int folder, const char* path, mode_t mode);
     int (*renameat)(int fromFolder, const char* from, int toFolder, const char* to);

@@ -24,6 +24,15 @@ bool configurationDirectory(HostPath& result) {
     return length > 0 && static_cast<size_t>(length) < sizeof result.text;
 }
 
+// The text and what stands behind it, where both fit; the length, or the room needed.
+uint32_t deliver(const char* text, const char* behind, char* destination, uint32_t size) {
+    const size_t length = std::strlen(text) + std::strlen(behind);
+    if (length >= size)
+        return static_cast<uint32_t>(length + 1);
+    std::snprintf(destination, size, "%s%s", text, behind);
+    return static_cast<uint32_t>(length);
+}
+
 } // namespace
 
 uint32_t GetWindowsDirectoryA(char* destination, uint32_t size) {
@@ -35,9 +44,15 @@ uint32_t GetWindowsDirectoryA(char* destination, uint32_t size) {
             return 0;
         directory = platform.text;
     }
-    const size_t length = std::strlen(directory);
-    if (length >= size)
-        return static_cast<uint32_t>(length + 1);
-    std::memcpy(destination, directory, length + 1);
-    return static_cast<uint32_t>(length);
+    return deliver(directory, "", destination, size);
+}
+
+uint32_t GetTempPathA(uint32_t size, char* destination) {
+    HostPath platform;
+    const char* directory = nonEmpty("TMPDIR");
+    if (!toPlatformPath(directory != nullptr ? directory : "/tmp", platform.text, sizeof platform.text))
+        return 0;
+    const size_t length = std::strlen(platform.text);
+    return deliver(platform.text, length > 0 && platform.text[length - 1] == '\\' ? "" : "\\", destination,
+                   size);
 }

@@ -31,6 +31,9 @@ inline void installOperations(SFILE* record, const StreamOperations& operations)
 // the status of the open.
 using SetUpBackend = int16_t (*)(SFILE* record, const char* name, int32_t size);
 
+int16_t setUpMemoryStream(SFILE* record, const char* name, int32_t size);
+int16_t setUpVMemStream(SFILE* record, const char* name, int32_t size);
+
 // Turns a record into a disk stream over `handle`, which stands at `position`, with a buffer of the default
 // size where memory allows. Cannot fail.
 void setUpDiskStream(SFILE* record, int32_t handle, uint32_t position);

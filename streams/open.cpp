@@ -23,8 +23,8 @@ constexpr struct {
     uint16_t modeBit;
     SetUpBackend setUp;
 } backends[] = {
-    {KAL_MODE_MEMORY, refuse},
-    {KAL_MODE_VMEM, refuse},
+    {KAL_MODE_MEMORY, setUpMemoryStream},
+    {KAL_MODE_VMEM, setUpVMemStream},
     {KAL_MODE_FILEMAP, refuse},
 };
 

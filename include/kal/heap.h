@@ -23,6 +23,11 @@ KAL_API void* KalReAllocSMem(void* block, uint32_t size);
 // The usable size of a block in bytes: what was asked for. 0 for anything that is not a live block.
 KAL_API uint32_t KalSizeSMem(const void* block);
 
+// Resizes a global memory block, such as a memory stream's; bytes gained are 0. The block, or null with
+// nothing changed when memory is short or the block is locked and has no room to grow in place. `flags` is 2
+// (movable).
+KAL_API void* KalGlobalReAlloc(void* block, uint32_t size, uint32_t flags);
+
 // 1 when the byte at `address` can be read, else 0.
 KAL_API uint16_t KalIsValidFarPointer(const void* address);
 

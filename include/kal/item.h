@@ -15,8 +15,11 @@ inline constexpr uint16_t KAL_ITEMS_WIDE = 0x8000; // 32-bit item sizes
 // The id of a free entry; never an item's.
 inline constexpr uint16_t KAL_ITEM_FREE = 0xFFFF;
 
-// The most that the index may take, spare entries included: 4,085 narrow or 3,266 wide entries reopen.
+// The most bytes that the index of a file may take when it is opened, 10 spare entries included. A file with
+// more entries than these does not open again; who keeps a file keeps to them.
 inline constexpr uint32_t KAL_INDEX_ROOM_MAX = 32767;
+inline constexpr uint32_t KAL_ITEMS_MAX_NARROW = 4085;
+inline constexpr uint32_t KAL_ITEMS_MAX_WIDE = 3266;
 
 // The largest item that a flush can move out of the growing index's way.
 inline constexpr uint32_t KAL_ITEM_MOVE_MAX = 65535;
@@ -74,9 +77,10 @@ KAL_API int16_t KalFreeIFile(IFILE* file);
 // all the same; a caller that must know flushes first (KalFlushIFile, KalFlushBuf).
 KAL_API int16_t KalCloseIFile(IFILE* file);
 
-// Writes header and index, after moving the items that stand where the index goes to the stream's end. 0;
-// KAL_ERR_MEMORY when such an item is larger than KAL_ITEM_MOVE_MAX or memory is short; the stream's status
-// when a move failed. After a failure the stored index is the old one and the items are where they were.
+// Writes header and index, after moving the items that stand where the index goes to the stream's end. 0 (the
+// counts of these last writes are not looked at: the stream's status tells); KAL_ERR_MEMORY when such an item
+// is larger than KAL_ITEM_MOVE_MAX or memory is short; the stream's status when a move or seek failed. After
+// a failure the stored index is the old one and every item can be read where its entry says.
 KAL_API int16_t KalFlushIFile(IFILE* file);
 
 // The first entry with this id, or null. It stays valid until the next KalAppendItemIndex.
@@ -100,8 +104,9 @@ KAL_API int32_t KalReadItem(IFILE* file, ItemIndex* entry, void* destination, ui
 KAL_API uint32_t KalIncReadItem(IFILE* file, ItemIndex* entry, void* destination, uint32_t count);
 
 // Stores `length` bytes as item `id` in place of any item of that id, in the smallest free extent that holds
-// them or at the end. Bytes written; 0 when nothing could be (the old item is then as it was where no byte
-// of it was overwritten). A narrow file keeps the low 16 bits of the length and writes that many.
+// them or at the end. Bytes written; 0 when nothing could be, or for the id KAL_ITEM_FREE. When they did not
+// all go, an item of that id whose own extent was not written to is as it was. A narrow file keeps the low 16
+// bits of the length and writes that many.
 KAL_API uint32_t KalWriteIFile(IFILE* file, const void* data, uint32_t length, uint16_t id);
 
 // Appends `length` bytes to item `id` where it lies, or stores it anew. Bytes written; 0 when another entry

@@ -142,6 +142,44 @@ KAL_API int16_t KalSeekDiskPos(SFILE* stream, int32_t offset, uint32_t origin);
 // stream is released: 0, or KAL_ERR_CLOSE. A temporary file is deleted, its buffer not written back first.
 KAL_API int16_t KalCloseDiskFile(SFILE* stream);
 
+// --- The six operations of a memory stream ---------------------------------------------------------------
+// A stream opened with KAL_MODE_MEMORY keeps its bytes in one block of global memory (`handle`), which grows
+// in steps of 1,024 bytes. Its length, in `osPos`, is kept lazily: a write that makes the block grow raises
+// it, and so does a seek that finds the position beyond it. Seek (to the end, say) before relying on it, and
+// before reading what was written last. The end of the stream is KAL_ERR_SHORT_READ, never KAL_ERR_END;
+// KAL_ERR_GLOBAL when the block cannot be had, locked or grown, and it then stays as it was.
+
+KAL_API int32_t KalReadMemFile(SFILE* stream, void* destination, uint32_t count);
+KAL_API int32_t KalGetMemChar(SFILE* stream);
+KAL_API int32_t KalWriteMemFile(SFILE* stream, const void* source, uint32_t count);
+KAL_API int16_t KalPutMemChar(SFILE* stream, char byte);
+// Always 0, and leaves the status alone. Positions beyond the end are allowed; bytes that a write leaves out
+// on its way there are undefined.
+KAL_API int16_t KalSeekMemPos(SFILE* stream, int32_t offset, uint32_t origin);
+// 0, also for null.
+KAL_API int16_t KalCloseMemFile(SFILE* stream);
+
+// --- The six operations of a VMem stream -----------------------------------------------------------------
+// A stream opened with KAL_MODE_VMEM keeps its bytes in VMem blocks of 32,768 bytes (see kal/vmem.h), whose
+// handles stand in the table at `backData`; at most 65,536 of them, 2 GiB. The manager must be open. The
+// length stands in `bufEnd`. One call moves at most 65,535 bytes: of more, it moves these and says so by its
+// result. Opening gives KAL_ERR_BUFFER or KAL_ERR_VMEM when memory is short.
+
+// At the length KAL_ERR_SHORT_READ. KAL_ERR_VMEM when a block cannot be brought back.
+KAL_API int32_t KalReadVMemFile(SFILE* stream, void* destination, uint32_t count);
+KAL_API int32_t KalGetVMemChar(SFILE* stream);
+// KAL_ERR_DISK_FULL when there is no memory for the table or the position lies more than one block past it;
+// KAL_ERR_GLOBAL when there is none for a block; KAL_ERR_VMEM when a block cannot be brought back. The result
+// is what was moved before.
+KAL_API int32_t KalWriteVMemFile(SFILE* stream, const void* source, uint32_t count);
+KAL_API int16_t KalPutVMemChar(SFILE* stream, char byte);
+// A seek past the end makes the stream longer, with bytes that are undefined. KAL_ERR_BUFFER when there is no
+// memory for the table, or the stream would pass 2 GiB; KAL_ERR_VMEM when there is none for a block. Position
+// and length are then as they were.
+KAL_API int16_t KalSeekVMemPos(SFILE* stream, int32_t offset, uint32_t origin);
+// 0, also for null.
+KAL_API int16_t KalCloseVMemFile(SFILE* stream);
+
 // The next byte of any stream as its getChar slot gives it, straight from the buffer where it can be: what a
 // tight loop calls.
 inline int32_t KalNextChar(SFILE* stream) {

@@ -174,7 +174,7 @@ TEST_F(DiskStream, EndsOfReadsHaveTheirStatuses) {
 }
 
 TEST_F(DiskStream, OneByteWrittenInTheMiddleChangesThatByteOnly) {
-    for (const uint16_t mode : {uint16_t(1), uint16_t(2)}) {
+    for (uint16_t mode : Words{1, 2}) {
         Bytes bytes = randomBytes(5000, 2);
         writeFile("f", bytes);
         SFILE* s = open("f", mode);
@@ -256,7 +256,7 @@ TEST_F(DiskStream, WrappedHandlesTakeNoWritesUntilToldSo) {
     EXPECT_EQ(s->write(s, "ab", 2), -251);
     EXPECT_EQ(val(s->status), -251);
     EXPECT_EQ(s->putChar(s, 'a'), -251);
-    for (const uint16_t mode : {uint16_t(0x4), uint16_t(0x8)}) { // write bits that open no handle for writing
+    for (uint16_t mode : Words{0x4, 0x8}) { // write bits that open no handle for writing
         s->mode = mode;
         EXPECT_EQ(s->write(s, "ab", 2), -251);
     }

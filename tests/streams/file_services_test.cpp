@@ -26,7 +26,7 @@ constexpr uint16_t kTemp = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
 
 TEST_F(FileServices, TemporaryFilesGoOrStayAsAsked) {
     HeapBalance balance;
-    for (const uint16_t keep : {uint16_t(0), uint16_t(1)}) {
+    for (uint16_t keep : Words{0, 1}) {
         SFILE* s = nullptr;
         ASSERT_EQ(KalOpenTempFile(&s, kTemp, keep), 0);
         EXPECT_STREQ(val(s->name), ".\\ZEP0.TMP");

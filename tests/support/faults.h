@@ -3,6 +3,7 @@
 #ifndef KAL_TESTS_SUPPORT_FAULTS_H
 #define KAL_TESTS_SUPPORT_FAULTS_H
 
+#include "platform/global_memory.h"
 #include "platform/heap_faults.h"
 #include "platform/host_calls.h"
 
@@ -41,16 +42,20 @@ private:
     HostCallGuard guard_;
 };
 
-// Fails if blocks of small memory were won or lost in its scope.
+// Fails if blocks of small or global memory were won or lost in its scope.
 class HeapBalance {
 public:
-    HeapBalance() : before_(liveHeapBlocks()) {}
-    ~HeapBalance() { EXPECT_EQ(liveHeapBlocks(), before_) << "small-memory blocks leaked or lost"; }
+    HeapBalance() : before_(liveHeapBlocks()), globalBefore_(liveGlobalBlocks()) {}
+    ~HeapBalance() {
+        EXPECT_EQ(liveHeapBlocks(), before_) << "small-memory blocks leaked or lost";
+        EXPECT_EQ(liveGlobalBlocks(), globalBefore_) << "global memory blocks leaked or lost";
+    }
     HeapBalance(const HeapBalance&) = delete;
     HeapBalance& operator=(const HeapBalance&) = delete;
 
 private:
     uint64_t before_;
+    uint32_t globalBefore_;
 };
 
 // Runs `attempt(n)` with the n-th allocation failing, for n = 1, 2, ... until one run needs no more than

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -65,6 +66,26 @@ Bytes randomBytes(size_t count, uint32_t seed) {
 
 Bytes bytesOf(const std::string& text) {
     return Bytes(text.begin(), text.end());
+}
+
+Bytes hexExample(const std::string& document, int n) {
+    std::ifstream in(std::string(KAL_SOURCE_DIR) + "/" + document);
+    Bytes bytes;
+    bool inside = false;
+    for (std::string line; std::getline(in, line);) {
+        if (line == "```hex")
+            inside = n-- == 0;
+        else if (line == "```")
+            inside = false;
+        else if (inside) {
+            std::istringstream words(line);
+            for (std::string word;
+                 words >> word && word.size() == 2 && isxdigit(word[0]) && isxdigit(word[1]);)
+                bytes.push_back(static_cast<uint8_t>(std::stoi(word, nullptr, 16)));
+        }
+    }
+    EXPECT_FALSE(bytes.empty()) << document << " has no such example";
+    return bytes;
 }
 
 TinyFileSystem::TinyFileSystem(const std::string& folder, size_t bytes) : folder_(folder) {

@@ -5,10 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
+
+// For loops over modes, formats and ids.
+using Words = std::initializer_list<uint16_t>;
 
 // A folder of its own for each test, gone afterwards; the current directory while the test runs.
 class FolderTest : public ::testing::Test {
@@ -30,6 +34,10 @@ std::vector<std::string> filesIn(const std::string& folder);
 // Reproducible bytes: the same seed gives the same ones.
 Bytes randomBytes(size_t count, uint32_t seed);
 Bytes bytesOf(const std::string& text);
+
+// The bytes of the n-th (from 0) ```hex block of a document of this project: the hexadecimal pairs that start
+// each line, up to the first word that is none.
+Bytes hexExample(const std::string& document, int n = 0);
 
 // A file system of `bytes` at `folder`, which it makes, while it is in scope. mounted() is false where this
 // process may not mount.

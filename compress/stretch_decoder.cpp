@@ -1,0 +1,183 @@
+#include "compress/stretch_decoder.h"
+
+namespace {
+
+constexpr uint32_t kBlock = 8;
+
+// Bytes that one round of the bulk loop takes and gives at most without asking again.
+constexpr uint32_t kRoundCodes = 4;
+constexpr uint32_t kRoundInput = sizeof(uint64_t);
+constexpr uint32_t kRoundOutput = kRoundCodes * kBlock;
+static_assert(kRoundCodes * kWidestCode <= 56);
+
+uint32_t maskOf(uint32_t width) {
+    return (1u << width) - 1;
+}
+
+// Makes `fresh` the string of `prefix`, whose code is `prefixCode`, with one character more, which is still
+// to come: completeWith() puts it in.
+inline void extend(BlockString* fresh, const BlockString& prefix, uint32_t prefixCode) {
+    const bool startsBlock = prefix.length % kBlock == 0;
+    fresh->block = startsBlock ? 0 : prefix.block;
+    fresh->skip = startsBlock ? static_cast<uint16_t>(prefixCode) : prefix.skip;
+    fresh->length = static_cast<uint16_t>(prefix.length + 1);
+    fresh->first = prefix.first;
+}
+
+inline void completeWith(BlockString* fresh, uint8_t character, uint32_t prefixLength) {
+    fresh->block |= static_cast<uint64_t>(character) << (prefixLength % kBlock * 8);
+}
+
+// Writes the string's blocks, the last one first, since each but the last is whole and covers what the one
+// behind it touched too much.
+inline void writeBlocks(const BlockStrings* strings, uint32_t code, uint32_t length, uint8_t* out) {
+    uint32_t at = (length - 1) / kBlock * kBlock;
+    storeWord(out + at, strings->of[code].block);
+    while (at > 0) {
+        code = strings->of[code].skip;
+        at -= kBlock;
+        storeWord(out + at, strings->of[code].block);
+    }
+}
+
+// The number of codes taken at the present width.
+uint32_t codesAtWidth(const DecoderState& state) {
+    if (state.width > kFirstWidth)
+        return state.next - (1u << (state.width - 1));
+    return state.firstAfterClear ? 0 : state.next - kFirstCode + 1;
+}
+
+} // namespace
+
+void startStrings(BlockStrings* strings) {
+    for (uint16_t code = 0; code < kRoots; code++)
+        strings->of[code] = {code, 0, 1, static_cast<uint8_t>(code)};
+    strings->of[kClearCode].length = strings->of[kEndCode].length = 0;
+}
+
+void DecoderState::clear() {
+    width = kFirstWidth;
+    next = kFirstCode;
+    firstAfterClear = true;
+}
+
+void DecoderState::load(const readlzw* decoder) {
+    width = decoder->codeWidth;
+    bitCount = decoder->bitCounter % width;
+    // Each bit came in at the top and moved down by one with every bit, itself included.
+    bits = static_cast<uint64_t>(decoder->codeRegister) >> (width - 1 - bitCount);
+    next = decoder->nextCode;
+    previous = decoder->previousCode;
+    firstAfterClear = decoder->firstAfterClear != 0;
+}
+
+void DecoderState::store(readlzw* decoder) const {
+    decoder->codeWidth = static_cast<uint16_t>(width);
+    decoder->bitCounter = static_cast<uint16_t>(codesAtWidth(*this) * width + bitCount);
+    decoder->codeRegister = static_cast<uint16_t>(bits << (width - 1 - bitCount));
+    decoder->nextCode = static_cast<uint16_t>(next);
+    decoder->previousCode = static_cast<uint16_t>(previous);
+    decoder->firstAfterClear = firstAfterClear ? 1 : 0;
+}
+
+Taken takeCode(BlockStrings* strings, DecoderState* state) {
+    const auto code = static_cast<uint32_t>(state->bits) & maskOf(state->width);
+    state->bits >>= state->width;
+    state->bitCount -= state->width;
+    if (code == kClearCode) {
+        state->clear();
+        return Taken::noString;
+    }
+    if (state->firstAfterClear) {
+        if (code >= kRoots)
+            return Taken::endOfRun;
+        state->firstAfterClear = false;
+        state->previous = code;
+        return Taken::string;
+    }
+    if (code == kEndCode || code > state->next)
+        return Taken::endOfRun;
+    if (state->next < KAL_LZW_CODES) {
+        BlockString* const fresh = &strings->of[state->next];
+        const BlockString prefix = strings->of[state->previous];
+        extend(fresh, prefix, state->previous);
+        completeWith(fresh, strings->of[code].first, prefix.length);
+        state->next++;
+        if (state->next < KAL_LZW_CODES)
+            state->width = static_cast<uint32_t>(std::bit_width(state->next));
+    }
+    state->previous = code;
+    return Taken::string;
+}
+
+void decodeInBulk(BlockStrings* strings, DecoderState* state, const uint8_t** inPtr, const uint8_t* inEnd,
+                  uint8_t** outPtr, const uint8_t* outEnd) {
+    const uint8_t* in = *inPtr;
+    uint8_t* out = *outPtr;
+    BlockString* const of = strings->of;
+    uint64_t bits = state->bits;
+    uint32_t count = state->bitCount;
+    uint32_t width = state->width;
+    uint32_t mask = maskOf(width);
+    uint32_t next = state->next;
+    uint32_t previousCode = state->previous;
+    BlockString previous = of[previousCode];
+
+    while (inEnd - in >= static_cast<ptrdiff_t>(kRoundInput) &&
+           outEnd - out >= static_cast<ptrdiff_t>(kRoundOutput)) {
+        // As many whole bytes as fit are new; what the load brings above them comes again next time.
+        bits |= loadWord(in) << count;
+        in += (63 - count) >> 3;
+        count |= 56;
+        for (uint32_t left = kRoundCodes; left > 0; left--) {
+            const auto code = static_cast<uint32_t>(bits) & mask;
+            if (code > next)
+                goto done;
+            // The string that this code adds comes first, since the code may be its own.
+            BlockString* const fresh = &of[next];
+            extend(fresh, previous, previousCode);
+            completeWith(fresh, of[code].first, previous.length);
+            previous.length = of[code].length;
+            if (previous.length - 1u < kBlock) [[likely]] {
+                storeWord(out, of[code].block);
+            } else {
+                // A code without a string, or one that the room left may not hold: for the careful way.
+                if (previous.length == 0 || outEnd - out < static_cast<ptrdiff_t>(previous.length + kBlock))
+                    goto done;
+                writeBlocks(strings, code, previous.length, out);
+                left = 1;
+            }
+            out += previous.length;
+            previous = of[code];
+            previousCode = code;
+            bits >>= width;
+            count -= width;
+            next++;
+            if (next > mask) [[unlikely]] {
+                if (width < kWidestCode)
+                    mask = maskOf(++width);
+                else
+                    next = KAL_LZW_CODES; // full: what is added from here on is scratch
+            }
+        }
+    }
+done:
+    in -= count / 8;
+    state->bitCount = count % 8;
+    state->bits = bits & maskOf(state->bitCount);
+    state->width = width;
+    state->next = next;
+    state->previous = previousCode;
+    *inPtr = in;
+    *outPtr = out;
+}
+
+void writeReversed(const BlockStrings* strings, uint32_t code, uint8_t* to) {
+    const uint32_t length = strings->of[code].length;
+    const uint32_t lastBlock = (length - 1) % kBlock + 1;
+    storeWord(to, __builtin_bswap64(strings->of[code].block) >> (kBlock - lastBlock) * 8);
+    for (uint32_t at = lastBlock; at < length; at += kBlock) {
+        code = strings->of[code].skip;
+        storeWord(to + at, __builtin_bswap64(strings->of[code].block));
+    }
+}

@@ -1,0 +1,57 @@
+// The decoder of compressed streams. A string is kept in blocks of eight characters, so that it is written
+// with one store a block wherever the caller's bytes stand: an entry holds the last block and names the
+// string that ends where that block begins.
+//
+//     "abcdefghij"  ->  { "ij", skip -> "abcdefgh", length 10 }  ->  { "abcdefgh", length 8 }
+#ifndef KAL_COMPRESS_STRETCH_DECODER_H
+#define KAL_COMPRESS_STRETCH_DECODER_H
+
+#include "compress/lzw_codes.h"
+
+struct BlockString {
+    uint64_t block;  // the last 1 to 8 characters, the first lowest
+    uint16_t skip;   // the string before them, where there is one
+    uint16_t length; // 0 for the codes that stand for no string
+    uint8_t first;   // first character
+};
+
+// One more than there are codes: the string being made when the table is full.
+struct BlockStrings {
+    BlockString of[KAL_LZW_CODES + 1];
+};
+
+// Fills in the roots.
+void startStrings(BlockStrings* strings);
+
+// Where a decoder stands: the decoder's record in a form made for speed.
+struct DecoderState {
+    uint64_t bits;     // taken from the stream and not yet from a code, lowest first
+    uint32_t bitCount; // of them
+    uint32_t width;
+    uint32_t next;
+    uint32_t previous;
+    bool firstAfterClear;
+
+    // After a clear code.
+    void clear();
+    // What the stream's bytes were good for when they all belong to codes taken or to the one begun.
+    void load(const readlzw* decoder);
+    void store(readlzw* decoder) const;
+};
+
+enum class Taken { string, noString, endOfRun };
+
+// Takes the code at the head of `bits`, which must hold one: a string (it is `previous` then), a clear code,
+// or the end of all sense.
+Taken takeCode(BlockStrings* strings, DecoderState* state);
+
+// Decodes from [in, inEnd) to [out, outEnd) as long as both have room to spare and nothing but strings comes.
+// Both move on; input is consumed up to the byte that holds the last bit of the last code. `state` must hold
+// fewer than 8 bits, and not be the first after a clear code.
+void decodeInBulk(BlockStrings* strings, DecoderState* state, const uint8_t** in, const uint8_t* inEnd,
+                  uint8_t** out, const uint8_t* outEnd);
+
+// Writes a string to `to`, from the last character to the first; up to 7 bytes more are touched.
+void writeReversed(const BlockStrings* strings, uint32_t code, uint8_t* to);
+
+#endif

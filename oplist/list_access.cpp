@@ -1,0 +1,114 @@
+// Putting, getting and seeking: the steps that every kind of list shares, and the choice of the kind.
+#include "oplist/file_mode.h"
+#include "oplist/op.h"
+
+namespace {
+
+// The payload size of a put as filter, sink and streams see it: a raw bitmap row comes with 8 bytes that only
+// the row's own list counts.
+uint32_t shownSize(uint32_t type, uint32_t size) {
+    constexpr uint32_t kRowExtra = 8;
+    return type == KAL_OP_ROW && size > kRowExtra ? size - kRowExtra : size;
+}
+
+void showToFilter(OpList* list, void* op, uint32_t type, uint32_t size) {
+    if (FilterOps* filter = list->filter)
+        filter->FilterOp(op, static_cast<uint16_t>(type), static_cast<uint16_t>(size));
+}
+
+// Puts the end op that the list owes.
+void endPuts(OpList* list) {
+    if (list->putPending == 0)
+        return;
+    KalPutOpData(list, KAL_OP_END, nullptr, 0);
+    list->putPending = 0;
+    endPutsInStream(list);
+}
+
+// What every stored put notes before and after.
+void notePut(OpList* list, bool isEnd) {
+    if (isEnd)
+        list->endPos = list->pos;
+    list->putPending = 1;
+}
+
+uint32_t notePosition(OpList* list, bool isEnd, uint32_t position) {
+    if (isEnd && position != KAL_OP_FAILED)
+        list->endPos = position;
+    return position;
+}
+
+} // namespace
+
+uint32_t KalPutOp(OpList* list, void* op) {
+    if (list == nullptr || op == nullptr)
+        return KAL_OP_FAILED;
+    const uint16_t type = KalOpType(op);
+    const uint16_t size = KalOpSize(op);
+    const bool isEnd = type == KAL_OP_END;
+    notePut(list, isEnd);
+    showToFilter(list, op, type, size);
+    if (OpSink* sink = list->sink)
+        return sink->PutOp(op);
+    return notePosition(list, isEnd, putInStream(list, opStart(op), KAL_OP_HEADER + size, nullptr, 0));
+}
+
+uint32_t KalPutOpData(OpList* list, uint32_t type, const void* data, uint32_t size) {
+    if (list == nullptr)
+        return KAL_OP_FAILED;
+    const uint32_t shown = shownSize(type, size);
+    showToFilter(list, const_cast<void*>(data), type, shown);
+    if (OpSink* sink = list->sink)
+        return sink->PutOpData(type, data, shown);
+    if (shown > kOpPayloadMax) { // its header could not tell how long it is
+        list->status = KAL_ERR_WRITE;
+        return KAL_OP_FAILED;
+    }
+    const bool isEnd = static_cast<uint16_t>(type) == KAL_OP_END;
+    notePut(list, isEnd);
+    uint8_t header[KAL_OP_HEADER];
+    storeOpHeader(header, type, shown);
+    return notePosition(list, isEnd, putInStream(list, header, sizeof header, data, shown));
+}
+
+void* KalGetOp(OpList* list) {
+    if (list == nullptr)
+        return nullptr;
+    list->putPending = 0;
+    return getFromStream(list);
+}
+
+int16_t KalSeekOp(OpList* list, int32_t position) {
+    if (list == nullptr)
+        return KAL_ERR_NULL_STREAM;
+    endPuts(list);
+    return seekInStream(list, static_cast<uint32_t>(position));
+}
+
+int16_t KalSeekEndOp(OpList* list) {
+    if (list == nullptr)
+        return KAL_ERR_NULL_STREAM;
+    endPuts(list); // which moves endPos
+    return KalSeekOp(list, static_cast<int32_t>(list->endPos));
+}
+
+uint16_t KalIsOpListEmpty(OpList* list) {
+    return list == nullptr || list->pos != 0 ? 1 : isStreamEmpty(list);
+}
+
+int16_t KalGetOpError(OpList* list) {
+    if (list == nullptr)
+        return KAL_OK;
+    if (list->status != KAL_OK)
+        return list->status;
+    if (list->stream != nullptr)
+        return list->stream->status;
+    return list->compStream != nullptr ? list->compStream->status : int16_t(KAL_OK);
+}
+
+void KalSetOpListFilter(OpList* list, FilterOps& filter) {
+    if (list != nullptr)
+        list->filter = &filter;
+}
+
+void KalShrinkOpList(OpList*) {}

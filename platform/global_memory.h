@@ -1,0 +1,61 @@
+// The platform's global memory: movable blocks by handle. Only between lock and unlock has a block an
+// address; any other time it may move, and an unlocked block can be discarded, keeping its handle without
+// memory.
+#ifndef KAL_PLATFORM_GLOBAL_MEMORY_H
+#define KAL_PLATFORM_GLOBAL_MEMORY_H
+
+#include <cstdint>
+
+// A 32-bit number: the low half is never 0 and no two live blocks of the process have it alike, the high
+// half changes each time the low half is used again. A handle that is no longer live is refused everywhere.
+using HGLOBAL = void*;
+
+inline constexpr uint32_t GMEM_MOVEABLE = 0x02;
+inline constexpr uint32_t GMEM_ZEROINIT = 0x40;
+inline constexpr uint32_t GMEM_MODIFY = 0x80; // changes nothing here: every block is movable
+
+// Allocates a block, its bytes undefined unless GMEM_ZEROINIT asks for zeros. A block of 0 bytes is born
+// discarded. Null when memory is short or 65,535 blocks are live.
+HGLOBAL GlobalAlloc(uint32_t flags, uint32_t size);
+
+// The block's address, which holds until as many unlocks. Null for a discarded or dead block.
+void* GlobalLock(HGLOBAL block);
+
+// Takes one lock back. Non-zero while locks remain.
+int32_t GlobalUnlock(HGLOBAL block);
+
+// Resizes a block; the same handle, or null with nothing changed when memory is short or the block is dead.
+// A discarded block gets memory, its bytes undefined; size 0 discards an unlocked block. A locked block is
+// never moved: it grows only as far as its place has room. GMEM_ZEROINIT clears the bytes gained. Growing a
+// block by many small steps costs time in proportion to its final size.
+HGLOBAL GlobalReAlloc(HGLOBAL block, uint32_t size, uint32_t flags);
+
+// The size asked for; 0 for a discarded or dead block.
+uint32_t GlobalSize(HGLOBAL block);
+
+// Frees a block, locked or not. Null, or the handle when it is dead.
+HGLOBAL GlobalFree(HGLOBAL block);
+
+inline constexpr uint32_t GMEM_LOCKCOUNT = 0x00FF;
+inline constexpr uint32_t GMEM_DISCARDED = 0x4000;
+inline constexpr uint32_t GMEM_INVALID_HANDLE = 0x8000;
+
+// The lock count (255 at most) and GMEM_DISCARDED, or GMEM_INVALID_HANDLE for a dead block.
+uint32_t GlobalFlags(HGLOBAL block);
+
+struct MEMORYSTATUS {
+    uint32_t dwLength;
+    uint32_t dwAvailPhys; // available physical memory in bytes, 0xFFFFFFFF at most
+};
+void GlobalMemoryStatus(MEMORYSTATUS* status);
+
+// Freed blocks keep their memory for the next that ask for as much, the most recently freed first, because
+// a page new from the host costs more than filling it does. How many bytes are kept so; and gives memory
+// back to the host until no more than `most` are.
+uint64_t keptGlobalMemory();
+void trimGlobalMemory(uint64_t most);
+
+// Live blocks of the process, for tests.
+uint32_t liveGlobalBlocks();
+
+#endif
