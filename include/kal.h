@@ -14,7 +14,7 @@
 #include <kal/oplist.h>
 #include <kal/path.h>
 #include <kal/stream.h>
-#include <kal/vmem.h>
 #include <kal/tagset.h>
+#include <kal/vmem.h>
 
 #endif

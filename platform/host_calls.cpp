@@ -14,6 +14,8 @@ int openFile(const char* path, int flags, mode_t mode) {
 
 void* remap(void* address, size_t oldSize, size_t newSize, int flags) {
     return ::mremap(address, oldSize, newSize, flags);
+}
+
 int openFileAt(int folder, const char* path, int flags, mode_t mode) {
     return ::openat(folder, path, flags, mode);
 }

@@ -48,15 +48,22 @@ int lockFile(int fd) {
     return 0;
 }
 
+bool unlockFile(int fd) {
+    while (hostCalls.flock(fd, LOCK_UN) != 0)
+        if (errno != EINTR)
+            return false;
+    return true;
+}
+
 void* mapFile(int fd, bool writable) {
     errno = lockFile(fd);
     if (errno != 0)
         return MAP_FAILED;
     const bool whole = fill(fd);
     const int error = errno;
-    hostCalls.flock(fd, LOCK_UN);
-    errno = error;
-    return whole ? hostCalls.mmap(nullptr, kFileSize, writable ? PROT_READ | PROT_WRITE : PROT_READ,
+    const bool unlocked = unlockFile(fd);
+    errno = whole ? errno : error;
+    return whole && unlocked ? hostCalls.mmap(nullptr, kFileSize, writable ? PROT_READ | PROT_WRITE : PROT_READ,
                                   MAP_SHARED, fd, 0)
                  : MAP_FAILED;
 }
@@ -123,7 +130,8 @@ int RegistryChanges::hold() {
 }
 
 void RegistryChanges::release() {
-    hostCalls.flock(fd_, LOCK_UN);
+    if (fd_ >= 0 && !unlockFile(fd_))
+        detach(); // closing gives the lock up too
 }
 
 int RegistryChanges::begin() {

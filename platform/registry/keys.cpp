@@ -154,6 +154,7 @@ KeyNode* KeyTable::make(KeyNode* parent, const FoldedName& name, uint64_t hash, 
     void* block = allocate(sizeof(KeyNode) + name.wordCount * sizeof(uint64_t) + folderSize);
     if (block == nullptr)
         return nullptr;
+    *error = 0;
     auto* node = new (block) KeyNode();
     node->parent = parent;
     node->hash = hash;

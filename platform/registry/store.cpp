@@ -320,7 +320,10 @@ int RegistryStore::setValue(KeyNode& node, const char* name, uint32_t type, cons
         if (node.exists)
             error = replaceValue(node, path, made);
     }
-    return error == ENOENT ? makeKey(node, path, made, nullptr) : error;
+    if (error == ENOENT)
+        error = makeKey(node, path, made, nullptr);
+    node.pending = false; // a key whose first value failed does not appear without it
+    return error;
 }
 
 // Removes the key from the trees that hold it, which are locked.
