@@ -22,6 +22,7 @@ struct CompressedStream {
     scfiletag face;
     Side side;
     bool open; // whether encoder or decoder stand at `runPos`, so that the run can go on from there
+    bool mostlySingle;
     StretchStrings* encoderStrings;
     BlockStrings* decoderStrings;
 };
@@ -136,6 +137,7 @@ public:
         : self_(self), stream_(self->face.stream), start_(destination), out_(destination),
           end_(destination + count) {
         state_.load(self->face.decoder);
+        state_.mostlySingle = self->mostlySingle;
     }
 
     uint16_t run() {
@@ -165,6 +167,7 @@ private:
 
     uint16_t finish(uint16_t result) {
         state_.store(self_->face.decoder);
+        self_->mostlySingle = state_.mostlySingle;
         return result;
     }
 
@@ -177,8 +180,8 @@ private:
     }
 
     void deliverString() {
-        const BlockString& string = self_->decoderStrings->of[state_.previous];
-        self_->face.pending = string.length;
+        const BlockString string = self_->decoderStrings->of[state_.previous];
+        self_->face.pending = static_cast<uint16_t>(string.length());
         writeReversed(self_->decoderStrings, state_.previous, self_->face.expansion);
         deliverPending();
     }

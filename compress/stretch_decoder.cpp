@@ -2,7 +2,7 @@
 
 namespace {
 
-constexpr uint32_t kBlock = 8;
+constexpr uint32_t kBlock = BlockString::kBlock;
 
 // Bytes that one round of the bulk loop takes and gives at most without asking again.
 constexpr uint32_t kRoundCodes = 4;
@@ -14,27 +14,13 @@ uint32_t maskOf(uint32_t width) {
     return (1u << width) - 1;
 }
 
-// Makes `fresh` the string of `prefix`, whose code is `prefixCode`, with one character more, which is still
-// to come: completeWith() puts it in.
-inline void extend(BlockString* fresh, const BlockString& prefix, uint32_t prefixCode) {
-    const bool startsBlock = prefix.length % kBlock == 0;
-    fresh->block = startsBlock ? 0 : prefix.block;
-    fresh->skip = startsBlock ? static_cast<uint16_t>(prefixCode) : prefix.skip;
-    fresh->length = static_cast<uint16_t>(prefix.length + 1);
-    fresh->first = prefix.first;
-}
-
-inline void completeWith(BlockString* fresh, uint8_t character, uint32_t prefixLength) {
-    fresh->block |= static_cast<uint64_t>(character) << (prefixLength % kBlock * 8);
-}
-
 // Writes the string's blocks, the last one first, since each but the last is whole and covers what the one
 // behind it touched too much.
 inline void writeBlocks(const BlockStrings* strings, uint32_t code, uint32_t length, uint8_t* out) {
     uint32_t at = (length - 1) / kBlock * kBlock;
     storeWord(out + at, strings->of[code].block);
     while (at > 0) {
-        code = strings->of[code].skip;
+        code = strings->of[code].skip();
         at -= kBlock;
         storeWord(out + at, strings->of[code].block);
     }
@@ -51,8 +37,8 @@ uint32_t codesAtWidth(const DecoderState& state) {
 
 void startStrings(BlockStrings* strings) {
     for (uint16_t code = 0; code < kRoots; code++)
-        strings->of[code] = {code, 0, 1, static_cast<uint8_t>(code)};
-    strings->of[kClearCode].length = strings->of[kEndCode].length = 0;
+        strings->of[code] = BlockString::root(static_cast<uint8_t>(code));
+    strings->of[kClearCode] = strings->of[kEndCode] = {};
 }
 
 void DecoderState::clear() {
@@ -98,10 +84,9 @@ Taken takeCode(BlockStrings* strings, DecoderState* state) {
     if (code == kEndCode || code > state->next)
         return Taken::endOfRun;
     if (state->next < KAL_LZW_CODES) {
-        BlockString* const fresh = &strings->of[state->next];
         const BlockString prefix = strings->of[state->previous];
-        extend(fresh, prefix, state->previous);
-        completeWith(fresh, strings->of[code].first, prefix.length);
+        const uint8_t first = code == state->next ? prefix.first() : strings->of[code].first();
+        strings->of[state->next] = prefix.extended(state->previous, first);
         state->next++;
         if (state->next < KAL_LZW_CODES)
             state->width = static_cast<uint32_t>(std::bit_width(state->next));
@@ -110,7 +95,10 @@ Taken takeCode(BlockStrings* strings, DecoderState* state) {
     return Taken::string;
 }
 
-void decodeInBulk(BlockStrings* strings, DecoderState* state, const uint8_t** inPtr, const uint8_t* inEnd,
+// The bulk loop, in two forms: single characters with a branch of their own, which pays where nearly all
+// codes are such, or without, which pays where they come and go.
+template <bool kMostlySingle>
+void decodeRounds(BlockStrings* strings, DecoderState* state, const uint8_t** inPtr, const uint8_t* inEnd,
                   uint8_t** outPtr, const uint8_t* outEnd) {
     const uint8_t* in = *inPtr;
     uint8_t* out = *outPtr;
@@ -123,45 +111,62 @@ void decodeInBulk(BlockStrings* strings, DecoderState* state, const uint8_t** in
     uint32_t previousCode = state->previous;
     BlockString previous = of[previousCode];
 
+    const auto advance = [&](uint32_t code) __attribute__((always_inline)) {
+        previousCode = code;
+        bits >>= width;
+        count -= width;
+        next++;
+        return true;
+    };
+    // One code; false for what needs the careful way: nonsense, a code without a string, or a string that
+    // would not leave the room that the rest of the round may use.
+    const auto take = [&]() __attribute__((always_inline)) {
+        const auto code = static_cast<uint32_t>(bits) & mask;
+        if (code > next)
+            return false;
+        if (kMostlySingle && code < kRoots) {
+            const auto character = static_cast<uint8_t>(code);
+            of[next] = previousCode < kRoots
+                           ? BlockString::pair(static_cast<uint8_t>(previousCode), character)
+                           : previous.extended(previousCode, character);
+            *out++ = character;
+            previous = BlockString::root(character);
+            return advance(code);
+        }
+        // The string that this code adds comes first, since the code may be its own.
+        const uint8_t first = code == next ? previous.first() : of[code].first();
+        of[next] = previous.extended(previousCode, first);
+        const BlockString string = of[code];
+        const uint32_t length = string.length();
+        if (length - 1 < kBlock) [[likely]] {
+            storeWord(out, string.block);
+        } else {
+            if (length == 0 || outEnd - out < static_cast<ptrdiff_t>(length + kRoundOutput))
+                return false;
+            writeBlocks(strings, code, length, out);
+        }
+        out += length;
+        previous = string;
+        return advance(code);
+    };
+
     while (inEnd - in >= static_cast<ptrdiff_t>(kRoundInput) &&
            outEnd - out >= static_cast<ptrdiff_t>(kRoundOutput)) {
         // As many whole bytes as fit are new; what the load brings above them comes again next time.
         bits |= loadWord(in) << count;
         in += (63 - count) >> 3;
         count |= 56;
-        for (uint32_t left = kRoundCodes; left > 0; left--) {
-            const auto code = static_cast<uint32_t>(bits) & mask;
-            if (code > next)
-                goto done;
-            // The string that this code adds comes first, since the code may be its own.
-            BlockString* const fresh = &of[next];
-            extend(fresh, previous, previousCode);
-            completeWith(fresh, of[code].first, previous.length);
-            previous.length = of[code].length;
-            if (previous.length - 1u < kBlock) [[likely]] {
-                storeWord(out, of[code].block);
-            } else {
-                // A code without a string, or one that the room left may not hold: for the careful way.
-                if (previous.length == 0 || outEnd - out < static_cast<ptrdiff_t>(previous.length + kBlock))
-                    goto done;
-                writeBlocks(strings, code, previous.length, out);
-                left = 1;
-            }
-            out += previous.length;
-            previous = of[code];
-            previousCode = code;
-            bits >>= width;
-            count -= width;
-            next++;
-            if (next > mask) [[unlikely]] {
-                if (width < kWidestCode)
-                    mask = maskOf(++width);
-                else
-                    next = KAL_LZW_CODES; // full: what is added from here on is scratch
-            }
-        }
+        const bool wholeRound = next + kRoundCodes <= mask + 1;
+        if (!take() || (wholeRound && !(take() && take() && take())))
+            break;
+        if (next <= mask) [[likely]]
+            continue;
+        if (width < kWidestCode)
+            mask = maskOf(++width);
+        else
+            next = KAL_LZW_CODES; // full: what is added from here on is scratch
     }
-done:
+
     in -= count / 8;
     state->bitCount = count % 8;
     state->bits = bits & maskOf(state->bitCount);
@@ -172,12 +177,26 @@ done:
     *outPtr = out;
 }
 
+void decodeInBulk(BlockStrings* strings, DecoderState* state, const uint8_t** in, const uint8_t* inEnd,
+                  uint8_t** out, const uint8_t* outEnd) {
+    const uint8_t* const outStart = *out;
+    const uint8_t* const inStart = *in;
+    if (state->mostlySingle)
+        decodeRounds<true>(strings, state, in, inEnd, out, outEnd);
+    else
+        decodeRounds<false>(strings, state, in, inEnd, out, outEnd);
+    // A code takes 1.1 to 1.5 bytes, so that many bytes of output mean that hardly any is longer than one.
+    const auto taken = *in - inStart;
+    if (taken >= 64)
+        state->mostlySingle = *out - outStart < taken;
+}
+
 void writeReversed(const BlockStrings* strings, uint32_t code, uint8_t* to) {
-    const uint32_t length = strings->of[code].length;
+    const uint32_t length = strings->of[code].length();
     const uint32_t lastBlock = (length - 1) % kBlock + 1;
     storeWord(to, __builtin_bswap64(strings->of[code].block) >> (kBlock - lastBlock) * 8);
     for (uint32_t at = lastBlock; at < length; at += kBlock) {
-        code = strings->of[code].skip;
+        code = strings->of[code].skip();
         storeWord(to + at, __builtin_bswap64(strings->of[code].block));
     }
 }

@@ -8,11 +8,35 @@
 
 #include "compress/lzw_codes.h"
 
+// Two words, so that making and taking a string costs two stores and two loads.
 struct BlockString {
-    uint64_t block;  // the last 1 to 8 characters, the first lowest
-    uint16_t skip;   // the string before them, where there is one
-    uint16_t length; // 0 for the codes that stand for no string
-    uint8_t first;   // first character
+    uint64_t block; // the last 1 to 8 characters, the first lowest
+    uint64_t about; // length, first character, and the string before the block, where there is one
+
+    // 0 for the codes that stand for no string.
+    uint32_t length() const { return static_cast<uint16_t>(about); }
+    uint8_t first() const { return static_cast<uint8_t>(about >> kFirstShift); }
+    uint32_t skip() const { return static_cast<uint32_t>(about >> kSkipShift); }
+
+    static BlockString root(uint8_t character) { return {character, uint64_t{character} << kFirstShift | 1}; }
+
+    static BlockString pair(uint8_t first, uint8_t second) {
+        return {first | uint64_t{second} << 8, uint64_t{first} << kFirstShift | 2};
+    }
+
+    // This string, whose code is `code`, with one character more.
+    BlockString extended(uint32_t code, uint8_t character) const {
+        const uint32_t inBlock = length() % kBlock;
+        const uint64_t startsBlock = uint64_t{code} << kSkipShift | static_cast<uint32_t>(about);
+        return {(inBlock == 0 ? 0 : block) | uint64_t{character} << inBlock * 8,
+                (inBlock == 0 ? startsBlock : about) + 1};
+    }
+
+    static constexpr uint32_t kBlock = 8;
+
+private:
+    static constexpr uint32_t kFirstShift = 16;
+    static constexpr uint32_t kSkipShift = 32;
 };
 
 // One more than there are codes: the string being made when the table is full.
@@ -31,6 +55,7 @@ struct DecoderState {
     uint32_t next;
     uint32_t previous;
     bool firstAfterClear;
+    bool mostlySingle; // whether nearly all codes of late were single characters
 
     // After a clear code.
     void clear();

@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr uint32_t kSlotMask = StretchStrings::kSlots - 1;
 constexpr uint32_t kNobody = StretchStrings::kNobody;
 
 // One number a character, spread over all slots: strings of neighbouring codes and characters fall apart.
@@ -52,12 +51,38 @@ uint32_t lengthOf(const StretchStrings* strings, uint32_t code) {
     return length;
 }
 
+constexpr uint32_t slotOf(uint32_t maker, uint32_t code) {
+    return maker * KAL_LZW_CODES + code;
+}
+
+// The slot of the string that `wanted` makes, or the empty one where it belongs.
+inline uint32_t* findSlot(uint32_t* slots, uint32_t wanted) {
+    uint32_t at = wanted >> 8 << 2 ^ spread[wanted & 0xFF];
+    while (slots[at] / KAL_LZW_CODES != wanted && slots[at] != kNobody)
+        at = (at + 1) % StretchStrings::kSlots;
+    return &slots[at];
+}
+
+void emptySlots(StretchStrings* strings) {
+    std::fill_n(strings->slots, StretchStrings::kSlots, kNobody);
+}
+
+// Forgets the codes from `next` on.
+void forgetFrom(StretchStrings* strings, uint32_t next) {
+    std::fill(strings->maker + next, strings->maker + KAL_LZW_CODES, kNobody);
+    emptySlots(strings);
+    for (uint32_t code = kFirstCode; code < next; code++) {
+        const uint32_t maker = strings->maker[code];
+        if (maker >> 8 >= kRoots)
+            *findSlot(strings->slots, maker) = slotOf(maker, code);
+    }
+}
+
 // Codes the bytes until they are used up or the stretch is full; whole bytes go to `strings->coded`. Returns
 // the end of what was consumed; encoder and writer are moved on.
 const uint8_t* codeStretch(StretchStrings* strings, TAGWRITELZW* encoder, const uint8_t* in,
                            const uint8_t* end, BitWriter* writer) {
     uint32_t* const maker = strings->maker;
-    uint16_t* const slots = strings->slots;
     BitWriter out = *writer;
     uint32_t current = encoder->currentCode;
     uint32_t next = encoder->nextCode;
@@ -68,17 +93,21 @@ const uint8_t* codeStretch(StretchStrings* strings, TAGWRITELZW* encoder, const 
     while (in != end && next <= kLastAssigned) {
         const uint32_t character = *in++;
         const uint32_t wanted = current << 8 | character;
-        uint32_t slot = current << 2 ^ spread[character];
-        uint32_t code = slots[slot];
-        while (maker[code] != wanted && code != 0) {
-            slot = (slot + 1) & kSlotMask;
-            code = slots[slot];
+        if (current < kRoots) {
+            const uint32_t code = strings->pairs[wanted];
+            if (maker[code] == wanted) {
+                current = code;
+                continue;
+            }
+            strings->pairs[wanted] = static_cast<uint16_t>(next);
+        } else {
+            uint32_t* const slot = findSlot(strings->slots, wanted);
+            if (*slot != kNobody) {
+                current = *slot % KAL_LZW_CODES;
+                continue;
+            }
+            *slot = slotOf(wanted, next);
         }
-        if (code != 0) {
-            current = code;
-            continue;
-        }
-        slots[slot] = static_cast<uint16_t>(next);
         maker[next] = wanted;
         out.put(current, width);
         current = character;
@@ -117,7 +146,7 @@ uint32_t stepBack(StretchStrings* strings, TAGWRITELZW* encoder, const Mark& mar
         // The byte whose own code closes a stretch counts only with the clear code behind it.
         const uint32_t length = closing ? 0 : lengthOf(strings, code);
         if ((bit + width) / 8 > accepted) {
-            std::fill(strings->maker + next, strings->maker + KAL_LZW_CODES, kNobody);
+            forgetFrom(strings, next);
             encoder->nextCode = static_cast<uint16_t>(next);
             encoder->codeWidth = static_cast<uint8_t>(width);
             encoder->currentCode = encoder->outputCode = static_cast<uint16_t>(code);
@@ -136,7 +165,7 @@ uint32_t stepBack(StretchStrings* strings, TAGWRITELZW* encoder, const Mark& mar
 
 void startStretch(StretchStrings* strings, TAGWRITELZW* encoder) {
     std::fill_n(strings->maker, KAL_LZW_CODES, kNobody);
-    std::fill_n(strings->slots, StretchStrings::kSlots, uint16_t{0});
+    emptySlots(strings);
     encoder->nextCode = kFirstCode;
     encoder->codeWidth = kFirstWidth;
     encoder->currentCode = encoder->outputCode = kClearCode;

@@ -5,18 +5,21 @@
 
 #include "compress/lzw_codes.h"
 
-// The strings of one stretch: an open hash from (string, next character) to the longer string's code.
+// The strings of one stretch, found from (string, next character). Pairs of characters have a place each; it
+// counts only if the code there has that maker now, so it is never emptied. Longer strings lie in an open
+// hash.
 struct StretchStrings {
     static constexpr uint32_t kSlotBits = 14;
     static constexpr uint32_t kSlots = 1u << kSlotBits;
     // All codes of a stretch at full width, and room for a whole word at the end.
     static constexpr uint32_t kCodedBytes = KAL_LZW_CODES * kWidestCode / 8 + 8;
 
-    uint32_t maker[KAL_LZW_CODES]; // by code: its prefix << 8 | last character, kNobody while it is free
-    uint16_t slots[kSlots];        // a code each, 0 while empty
-    uint8_t coded[kCodedBytes];    // the bytes of one hand-over
-
     static constexpr uint32_t kNobody = 0xFFFFFFFF;
+
+    uint32_t maker[KAL_LZW_CODES];   // by code: its prefix << 8 | last character, kNobody while it is free
+    uint16_t pairs[kRoots * kRoots]; // by maker of a pair: the code that it had last
+    uint32_t slots[kSlots];          // maker << 12 | code, kNobody while empty
+    uint8_t coded[kCodedBytes];      // the bytes of one hand-over
 };
 
 // Empties the strings and sets the encoder to the first code and width, with nothing pending.

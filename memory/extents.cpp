@@ -11,7 +11,7 @@ uint32_t priority(const Extent* extent) {
     return uint32_t(extent->item.offset) * 2654435761u;
 }
 
-// Extents of 0 bytes share an offset; their addresses tell them apart.
+// Extents of 0 bytes share an offset; their addresses tell them apart, and which comes first means nothing.
 bool isBefore(const Extent* a, const Extent* b) {
     const uint32_t offsetA = a->item.offset;
     const uint32_t offsetB = b->item.offset;

@@ -31,9 +31,9 @@ bool isInMemory(const LruNode* node) {
     return (GlobalFlags(node->handle) & (GMEM_INVALID_HANDLE | GMEM_DISCARDED)) == 0;
 }
 
-// Order of the heap: the oldest on top.
+// Order of the heap: the longest in memory on top.
 bool isNewer(const LruCandidate& a, const LruCandidate& b) {
-    return a.age > b.age;
+    return a.arrival > b.arrival;
 }
 
 void popHeap(LruList* list) {
@@ -116,6 +116,7 @@ LruNode* addNode(LruList* list, void* handle) {
         return nullptr;
     node->handle = handle;
     node->age = ++list->newestAge & (UINT64_MAX >> 2);
+    node->arrival = node->age;
     node->parked = 0;
     node->queued = 0;
     KalSAddHead(&list->list, node);
@@ -139,15 +140,18 @@ void removeNode(LruList* list, LruNode* node) {
 }
 
 LruNode* oldestCandidate(LruList* list) {
-    for (; list->heapCount > 0; popHeap(list)) {
+    const auto canTopGo = [list] {
         const LruCandidate& top = list->heap[0];
-        if (top.node->age == top.age && canGo(list, top.node))
-            return top.node;
-    }
-    for (; list->frontier != nullptr; list->frontier = newerThan(list->frontier))
-        if (canGo(list, list->frontier))
-            return list->frontier;
-    return nullptr;
+        return top.node->age == top.age && canGo(list, top.node);
+    };
+    while (list->heapCount > 0 && !canTopGo())
+        popHeap(list);
+    while (list->frontier != nullptr && !canGo(list, list->frontier))
+        list->frontier = newerThan(list->frontier);
+    if (list->heapCount == 0)
+        return list->frontier;
+    const LruCandidate& top = list->heap[0];
+    return list->frontier != nullptr && list->frontier->arrival < top.arrival ? list->frontier : top.node;
 }
 
 void dropOldestCandidate(LruList* list, LruNode* node) {
@@ -158,6 +162,7 @@ void dropOldestCandidate(LruList* list, LruNode* node) {
 }
 
 void parkNode(LruList* list, LruNode* node) {
+    node->arrival = ++list->newestAge & (UINT64_MAX >> 2);
     if (list->frontier == nullptr || node->age < list->frontier->age)
         park(list, node);
 }
@@ -176,7 +181,7 @@ void unparkNode(LruList* list, LruNode* node) {
         return;
     }
     node->queued = 1;
-    list->heap[list->heapCount++] = {node->age, node};
+    list->heap[list->heapCount++] = {node->arrival, node->age, node};
     std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
 }
 

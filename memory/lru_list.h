@@ -1,9 +1,11 @@
 // The LRU list as its manager uses it: the list of live blocks with an index by handle, and the order in
 // which blocks are candidates for the swap file.
 //
-// Candidates go by age, the oldest first. All blocks newer than the frontier are candidates that nobody has
-// looked at yet; of those behind it the unlocked ones in memory stand in a heap, and the locked ones are
-// parked until they are unlocked. So neither allocating nor freeing a block costs more than a few links.
+// Candidates go by how long they have been in memory, the longest first: since their allocation, or since they came
+// back from the swap file, so that a program at work on a few old blocks does not swap them at every turn. All
+// blocks newer than the frontier are candidates that nobody has looked at yet; of those behind it the unlocked
+// ones in memory stand in a heap, and the locked ones are parked until they are unlocked. So neither allocating
+// nor freeing a block costs more than a few links.
 #ifndef KAL_MEMORY_LRU_LIST_H
 #define KAL_MEMORY_LRU_LIST_H
 
@@ -12,12 +14,14 @@
 // What a node of the list holds.
 struct LruNode {
     void* handle;        // in a spare node: the next spare node
+    uint64_t arrival;    // when the block came into memory, counted as ages are
     uint64_t age : 62;   // the number of the block's allocation
     uint64_t parked : 1; // locked when it was looked at
     uint64_t queued : 1; // in the heap
 };
 
 struct LruCandidate {
+    uint64_t arrival;
     uint64_t age;
     LruNode* node; // holds another block by now when the ages differ
 };

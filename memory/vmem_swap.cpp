@@ -27,17 +27,26 @@ bool passesLimit(const VMemManager* manager, uint32_t size) {
     return limit != 0 && occupied(manager) + size > limit;
 }
 
-// Stores a block's bytes in the swap file, unless they stand there already. An extent that a short write
-// leaves must not be taken for a valid copy.
-bool storeCopy(VMemManager* manager, void* handle, uint32_t size) {
+const vitem* copyOf(const VMemManager* manager, void* handle) {
+    return findItem(manager->state.swapFile, itemIdOf(handle));
+}
+
+bool hasCopy(const VMemManager* manager, void* handle, uint32_t size) {
+    const vitem* copy = copyOf(manager, handle);
+    return copy != nullptr && copy->size == size;
+}
+
+// Writes a block's bytes to the swap file. An extent that a short write leaves must not be taken for a valid
+// copy.
+bool writeCopy(VMemManager* manager, void* handle, uint32_t size) {
     const void* bytes = GlobalLock(handle);
-    const bool stored =
-        bytes != nullptr &&
-        static_cast<uint32_t>(KalWriteVFile(manager->state.swapFile, bytes, size, itemIdOf(handle))) == size;
-    if (!stored)
-        dropItem(manager->state.swapFile, itemIdOf(handle));
+    const int32_t written =
+        bytes != nullptr ? KalWriteVFile(manager->state.swapFile, bytes, size, itemIdOf(handle)) : 0;
     GlobalUnlock(handle);
-    return stored;
+    if (written == static_cast<int32_t>(size))
+        return true;
+    dropItem(manager->state.swapFile, itemIdOf(handle));
+    return false;
 }
 
 // Swaps one block out and gives its memory back to the host. On failure the block stays, and the first time
@@ -45,8 +54,10 @@ bool storeCopy(VMemManager* manager, void* handle, uint32_t size) {
 bool swapOut(VMemManager* manager, LruNode* node) {
     void* handle = node->handle;
     const uint32_t size = GlobalSize(handle);
-    if (storeCopy(manager, handle, size)) {
-        manager->state.swapFailed = 0;
+    const bool isClean = hasCopy(manager, handle, size);
+    if (isClean || writeCopy(manager, handle, size)) {
+        if (!isClean) // a block that needed no writing says nothing about the disk
+            manager->state.swapFailed = 0;
         dropOldestCandidate(lruListOf(manager), node);
         GlobalReAlloc(handle, 0, GMEM_MOVEABLE);
         countNotResident(manager, size);
@@ -58,10 +69,6 @@ bool swapOut(VMemManager* manager, LruNode* node) {
             manager->state.errorHandler();
     }
     return false;
-}
-
-const vitem* copyOf(const VMemManager* manager, void* handle) {
-    return findItem(manager->state.swapFile, itemIdOf(handle));
 }
 
 // Fills a block that has memory again from its copy, which stays valid. Locks it; null, with the block out as
@@ -118,9 +125,9 @@ bool swapOutSome(VMemManager* manager, uint32_t size) {
 
 void trimKept(const VMemManager* manager) {
     const uint32_t limit = vmemLimit();
-    if (limit == 0 || manager->resident + keptGlobalMemory() <= limit) [[likely]]
-        return;
-    trimGlobalMemory(limit > manager->resident ? limit - manager->resident : 0);
+    const uint64_t inUse = occupied(manager);
+    if (limit != 0 && inUse + keptGlobalMemory() > limit)
+        trimGlobalMemory(limit > inUse ? limit - inUse : 0);
 }
 
 void* restore(VMemManager* manager, void* handle) {

@@ -1,6 +1,8 @@
 // Putting, getting and seeking: the steps that every kind of list shares, and the choice of the kind.
+#include "oplist/blocks.h"
 #include "oplist/file_mode.h"
 #include "oplist/op.h"
+#include "oplist/vmem_mode.h"
 
 namespace {
 
@@ -23,6 +25,12 @@ void endPuts(OpList* list) {
     KalPutOpData(list, KAL_OP_END, nullptr, 0);
     list->putPending = 0;
     endPutsInStream(list);
+}
+
+// Ops that a bitmap list takes apart into rows.
+bool isBand(const OpList* list, uint16_t type) {
+    return isDibList(list) && (type == KAL_OP_DIB ||
+                               (type == KAL_OP_DIB1 && list->dib != nullptr && list->dib->bitsPerPixel == 1));
 }
 
 // What every stored put notes before and after.
@@ -50,7 +58,12 @@ uint32_t KalPutOp(OpList* list, void* op) {
     showToFilter(list, op, type, size);
     if (OpSink* sink = list->sink)
         return sink->PutOp(op);
-    return notePosition(list, isEnd, putInStream(list, opStart(op), KAL_OP_HEADER + size, nullptr, 0));
+    if (isBand(list, type))
+        return KalPutDIBOp(list, op);
+    const uint32_t bytes = KAL_OP_HEADER + size;
+    return notePosition(list, isEnd,
+                        isVMemList(list) ? putInBlocks(list, opStart(op), bytes, nullptr, 0, true)
+                                         : putInStream(list, opStart(op), bytes, nullptr, 0));
 }
 
 uint32_t KalPutOpData(OpList* list, uint32_t type, const void* data, uint32_t size) {
@@ -60,29 +73,43 @@ uint32_t KalPutOpData(OpList* list, uint32_t type, const void* data, uint32_t si
     showToFilter(list, const_cast<void*>(data), type, shown);
     if (OpSink* sink = list->sink)
         return sink->PutOpData(type, data, shown);
-    if (shown > kOpPayloadMax) { // its header could not tell how long it is
+    const bool isRow = type == KAL_OP_ROW && isVMemList(list);
+    if (shown > kOpPayloadMax && !isRow) { // its header could not tell how long it is
         list->status = KAL_ERR_WRITE;
         return KAL_OP_FAILED;
     }
     const bool isEnd = static_cast<uint16_t>(type) == KAL_OP_END;
     notePut(list, isEnd);
+    if (isRow)
+        return putRow(list, data, size, size);
     uint8_t header[KAL_OP_HEADER];
     storeOpHeader(header, type, shown);
-    return notePosition(list, isEnd, putInStream(list, header, sizeof header, data, shown));
+    return notePosition(list, isEnd,
+                        isVMemList(list)
+                            ? putInBlocks(list, header, sizeof header, data, shown, !isDibList(list))
+                            : putInStream(list, header, sizeof header, data, shown));
 }
 
 void* KalGetOp(OpList* list) {
     if (list == nullptr)
         return nullptr;
     list->putPending = 0;
-    return getFromStream(list);
+    if (!isVMemList(list))
+        return getFromStream(list);
+    if (!isDibList(list))
+        return getFromBlocks(list);
+    const bool stands = list->status == KAL_OK && list->curBlock != nullptr && locate(list);
+    return stands ? KalGetDIBOp(list) : nullptr;
 }
 
 int16_t KalSeekOp(OpList* list, int32_t position) {
     if (list == nullptr)
         return KAL_ERR_NULL_STREAM;
     endPuts(list);
-    return seekInStream(list, static_cast<uint32_t>(position));
+    if (isDibList(list))
+        return KalSeekDIBOp(list, position);
+    const auto target = static_cast<uint32_t>(position);
+    return isVMemList(list) ? seekInBlocks(list, target) : seekInStream(list, target);
 }
 
 int16_t KalSeekEndOp(OpList* list) {
@@ -93,7 +120,11 @@ int16_t KalSeekEndOp(OpList* list) {
 }
 
 uint16_t KalIsOpListEmpty(OpList* list) {
-    return list == nullptr || list->pos != 0 ? 1 : isStreamEmpty(list);
+    if (list == nullptr || list->pos != 0)
+        return 1;
+    if (isVMemList(list))
+        return firstBlock(list) != nullptr ? 0 : 1;
+    return isStreamEmpty(list);
 }
 
 int16_t KalGetOpError(OpList* list) {
@@ -111,4 +142,7 @@ void KalSetOpListFilter(OpList* list, FilterOps& filter) {
         list->filter = &filter;
 }
 
-void KalShrinkOpList(OpList*) {}
+void KalShrinkOpList(OpList* list) {
+    if (list != nullptr && isVMemList(list))
+        shrinkBlocks(list);
+}

@@ -1,4 +1,6 @@
 // Opening, making and closing lists.
+#include "oplist/blocks.h"
+#include "oplist/dib.h"
 #include "oplist/file_mode.h"
 #include "oplist/op.h"
 
@@ -23,6 +25,31 @@ void takeStream(OpList* list, int16_t status, SFILE* stream) {
     list->stream = stream;
 }
 
+// Turns the record into a VMem list without blocks.
+int16_t startBlocks(OpList* list, uint16_t flags) {
+    list->flags = flags;
+    list->blockSize = static_cast<uint32_t>(KalGetVMemSize());
+    list->blocks = KalSCreateList();
+    if (list->blocks == nullptr)
+        list->status = KAL_ERR_BUFFER;
+    return list->status;
+}
+
+void closeBlocks(OpList* list) {
+    releaseBlocks(list);
+    KalSDestroyList(list->blocks);
+    freeDescription(list);
+}
+
+void closeStream(OpList* list) {
+    if (list->putPending == 1)
+        KalPutOpData(list, KAL_OP_END, nullptr, 0);
+    if (list->compStream != nullptr)
+        KalFreeCFile(list->compStream);
+    if (list->stream != nullptr)
+        closeForGood(list->stream);
+}
+
 } // namespace
 
 int16_t KalOpenOpList(OpList** out, const char* name, uint16_t mode) {
@@ -30,7 +57,7 @@ int16_t KalOpenOpList(OpList** out, const char* name, uint16_t mode) {
         return status;
     OpList* list = *out;
     if ((mode & KAL_OPL_VMEM) != 0)
-        return list->status = KAL_ERR_SERVICE;
+        return startBlocks(list, KAL_OPL_VMEM);
     mode &= static_cast<uint16_t>(~KAL_OPL_DIB); // a list in a stream holds no bitmap rows
     SFILE* stream = nullptr;
     const int16_t status = KalOpenFile(&stream, name, mode, 0);
@@ -51,8 +78,12 @@ int16_t KalTempOpList(OpList** out, uint16_t flags) {
         flags &= static_cast<uint16_t>(~KAL_OPL_VMEM); // what is kept lives in a file
     if ((flags & KAL_OPL_VMEM) == 0)
         flags &= static_cast<uint16_t>(~KAL_OPL_DIB);
-    if ((flags & KAL_OPL_VMEM) != 0)
-        return list->status = KAL_ERR_SERVICE;
+    if ((flags & KAL_OPL_VMEM) != 0) {
+        const bool isBitmap = (flags & KAL_OPL_DIB) != 0;
+        if (startBlocks(list, flags) == KAL_OK && isBitmap)
+            list->status = makeDescription(list);
+        return list->status;
+    }
     list->flags = flags;
     SFILE* stream = nullptr;
     const int16_t status = KalOpenTempFile(&stream, kTempMode, flags & KAL_OPL_KEEP);
@@ -73,11 +104,9 @@ OpList* KalMakeOpList(IFILE* file) {
 void KalCloseOpList(OpList* list) {
     if (list == nullptr)
         return;
-    if (list->putPending == 1)
-        KalPutOpData(list, KAL_OP_END, nullptr, 0);
-    if (list->compStream != nullptr)
-        KalFreeCFile(list->compStream);
-    if (list->stream != nullptr)
-        closeForGood(list->stream);
+    if (isVMemList(list))
+        closeBlocks(list);
+    else
+        closeStream(list);
     KalFreeSMem(list);
 }

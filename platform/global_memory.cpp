@@ -5,7 +5,8 @@
 //     unused   no span
 //     cold     a span whose pages are the host's again
 //     kept     a span with its pages
-//     live     a block; discarded while its size is 0
+//     live     a block; discarded while its size is 0, and then mostly without a span: a slot that is free
+//              keeps it
 #include "platform/global_memory.h"
 
 #include "platform/heap_faults.h"
@@ -148,7 +149,12 @@ uint16_t pop(uint16_t& list) {
 
 uint16_t takeKept(uint32_t spanClass) {
     add(keptBytes, 0 - capacityOf(spanClass));
-    return pop(keptSlots[spanClass]);
+    const uint16_t index = pop(keptSlots[spanClass]);
+    // Slots and spans freed at random lie far apart: fetch what the next two allocations will ask for.
+    const Slot& next = slots[keptSlots[spanClass]];
+    __builtin_prefetch(next.span, 1);
+    __builtin_prefetch(&slots[next.next]);
+    return index;
 }
 
 // Puts a slot in which no block lives any more among the free ones.
@@ -168,6 +174,10 @@ void retire(uint16_t index) {
     push(slot.span != nullptr ? coldSlots[slot.spanClass] : unusedSlots, index);
 }
 
+bool hasUnused() {
+    return unusedSlots != 0 || slotsEverUsed + 1 < kSlots;
+}
+
 // A free slot stripped of its span, or 0: when every number is taken, a span of another class must go.
 uint16_t stripOne() {
     for (uint32_t c = 0; c < kClasses; c++) {
@@ -181,9 +191,9 @@ uint16_t stripOne() {
 }
 
 uint16_t takeUnused() {
-    if (unusedSlots != 0)
-        return pop(unusedSlots);
-    return slotsEverUsed + 1 < kSlots ? static_cast<uint16_t>(++slotsEverUsed) : stripOne();
+    if (!hasUnused())
+        return stripOne();
+    return unusedSlots != 0 ? pop(unusedSlots) : static_cast<uint16_t>(++slotsEverUsed);
 }
 
 // Gives a slot without a span a new one, for which all spans of free slots are given up when nothing else
@@ -239,6 +249,32 @@ public:
 
 private:
     bool taken_;
+};
+
+// Pages to give back to the host, neighbours in one call: blocks are often freed in the order of their
+// addresses.
+class PageRun {
+public:
+    void add(uint8_t* pages, size_t bytes) {
+        if (pages + bytes == begin_) {
+            begin_ = pages;
+        } else if (pages == end_) {
+            end_ += bytes;
+        } else {
+            drop();
+            begin_ = pages;
+            end_ = pages + bytes;
+        }
+    }
+    ~PageRun() { drop(); }
+
+private:
+    void drop() {
+        if (begin_ != end_)
+            dropPages(begin_, static_cast<size_t>(end_ - begin_));
+    }
+    uint8_t* begin_ = nullptr;
+    uint8_t* end_ = nullptr;
 };
 
 HGLOBAL handleOf(uint16_t index) {
@@ -321,7 +357,14 @@ bool moveToGrow(Slot& slot, uint32_t size) {
 bool discard(Slot& slot) {
     if (slot.locks > 0)
         return false;
-    if (slot.size > 0) {
+    if (slot.size > 0 && hasUnused()) {
+        const uint16_t index = takeUnused();
+        slots[index].span = slot.span;
+        slots[index].spanClass = slot.spanClass;
+        slots[index].size = slot.size;
+        slot.span = nullptr;
+        retire(index);
+    } else if (slot.size > 0) {
         closeSpan(slot);
         coolSpan(slot);
     }
@@ -431,11 +474,15 @@ uint64_t keptGlobalMemory() {
 
 void trimGlobalMemory(uint64_t most) {
     const TableLock lock;
+    PageRun run;
     for (uint32_t c = kClasses; c-- > 0;)
         while (keptSlots[c] != 0 && keptBytes.load(std::memory_order_relaxed) > most) {
             const uint16_t index = takeKept(c);
-            coolSpan(slots[index]);
-            push(slots[index].span != nullptr ? coldSlots[c] : unusedSlots, index);
+            if (isMapping(c))
+                unmapSpan(slots[index]);
+            else
+                run.add(slots[index].span, static_cast<size_t>(capacityOf(c)));
+            push(isMapping(c) ? unusedSlots : coldSlots[c], index);
         }
 }
 

@@ -262,7 +262,7 @@ private:
         std::memcpy(s->buf + (s->pos - s->bufStart), in, count);
         s->pos += count;
         s->bufPtr = s->buf + (s->pos - s->bufStart);
-        s->bufEnd = std::max<uint32_t>(s->bufEnd, s->pos);
+        s->bufEnd = std::max(uint32_t(s->bufEnd), uint32_t(s->pos));
         s->dirty = 1;
     }
 

@@ -60,11 +60,31 @@ protected:
     ~OpSink() = default;
 };
 
-struct dibinfo;
-struct opblock;
+#pragma pack(push, 1)
+// VMem mode: one block of the list, the data of a node of its `blocks`.
+struct opblock {
+    void* vmem;        // the VMem handle; null while the block has no memory (rows never written)
+    uint16_t index;    // the block's number
+    uint32_t capacity; // bytes of the block that the list uses
+    uint32_t offset;   // where the next get or put in this block starts
+};
+
+// Bitmap lists: what the rows are.
+struct dibinfo {
+    uint16_t left;         // the caller's; copied into every DIB op that the list makes
+    uint16_t top;          // the line number of the first scan line
+    uint16_t width;        // pixels
+    uint16_t height;       // scan lines
+    uint16_t bitsPerPixel; // 1, 4, 8 or 24
+    uint16_t maxOpBytes;   // the most pixel bytes of a DIB op that KalGetDIBOp makes
+    uint16_t userWord;     // the caller's
+    uint16_t rowBytes;     // bytes of a stored row, a multiple of 4; 0 until the list is set up
+    uint16_t curLine;      // the current scan line, counted from `top`
+    uint8_t* lineBuf;      // a row to work in; owned by the list
+    void* attachment;      // a small-memory block of the caller's, or null; a clone gets a copy
+};
 
 // The list record. The owner may set `sink`; the rest is read only for callers.
-#pragma pack(push, 1)
 struct tagOpList {
     SFILE* stream;         // file mode: holds the ops; null in VMem mode and after a failed open
     scfiletag* compStream; // file mode: the compressed stream over it, or null
@@ -84,7 +104,14 @@ struct tagOpList {
 #pragma pack(pop)
 using OpList = tagOpList;
 
+static_assert(sizeof(opblock) == 10 + sizeof(void*));
+static_assert(sizeof(dibinfo) == 18 + 2 * sizeof(void*));
 static_assert(sizeof(OpList) == 20 + 7 * sizeof(void*));
+
+// Bytes of a DIB op's payload before its lines: left, line number of the first line, width, number of lines
+// (16 bits each), bits per pixel (8 bits), 3 bytes not used. Lines of 1, 4 and 8 bits per pixel are 16-bit
+// aligned; a 24-bit pixel takes 4 bytes, the last not used.
+inline constexpr uint32_t KAL_DIB_OP_HEADER = 12;
 
 // Allocates an op with `size` payload bytes, all 0 (the low 16 bits of type and size count). Null when memory
 // is short. The caller frees it with KalFreeSMem(KalOpBlock(op)).
@@ -149,8 +176,67 @@ KAL_API int16_t KalGetOpError(OpList* list);
 // Sets the filter, which must outlive the list or be replaced.
 KAL_API void KalSetOpListFilter(OpList* list, FilterOps& filter);
 
-// Gives back the unused tail of the block that holds the end op; nothing for a list in a stream.
+// Gives back the unused tail of the block that holds the end op; nothing for a list in a stream. Rows that were
+// stored behind it stay.
 KAL_API void KalShrinkOpList(OpList* list);
+
+// Makes a copy of a VMem list: the same bytes in blocks of the same sizes, so every position of the source is
+// valid in it; it stands nowhere until it is sought. An end op that the source owes is not in it: seek the source
+// first. A bitmap list is cloned by KalCloneDIBOpList. 0; KAL_ERR_MEMORY, KAL_ERR_VMEM or KalTempOpList's status,
+// with the part that was made in `*out`, which the caller closes (null when not even the record could be had);
+// KAL_ERR_POSITION with `*out` null for a list in a stream.
+KAL_API int16_t KalCloneOpList(OpList* source, OpList** out);
+
+// --- Bitmap lists --------------------------------------------------------------------------------------
+// A VMem list (KalTempOpList with 0x5000, then KalSetupOpList) that holds the scan lines of one bitmap, stored
+// raw in rows that are multiples of 4 bytes. DIB ops put to it (KalPutOp) go to consecutive lines from its
+// position on, and KalGetOp gives them back in bands. Lines are numbered from `top`; a line of a block in which
+// nothing was ever put reads as zeros. The description and line buffer belong to the list, the attachment to the
+// caller.
+
+// Describes the bitmap and lays out the blocks, without memory yet; what the list held is discarded. Bits per
+// pixel become 1, 4, 8 or 24. Does no more than empty any other VMem list. A list that is set up again must be
+// sought before the next put or get. 0; KAL_ERR_BUFFER when memory is short or a row passes 65,532 bytes;
+// KAL_ERR_VMEM when a row passes the VMem block size. On failure the list is not set up.
+KAL_API int16_t KalSetupOpList(OpList* list, uint16_t left, uint16_t top, uint16_t width, uint16_t height,
+                               uint16_t bitsPerPixel, uint16_t userWord, uint16_t maxOpBytes);
+
+// Puts the lines of a DIB op. A wider op is clipped; lines that its payload does not hold are not read. The
+// list's position behind them, or KAL_OP_FAILED when the list's status is not 0 (KAL_ERR_POSITION when it has not
+// been set up).
+KAL_API uint32_t KalPutDIBOp(OpList* list, void* op);
+
+// The next band of whole lines, as many as `maxOpBytes` allows, as a new DIB op, which the caller frees. Null at
+// the end of the image, when `curLine` goes back to 0 (seek before reading again), or on failure. KalGet24DIBOp is
+// for lists of 24 bits per pixel, to which KalGetDIBOp turns by itself.
+KAL_API void* KalGetDIBOp(OpList* list);
+KAL_API void* KalGet24DIBOp(OpList* list);
+
+// Puts one row of `size` bytes as it is at the list's position, or at the start of the next block when it does
+// not fit in this one. The row's position, or KAL_OP_FAILED.
+KAL_API uint32_t KalPutDIBOpData(OpList* list, const void* data, uint32_t size);
+
+// Reads `size` bytes at the list's position, or at the start of the next block when this one has fewer left. 0,
+// KAL_ERR_POSITION past the last block, or KAL_ERR_VMEM; also in the list's status.
+KAL_API int16_t KalGetDIBOpData(OpList* list, void* destination, uint16_t size);
+
+// Moves the list to a position, without an end op. 0, or KAL_ERR_POSITION (also in the list's status).
+KAL_API int16_t KalSeekDIBOp(OpList* list, int32_t position);
+
+// Moves the list to a byte of a scan line. 0, or KAL_ERR_POSITION: for a line below `top` the list stands at the
+// first line and its status is as it was.
+KAL_API int16_t KalSeekDIBScanLineOffset(OpList* list, uint16_t line, uint16_t offset);
+
+// The line at which the list stands, counted from `top`.
+KAL_API uint32_t KalDIBPosToLineNumber(OpList* list);
+
+// KalShrinkOpList of a bitmap list; nothing for others.
+KAL_API void KalShrinkDIBOpList(OpList* list);
+
+// Makes a copy of a bitmap list: its rows and attachment, no other ops and no end op; the source's position moves.
+// 0; KAL_ERR_MEMORY, the statuses of the calls on the way, or KAL_ERR_POSITION with `*out` null for a list that
+// has not been set up. What was made stands in `*out` for the caller to close.
+KAL_API int16_t KalCloneDIBOpList(OpList* source, OpList** out);
 
 // --- Operation-list files ------------------------------------------------------------------------------
 // An item file whose items are lists. At most one list is being stored and one being read at a time; in a

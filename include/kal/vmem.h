@@ -13,7 +13,7 @@
 //     KalCloseVMem();
 //
 // A block has an address between lock and unlock only. While the bytes in memory would pass the limit, the
-// blocks allocated longest ago that are not locked go to the swap file, and come back when they are locked.
+// unlocked blocks that have been in memory longest go to the swap file, and come back when they are locked.
 // A block's size is the size asked for. A handle that is not a live block is refused everywhere: such calls
 // give null and change nothing.
 #ifndef KAL_VMEM_H

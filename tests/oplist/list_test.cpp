@@ -46,6 +46,14 @@ TEST_F(List, StoresHeadersPayloadsAndTheEndOp) {
     KalCloseOpList(list);
 }
 
+TEST_F(List, TheDocumentedExampleReadsAsItSays) {
+    writeFile("f", hexExample("docs/formats/operation-list.md"));
+    OpList* list = open("f", 0);
+    EXPECT_EQ(restOf(list), (std::vector<Op>{{1, bytesOf("one")}, {0x15, {}}, {0xFFFE, bytesOf("three")}}));
+    EXPECT_EQ(val(list->stream->pos), readFile("f").size()) << "to its last byte";
+    KalCloseOpList(list);
+}
+
 TEST_F(List, AGetRightAfterPutsSeesNoEndOp) {
     OpList* list = open("f", kNew);
     putOp(list, {1, bytesOf("first")});

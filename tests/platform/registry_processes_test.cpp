@@ -67,7 +67,7 @@ TEST_F(RegistryProcesses, AWriterKilledAtAnyHostCallLeavesTheValueOldOrNew) {
         EXPECT_GT(outcomes[0], 2);
         EXPECT_GT(outcomes[1], 1);
     }
-    EXPECT_EQ(filesIn(persistentTree()), (std::vector<std::string>{".changes", "top"}))
+    EXPECT_EQ(filesIn(persistentTree()), (std::vector<std::string>{".changes", "top", "way"}))
         << "the leftovers are gone";
 }
 

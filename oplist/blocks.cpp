@@ -1,0 +1,94 @@
+#include "oplist/blocks.h"
+
+namespace {
+
+constexpr int16_t kVMemFlags = 2;
+
+opblock* blockAt(KalNodeHeader* header) {
+    return header != nullptr ? reinterpret_cast<opblock*>(header + 1) : nullptr;
+}
+
+uint32_t distance(const opblock* block, uint32_t index) {
+    return block->index > index ? block->index - index : index - block->index;
+}
+
+} // namespace
+
+opblock* appendBlock(OpList* list, uint32_t capacity) {
+    if (list->blocks == nullptr || list->blockCount == UINT16_MAX)
+        return nullptr;
+    auto* block = static_cast<opblock*>(KalSCreateNode(sizeof(Block)));
+    if (block == nullptr)
+        return nullptr;
+    block->index = list->blockCount++;
+    block->capacity = capacity;
+    KalSAddTail(list->blocks, block);
+    return block;
+}
+
+bool ensureMemory(OpList* list, opblock* block) {
+    if (block->vmem == nullptr)
+        block->vmem = KalAllocVMem(kVMemFlags, block->capacity);
+    if (block->vmem == nullptr)
+        list->status = KAL_ERR_VMEM;
+    return block->vmem != nullptr;
+}
+
+opblock* findBlock(OpList* list, uint32_t index) {
+    opblock* block = firstBlock(list);
+    if (block == nullptr)
+        return nullptr;
+    opblock* const nearer[] = {list->curBlock, blockAt(list->blocks->last)};
+    for (opblock* candidate : nearer)
+        if (candidate != nullptr && distance(candidate, index) < distance(block, index))
+            block = candidate;
+    while (block != nullptr && block->index < index)
+        block = nextBlock(block);
+    while (block != nullptr && block->index > index)
+        block = static_cast<opblock*>(KalSPrevNode(block));
+    return block;
+}
+
+bool locate(OpList* list) {
+    if (list->curBlock != nullptr && positionOf(list->curBlock) == list->pos)
+        return true;
+    opblock* block =
+        list->pos / kBlockSpan < kNamedBlocks ? findBlock(list, list->pos / kBlockSpan) : nullptr;
+    if (block == nullptr) {
+        list->status = KAL_ERR_POSITION;
+        return false;
+    }
+    list->curBlock = block;
+    return true;
+}
+
+bool stepToNextBlock(OpList* list) {
+    opblock* next = nextBlock(list->curBlock);
+    if (next == nullptr)
+        return false;
+    next->offset = 0;
+    list->curBlock = next;
+    return true;
+}
+
+void releaseBlocks(OpList* list) {
+    while (opblock* block = firstBlock(list)) {
+        if (block->vmem != nullptr)
+            KalFreeVMem(block->vmem);
+        KalSDestroyNode(KalSDeleteHead(list->blocks));
+    }
+    list->curBlock = nullptr;
+    list->blockCount = 0;
+}
+
+LockedBlock::LockedBlock(OpList* list, opblock* block)
+    : handle_(block->vmem),
+      bytes_(handle_ != nullptr ? static_cast<uint8_t*>(KalLockVMem(handle_)) : nullptr) {
+    if (handle_ != nullptr && bytes_ == nullptr)
+        list->status = KAL_ERR_VMEM;
+}
+
+LockedBlock::~LockedBlock() {
+    if (bytes_ != nullptr)
+        KalUnLockVMem(handle_);
+}

@@ -1,0 +1,184 @@
+#include "oplist/vmem_mode.h"
+
+#include "oplist/blocks.h"
+#include "oplist/op.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr uint32_t kFiller = 0xFFFFFFFF; // type and size of the op that says: go on in the next block
+
+bool fits(const opblock* block, uint32_t bytes) {
+    return uint64_t(block->offset) + bytes <= block->capacity;
+}
+
+// Tells that bytes of a block were put; the caller holds the lock.
+void noteWritten(opblock* block, uint32_t end) {
+    Block* whole = blockOf(block);
+    whole->used = std::max<uint32_t>(whole->used, end);
+    KalMarkDirtyVMem(block->vmem);
+}
+
+bool leaveFiller(OpList* list) {
+    opblock* block = list->curBlock;
+    if (!fits(block, KAL_OP_HEADER)) // a seek may stand anywhere
+        return true;
+    if (!ensureMemory(list, block))
+        return false;
+    const LockedBlock locked(list, block);
+    if (locked.bytes() == nullptr)
+        return false;
+    storeLittle(locked.bytes() + block->offset, kFiller);
+    noteWritten(block, block->offset + KAL_OP_HEADER);
+    return true;
+}
+
+bool startBlock(OpList* list, uint32_t capacity) {
+    opblock* block = appendBlock(list, std::max(capacity, uint32_t(list->blockSize)));
+    if (block == nullptr) {
+        list->status = KAL_ERR_MEMORY;
+        return false;
+    }
+    list->curBlock = block;
+    return true;
+}
+
+// Makes a block current in which `needed` bytes fit at its offset, and which has memory.
+bool findRoom(OpList* list, uint32_t needed, bool withFiller) {
+    if (list->status != KAL_OK)
+        return false;
+    if (list->curBlock != nullptr) {
+        if (!locate(list))
+            return false;
+        while (!fits(list->curBlock, needed)) {
+            if (withFiller && !leaveFiller(list))
+                return false;
+            if (!stepToNextBlock(list)) {
+                list->curBlock = nullptr;
+                break;
+            }
+        }
+    }
+    if (list->curBlock == nullptr && !startBlock(list, needed))
+        return false;
+    return ensureMemory(list, list->curBlock);
+}
+
+// Moves the list behind `count` bytes that were put. Where they start.
+uint32_t advance(OpList* list, uint32_t count) {
+    list->curBlock->offset += count;
+    list->pos = positionOf(list->curBlock);
+    return list->pos - count;
+}
+
+} // namespace
+
+uint32_t putInBlocks(OpList* list, const void* first, uint32_t firstBytes, const void* second,
+                     uint32_t secondBytes, bool withFiller) {
+    const uint32_t count = firstBytes + secondBytes;
+    // Room for one more header stays behind every op, for a filler or the end op.
+    if (!findRoom(list, count + KAL_OP_HEADER, withFiller))
+        return KAL_OP_FAILED;
+    opblock* block = list->curBlock;
+    const LockedBlock locked(list, block);
+    if (locked.bytes() == nullptr)
+        return KAL_OP_FAILED;
+    // The end op of a bitmap list never takes the place of a row that stands there.
+    const bool overRow = isDibList(list) && count == KAL_OP_HEADER && block->offset < blockOf(block)->used &&
+                         loadOpHeader(static_cast<const uint8_t*>(first)).type == KAL_OP_END;
+    if (!overRow) {
+        uint8_t* place = locked.bytes() + block->offset;
+        std::memcpy(place, first, firstBytes);
+        if (secondBytes > 0)
+            std::memcpy(place + firstBytes, second, secondBytes);
+        noteWritten(block, block->offset + count);
+    }
+    return advance(list, count);
+}
+
+uint32_t putRow(OpList* list, const void* data, uint32_t count, uint32_t rowBytes) {
+    if (rowBytes > kBlockSpan) { // no position could tell where it ends
+        list->status = KAL_ERR_BUFFER;
+        return KAL_OP_FAILED;
+    }
+    if (!findRoom(list, rowBytes, false))
+        return KAL_OP_FAILED;
+    opblock* block = list->curBlock;
+    const LockedBlock locked(list, block);
+    if (locked.bytes() == nullptr)
+        return KAL_OP_FAILED;
+    uint8_t* place = locked.bytes() + block->offset;
+    if (count > 0)
+        std::memcpy(place, data, count);
+    if (count < rowBytes)
+        std::memset(place + count, 0, rowBytes - count);
+    noteWritten(block, block->offset + rowBytes);
+    return advance(list, rowBytes);
+}
+
+void* getFromBlocks(OpList* list) {
+    if (list->status != KAL_OK || list->curBlock == nullptr || !locate(list))
+        return nullptr;
+    for (;;) {
+        opblock* block = list->curBlock;
+        if (block->vmem == nullptr || !fits(block, KAL_OP_HEADER))
+            return nullptr; // nothing was put here
+        const LockedBlock locked(list, block);
+        if (locked.bytes() == nullptr)
+            return nullptr;
+        const uint8_t* place = locked.bytes() + block->offset;
+        const OpHeader header = loadOpHeader(place);
+        if (header.type == KAL_OP_FILLER) {
+            if (stepToNextBlock(list))
+                continue;
+            list->curBlock = nullptr;
+            return nullptr;
+        }
+        // A header that runs past the block was never put.
+        if (header.type == KAL_OP_END || !fits(block, KAL_OP_HEADER + header.size))
+            return nullptr;
+        void* op = KalCreateOp(header.type, header.size);
+        if (op == nullptr) {
+            list->status = KAL_ERR_BUFFER;
+            return nullptr;
+        }
+        std::memcpy(op, place + KAL_OP_HEADER, header.size);
+        advance(list, KAL_OP_HEADER + header.size);
+        return op;
+    }
+}
+
+int16_t seekInBlocks(OpList* list, uint32_t position) {
+    opblock* first = firstBlock(list);
+    if (first == nullptr) {
+        list->curBlock = nullptr;
+        return KAL_OK;
+    }
+    const uint32_t index = position / kBlockSpan;
+    opblock* block = index < kNamedBlocks ? findBlock(list, index) : nullptr;
+    list->curBlock = block;
+    if (block == nullptr)
+        return list->status = KAL_ERR_POSITION;
+    block->offset = position % kBlockSpan;
+    list->pos = positionOf(block);
+    return KAL_OK;
+}
+
+void shrinkBlocks(OpList* list) {
+    const uint32_t index = list->endPos / kBlockSpan;
+    opblock* block = index < kNamedBlocks ? findBlock(list, index) : nullptr;
+    if (block == nullptr)
+        return;
+    uint32_t needed = list->endPos % kBlockSpan + KAL_OP_HEADER;
+    if (isDibList(list)) // rows may stand behind the end op
+        needed = std::max<uint32_t>(needed, blockOf(block)->used);
+    if (block->capacity <= needed)
+        return;
+    void* const memory =
+        block->vmem != nullptr ? KalReAllocVMem(block->vmem, needed) : KalAllocVMem(2, needed);
+    if (memory == nullptr)
+        return; // the block is as it was
+    block->vmem = memory;
+    block->capacity = needed;
+}

@@ -1,0 +1,15 @@
+// Bytes of the kinds that compress differently, for tests and benchmarks. The same seed gives the same ones.
+#ifndef KAL_TESTS_SUPPORT_SAMPLES_H
+#define KAL_TESTS_SUPPORT_SAMPLES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+// Words of a made-up language in lines, the common ones as common as in a natural one.
+std::vector<uint8_t> sampleText(size_t count, uint32_t seed);
+
+// Grey rows of 1,024 pixels: soft shapes under a little noise, as a scanner gives them.
+std::vector<uint8_t> samplePicture(size_t count, uint32_t seed);
+
+#endif

@@ -1,0 +1,27 @@
+// BMP files made byte by byte.
+#ifndef KAL_TESTS_TOOLS_BMP_FILES_H
+#define KAL_TESTS_TOOLS_BMP_FILES_H
+
+#include "tests/support/files.h"
+
+struct BmpKind {
+    uint32_t width;
+    int32_t height; // negative: top-down
+    uint32_t bits;
+    uint32_t headerBytes = 40;
+    uint32_t gap = 0;           // bytes between palette and rows
+    uint32_t rest = 0;          // bytes behind the rows
+    bool loudPadding = false;   // rows are padded with anything instead of zeros
+    uint32_t coloursStated = 0; // 0: as many as the depth has
+};
+
+// The same kind and seed give the same bytes. Pixels, palette, gap and rest are random.
+Bytes makeBmp(const BmpKind& kind, uint32_t seed = 1);
+
+uint32_t rowBytes(const BmpKind& kind);
+
+// Sets a little-endian number in the bytes.
+void set16(Bytes& bytes, size_t offset, uint32_t number);
+void set32(Bytes& bytes, size_t offset, uint32_t number);
+
+#endif

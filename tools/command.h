@@ -1,0 +1,13 @@
+// The commands of the program: each adds itself, its arguments and its action to the command line.
+#ifndef KAL_TOOLS_COMMAND_H
+#define KAL_TOOLS_COMMAND_H
+
+namespace CLI {
+class App;
+}
+
+void addStore(CLI::App& program);
+void addList(CLI::App& program);
+void addExtract(CLI::App& program);
+
+#endif

@@ -1,0 +1,30 @@
+// What ends a command: a wrong file, a missing picture, a damaged archive, a full disk.
+#ifndef KAL_TOOLS_FAILURE_H
+#define KAL_TOOLS_FAILURE_H
+
+#include <kal.h>
+
+#include <stdexcept>
+#include <string>
+
+// One line for the user: what failed, and why.
+class Failure : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+    Failure(const std::string& what, const std::string& why) : runtime_error(what + ": " + why) {}
+};
+
+// What a stored picture was to be read from makes no sense; the text says why.
+class Damaged : public Failure {
+public:
+    using Failure::Failure;
+};
+
+// A library status and a host error number in words.
+std::string statusText(int16_t status);
+std::string hostErrorText(int error);
+
+// The text on one line: control characters give way to question marks.
+std::string onOneLine(std::string text);
+
+#endif

@@ -1,0 +1,88 @@
+#include "tools/archive.h"
+#include "tools/command.h"
+#include "tools/failure.h"
+#include "tools/picture.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+struct Arguments {
+    std::string archive;
+    bool json = false;
+};
+
+struct Row {
+    ArchiveItem item;
+    PictureInfo info;
+    double ratio() const { return static_cast<double>(item.storedBytes) / info.fileBytes; }
+};
+
+template <class... Parts>
+std::string format(const char* pattern, Parts... parts) {
+    char text[256];
+    const int length = std::snprintf(text, sizeof text, pattern, parts...);
+    return {text, static_cast<size_t>(length)};
+}
+
+void printTable(const std::vector<Row>& rows) {
+    std::cout << format("%5s  %-7s  %11s  %4s  %-9s  %10s  %10s  %6s\n", "id", "kind", "size", "bits", "rows",
+                        "bytes", "stored", "ratio");
+    for (const Row& row : rows) {
+        const BmpLayout& layout = row.info.layout;
+        const std::string size = std::to_string(layout.width) + "x" + std::to_string(layout.height);
+        std::cout << format("%5u  %-7s  %11s  %4u  %-9s  %10u  %10u  %5.1f%%\n", row.item.id, "picture",
+                            size.c_str(), layout.bits, layout.topDown ? "top-down" : "bottom-up",
+                            row.info.fileBytes, row.item.storedBytes, 100 * row.ratio());
+    }
+}
+
+void printJson(const std::vector<Row>& rows) {
+    std::cout << '[';
+    for (const Row& row : rows) {
+        const BmpLayout& layout = row.info.layout;
+        std::cout << (&row == rows.data() ? "\n  " : ",\n  ")
+                  << format(R"({"id": %u, "kind": "picture", "width": %u, "height": %u, "bits": %u, )",
+                            row.item.id, layout.width, layout.height, layout.bits)
+                  << format(R"("topDown": %s, "bytes": %u, "stored": %u, "ratio": %.4f})",
+                            layout.topDown ? "true" : "false", row.info.fileBytes, row.item.storedBytes,
+                            row.ratio());
+    }
+    std::cout << (rows.empty() ? "]\n" : "\n]\n");
+}
+
+void list(const Arguments& arguments) {
+    const auto archive = Archive::forReading(arguments.archive);
+    std::vector<Row> rows;
+    std::string firstDamage;
+    size_t damaged = 0;
+    for (const ArchiveItem& item : archive->pictures()) {
+        try {
+            if (!rows.empty() && item.id <= rows.back().item.id) // ids only ever count up
+                throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));
+            archive->get(item.id, [&](OpList* ops) { rows.push_back({item, getPictureInfo(ops, item.id)}); });
+        } catch (const Failure& failure) {
+            if (damaged++ == 0)
+                firstDamage = failure.what();
+        }
+    }
+    // What can be read is listed even where some cannot.
+    arguments.json ? printJson(rows) : printTable(rows);
+    if (damaged > 1)
+        firstDamage += " (and " + std::to_string(damaged - 1) + " more)";
+    if (damaged > 0)
+        throw Failure(firstDamage);
+}
+
+} // namespace
+
+void addList(CLI::App& program) {
+    CLI::App* command = program.add_subcommand("list", "List the pictures of an archive");
+    auto arguments = std::make_shared<Arguments>();
+    command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
+    command->add_flag("--json", arguments->json, "Print JSON");
+    command->callback([arguments] { list(*arguments); });
+}

@@ -1,0 +1,67 @@
+// The kal program. Data goes to standard output, messages go to standard error, one line each.
+// Exit status: 0 done, 1 a file, picture or archive is not as it must be, 2 wrong usage.
+#include "tools/command.h"
+#include "tools/failure.h"
+#include "tools/interrupt.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <fcntl.h>
+#include <iostream>
+#include <new>
+#include <unistd.h>
+
+namespace {
+
+// The commands, in the order in which help shows them.
+constexpr void (*commands[])(CLI::App&) = {addStore, addList, addExtract};
+
+constexpr int failed = 1;
+constexpr int wrongUsage = 2;
+
+int complain(const std::string& message, int exitStatus) {
+    std::cerr << "kal: " << onOneLine(message) << '\n';
+    return exitStatus;
+}
+
+// A standard stream that is closed would be given to the next file that is opened, and written to as such.
+void fillStandardStreams() {
+    for (int handle = ::open("/dev/null", O_RDWR); handle >= 0 && handle <= STDERR_FILENO;)
+        handle = ::open("/dev/null", O_RDWR);
+}
+
+int run(int count, char** arguments) {
+    CLI::App program("Keeps pictures in archives of operation lists.", "kal");
+    program.set_version_flag("--version", "kal " KAL_VERSION);
+    program.require_subcommand(1);
+    for (auto add : commands)
+        add(program);
+    try {
+        program.parse(count, arguments);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0)
+            return complain(std::string(error.what()) + " (kal --help tells more)", wrongUsage);
+        program.exit(error); // prints the help that was asked for
+    }
+    if (!std::cout.flush())
+        throw Failure("standard output", "cannot be written");
+    return 0;
+}
+
+} // namespace
+
+int main(int count, char** arguments) {
+    fillStandardStreams();
+    catchInterrupts();
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a failed write
+    try {
+        return run(count, arguments);
+    } catch (const Interrupted& interrupted) {
+        endByInterrupt(interrupted);
+    } catch (const std::bad_alloc&) {
+        return complain("not enough memory", failed);
+    } catch (const std::exception& failure) {
+        return complain(failure.what(), failed);
+    }
+}
