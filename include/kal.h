@@ -19,6 +19,7 @@
 #include <kal/resource.h>
 #include <kal/storage.h>
 #include <kal/stream.h>
+#include <kal/tagset.h>
 #include <kal/text.h>
 #include <kal/vmem.h>
 

@@ -13,3 +13,10 @@ char* _itoa(int value, char* destination, int radix) {
     *end = 0;
     return destination;
 }
+
+char* _gcvt(double value, int digits, char* destination) {
+    constexpr size_t kMostBeside = 8; // sign, point, and an exponent or the zeros before the first digit
+    char* const last = destination + digits + kMostBeside;
+    *std::to_chars(destination, last, value, std::chars_format::general, digits).ptr = 0;
+    return destination;
+}

@@ -1,5 +1,6 @@
 #include "platform/host_calls.h"
 
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -13,6 +14,10 @@ int openFile(const char* path, int flags, mode_t mode) {
 
 void* remap(void* address, size_t oldSize, size_t newSize, int flags) {
     return ::mremap(address, oldSize, newSize, flags);
+}
+
+int openFileAt(int folder, const char* path, int flags, mode_t mode) {
+    return ::openat(folder, path, flags, mode);
 }
 
 } // namespace
@@ -41,4 +46,14 @@ HostCalls hostCalls = {
     .munmap = ::munmap,
     .mremap = remap,
     .madvise = ::madvise,
+    .flock = ::flock,
+    .openat = openFileAt,
+    .mkdirat = ::mkdirat,
+    .renameat = ::renameat,
+    .unlinkat = ::unlinkat,
+    .fstatat = ::fstatat,
+    .faccessat = ::faccessat,
+    .fdopendir = ::fdopendir,
+    .readdir = ::readdir,
+    .closedir = ::closedir,
 };

@@ -3,6 +3,7 @@
 #ifndef KAL_PLATFORM_HOST_CALLS_H
 #define KAL_PLATFORM_HOST_CALLS_H
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -30,6 +31,16 @@ struct HostCalls {
     int (*munmap)(void* address, size_t size);
     void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);
     int (*madvise)(void* address, size_t size, int advice);
+    int (*flock)(int fd, int operation);
+    int (*openat)(int folder, const char* path, int flags, mode_t mode);
+    int (*mkdirat)(int folder, const char* path, mode_t mode);
+    int (*renameat)(int fromFolder, const char* from, int toFolder, const char* to);
+    int (*unlinkat)(int folder, const char* path, int flags);
+    int (*fstatat)(int folder, const char* path, struct stat* result, int flags);
+    int (*faccessat)(int folder, const char* path, int mode, int flags);
+    DIR* (*fdopendir)(int fd);
+    dirent* (*readdir)(DIR* listing);
+    int (*closedir)(DIR* listing);
 };
 
 extern HostCalls hostCalls;

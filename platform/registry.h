@@ -1,0 +1,79 @@
+// The registry: a tree of keys that hold values, shared by every process of the user.
+//
+// Every call returns 0 or one of the codes below. A handle names a key, not the folder that holds it: a key
+// that is deleted behind a handle is missing for it, and there again once somebody makes it anew.
+#ifndef KAL_PLATFORM_REGISTRY_H
+#define KAL_PLATFORM_REGISTRY_H
+
+#include <cstdint>
+
+using HKEY = void*;
+
+// The key under which all others lie; always open.
+#define HKEY_CLASSES_ROOT (reinterpret_cast<HKEY>(uintptr_t{0x80000000u}))
+
+inline constexpr uint32_t KEY_ALL_ACCESS = 0xF003F;
+inline constexpr uint32_t REG_OPTION_NON_VOLATILE = 0;
+inline constexpr uint32_t REG_OPTION_VOLATILE = 1; // the key lives until the next start of the machine
+inline constexpr uint32_t REG_CREATED_NEW_KEY = 1;
+inline constexpr uint32_t REG_OPENED_EXISTING_KEY = 2;
+inline constexpr uint32_t REG_SZ = 1;
+
+inline constexpr int32_t ERROR_SUCCESS = 0;
+inline constexpr int32_t ERROR_FILE_NOT_FOUND = 2; // there is no such key or value
+inline constexpr int32_t ERROR_TOO_MANY_OPEN_FILES = 4;
+inline constexpr int32_t ERROR_ACCESS_DENIED = 5; // also: the key still has subkeys
+inline constexpr int32_t ERROR_INVALID_HANDLE = 6;
+inline constexpr int32_t ERROR_NOT_ENOUGH_MEMORY = 8;
+inline constexpr int32_t ERROR_GEN_FAILURE = 31; // the host failed in a way that has no code here
+inline constexpr int32_t ERROR_INVALID_PARAMETER = 87;
+inline constexpr int32_t ERROR_DISK_FULL = 112;
+inline constexpr int32_t ERROR_BAD_PATHNAME = 161; // an empty component in a key's name
+inline constexpr int32_t ERROR_FILENAME_EXCED_RANGE = 206;
+inline constexpr int32_t ERROR_MORE_DATA = 234;
+inline constexpr int32_t ERROR_NO_MORE_ITEMS = 259;
+inline constexpr int32_t ERROR_REGISTRY_IO_FAILED = 1016; // the tree of folders cannot be reached
+
+// The largest value that can be set.
+inline constexpr uint32_t kMostValueBytes = 1 << 20;
+
+// `subKey` is a path of names with `\` between them, compared without regard to (ASCII) case; one `\` at its
+// end is let through. The caller closes every handle that it gets. Reserved words, access and security are
+// ignored.
+
+// Opens a key, or makes it with the keys on the way to it. A new key appears to others with its first value
+// or at the next other call about it, whichever comes first, and at once when `disposition` is given, which
+// tells which it was: so a key and its value come into being in one step, and of two makers one is told that
+// it was first.
+int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t reserved, const char* className,
+                        uint32_t options, uint32_t access, const void* security, HKEY* result,
+                        uint32_t* disposition);
+
+int32_t RegOpenKeyExA(HKEY key, const char* subKey, uint32_t reserved, uint32_t access, HKEY* result);
+
+// Reads the value `name` (null or empty: the default one). `*size` is the room at `data` and becomes the
+// value's size; a value that does not fit gives ERROR_MORE_DATA and leaves `data` alone. Null `data` asks for
+// the size.
+int32_t RegQueryValueExA(HKEY key, const char* name, uint32_t* reserved, uint32_t* type, uint8_t* data,
+                         uint32_t* size);
+
+int32_t RegSetValueExA(HKEY key, const char* name, uint32_t reserved, uint32_t type, const uint8_t* data,
+                       uint32_t size);
+
+// The name of the `index`-th subkey, in the order of names, as it was spelled when the key was made.
+// ERROR_NO_MORE_ITEMS past the last one; ERROR_MORE_DATA when name and terminating zero do not fit.
+int32_t RegEnumKeyA(HKEY key, uint32_t index, char* name, uint32_t nameSize);
+
+// Deletes a key with its values. ERROR_ACCESS_DENIED when it has subkeys.
+int32_t RegDeleteKeyA(HKEY key, const char* subKey);
+
+// The class of the key and the number of its subkeys; any of the pointers may be null. The other questions of
+// this call are not answered: their pointers must be null.
+int32_t RegQueryInfoKeyA(HKEY key, char* className, uint32_t* classSize, uint32_t* reserved,
+                         uint32_t* subKeys, uint32_t* mostSubKeyLength, uint32_t* mostClassLength,
+                         uint32_t* values, uint32_t* mostValueNameLength, uint32_t* mostValueBytes,
+                         uint32_t* securityBytes, void* lastWriteTime);
+
+int32_t RegCloseKey(HKEY key);
+
+#endif

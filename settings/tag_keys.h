@@ -1,0 +1,43 @@
+// Steps over the registry that the members of a tag set share.
+#ifndef KAL_SETTINGS_TAG_KEYS_H
+#define KAL_SETTINGS_TAG_KEYS_H
+
+#include "platform/registry.h"
+
+#include <kal/tagset.h>
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr const char* kParentTag = "Parent";
+inline constexpr const char* kPatternsKey = "Wildcards";
+
+// What subkey names are enumerated into.
+inline constexpr uint32_t kTagNameSize = 260;
+
+// Root and path in one text. False when it is too long.
+struct SetKeyName {
+    char text[KAL_TAG_PATH_SIZE];
+    bool join(const char* root, const char* path);
+};
+
+bool sameName(const char* a, const char* b);
+bool namesBeginAlike(const char* a, const char* b, size_t count);
+
+// Whether the stored name, or the tag's own, with `?` standing for any one character, is the other.
+bool matchesPattern(const char* stored, const char* tag);
+
+// Makes or opens a key as every tag set's keys are made. Null on failure.
+HKEY makeKey(HKEY above, const char* name, bool persistent, uint32_t* disposition = nullptr);
+HKEY openKey(HKEY above, const char* name);
+
+// Reads a value of a subkey into `buffer`, ended by a zero where there is room for it. False when the subkey
+// does not open; whether there is such a value, and whether it fits, is not told.
+bool readSubkey(HKEY above, const char* name, char* buffer, int size, const char* valueName);
+
+// A subkey's default value, whole, as a block of small memory; null when there is none.
+char* loadSubkey(HKEY above, const char* name);
+
+void deleteSubkeys(HKEY key);
+
+#endif
