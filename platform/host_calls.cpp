@@ -46,7 +46,6 @@ HostCalls hostCalls = {
     .munmap = ::munmap,
     .mremap = remap,
     .madvise = ::madvise,
-    .flock = ::flock,
     .openat = openFileAt,
     .mkdirat = ::mkdirat,
     .renameat = ::renameat,

@@ -31,7 +31,6 @@ struct HostCalls {
     int (*munmap)(void* address, size_t size);
     void* (*mremap)(void* address, size_t oldSize, size_t newSize, int flags);
     int (*madvise)(void* address, size_t size, int advice);
-    int (*flock)(int fd, int operation);
     int (*openat)(int folder, const char* path, int flags, mode_t mode);
     int (*mkdirat)(int folder, const char* path, mode_t mode);
     int (*renameat)(int fromFolder, const char* from, int toFolder, const char* to);
