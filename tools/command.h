@@ -9,5 +9,6 @@ class App;
 void addStore(CLI::App& program);
 void addList(CLI::App& program);
 void addExtract(CLI::App& program);
+void addSettings(CLI::App& program);
 
 #endif

@@ -15,7 +15,7 @@
 namespace {
 
 // The commands, in the order in which help shows them.
-constexpr void (*commands[])(CLI::App&) = {addStore, addList, addExtract};
+constexpr void (*commands[])(CLI::App&) = {addStore, addList, addExtract, addSettings};
 
 constexpr int failed = 1;
 constexpr int wrongUsage = 2;
