@@ -36,12 +36,25 @@ bool isNewer(const LruCandidate& a, const LruCandidate& b) {
     return a.arrival > b.arrival;
 }
 
+uint64_t nextArrival(LruList* list) {
+    return ++list->arrivals & (UINT64_MAX >> 3);
+}
+
 void popHeap(LruList* list) {
-    const LruCandidate top = list->heap[0];
-    if (top.node->age == top.age)
-        top.node->queued = 0;
+    list->heap[0].node->queued = 0;
     std::pop_heap(list->heap, list->heap + list->heapCount, isNewer);
     list->heapCount--;
+}
+
+void pushHeap(LruList* list, LruNode* node) {
+    node->queued = 1;
+    list->heap[list->heapCount++] = {node->arrival, node};
+    std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
+}
+
+void advanceFrontier(LruList* list) {
+    list->frontier->seen = 1;
+    list->frontier = newerThan(list->frontier);
 }
 
 bool growHeap(LruList* list) {
@@ -80,17 +93,13 @@ bool canGo(LruList* list, LruNode* node) {
 // Takes the top away when its block cannot go, or sinks it when the block has come into memory anew since it was
 // queued. True when it is right where it is.
 bool settleTop(LruList* list) {
-    LruCandidate top = list->heap[0];
-    if (top.node->age != top.age || !canGo(list, top.node)) {
-        popHeap(list);
-        return false;
-    }
-    if (top.arrival == top.node->arrival)
+    const LruCandidate top = list->heap[0];
+    const bool inPlace = top.arrival == top.node->arrival;
+    if (inPlace && canGo(list, top.node))
         return true;
-    top.arrival = top.node->arrival;
-    std::pop_heap(list->heap, list->heap + list->heapCount, isNewer);
-    list->heap[list->heapCount - 1] = top;
-    std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
+    popHeap(list);
+    if (!inPlace && top.node->arrival != 0 && top.node->seen != 0 && canGo(list, top.node))
+        pushHeap(list, top.node);
     return false;
 }
 
@@ -132,8 +141,8 @@ LruNode* addNode(LruList* list, void* handle) {
     if (node == nullptr)
         return nullptr;
     node->handle = handle;
-    node->age = ++list->newestAge & (UINT64_MAX >> 2);
-    node->arrival = node->age;
+    node->arrival = nextArrival(list);
+    node->seen = 0;
     node->parked = 0;
     node->queued = 0;
     KalSAddHead(&list->list, node);
@@ -150,7 +159,7 @@ void removeNode(LruList* list, LruNode* node) {
     if (slot == node)
         slot = nullptr;
     unpark(list, node);
-    node->age = 0;
+    node->arrival = 0;
     KalSExtractNode(&list->list, node);
     node->handle = list->spare;
     list->spare = node;
@@ -160,7 +169,7 @@ LruNode* oldestCandidate(LruList* list) {
     while (list->heapCount > 0 && !settleTop(list)) {
     }
     while (list->frontier != nullptr && !canGo(list, list->frontier))
-        list->frontier = newerThan(list->frontier);
+        advanceFrontier(list);
     if (list->heapCount == 0)
         return list->frontier;
     const LruCandidate& top = list->heap[0];
@@ -169,15 +178,15 @@ LruNode* oldestCandidate(LruList* list) {
 
 void dropOldestCandidate(LruList* list, LruNode* node) {
     if (list->frontier == node)
-        list->frontier = newerThan(node);
+        advanceFrontier(list);
     else if (list->heapCount > 0 && list->heap[0].node == node)
         popHeap(list);
 }
 
 void parkNode(LruList* list, LruNode* node) {
-    if (list->frontier != nullptr && node->age >= list->frontier->age)
+    if (node->seen == 0)
         return; // it will be looked at in its turn
-    node->arrival = ++list->newestAge & (UINT64_MAX >> 2);
+    node->arrival = nextArrival(list);
     park(list, node);
 }
 
@@ -194,9 +203,7 @@ void unparkNode(LruList* list, LruNode* node) {
         list->frontier = nodeAt(list->list.last);
         return;
     }
-    node->queued = 1;
-    list->heap[list->heapCount++] = {node->arrival, node->age, node};
-    std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
+    pushHeap(list, node);
 }
 
 uint64_t lruListBytes(const LruList* list) {

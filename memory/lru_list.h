@@ -13,17 +13,17 @@
 
 // What a node of the list holds.
 struct LruNode {
-    void* handle;        // in a spare node: the next spare node
-    uint64_t arrival;    // when the block came into memory, counted as ages are
-    uint64_t age : 62;   // the number of the block's allocation
+    void* handle; // in a spare node: the next spare node
+    uint64_t
+        arrival : 61;    // the number of the arrival in memory by which the block came in; 0 in a spare node
+    uint64_t seen : 1;   // behind the frontier
     uint64_t parked : 1; // locked when it was looked at
     uint64_t queued : 1; // in the heap
 };
 
 struct LruCandidate {
     uint64_t arrival;
-    uint64_t age;
-    LruNode* node; // holds another block by now when the ages differ
+    LruNode* node; // its block has left since, or come in anew, when the arrivals differ
 };
 
 // The list head that callers see, and the rest.
@@ -31,7 +31,7 @@ struct LruList {
     slisthd list;
     LruNode** byId; // a node for each low half of a handle, or null
     LruNode* spare; // nodes of freed blocks
-    uint64_t newestAge;
+    uint64_t arrivals;
     LruNode* frontier; // null when all blocks have been looked at
     LruCandidate* heap;
     uint32_t heapCount;

@@ -11,5 +11,6 @@ void addList(CLI::App& program);
 void addExtract(CLI::App& program);
 void addResource(CLI::App& program);
 void addCompound(CLI::App& program);
+void addSettings(CLI::App& program);
 
 #endif

@@ -8,9 +8,12 @@ std::string statusText(int16_t status) {
     case KAL_ERR_BUFFER:
         return "not enough memory";
     case KAL_ERR_WRITE:
+    case KAL_ERR_TAG_WRITE:
         return "cannot be written";
     case KAL_ERR_READ:
         return "cannot be read";
+    case KAL_ERR_TAG_KEY:
+        return "cannot be opened";
     case KAL_ERR_CLOSE:
         return "cannot be closed";
     case KAL_ERR_DISK_FULL:

@@ -15,7 +15,8 @@
 namespace {
 
 // The commands, in the order in which help shows them.
-constexpr void (*commands[])(CLI::App&) = {addStore, addList, addExtract, addResource, addCompound};
+constexpr void (*commands[])(CLI::App&) = {addStore,    addList,     addExtract,
+                                           addSettings, addResource, addCompound};
 
 constexpr int failed = 1;
 constexpr int wrongUsage = 2;

@@ -65,7 +65,7 @@ TEST_F(RegistryProcesses, AWriterKilledAtAnyHostCallLeavesTheValueOldOrNew) {
             ASSERT_EQ(end, -1);
         }
         EXPECT_GT(outcomes[0], 2);
-        EXPECT_GT(outcomes[1], 1);
+        EXPECT_GT(outcomes[1], 0);
     }
     EXPECT_EQ(filesIn(persistentTree()), (std::vector<std::string>{".changes", "top", "way"}))
         << "the leftovers are gone";

@@ -1,0 +1,231 @@
+// kal settings: looks at and mends what tag sets keep.
+#include "tools/command.h"
+#include "tools/failure.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <vector>
+
+namespace {
+
+struct Arguments {
+    std::string path;
+    std::string tag;
+    std::string value;
+    bool json = false;
+};
+
+// The longest value that the registry keeps, and its zero.
+constexpr int kMostValueSize = (1 << 20) + 1;
+
+// A set as a person names it: opened only if it is there, without its parents' tags.
+class OpenedSet {
+public:
+    // Opening makes a set that is missing, so ask the one above first, name by name.
+    static bool exists(const std::string& path) {
+        for (size_t end = 0; end != std::string::npos && !path.empty();) {
+            const size_t start = end == 0 ? 0 : end + 1;
+            end = path.find('\\', start);
+            const std::string name = path.substr(start, end == std::string::npos ? end : end - start);
+            if (name.empty())
+                return false;
+            OpenedSet above(start == 0 ? "" : path.substr(0, start - 1));
+            if (above.set_.GetRawTag(name.c_str(), nullptr, 0) != KAL_OK)
+                return false;
+        }
+        return true;
+    }
+
+    explicit OpenedSet(const std::string& path) {
+        const int16_t status = set_.SetPath(path.c_str(), 1);
+        while (TagSet* parent = set_.GetParent()) {
+            TagSet* const above = parent->GetParent();
+            set_.SetParent(nullptr);
+            delete parent;
+            for (TagSet* next = above; next != nullptr;) {
+                TagSet* const following = next->GetParent();
+                delete next;
+                next = following;
+            }
+        }
+        if (status != KAL_OK)
+            throw Failure("settings " + path, statusText(status));
+    }
+
+    TagSet& operator*() { return set_; }
+
+private:
+    TagSet set_;
+};
+
+struct Entry {
+    std::string name;
+    std::string value;
+};
+
+// Whether the set has the tag or pattern itself.
+bool holds(TagSet& set, const std::string& tag) {
+    const bool isPattern = tag.find('?') != std::string::npos;
+    return (isPattern ? set.GetTag(tag.c_str(), nullptr, 0) : set.GetRawTag(tag.c_str(), nullptr, 0)) ==
+           KAL_OK;
+}
+
+std::string valueOf(TagSet& set, const std::string& tag) {
+    static std::vector<char> text(kMostValueSize);
+    text[0] = 0;
+    set.GetTag(tag.c_str(), text.data(), kMostValueSize);
+    return text.data();
+}
+
+std::vector<Entry> entriesOf(TagSet& set) {
+    std::vector<Entry> entries;
+    TagSearch search(&set, "");
+    while (const char* name = search.NextTag())
+        entries.push_back({name, ""});
+    for (Entry& entry : entries)
+        entry.value = valueOf(set, entry.name);
+    return entries;
+}
+
+// A value on a line of its own, so that no line end or control character in it is taken for the list's.
+std::string quoted(const std::string& text) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string line;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '\\' || byte < ' ' || byte == 0x7F)
+            line += c == '\\' ? "\\\\" : std::string("\\x") + digits[byte >> 4] + digits[byte & 15];
+        else
+            line += c;
+    }
+    return line;
+}
+
+// Settings have no character set: what is not ASCII is shown as its byte.
+std::string jsonText(const std::string& text) {
+    std::string json = "\"";
+    for (const char c : text) {
+        char escaped[8];
+        if (c == '"' || c == '\\')
+            json += '\\';
+        if (c >= ' ' && c <= '~')
+            json += c;
+        else
+            json +=
+                (std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(c)), escaped);
+    }
+    return json + '"';
+}
+
+void printEntries(const std::vector<Entry>& entries) {
+    for (const Entry& entry : entries)
+        std::cout << quoted(entry.name) << " = " << quoted(entry.value) << '\n';
+}
+
+void printJson(const std::vector<Entry>& entries) {
+    std::cout << '[';
+    for (const Entry& entry : entries)
+        std::cout << (&entry == entries.data() ? "\n  " : ",\n  ") << "{\"tag\": " << jsonText(entry.name)
+                  << ", \"value\": " << jsonText(entry.value) << '}';
+    std::cout << (entries.empty() ? "]\n" : "\n]\n");
+}
+
+void requireSet(const std::string& path) {
+    if (!OpenedSet::exists(path))
+        throw Failure("settings " + path, "there is no such set");
+}
+
+void list(const Arguments& arguments) {
+    requireSet(arguments.path);
+    OpenedSet set(arguments.path);
+    std::vector<Entry> entries = entriesOf(*set);
+    const size_t tags = entries.size();
+    std::erase_if(entries, [](const Entry& entry) { return entry.name == "Wildcards"; });
+    if (entries.size() < tags) {
+        OpenedSet patterns(arguments.path.empty() ? "Wildcards" : arguments.path + "\\Wildcards");
+        for (const Entry& pattern : entriesOf(*patterns))
+            entries.push_back(pattern);
+    }
+    arguments.json ? printJson(entries) : printEntries(entries);
+}
+
+void get(const Arguments& arguments) {
+    requireSet(arguments.path);
+    OpenedSet set(arguments.path);
+    if ((*set).GetTag(arguments.tag.c_str(), nullptr, 0) != KAL_OK)
+        throw Failure("settings " + arguments.path, "there is no tag " + arguments.tag);
+    std::cout << valueOf(*set, arguments.tag) << '\n';
+}
+
+void write(const Arguments& arguments, const char* value) {
+    OpenedSet set(arguments.path);
+    const int16_t status = (*set).SetRawTag(arguments.tag.c_str(), value);
+    if (status != KAL_OK)
+        throw Failure("settings " + arguments.path, statusText(status));
+}
+
+void set(const Arguments& arguments) {
+    if (arguments.value.empty())
+        throw Failure("settings " + arguments.path, "a tag cannot be empty; unset removes it");
+    write(arguments, arguments.value.c_str());
+    // A name that no tag can have is not written, and the library does not tell.
+    OpenedSet opened(arguments.path);
+    if (!holds(*opened, arguments.tag))
+        throw Failure("settings " + arguments.path, "no tag can be named " + arguments.tag);
+}
+
+void unset(const Arguments& arguments) {
+    requireSet(arguments.path);
+    OpenedSet opened(arguments.path);
+    if (!holds(*opened, arguments.tag))
+        throw Failure("settings " + arguments.path, "there is no tag " + arguments.tag);
+    write(arguments, nullptr);
+}
+
+void printTree(const std::string& path, const std::string& indent) {
+    std::vector<Entry> entries;
+    {
+        OpenedSet set(path);
+        entries = entriesOf(*set);
+    }
+    for (const Entry& entry : entries) {
+        std::cout << indent << quoted(entry.name);
+        if (!entry.value.empty())
+            std::cout << " = " << quoted(entry.value);
+        std::cout << '\n';
+        const std::string below = path.empty() ? entry.name : path + "\\" + entry.name;
+        if (below.size() + std::strlen(KAL_SETTINGS_ROOT) < size_t(KAL_TAG_PATH_SIZE))
+            printTree(below, indent + "  ");
+    }
+}
+
+} // namespace
+
+void addSettings(CLI::App& program) {
+    CLI::App* settings = program.add_subcommand("settings", "Look at and change settings");
+    settings->require_subcommand(1);
+    auto arguments = std::make_shared<Arguments>();
+    const auto add = [&](const char* name, const char* help, auto action) {
+        CLI::App* command = settings->add_subcommand(name, help);
+        command->callback([arguments, action] { action(*arguments); });
+        return command;
+    };
+    const auto addTag = [&](CLI::App* command) {
+        command->add_option("PATH", arguments->path, "The set, its parts with \\ between them")->required();
+        command->add_option("TAG", arguments->tag, "The tag, or a pattern with ?")->required();
+        return command;
+    };
+    CLI::App* listing = add("list", "List the tags and patterns of a set", list);
+    listing->add_option("PATH", arguments->path, "The set; the sets at the top when it is left out");
+    listing->add_flag("--json", arguments->json, "Print JSON");
+    addTag(add("get", "Print a tag of a set", get));
+    addTag(add("set", "Set a tag; makes the set if it is new", set))
+        ->add_option("VALUE", arguments->value, "The text")
+        ->required();
+    addTag(add("unset", "Remove a tag", unset));
+    add("tree", "Print all sets with their tags", [](const Arguments&) { printTree("", ""); });
+}
