@@ -36,8 +36,8 @@ bool isNewer(const LruCandidate& a, const LruCandidate& b) {
     return a.arrival > b.arrival;
 }
 
-uint64_t nextArrival(LruList* list) {
-    return ++list->arrivals & (UINT64_MAX >> 3);
+void arrive(LruList* list, LruNode* node) {
+    node->arrival = ++list->arrivals & (UINT64_MAX >> 3);
 }
 
 void popHeap(LruList* list) {
@@ -141,7 +141,7 @@ LruNode* addNode(LruList* list, void* handle) {
     if (node == nullptr)
         return nullptr;
     node->handle = handle;
-    node->arrival = nextArrival(list);
+    arrive(list, node);
     node->seen = 0;
     node->parked = 0;
     node->queued = 0;
@@ -186,7 +186,7 @@ void dropOldestCandidate(LruList* list, LruNode* node) {
 void parkNode(LruList* list, LruNode* node) {
     if (node->seen == 0)
         return; // it will be looked at in its turn
-    node->arrival = nextArrival(list);
+    arrive(list, node);
     park(list, node);
 }
 
