@@ -39,8 +39,8 @@ int FileTimeToDosDateTime(const FILETIME* time, uint16_t* date, uint16_t* timeOf
     const auto day = floor<days>(held);
     const year_month_day calendar(day);
     const hh_mm_ss clock(held - day);
-    *date = static_cast<uint16_t>(unsigned(int(calendar.year()) - kFirstYear) << 9 | unsigned(calendar.month()) << 5 |
-                                  unsigned(calendar.day()));
+    *date = static_cast<uint16_t>(unsigned(int(calendar.year()) - kFirstYear) << 9 |
+                                  unsigned(calendar.month()) << 5 | unsigned(calendar.day()));
     *timeOfDay = static_cast<uint16_t>(clock.hours().count() << 11 | clock.minutes().count() << 5 |
                                        clock.seconds().count() / 2);
     return 1;

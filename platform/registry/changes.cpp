@@ -63,9 +63,10 @@ void* mapFile(int fd, bool writable) {
     const int error = errno;
     const bool unlocked = unlockFile(fd);
     errno = whole ? errno : error;
-    return whole && unlocked ? hostCalls.mmap(nullptr, kFileSize, writable ? PROT_READ | PROT_WRITE : PROT_READ,
-                                  MAP_SHARED, fd, 0)
-                 : MAP_FAILED;
+    return whole && unlocked
+               ? hostCalls.mmap(nullptr, kFileSize, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED,
+                                fd, 0)
+               : MAP_FAILED;
 }
 
 } // namespace
