@@ -17,9 +17,9 @@ inline bool keepsDirty(const SFILE* stream) {
     return isBuffered(stream) && stream->bufSize > 1;
 }
 
-// The bytes that can be taken at `bufPtr` without a call.
+// The bytes that can be taken at `bufPtr` without a call. A window's buffer may reach past its end.
 inline uint32_t bytesAhead(const SFILE* stream) {
-    if (!isBuffered(stream))
+    if (!isBuffered(stream) || stream->getChar == ConstGetDiskChar)
         return 0;
     const uint32_t at = stream->pos - stream->bufStart;
     const uint32_t filled = stream->bufEnd - stream->bufStart;
