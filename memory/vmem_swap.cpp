@@ -14,9 +14,9 @@ uint64_t inPages(uint32_t size) {
 }
 
 // What the manager holds in memory, for the limit: the resident bytes. Many small blocks need much more than
-// their bytes, though, in records and in parts of pages; past 1 MiB that counts too.
+// their bytes, though, in records and in parts of pages; past 2 MiB that counts too.
 uint64_t occupied(const VMemManager* manager) {
-    constexpr uint64_t kFree = 1 << 20;
+    constexpr uint64_t kFree = 2 << 20;
     const uint64_t bookkeeping = lruListBytes(lruListOf(manager)) + extentListBytes(manager->state.swapFile);
     const uint64_t all = manager->pages + bookkeeping;
     return std::max(manager->resident, all > kFree ? all - kFree : 0);
