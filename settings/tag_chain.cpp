@@ -67,11 +67,12 @@ void TagSet::ForTags(KalTagCallback callback, void* context) {
 }
 
 int TagSet::FuseTag(TagSet* set, const char* tag, void*) {
-    if (sameName(tag, kParentTag) || sameName(tag, kPatternsKey))
+    if (sameName(tag, kParentTag))
         return 1;
     const char* value = set->GetTempTag(tag);
     char* whole = nullptr;
-    if (value != nullptr && *value == 0) // longer than a result buffer, or there is none
+    if (value != nullptr &&
+        *value == 0) // longer than a result buffer, or there is none, as in the patterns' key
         value = whole = loadSubkey(set->hKey, tag);
     if (value != nullptr)
         set->parent->SetRawTag(tag, value, nullptr);

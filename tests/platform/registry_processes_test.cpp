@@ -160,3 +160,12 @@ TEST_F(RegistryProcesses, TwoProcessesSeeEachOthersChangesAtOnce) {
     close(answers[0]);
     close(answers[1]);
 }
+
+TEST_F(RegistryProcesses, AVolatileKeyThatBecamePersistentElsewhereTakesValuesThere) {
+    setText("turned", "v", REG_OPTION_VOLATILE);
+    HKEY key = makeTestKey("turned");
+    ASSERT_EQ(inProcess([] { return setText("turned\\below", "p") + setText("turned", "theirs"); }), 0);
+    EXPECT_EQ(RegSetValueExA(key, nullptr, 0, REG_SZ, reinterpret_cast<const uint8_t*>("mine"), 5), 0);
+    EXPECT_EQ(textOf("turned"), "mine") << "not hidden by the persistent value";
+    RegCloseKey(key);
+}

@@ -374,7 +374,7 @@ TEST_F(Registry, ShortMemoryFailsACallAndNothingElse) {
     setText("a\\held", "v");
     int failures = 0;
     const int runs = withEachAllocationFailing([&](int n) {
-        setenv("XDG_RUNTIME_DIR", path("runtime" + std::string(n % 2, '/')).c_str(),
+        setenv("XDG_RUNTIME_DIR", path("runtime" + std::string(n % 2 == 0 ? 0u : 1u, '/')).c_str(),
                1); // opens it anew each time
         failures += setText("a\\New" + std::to_string(n), "w") != 0;
         HKEY key = nullptr;

@@ -273,7 +273,7 @@ TEST_F(Tags, ATreeThatCannotBeWrittenGivesStatusesAndNothingCrashes) {
 
 TEST_F(Tags, ShortMemoryIsAStatus) {
     const int runs = withEachAllocationFailing([&](int n) {
-        setenv("XDG_RUNTIME_DIR", path("runtime" + std::string(n % 2, '/')).c_str(), 1);
+        setenv("XDG_RUNTIME_DIR", path("runtime" + std::string(n % 2 == 0 ? 0u : 1u, '/')).c_str(), 1);
         TagSet set;
         set.SetPath("App", 1);
         set.SetTag("t", "v");
