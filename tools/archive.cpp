@@ -2,7 +2,7 @@
 
 #include "tools/failure.h"
 #include "tools/interrupt.h"
-#include "tools/picture.h"
+#include "tools/ops.h"
 
 #include <algorithm>
 #include <cerrno>

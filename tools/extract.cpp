@@ -11,9 +11,11 @@ struct Arguments {
     std::string archive;
     uint32_t id = 0;
     std::string output;
+    uint32_t memory = 0;
 };
 
 void extract(const Arguments& arguments) {
+    const MovableMemory memory(arguments.memory);
     const auto archive = Archive::forReading(arguments.archive);
     if (arguments.id >= KAL_ITEM_FREE)
         throw Failure(arguments.archive, "there is no picture " + std::to_string(arguments.id));
@@ -33,5 +35,6 @@ void addExtract(CLI::App& program) {
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
     command->add_option("ID", arguments->id, "The picture's id, as list shows it")->required();
     command->add_option("-o,--output", arguments->output, "The file to write")->required();
+    addMemoryOption(command, arguments->memory);
     command->callback([arguments] { extract(*arguments); });
 }

@@ -9,33 +9,16 @@
 //     ...
 //     rest      what follows the rows, as palette and gap
 //
+// On the way the parts lie in movable memory, so a picture may be larger than the memory there is.
 #ifndef KAL_TOOLS_PICTURE_H
 #define KAL_TOOLS_PICTURE_H
 
 #include "tools/bmp.h"
+#include "tools/file.h"
 #include "tools/output_file.h"
+#include "tools/picture_rows.h"
 
-#include <kal.h>
-
-#include <memory>
-
-// Operation types of this program; rows have the library's KAL_OP_DIB.
-inline constexpr uint16_t opHeaders = 0x101;
-inline constexpr uint16_t opFile = 0x102;
-inline constexpr uint16_t opPalette = 0x103;
-inline constexpr uint16_t opGap = 0x104;
-inline constexpr uint16_t opPadding = 0x105;
-inline constexpr uint16_t opRest = 0x106;
-
-// An operation got from a list.
-struct FreeOp {
-    void operator()(void* op) const { KalFreeSMem(KalOpBlock(op)); }
-};
-using Op = std::unique_ptr<void, FreeOp>;
-
-inline ByteView payload(const Op& op) {
-    return {static_cast<const uint8_t*>(op.get()), KalOpSize(op.get())};
-}
+#include <optional>
 
 struct PictureInfo {
     BmpLayout layout;
@@ -43,11 +26,25 @@ struct PictureInfo {
     uint32_t checksum;
 };
 
-// Throws a Failure that says why when a file is no BMP that can be stored.
-void checkPicture(ByteView file);
+// A BMP file that was read in one pass.
+class Picture {
+public:
+    // Throws a Failure that says why when the file is no BMP that can be stored.
+    explicit Picture(const File& file);
 
-// Puts the whole file to the list of picture `id`. Throws a Failure that says why.
-void putPicture(OpList* list, uint16_t id, ByteView file);
+    // Puts the whole file to the list of picture `id`. Throws a Failure that says why.
+    void put(OpList* list, uint16_t id);
+
+private:
+    void read(const File& file, uint32_t start, uint32_t end, uint32_t pieceBytes,
+              const std::function<void(ByteView)>& take);
+
+    PictureInfo info_ = {};
+    std::vector<uint8_t> headers_;
+    MovableList before_; // palette and gap
+    std::optional<PictureRows> rows_;
+    MovableList after_; // rest
+};
 
 // Reads the head of the list of picture `id`. Throws Damaged.
 PictureInfo getPictureInfo(OpList* list, uint16_t id);

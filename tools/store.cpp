@@ -15,20 +15,18 @@ struct Arguments {
     std::string archive;
     std::vector<std::string> pictures;
     bool plain = false;
+    uint32_t memory = 0;
 };
 
-// The whole file, once its headers have shown that it is one to store.
-std::vector<uint8_t> readPicture(const std::string& path) {
-    const File file = File::openIfThere(path, O_RDONLY);
-    if (!file.isOpen())
-        throw Failure(hostErrorText(ENOENT));
-    const uint64_t size = file.size();
-    if (size > UINT32_MAX)
-        throw Failure("it is larger than 4 GiB");
-    bmpLayout(file.readAt(0, 8192), static_cast<uint32_t>(size));
-    std::vector<uint8_t> bytes = file.readAt(0, static_cast<size_t>(size));
-    checkPicture(bytes);
-    return bytes;
+Picture readPicture(const std::string& path) {
+    try {
+        const File file = File::openIfThere(path, O_RDONLY);
+        if (!file.isOpen())
+            throw Failure(hostErrorText(ENOENT));
+        return Picture(file);
+    } catch (const Failure& failure) {
+        throw Failure(path, failure.what());
+    }
 }
 
 std::vector<uint16_t> storeAll(const Arguments& arguments) {
@@ -38,19 +36,15 @@ std::vector<uint16_t> storeAll(const Arguments& arguments) {
     std::vector<uint16_t> ids;
     for (const std::string& path : arguments.pictures) {
         progress.show(ids.size(), path);
-        std::vector<uint8_t> file;
-        try {
-            file = readPicture(path);
-        } catch (const Failure& failure) {
-            throw Failure(path, failure.what());
-        }
-        ids.push_back(archive->put([&file](OpList* list, uint16_t id) { putPicture(list, id, file); }));
+        Picture picture = readPicture(path);
+        ids.push_back(archive->put([&picture](OpList* list, uint16_t id) { picture.put(list, id); }));
     }
     archive->commit();
     return ids;
 }
 
 void store(const Arguments& arguments) {
+    const MovableMemory memory(arguments.memory);
     // Another process may make the archive at the same time: then these pictures are added to that one.
     for (int attempt = 0; attempt < 3; attempt++) {
         try {
@@ -75,5 +69,6 @@ void addStore(CLI::App& program) {
         ->add_option("PICTURE", arguments->pictures, "Uncompressed BMP files of 1, 4, 8 or 24 bits per pixel")
         ->required();
     command->add_flag("--plain", arguments->plain, "Do not compress (a new archive, or one made so)");
+    addMemoryOption(command, arguments->memory);
     command->callback([arguments] { store(*arguments); });
 }

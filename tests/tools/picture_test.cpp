@@ -3,6 +3,8 @@
 #include "tests/tools/run_tool.h"
 
 #include <climits>
+#include <cstdlib>
+#include <fstream>
 #include <functional>
 
 namespace {
@@ -68,7 +70,7 @@ TEST_F(Picture, ComesBackWithAnyHeaderPaletteAndSize) {
         {5, 4, 8, 40, 0, 0, false, 3},    // few colours
         {5, 4, 8, 40, 0, 0, false, 300},  // more than the depth has
         {5, 4, 24, 40, 0, 0, false, 256}, // colours that 24 bits do not need
-        {16379, -2, 24, 40, 0, 0, true},  // the longest row that fits an operation
+        {16378, -2, 24, 40, 0, 0, true},  // the longest row that fits an operation
         {65518, 2, 8},                    // and at 8 bits
         {65535, 3, 1, 40, 0, 1, true},
         {1, 65535, 1, 40, 0, 0, true}, // several bands, and the most rows
@@ -81,6 +83,31 @@ TEST_F(Picture, ComesBackWithAnyHeaderPaletteAndSize) {
 TEST_F(Picture, ComesBackFromAPlainArchive) {
     expectRoundTrip({{33, 7, 1}, {33, -7, 4, 40, 5, 5, true}, {301, 300, 8}, {99, 99, 24, 40, 0, 3, true}},
                     true);
+}
+
+TEST_F(Picture, LargerThanTheMemoryAllowedComesBack) {
+    constexpr uint32_t width = 4000;
+    const uint32_t height = slowBuild ? 1000 : 5000;
+    Bytes row = makeBmp({width, 1, 24});
+    set32(row, 22, height);
+    std::ofstream file("p.bmp", std::ios::binary);
+    for (uint32_t line = 0; line < height; line++) {
+        file.write(reinterpret_cast<const char*>(row.data()), static_cast<std::streamsize>(row.size()));
+        row.erase(row.begin(), row.end() - width * 3);
+        for (size_t i = 0; i < row.size(); i += 64)
+            set32(row, i, line * 77);
+    }
+    file.close();
+
+    for (const Arguments& command : {Arguments{"store", "--memory", "4", "a.kal", "p.bmp"},
+                                     Arguments{"extract", "--memory", "4", "a.kal", "1", "-o", "out.bmp"}}) {
+        const Outcome outcome = kal(command);
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        if (!slowBuild) {
+            EXPECT_LT(outcome.peakKiB, 24 << 10) << command[0];
+        }
+    }
+    EXPECT_EQ(std::system("cmp p.bmp out.bmp"), 0);
 }
 
 TEST_F(Picture, WithAPaletteCutShortByItsRowsComesBack) {
@@ -133,7 +160,7 @@ TEST_F(Picture, OfAnotherKindIsRefused) {
         writeFile("p.bmp", file);
         expectFailure(kal({"store", "a.kal", "p.bmp"}), 1, each.why);
     }
-    writeFile("p.bmp", makeBmp({16380, 1, 24}));
+    writeFile("p.bmp", makeBmp({16379, 1, 24}));
     expectFailure(kal({"store", "a.kal", "p.bmp"}), 1, "does not fit an operation");
     expectFailure(kal({"store", "a.kal", "none.bmp"}), 1, "none.bmp: No such file");
     expectFailure(kal({"store", "a.kal", "."}), 1, "not a regular file");

@@ -6,6 +6,7 @@
 #include <spawn.h>
 #include <sstream>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,8 +41,10 @@ void RunningTool::kill(int signal) const {
 
 Outcome RunningTool::wait() {
     int status = 0;
-    EXPECT_EQ(::waitpid(process_, &status, 0), process_);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), readAll(out_), readAll(err_)};
+    rusage usage = {};
+    EXPECT_EQ(::wait4(process_, &status, 0, &usage), process_);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), readAll(out_), readAll(err_),
+            usage.ru_maxrss};
 }
 
 Outcome kal(const Arguments& arguments) {

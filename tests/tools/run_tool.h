@@ -12,6 +12,7 @@ struct Outcome {
     int status; // exit status, or minus the signal that ended it
     std::string out;
     std::string err;
+    long peakKiB; // the most memory it had resident (no less than this process had when it started it)
 };
 
 using Arguments = std::vector<std::string>;
