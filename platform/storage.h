@@ -93,6 +93,8 @@ struct IStorage : IUnknown {
                                   IStorage** storage) = 0;
     virtual HRESULT OpenStorage(const wchar_t* name, IStorage*, uint32_t mode, void*, uint32_t,
                                 IStorage** storage) = 0;
+    // Takes out a stream that is not open.
+    virtual HRESULT DestroyElement(const wchar_t* name) = 0;
     virtual HRESULT EnumElements(uint32_t, void*, uint32_t, IEnumSTATSTG** elements) = 0;
     // Writes what describes the streams now, not only at the end.
     virtual HRESULT Commit(uint32_t flags) = 0;

@@ -15,7 +15,7 @@ constexpr size_t kNumberSize = 40;
 // Always with a point, whatever the program's locale: processes of different locales share settings.
 double numberIn(const char* text) {
     text += std::strspn(text, " \t\n\v\f\r");
-    text += *text == '+';
+    text += *text == '+' && text[1] != '-';
     double value = 0.0;
     const auto [end, error] = std::from_chars(text, text + std::strlen(text), value);
     return error == std::errc::result_out_of_range ? std::strtod(text, nullptr) : value;

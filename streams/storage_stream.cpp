@@ -212,12 +212,14 @@ int16_t KalFOLE2Close(SFILE* stream) {
     if (stream->dirty == 1 && stream->tempName == nullptr && object->KalFlushBuf() != KAL_OK)
         return stream->status;
     freeIfSet(stream->buf);
+    // What is still to be written is written now, since releasing does not tell whether it could be.
+    const bool isWritten = object->storage->Commit(0) == S_OK;
     object->stream->Release();
     object->storage->Release();
     delete object;
     freeIfSet(stream->name);
     KalFreeSMem(stream);
-    return KAL_OK;
+    return isWritten ? KAL_OK : KAL_ERR_CLOSE;
 }
 
 int32_t KalNoFOLE2Read(SFILE* stream, void*, uint32_t) {

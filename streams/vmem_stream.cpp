@@ -167,10 +167,10 @@ int16_t KalSeekVMemPos(SFILE* stream, int32_t offset, uint32_t origin) {
                                                      : 0;
     const uint32_t target = from + static_cast<uint32_t>(offset);
     if (target > stream->bufEnd) {
+        stream->bufEnd = target; // also when a block is missing: it is made when it is written to
         const int16_t status = provideBlocks(stream, target >> kBlockBits);
         if (status != KAL_OK)
             return stream->status = status;
-        stream->bufEnd = target;
     }
     stream->pos = target;
     return KAL_OK;

@@ -294,10 +294,17 @@ void put(const Arguments& arguments) {
         inStorageOf(file.root(), arguments.stream, [&](IStorage* storage, const std::wstring& name) {
             IStream* raw;
             HRESULT result = storage->OpenStream(name.c_str(), nullptr, kUpdate, 0, &raw);
-            if (result == STG_E_FILENOTFOUND)
+            const bool isNew = result == STG_E_FILENOTFOUND;
+            if (isNew)
                 result = storage->CreateStream(name.c_str(), kUpdate, 0, 0, &raw);
             require(result, what);
-            write(StreamPtr(raw).get(), input, bytes, what);
+            try {
+                write(StreamPtr(raw).get(), input, bytes, what);
+            } catch (...) {
+                if (isNew)
+                    storage->DestroyElement(name.c_str());
+                throw;
+            }
         });
         require(file.root()->Commit(0), what);
     } catch (...) {

@@ -58,7 +58,8 @@ KAL_API int32_t KalFOLE2GetChar(SFILE* stream);
 KAL_API int32_t KalFOLE2Write(SFILE* stream, const void* source, uint32_t count);
 KAL_API int16_t KalFOLE2PutChar(SFILE* stream, char byte);
 KAL_API int16_t KalFOLE2Seek(SFILE* stream, int32_t offset, uint32_t origin);
-// 0; the status of a dirty buffer that cannot be written back, with the stream still open.
+// 0; the status of a dirty buffer that cannot be written back, with the stream still open; KAL_ERR_CLOSE when the
+// file could not be brought up to date, with the stream closed.
 KAL_API int16_t KalFOLE2Close(SFILE* stream);
 
 // What the access does not allow: 0, with KAL_ERR_READ or KAL_ERR_WRITE in the record's status.

@@ -100,6 +100,8 @@ bool Chain::extendAhead(uint32_t units) {
 }
 
 void Chain::cutTo(uint32_t units) {
+    if (units >= unitCount())
+        return;
     AllocationTable& table = space_->table;
     while (unitCount() > units) {
         Stretch& last = stretches_.back();

@@ -97,6 +97,7 @@ void Children::remove(uint32_t entry) {
     const auto place = std::find(entries_.begin(), entries_.end(), entry);
     std::copy(place + 1, entries_.end(), place);
     entries_.shrink(entries_.size() - 1);
+    changed_ = true;
 }
 
 // --- Writing the tree --------------------------------------------------------------------------------

@@ -177,6 +177,7 @@ void CompoundFile::remove(Children& children, uint32_t entry) {
     children.remove(entry);
     directory_.remove(entry);
     claimed_[entry] = 0;
+    changed_ = true;
 }
 
 bool CompoundFile::markOpen(uint32_t entry) {

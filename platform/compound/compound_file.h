@@ -36,7 +36,7 @@ public:
     // Adds an entry to a storage. kNoEntry when there is no room.
     uint32_t add(Children& children, const Name& name, EntryType type);
 
-    // Takes an entry back that add() gave and nothing was put into.
+    // Takes out an entry that holds nothing.
     void remove(Children& children, uint32_t entry);
 
     // Each entry is open once at a time. False when it is open already.

@@ -55,7 +55,8 @@ uint64_t Content::makeRoom(uint64_t size, Chain& previous) {
 }
 
 // Ends a change: `previous` is given up once the stream has a size that belongs where it lies now. A stream
-// that did not get that far (a failed write) goes back to what it was; false then.
+// that did not get that far (a failed write) goes back to what it was; false then. Room that was not used in
+// the end is given back, or a full disk would be full of nothing.
 bool Content::settle(uint64_t size, Chain& previous) {
     const bool stays = &spaceFor(size) == &chain_.space();
     if (stays)
@@ -64,6 +65,7 @@ bool Content::settle(uint64_t size, Chain& previous) {
         chain_.swap(previous);
     if (&previous.space() != &chain_.space())
         previous.cutTo(0);
+    chain_.cutTo(chain_.space().unitsFor(size_));
     file_.directory().setData(entry_, size_ > 0 ? chain_.first() : kEndOfChain, size_);
     file_.setChanged();
     return stays;
@@ -114,12 +116,9 @@ bool Content::setSize(uint64_t size) {
     Chain previous(chain_.space());
     bool done;
     if (size >= size_) {
-        done = makeRoom(size, previous) == size && zeroTo(size);
-    } else if (&spaceFor(size) == &chain_.space()) {
-        chain_.cutTo(chain_.space().unitsFor(size));
-        done = true;
+        done = tryRoom(size, previous) && zeroTo(size);
     } else {
-        done = move(size, static_cast<size_t>(size), previous);
+        done = &spaceFor(size) == &chain_.space() || move(size, static_cast<size_t>(size), previous);
     }
     settle(done ? size : size_, previous);
     return done;

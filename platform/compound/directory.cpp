@@ -27,10 +27,11 @@ bool Directory::flush() {
     for (size_t index = 0; index < dirty_.size();) {
         size_t step = 0;
         while (index + step < dirty_.size() && dirty_[index + step] != 0)
-            dirty_[index + step++] = 0;
+            step++;
         const size_t bytes = step << shift;
         if (chain_.write(uint64_t(index) << shift, bytes_.data() + (index << shift), bytes).count != bytes)
             return false;
+        std::fill_n(dirty_.begin() + index, step, uint8_t(0));
         index += step + 1;
     }
     return true;

@@ -31,11 +31,13 @@ bool MiniSectors::flush(uint8_t* header) {
     for (uint32_t index = 0; index < table.pageCount();) {
         uint32_t step = 0;
         while (index + step < table.pageCount() && table.isDirty(index + step))
-            table.setClean(index + step++);
+            step++;
         const size_t bytes = size_t(step) << shift;
         if (tableChain_.write(uint64_t(index) << shift, table.page(index), bytes).count != bytes)
             return false;
-        index += step + 1;
+        for (const uint32_t end = index + step; index < end; index++)
+            table.setClean(index);
+        index++;
     }
     store32(header + kFirstMiniFat, tableChain_.first());
     store32(header + kMiniFatSectors, tableChain_.unitCount());

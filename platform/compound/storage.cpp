@@ -87,6 +87,19 @@ public:
         return result != S_OK ? result : openStorage(file_, entry, storage);
     }
 
+    HRESULT DestroyElement(const wchar_t* name) override {
+        uint32_t entry;
+        IStream* stream;
+        HRESULT result = find(name, kStream, entry);
+        if (result == S_OK)
+            result = openStream(file_, entry, STGM_READWRITE, true, &stream);
+        if (result != S_OK)
+            return result;
+        stream->Release();
+        file_.remove(children_, entry);
+        return S_OK;
+    }
+
     HRESULT EnumElements(uint32_t, void*, uint32_t, IEnumSTATSTG** elements) override {
         auto* fresh = new Elements(file_);
         *elements = nullptr;

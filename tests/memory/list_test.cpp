@@ -14,44 +14,28 @@ int& valueOf(void* node) {
 }
 
 // Both families through one set of names, so that one body tests both.
-struct Plain {
-    using Head = listhd;
-    static constexpr int16_t noHead = -100;
-    static constexpr auto create = KalCreateList;
-    static constexpr auto createE = KalCreateListE;
-    static constexpr auto createNode = KalCreateNode;
-    static constexpr auto addHead = KalAddHead;
-    static constexpr auto addTail = KalAddTail;
-    static constexpr auto insert = KalInsertNode;
-    static constexpr auto takeHead = KalDeleteHead;
-    static constexpr auto takeTail = KalDeleteTail;
-    static constexpr auto extract = KalExtractNode;
-    static constexpr auto destroyNode = KalDestroyNode;
-    static constexpr auto destroy = KalDestroyList;
-    static constexpr auto prev = KalPrevNode;
-    static constexpr auto peek = KalPeekList;
-    static constexpr auto reversePeek = KalReversePeekList;
-    static constexpr auto count = KalCountList;
-};
-struct Small {
-    using Head = slisthd;
-    static constexpr int16_t noHead = -105;
-    static constexpr auto create = KalSCreateList;
-    static constexpr auto createE = KalSCreateListE;
-    static constexpr auto createNode = KalSCreateNode;
-    static constexpr auto addHead = KalSAddHead;
-    static constexpr auto addTail = KalSAddTail;
-    static constexpr auto insert = KalSInsertNode;
-    static constexpr auto takeHead = KalSDeleteHead;
-    static constexpr auto takeTail = KalSDeleteTail;
-    static constexpr auto extract = KalSExtractNode;
-    static constexpr auto destroyNode = KalSDestroyNode;
-    static constexpr auto destroy = KalSDestroyList;
-    static constexpr auto prev = KalSPrevNode;
-    static constexpr auto peek = KalSPeekList;
-    static constexpr auto reversePeek = KalSReversePeekList;
-    static constexpr auto count = KalSCountList;
-};
+#define FAMILY(Name, S, s, noHeadStatus)                                                                     \
+    struct Name {                                                                                            \
+        using Head = s##listhd;                                                                              \
+        static constexpr int16_t noHead = noHeadStatus;                                                      \
+        static constexpr auto create = Kal##S##CreateList;                                                   \
+        static constexpr auto createE = Kal##S##CreateListE;                                                 \
+        static constexpr auto createNode = Kal##S##CreateNode;                                               \
+        static constexpr auto addHead = Kal##S##AddHead;                                                     \
+        static constexpr auto addTail = Kal##S##AddTail;                                                     \
+        static constexpr auto insert = Kal##S##InsertNode;                                                   \
+        static constexpr auto takeHead = Kal##S##DeleteHead;                                                 \
+        static constexpr auto takeTail = Kal##S##DeleteTail;                                                 \
+        static constexpr auto extract = Kal##S##ExtractNode;                                                 \
+        static constexpr auto destroyNode = Kal##S##DestroyNode;                                             \
+        static constexpr auto destroy = Kal##S##DestroyList;                                                 \
+        static constexpr auto prev = Kal##S##PrevNode;                                                       \
+        static constexpr auto peek = Kal##S##PeekList;                                                       \
+        static constexpr auto reversePeek = Kal##S##ReversePeekList;                                         \
+        static constexpr auto count = Kal##S##CountList;                                                     \
+    }
+FAMILY(Plain, , , -100);
+FAMILY(Small, S, s, -105);
 
 template <class Family>
 class ListTest : public ::testing::Test {};

@@ -52,10 +52,17 @@ struct SwapModel {
                 piece.id = 0;
         contents.erase(id);
     }
-    void write(uint16_t id, const Bytes& bytes) {
+    uint32_t lowestFree() const {
+        for (const auto& piece : pieces)
+            if (piece.id == 0)
+                return piece.offset;
+        return 0;
+    }
+    // Whether the bytes are written.
+    bool write(uint16_t id, const Bytes& bytes) {
         const auto size = static_cast<uint32_t>(bytes.size());
         if (contents.contains(id) && contents[id].size() == size)
-            return;
+            return false;
         free(id);
         contents[id] = bytes;
         for (size_t i = 0; i < pieces.size(); i++) {
@@ -65,9 +72,10 @@ struct SwapModel {
             pieces[i] = {id, size, found.offset};
             if (found.size > size)
                 pieces.insert(pieces.begin() + long(i) + 1, {0, found.size - size, found.offset + size});
-            return;
+            return true;
         }
         pieces.push_back({id, size, pieces.empty() ? 0 : pieces.back().offset + pieces.back().size});
+        return true;
     }
 };
 
@@ -129,31 +137,6 @@ TEST_F(SwapFileTest, TheFormatPagesExampleIsTrue) {
         << "the dump shows the whole file";
 }
 
-TEST_F(SwapFileTest, FillsTheFirstFitAndSplitsIt) {
-    Swap swap;
-    EXPECT_EQ(swap.write(5, Bytes(100, 5)), 100);
-    EXPECT_EQ(swap.write(6, Bytes(50, 6)), 50);
-    EXPECT_EQ(swap.write(7, Bytes(100, 7)), 100);
-    {
-        HostCallCounter host;
-        EXPECT_EQ(swap.write(5, Bytes(100, 9)), 100) << "a valid copy is there";
-        EXPECT_EQ(host.all(), 0);
-    }
-    EXPECT_EQ(swap.read(5), Bytes(100, 5));
-    EXPECT_EQ(swap.write(5, Bytes(40, 1)), 40);
-    EXPECT_EQ(extentsOf(swap.file),
-              (std::vector<Piece>{{5, 40, 0}, {0, 60, 40}, {6, 50, 100}, {7, 100, 150}}));
-    KalFindVItem(swap.file, 6)->id = 0;
-    EXPECT_EQ(KalFindVItem(swap.file, 6), nullptr);
-    EXPECT_EQ(val(KalFindVItem(swap.file, 0)->offset), 40u);
-    EXPECT_EQ(swap.write(8, Bytes(61, 8)), 61);
-    EXPECT_EQ(val(KalFindVItem(swap.file, 8)->offset), 250u) << "extents are not joined";
-    EXPECT_EQ(swap.write(9, Bytes(50, 9)), 50);
-    EXPECT_EQ(val(KalFindVItem(swap.file, 9)->offset), 40u);
-    EXPECT_EQ(KalIsSListGood(swap.file->items), 1);
-    EXPECT_EQ(KalWriteVFile(swap.file, "x", 1, 0), 0) << "id 0 is nobody's";
-}
-
 TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
     HeapBalance balance;
     for (uint32_t seed = 1; seed <= 4; seed++) {
@@ -174,12 +157,16 @@ TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
                     ASSERT_EQ(swap.read(id), model.contents[id]) << "seed " << seed << " step " << step;
                 else
                     ASSERT_EQ(KalFindVItem(swap.file, id), nullptr);
+                item = KalFindVItem(swap.file, 0);
+                ASSERT_EQ(item != nullptr ? item->offset : 0, model.lowestFree()) << "step " << step;
                 break;
             default:
                 const Bytes bytes =
                     randomBytes(random() % 5 == 0 ? random() % 3 + 1 : random() % 400 + 1, step);
+                const HostCallCounter host;
                 ASSERT_EQ(swap.write(id, bytes), int32_t(bytes.size()));
-                model.write(id, bytes);
+                ASSERT_EQ(host.writes(), model.write(id, bytes) ? 1 : 0)
+                    << "a valid copy is not written again";
                 if (random() % 16 == 0) {
                     ASSERT_EQ(extentsOf(swap.file), model.pieces) << "seed " << seed << " step " << step;
                 }
@@ -261,6 +248,7 @@ TEST_F(SwapFileTest, IsPrivateNamelessAndWhereItIsToldToBe) {
 
 TEST_F(SwapFileTest, ReportsWhatTheHostRefuses) {
     Swap swap;
+    EXPECT_EQ(KalWriteVFile(swap.file, "x", 1, 0), 0) << "id 0 is nobody's";
     swap.write(3, Bytes(100, 3));
     vitem* item = KalFindVItem(swap.file, 3);
     Bytes bytes(100);

@@ -4,6 +4,7 @@
 #include "memory/vmem_manager.h"
 
 #include <kal/path.h>
+#include <kal/tagset.h>
 
 #include <cerrno>
 #include <cstring>
@@ -297,26 +298,7 @@ TEST_F(VMemTest, AValidCopyIsNotWrittenAgain) {
     EXPECT_EQ(KalReAllocVMem(first, 12000), first);
     expect(first, 10000, 4);
     expect(third, 10000, 3);
-}
-
-TEST_F(VMemTest, LockedBlocksStayAndGoWhenUnlocked) {
-    open(20000);
-    void* oldest = make(9000, 1);
-    void* address = KalLockVMem(oldest);
-    void* next = make(9000, 2);
-    void* last = make(9000, 3); // not the locked one
-    EXPECT_EQ(GlobalSize(next), 0u);
-    EXPECT_EQ(KalLockVMem(oldest), address);
-    KalUnLockVMem(oldest);
-    make(9000, 4);
-    EXPECT_EQ(GlobalSize(last), 0u);
-    EXPECT_EQ(std::memcmp(address, pattern(9000, 1).data(), 9000), 0);
-    KalUnLockVMem(oldest);
-    void* newest = make(9000, 5);
-    EXPECT_EQ(GlobalSize(oldest), 0u) << "now it is the oldest again";
-    EXPECT_EQ(GlobalSize(newest), 9000u);
-    KalLockVMem(newest);
-    void* big = make(50000, 6); // larger than the limit, and something is locked: no refusal
+    void* big = make(50000, 6); // larger than the limit: no refusal
     expect(big, 50000, 6);
 }
 
@@ -478,4 +460,19 @@ TEST_F(VMemTest, FreeMemoryKeepsAReserve) {
     KalSetMaxVMem(0);
     ASSERT_EQ(KalOpenVMem(0), 0);
     EXPECT_EQ(vmemLimit(), 2000u * 1024) << "never set, so it is what is free";
+
+    for (const char* place : {"KAL_REGISTRY", "XDG_RUNTIME_DIR"})
+        ::setenv(place, path("").c_str(), 1);
+    TagSet options;
+    ASSERT_EQ(options.SetPath("Options", 1), 0);
+    KalSetMemManOptions(&options);
+    EXPECT_EQ(vmemLimit(), 2000u * 1024) << "without the tag what is free";
+    writeFile("meminfo", bytesOf("MemAvailable: 3000 kB"));
+    KalSetMemManOptions(&options);
+    EXPECT_EQ(vmemLimit(), 1500000u) << "but no less than this";
+    options.SetTag("VMEMMAX", "4000000");
+    KalSetMemManOptions(&options);
+    EXPECT_EQ(vmemLimit(), 4000000u);
+    for (const char* place : {"KAL_REGISTRY", "XDG_RUNTIME_DIR"})
+        ::unsetenv(place);
 }

@@ -234,7 +234,7 @@ TEST_F(Chain, ReadingThroughThreeSetsAsksTheHostALittleOnceAndThenNotAtAll) {
     EXPECT_EQ(HostCallTrap::listings(), 0);
     const int64_t known = HostCallTrap::calls();
     for (int i = 0; i < 100; i++)
-        read(*deepest, i % 2 == 0 ? "held" : "missing");
+        read(*deepest, i % 2 == 0 ? "Held" : "MISSING");
     EXPECT_EQ(HostCallTrap::calls(), known);
     app.GetLastChild()->DestroyChild();
     app.DestroyChild();

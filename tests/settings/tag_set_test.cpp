@@ -149,6 +149,8 @@ TEST_F(Tags, NumbersAreTextAndZeroIsAbsence) {
     set.SetTag("n", " 12 apples");
     EXPECT_EQ(set.GetIntTag("n"), 12);
     EXPECT_EQ(set.GetFloatTag("n"), 12.0);
+    set.SetTag("n", "+-3");
+    EXPECT_EQ(set.GetFloatTag("n"), 0.0);
 
     std::setlocale(LC_ALL,
                    "de_DE.UTF-8"); // where there is such a locale: its comma must not get into the settings

@@ -6,6 +6,7 @@
 #include <kal/storage.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <random>
 
@@ -236,6 +237,15 @@ TEST_F(StorageStream, AFullDiskStopsWritesAndLosesNothing) {
         EXPECT_EQ(s->close(s), 0);
         EXPECT_EQ(contents("f.ole", "s"), expected);
     }
+    HeapBalance balance;
+    HostCallGuard guard;
+    SFILE* s = open("f.ole", "s", KAL_MODE_CREATE | KAL_MODE_WRITE);
+    EXPECT_EQ(s->write(s, "few bytes", 9), 9);
+    hostCalls.pwrite = [](int, const void*, size_t, off_t) {
+        errno = EIO;
+        return ssize_t(-1);
+    };
+    EXPECT_EQ(s->close(s), KAL_ERR_CLOSE) << "they never reached the file";
 }
 
 } // namespace

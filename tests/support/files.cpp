@@ -14,8 +14,10 @@
 
 namespace fs = std::filesystem;
 
-FolderTest::FolderTest() : before_(fs::current_path()) {
-    std::string name = (fs::temp_directory_path() / "kal-test-XXXXXX").string();
+FolderTest::FolderTest(Place place) : before_(fs::current_path()) {
+    const bool inMemory = place == kInMemory && fs::exists("/dev/shm");
+    std::string name =
+        ((inMemory ? fs::path("/dev/shm") : fs::temp_directory_path()) / "kal-test-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr)
         throw std::runtime_error("no temporary folder");
     folder_ = name;

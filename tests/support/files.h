@@ -17,7 +17,9 @@ using Words = std::initializer_list<uint16_t>;
 // A folder of its own for each test, gone afterwards; the current directory while the test runs.
 class FolderTest : public ::testing::Test {
 protected:
-    FolderTest();
+    // In memory, where that is to be had, for thousands of small files, which would have to wait for the disk.
+    enum Place { kTemporary, kInMemory };
+    explicit FolderTest(Place place = kTemporary);
     ~FolderTest() override;
     std::string path(const std::string& name) const { return folder_ + "/" + name; }
 

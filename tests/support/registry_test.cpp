@@ -7,11 +7,7 @@
 
 namespace fs = std::filesystem;
 
-RegistryTest::RegistryTest() {
-    // In memory where that is to be had: thousands of small files would have to wait for the disk.
-    std::string inMemory = "/dev/shm/kal-test-XXXXXX";
-    folder_ = mkdtemp(inMemory.data()) != nullptr ? inMemory : path("");
-    fs::current_path(folder_);
+RegistryTest::RegistryTest() : FolderTest(kInMemory) {
     fs::create_directory(path("runtime"));
     setenv("KAL_REGISTRY", persistentTree().c_str(), 1);
     setenv("XDG_RUNTIME_DIR", path("runtime").c_str(), 1);
@@ -20,7 +16,6 @@ RegistryTest::RegistryTest() {
 RegistryTest::~RegistryTest() {
     unsetenv("KAL_REGISTRY");
     unsetenv("XDG_RUNTIME_DIR");
-    fs::remove_all(folder_);
 }
 
 std::string RegistryTest::volatileTree() const {

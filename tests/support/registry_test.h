@@ -14,13 +14,9 @@ protected:
     RegistryTest();
     ~RegistryTest() override;
 
-    std::string path(const std::string& name) const { return folder_ + "/" + name; }
     std::string persistentTree() const { return path("registry"); }
     std::string volatileTree() const; // empty before there is one
     void emptyVolatileTree() const;   // as a start of the machine does
-
-private:
-    std::string folder_;
 };
 
 // Runs `work` in a forked process, which ends with its result as exit status.

@@ -1,5 +1,6 @@
 #include "tests/support/storage.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 
@@ -74,7 +75,7 @@ Bytes readAll(IStream* stream, HRESULT* result) {
     HRESULT last = S_OK;
     for (uint32_t got = 1; got > 0 && last == S_OK;) {
         const size_t before = bytes.size();
-        const size_t step = before < 65536 ? 65536 : before;
+        const size_t step = std::max<size_t>(before, 8192);
         bytes.resize(before + step);
         last = stream->Read(bytes.data() + before, static_cast<uint32_t>(step), &got);
         bytes.resize(before + got);

@@ -54,6 +54,13 @@ TEST_F(CompoundCommand, FailuresAreNamedAndLeaveNothing) {
     EXPECT_FALSE(fileExists("new.ole"));
     kalSucceeds({"compound", "put", "new.ole", "s", "text"});
     expectFailure(kal({"compound", "cat", "new.ole", "t"}), 1, "t: there is no such stream");
+    writeFile("large", Bytes(300000));
+    for (const char* stream : {"s", "t"}) {
+        FileSizeLimit full(100000);
+        expectFailure(kal({"compound", "put", "new.ole", stream, "large"}), 1, "no room");
+    }
+    EXPECT_EQ(kalSucceeds({"compound", "list", "new.ole"}), "stream           16  s\n");
+    EXPECT_EQ(kalSucceeds({"compound", "cat", "new.ole", "s"}), "no compound file");
     Ref<IStorage> storage;
     ASSERT_EQ(openFile("new.ole", kUpdate, storage), S_OK);
     expectFailure(kal({"compound", "list", "new.ole"}), 1, "new.ole: in use");
