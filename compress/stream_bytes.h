@@ -21,9 +21,8 @@ inline bool keepsDirty(const SFILE* stream) {
 inline uint32_t bytesAhead(const SFILE* stream) {
     if (!isBuffered(stream) || stream->getChar == ConstGetDiskChar)
         return 0;
-    const uint32_t at = stream->pos - stream->bufStart;
-    const uint32_t filled = stream->bufEnd - stream->bufStart;
-    return at < filled ? filled - at : 0;
+    const bool inBuffer = stream->bufStart <= stream->pos && stream->pos < stream->bufEnd;
+    return inBuffer ? stream->bufEnd - stream->pos : 0;
 }
 
 inline void advance(SFILE* stream, uint32_t count) {

@@ -28,9 +28,7 @@ public:
             return readStraight(s, out, count, 0);
 
         uint32_t left = count;
-        const uint32_t inBuffer = bytesAhead(s);
-        if (inBuffer > 0) {
-            const uint32_t taken = std::min(left, inBuffer);
+        if (const uint32_t taken = std::min(left, bytesAhead(s)); taken > 0) {
             takeFromBuffer(s, out, taken);
             out += taken;
             left -= taken;
@@ -65,7 +63,7 @@ public:
 
     static int32_t getChar(SFILE* s) {
         const uint32_t pos = s->pos;
-        if (s->bufSize != 0 && pos - s->bufStart < s->bufEnd - s->bufStart) [[likely]] {
+        if (isInBuffer(s, pos)) [[likely]] {
             const uint8_t* next = s->bufPtr;
             s->bufPtr = const_cast<uint8_t*>(next + 1);
             s->pos = pos + 1;
@@ -107,7 +105,7 @@ public:
             target += s->pos;
         // A stream without a buffer has bufEnd at the very end, so it only notes where the next transfer
         // goes.
-        const bool inBuffer = target - s->bufStart < s->bufEnd - s->bufStart && target >= s->bufStart;
+        const bool inBuffer = s->bufStart <= target && target < s->bufEnd;
         const bool alreadyThere = s->osPos == target && s->bufStart == target;
         if (inBuffer || alreadyThere) {
             s->pos = target;
@@ -146,11 +144,13 @@ private:
         return 0;
     }
 
-    static uint32_t bytesAhead(const SFILE* s) {
-        const uint32_t at = s->pos - s->bufStart;
-        const uint32_t filled = s->bufEnd - s->bufStart;
-        return at < filled ? filled - at : 0;
+    // Whether there is a buffer and it holds the byte at `pos`. The end of one that nothing was read into yet
+    // may lie before its start.
+    static bool isInBuffer(const SFILE* s, uint32_t pos) {
+        return pos - s->bufStart < s->bufSize && pos < s->bufEnd;
     }
+
+    static uint32_t bytesAhead(const SFILE* s) { return isInBuffer(s, s->pos) ? s->bufEnd - s->pos : 0; }
 
     static void takeFromBuffer(SFILE* s, uint8_t* out, uint32_t count) {
         const uint8_t* from = s->buf + (s->pos - s->bufStart);

@@ -61,16 +61,17 @@ int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep) {
     if (name == nullptr)
         return KAL_ERR_MEMORY;
     bool reserved = false;
-    const bool makesFile = (mode & KAL_MODE_CREATE) != 0 && (mode & kBackends) == 0;
-    int16_t status = makesFile ? findUniqueName(name, kTempNameSize, reserveName, &reserved)
-                               : KalGetUnique(name, kTempNameSize);
+    const bool onDisk = (mode & kBackends) == 0;
+    int16_t status = onDisk && (mode & KAL_MODE_CREATE) != 0
+                         ? findUniqueName(name, kTempNameSize, reserveName, &reserved)
+                         : KalGetUnique(name, kTempNameSize);
     if (status == KAL_OK)
         status = KalOpenFile(out, name, mode, 0);
     if (status != KAL_OK && reserved)
         _unlink(name);
-    if (status == KAL_OK && keep == 0)
+    if (status == KAL_OK && keep == 0 && onDisk)
         (*out)->tempName = name;
-    else
+    else // elsewhere there is no file to delete
         KalFreeSMem(name);
     return status;
 }

@@ -1,4 +1,4 @@
-// Runs read and written by the GIF library, which shares no line with this one.
+// Runs as others read and write them: the GIF library, which shares no line with this one, and the format's page.
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/samples.h"
@@ -115,8 +115,11 @@ Bytes writeRun(const Bytes& data) {
     return stream.bytes;
 }
 
+// The plain bytes, and the reader's end at the run's, whatever follows.
 Bytes readRun(const Bytes& run, size_t length) {
-    VectorStream stream(run);
+    Bytes stored = run;
+    stored.resize(run.size() + 100, 0xAA);
+    VectorStream stream(stored);
     scfiletag* cfile;
     EXPECT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
     Bytes data(length);
@@ -124,15 +127,22 @@ Bytes readRun(const Bytes& run, size_t length) {
         const auto piece = uint16_t(std::min<size_t>(kPiece, length - at));
         EXPECT_EQ(KalReadCFile(cfile, &data[at], piece), piece);
     }
+    EXPECT_EQ(cfile->status, 0);
+    uint8_t byte;
+    EXPECT_EQ(KalReadCFile(cfile, &byte, 1), 0);
+    EXPECT_EQ(cfile->status, KAL_ERR_RUN);
+    EXPECT_EQ(val(cfile->runPos), KAL_NO_POSITION);
+    EXPECT_EQ(val(stream.file()->pos), run.size());
     KalFreeCFile(cfile);
+    EXPECT_TRUE(stream.bytes == stored) << "reading writes nothing";
     return data;
 }
 
 } // namespace
 
 TEST(Gif, TheLibrarysReaderAndWriterAgreeWithOurs) {
-    static const Sides sizes[] = {{1, 1},    {2, 1},     {5, 1},     {257, 1},
-                                  {3839, 1}, {65535, 1}, {1024, 97}, {2048, 1500}};
+    static const Sides sizes[] = {{1, 1},    {2, 1},     {5, 1},     {257, 1},    {3839, 1},
+                                  {4000, 1}, {65535, 1}, {1024, 97}, {2048, 1500}};
     for (const Sides& sides : sizes) {
         const size_t length = size_t(sides.width) * sides.height;
         for (const Bytes& data : {sampleText(length, 1), samplePicture(length, 2), randomBytes(length, 3),
@@ -142,4 +152,11 @@ TEST(Gif, TheLibrarysReaderAndWriterAgreeWithOurs) {
             EXPECT_TRUE(readRun(runByGifLibrary(data, sides), length) == data) << where;
         }
     }
+}
+
+TEST(RunFormat, TheDescribedExampleIsWhatIsWrittenAndRead) {
+    const Bytes plain = hexExample("docs/formats/run.md", 0);
+    const Bytes stored = hexExample("docs/formats/run.md", 1);
+    EXPECT_EQ(writeRun(plain), stored);
+    EXPECT_EQ(readRun(stored, plain.size()), plain);
 }

@@ -97,29 +97,6 @@ TEST_F(RunReading, IsTheStepFunctionsWhereverTheRunIsCut) {
                           1);
 }
 
-TEST(RunReadingVector, RunsComeBackWholeAndStopAtTheirEnd) {
-    for (size_t length : {1u, 2u, 5u, 259u, 4000u, 65535u})
-        for (const Bytes& data :
-             {sampleText(length, 1), samplePicture(length, 2), randomBytes(length, 3), Bytes(length, 0)}) {
-            Bytes stored = runOf(data);
-            const size_t runEnd = stored.size();
-            stored.resize(runEnd + 100, 0xAA); // what follows is not the run's
-            VectorStream stream(stored);
-            scfiletag* cfile;
-            ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
-            Bytes back(length);
-            EXPECT_EQ(KalReadCFile(cfile, back.data(), uint16_t(length)), length);
-            EXPECT_EQ(cfile->status, 0);
-            EXPECT_EQ(back, data);
-            EXPECT_EQ(KalReadCFile(cfile, back.data(), 1), 0);
-            EXPECT_EQ(cfile->status, KAL_ERR_RUN);
-            EXPECT_EQ(val(cfile->runPos), KAL_NO_POSITION);
-            EXPECT_EQ(val(stream.file()->pos), runEnd);
-            KalFreeCFile(cfile);
-            EXPECT_EQ(stream.bytes, stored) << "reading writes nothing";
-        }
-}
-
 TEST(RunReadingVector, AReadThatMetTheEndAtOnceGoesOnWhenThereIsMore) {
     const Bytes data = sampleText(500, 8);
     const Bytes run = runOf(data);
@@ -157,7 +134,6 @@ TEST(RunReadingVector, RefusesWhatIsNoRun) {
         {{0x00, 0x03, 0x02, 0, 0}, 0, KAL_ERR_RUN, 3},    // clear, end
         {{0x00, 0x05, 0x02, 0, 0}, 0, KAL_ERR_RUN, 3},    // clear, 258
         {{0x00, 0x83, 0x0C, 0x04, 0}, 1, KAL_ERR_RUN, 4}, // clear, 'A', 259
-        {{0x00, 0x01, 0x04, 0x08, 0x20, 0x30, 0x20, 0}, 5, KAL_ERR_RUN, 7},
     };
     for (const auto& expected : cases) {
         VectorStream stream(expected.stored);

@@ -231,6 +231,38 @@ TEST(EditStr, AHandledSignalFindsTheTerminalInOrderAndTheEditorGoesOn) {
     EXPECT_EQ(editor.reply(), "107 1 k");
 }
 
+// What Ctrl-Z at the keyboard does under a shell: a process that watches, and the editor below it in front.
+TEST(EditStr, AStoppedProcessLeavesTheTerminalInOrderAndTakesItAgainWhenItGoesOn) {
+    Editor editor(Editor::terminal, "", 0, false, [](int replies) {
+        const pid_t watched = fork();
+        if (watched == 0) {
+            std::signal(SIGTTOU, SIG_IGN);
+            setpgid(0, 0);
+            tcsetpgrp(0, getpid());
+            std::signal(SIGTTOU, SIG_DFL);
+            return; // and edits
+        }
+        int status;
+        while (waitpid(watched, &status, WUNTRACED) == watched && WIFSTOPPED(status)) {
+            termios now;
+            tcgetattr(0, &now);
+            sendReply(replies, 1000 + WSTOPSIG(status), (now.c_lflag & ECHO) != 0, "");
+            kill(watched, SIGCONT);
+        }
+        _exit(0);
+    });
+    editor.start();
+    for (const char* key : {"a", "b"}) {
+        editor.untilItWaits();
+        editor.type("\032");
+        EXPECT_EQ(editor.reply(), std::to_string(1000 + SIGTSTP) + " 1 ");
+        editor.untilItWaits();
+        EXPECT_FALSE(editor.isRestored());
+        editor.type(key);
+        EXPECT_EQ(editor.reply().substr(0, 3), std::to_string(int(*key)) + " ");
+    }
+}
+
 TEST(EditStr, InputThatIsNoTerminalIsTakenByteByByte) {
     Editor editor(Editor::pipeline, "ab", 2);
     editor.start();

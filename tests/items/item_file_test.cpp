@@ -191,26 +191,3 @@ TEST_F(ItemFile, PiecesStartOverWhenTheStreamWasUsedOtherwise) {
     EXPECT_EQ(KalReadIFile(file, piece, 8, 9), 0u);
     EXPECT_EQ(KalCloseIFile(file), 0);
 }
-
-TEST_F(ItemFile, AnItemStreamedByHandIsFoundAfterReopening) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", KAL_MODE_CREATE | KAL_MODE_UPDATE, 0), 0);
-    SFILE* stream = file->stream;
-    for (uint16_t id = 0; id < 25; id++) { // past the spare entries, so that the index grows
-        stream->seek(stream, 0, KAL_SEEK_END);
-        ItemIndex* entry = KalAppendItemIndex(file);
-        ASSERT_NE(entry, nullptr);
-        entry->narrow.offset = stream->pos - stream->offset;
-        entry->narrow.id = id;
-        for (uint16_t i = 0; i <= id; i++)
-            stream->putChar(stream, char(id));
-        entry->narrow.size = uint16_t(stream->pos - stream->offset - entry->narrow.offset);
-    }
-    EXPECT_EQ(file->capacity, 30);
-    EXPECT_EQ(KalCloseIFile(file), 0);
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
-    EXPECT_EQ(file->capacity, 35);
-    for (uint16_t id = 0; id < 25; id++)
-        EXPECT_EQ(wholeItem(file, id), Bytes(id + 1u, uint8_t(id)));
-    EXPECT_EQ(KalCloseIFile(file), 0);
-}

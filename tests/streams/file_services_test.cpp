@@ -44,6 +44,8 @@ TEST_F(FileServices, TemporaryFilesGoOrStayAsAsked) {
     EXPECT_STREQ(val(s->name), ".\\ZEP2.TMP");
     EXPECT_EQ(s->close(s), 0);
     EXPECT_FALSE(fileExists("target"));
+    ASSERT_EQ(KalOpenTempFile(&s, KAL_MODE_MEMORY, 0), 0) << "no file, no name to keep";
+    EXPECT_EQ(s->close(s), 0);
 }
 
 TEST_F(FileServices, TemporaryFilesThatCannotBeMadeLeaveNothing) {

@@ -2,12 +2,14 @@
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 
+#include <kal/storage.h>
 #include <kal/stream.h>
 #include <kal/vmem.h>
 
 #include <cerrno>
 #include <random>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -39,42 +41,58 @@ struct Model {
 struct Kind {
     const char* name;
     uint16_t mode;
-    int64_t bufSize; // -1: as it comes
     int endStatus = -256;
     char endByte = 0; // the low byte of what get character gives at the end
+    bool isCompound = false;
+    bool isWindow = false;
 };
 
+constexpr Kind disk = {"disk", 0};
 constexpr Kind kinds[] = {
-    {"unbuffered", 0, 0},
-    {"one byte", 0, 1},
-    {"seven bytes", 0, 7},
-    {"512 bytes", 0, 512},
-    {"64 KiB", 0, 65536},
-    {"memory", KAL_MODE_MEMORY, -1, -255, 1},
-    {"VMem", KAL_MODE_VMEM, -1, -255, 1},
-    {"mapping", KAL_MODE_FILEMAP, -1, -255},
+    disk,
+    {"window", 0, -256, 0, false, true},
+    {"compound file", 0, -256, 0, true},
+    {"memory", KAL_MODE_MEMORY, -255, 1},
+    {"VMem", KAL_MODE_VMEM, -255, 1},
+    {"mapping", KAL_MODE_FILEMAP, -255},
 };
+constexpr uint32_t bufSizes[] = {0, 1, 7, 512, 65536};
 
 class LineText : public FolderTest {
 protected:
     LineText() { EXPECT_EQ(KalOpenVMem(0), 0); }
     ~LineText() override { KalCloseVMem(); }
-    // A stream that holds `text` and stands at its start; null for a kind that this build does not have.
-    static SFILE* streamOf(const Kind& kind, const std::string& text) {
-        SFILE* stream = nullptr;
-        if (KalOpenFile(&stream, "text", kind.mode | KAL_MODE_CREATE | KAL_MODE_UPDATE, 300'000) != 0)
-            return nullptr;
-        for (size_t done = 0; done < text.size();) { // VMem takes 65,535 bytes a call
-            const auto count = uint32_t(std::min<size_t>(text.size() - done, 60'000));
-            EXPECT_EQ(stream->write(stream, text.data() + done, count), int32_t(count));
+    // A stream that holds `text` and stands at its start.
+    static SFILE* streamOf(const Kind& kind, uint32_t bufSize, const std::string& text) {
+        constexpr uint16_t mode = KAL_MODE_CREATE | KAL_MODE_UPDATE;
+        const std::string name = "text" + std::to_string(getpid());
+        SFILE* s = nullptr;
+        EXPECT_EQ(kind.isCompound ? KalOpenFileAsIStream(&s, name.c_str(), "text", mode)
+                                  : KalOpenFile(&s, name.c_str(), kind.mode | mode, 300'000),
+                  0);
+        const std::string before = kind.isWindow ? "#\r\n" : "";
+        const std::string behind = kind.isWindow ? "\n#" : "";
+        const std::string whole = before + text + behind;
+        for (size_t done = 0; done < whole.size();) { // VMem takes 65,535 bytes a call
+            const auto count = uint32_t(std::min<size_t>(whole.size() - done, 60'000));
+            EXPECT_EQ(s->write(s, whole.data() + done, count), int32_t(count));
             done += count;
         }
-        EXPECT_EQ(stream->seek(stream, 0, KAL_SEEK_START), 0);
-        if (kind.bufSize >= 0) {
-            EXPECT_EQ(KalFlushBuf(stream), 0);
-            EXPECT_EQ(KalSetBuf(stream, uint32_t(kind.bufSize)), 0);
+        EXPECT_EQ(KalFlushBuf(s), 0);
+        if (kind.isWindow) {
+            EXPECT_EQ(KalConstrainFile(s, 3, int32_t(3 + text.size())), 0);
         }
-        return stream;
+        EXPECT_EQ(KalSetBuf(s, bufSize), 0);
+        EXPECT_EQ(s->seek(s, 0, KAL_SEEK_START), 0);
+        if (!text.empty()) {
+            EXPECT_EQ(s->getChar(s), uint8_t(text[0]));
+            EXPECT_EQ(KalUnGetChar(s), 0);
+        }
+        // No bytes need no place.
+        EXPECT_EQ(s->write(s, nullptr, 0), 0);
+        EXPECT_EQ(s->read(s, nullptr, 0), 0);
+        EXPECT_EQ(val(s->status), 0);
+        return s;
     }
     static std::string randomText(size_t length, std::mt19937& random) {
         const std::string ends[] = {"\r", "\n", "\r\n", "\n\r", "\r\r\n"};
@@ -89,22 +107,20 @@ protected:
         return text;
     }
     // Reads the whole stream in lines of `size` and holds each against the model.
-    static void expectLines(const Kind& kind, const std::string& text, uint32_t size) {
-        SFILE* stream = streamOf(kind, text);
-        if (stream == nullptr)
-            return;
+    static void expectLines(const Kind& kind, uint32_t bufSize, const std::string& text, uint32_t size) {
+        SCOPED_TRACE(kind.name + (" with a buffer of " + std::to_string(bufSize)));
+        SFILE* stream = streamOf(kind, bufSize, text);
         Model model{text, kind.endStatus};
         std::string line(size + 1, '#');
         for (int status = 0, calls = 0; status == 0 && calls < 150'000; calls++) {
             const auto [expected, expectedStatus] = model.getStr(size);
             std::fill(line.begin(), line.end(), '#');
             status = KalGetStr(stream, line.data(), size);
-            ASSERT_EQ(status, expectedStatus) << kind.name << " at " << model.pos;
+            ASSERT_EQ(status, expectedStatus) << "at " << model.pos;
             ASSERT_EQ(line.substr(0, expected.size() + 1), expected + (status == 0 ? '\0' : kind.endByte))
-                << kind.name << " at " << model.pos;
+                << "at " << model.pos;
             ASSERT_EQ(line[size], '#');
-            const uint32_t position = stream->pos - stream->offset;
-            ASSERT_EQ(position, uint32_t(model.pos)) << kind.name;
+            ASSERT_EQ(stream->pos - stream->offset, uint32_t(model.pos));
         }
         stream->close(stream);
     }
@@ -114,24 +130,25 @@ protected:
 
 TEST_F(LineText, LinesOfEveryKindOfStream) {
     std::mt19937 random(31);
-    for (const Kind& kind : kinds) {
-        for (const char* text :
-             {"", "\r", "\n", "\r\n", "ab\r\ncd", "ab\rcd", "ab\n\rcd", "abcdef\n", "\r\r\n\n"})
-            for (uint32_t size : {2u, 3u, 4u, 100u})
-                expectLines(kind, text, size);
-        for (size_t length : {511u, 512u, 513u, 1024u, 5000u})
-            for (uint32_t size : {2u, 9u, 600u, 70'000u})
-                expectLines(kind, randomText(length, random), size);
-        if (HasFatalFailure())
-            return;
-    }
     for (const Kind& kind : kinds)
-        expectLines(kind, randomText(100'000, random), 65'000);
-    expectLines(kinds[3], std::string(100'000, 'x'), 200'000);
+        for (const uint32_t bufSize : bufSizes) {
+            for (const char* text :
+                 {"", "\r", "\n", "\r\n", "ab\r\ncd", "ab\rcd", "ab\n\rcd", "abcdef\n", "\r\r\n\n"})
+                if (*text != 0 || !kind.isWindow)
+                    for (const uint32_t size : {2u, 3u, 4u, 100u})
+                        expectLines(kind, bufSize, text, size);
+            for (const size_t length : {511u, 512u, 513u, 1024u, 5000u})
+                for (const uint32_t size : {2u, 9u, 600u, 70'000u})
+                    expectLines(kind, bufSize, randomText(length, random), size);
+            expectLines(kind, bufSize, randomText(100'000, random), 65'000);
+            if (HasFatalFailure())
+                return;
+        }
+    expectLines(disk, 512, std::string(100'000, 'x'), 200'000);
 }
 
 TEST_F(LineText, SizesOneAndNoneConsumeNothing) {
-    SFILE* stream = streamOf(kinds[3], "ab");
+    SFILE* stream = streamOf(disk, 512, "ab");
     char text[] = "##";
     EXPECT_EQ(KalGetStr(stream, text, 1), 0);
     EXPECT_STREQ(text, "");
@@ -148,7 +165,7 @@ TEST_F(LineText, RunsAreTakenFromTheBuffer) {
     std::string text;
     for (int i = 0; i < 3000; i++)
         text += std::string(size_t(i) % 60, 'x') + (i % 2 != 0 ? "\r\n" : "\r");
-    SFILE* stream = streamOf(kinds[3], text);
+    SFILE* stream = streamOf(disk, 512, text);
     char line[100];
     const HostCallCounter counter;
     while (KalGetStr(stream, line, sizeof line) == 0) {
@@ -159,7 +176,7 @@ TEST_F(LineText, RunsAreTakenFromTheBuffer) {
 }
 
 TEST_F(LineText, AFailingReadEndsTheLineWithItsStatus) {
-    SFILE* stream = streamOf(kinds[1], "abcdef");
+    SFILE* stream = streamOf(disk, 1, "abcdef");
     char line[] = "########";
     static int left;
     left = 3;
@@ -179,7 +196,7 @@ TEST_F(LineText, AFailingReadEndsTheLineWithItsStatus) {
 }
 
 TEST_F(LineText, AStandingStatusEndsTheLineAfterOneCharacter) {
-    SFILE* stream = streamOf(kinds[3], "abc\rdef");
+    SFILE* stream = streamOf(disk, 512, "abc\rdef");
     EXPECT_EQ(stream->getChar(stream), 'a');
     stream->status = KAL_ERR_SEEK; // as a refused seek leaves it, with bytes still in the buffer
     char line[] = "########";

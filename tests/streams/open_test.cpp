@@ -52,6 +52,7 @@ TEST_F(Open, AFreshDiskStreamHasItsStatedRecord) {
     EXPECT_EQ(val(s->offset), 0u);
     EXPECT_STREQ(val(s->name), "f.dat");
     EXPECT_EQ(val(s->tempName), nullptr);
+    EXPECT_EQ(s->getChar(s), -256) << "there is nothing behind the end, in the fresh buffer either";
     EXPECT_EQ(s->write(s, "12345", 5), 5);
     EXPECT_EQ(s->close(s), 0);
     Bytes expected(100, 'a');

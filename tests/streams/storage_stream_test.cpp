@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <random>
 
 namespace {
 
@@ -152,69 +151,6 @@ TEST_F(StorageStream, FilesAreFoundAlongTheSearchText) {
     EXPECT_EQ(tryOpen("g.ole", "s", KAL_MODE_SEARCH | KAL_MODE_APPEND), 0);
     EXPECT_TRUE(fileExists("g.ole")) << "made under the name as given";
     KalSetHome(nullptr);
-}
-
-// The record's operations against plain bytes, with buffers of several sizes and across the mini stream's
-// limit.
-TEST_F(StorageStream, RandomOperationsAgreeWithAModel) {
-    std::mt19937 random(4);
-    Bytes model;
-    write("r.ole", "s", kCreateUpdate, model);
-    for (int round = 0; round < 40; round++) {
-        SFILE* s = open("r.ole", "s", KAL_MODE_UPDATE);
-        const uint32_t sizes[] = {0, 1, 100, 512, 5000};
-        ASSERT_EQ(KalSetBuf(s, sizes[round % 5]), 0);
-        size_t pos = 0;
-        for (int step = 0; step < 200; step++) {
-            const auto count = static_cast<uint32_t>(random() % 700);
-            Bytes bytes = randomBytes(700, static_cast<uint32_t>(random()));
-            switch (random() % 6) {
-            case 0:
-                pos = random() % (model.size() + 50);
-                ASSERT_EQ(s->seek(s, static_cast<int32_t>(pos), KAL_SEEK_START), 0);
-                break;
-            case 1:
-                ASSERT_EQ(s->seek(s, 0, KAL_SEEK_END), 0);
-                pos = model.size();
-                break;
-            case 2:
-            case 3: {
-                ASSERT_EQ(s->write(s, bytes.data(), count), static_cast<int32_t>(count));
-                if (count > 0)
-                    model.resize(std::max(model.size(), pos + count));
-                std::copy_n(bytes.begin(), count, model.begin() + static_cast<ptrdiff_t>(pos));
-                pos += count;
-                break;
-            }
-            case 4: {
-                const size_t left = pos < model.size() ? std::min<size_t>(count, model.size() - pos) : 0;
-                ASSERT_EQ(s->read(s, bytes.data(), count), static_cast<int32_t>(left));
-                ASSERT_TRUE(std::equal(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(left),
-                                       model.begin() + static_cast<ptrdiff_t>(std::min(pos, model.size()))));
-                pos += left;
-                break;
-            }
-            default:
-                if (pos < model.size()) {
-                    ASSERT_EQ(s->getChar(s), model[pos++]);
-                } else {
-                    ASSERT_EQ(s->putChar(s, 'p'), 0);
-                    model.resize(pos + 1);
-                    model[pos++] = 'p';
-                }
-            }
-        }
-        if (round % 2 == 0) {
-            ASSERT_EQ(KalFlushBuf(s), 0);
-            ASSERT_EQ(val(s->dirty), 0);
-        }
-        ASSERT_EQ(s->close(s), 0);
-        ASSERT_EQ(contents("r.ole", "s"), model) << "round " << round;
-        if (model.size() > 12000) {
-            model = bytesOf("small again");
-            write("r.ole", "s", kCreateUpdate, model);
-        }
-    }
 }
 
 TEST_F(StorageStream, AFullDiskStopsWritesAndLosesNothing) {
