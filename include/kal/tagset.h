@@ -26,6 +26,7 @@ class TagSet;
 // Called for a tag of `set`; 0 ends the walk.
 using KalTagCallback = int (*)(TagSet* set, const char* tag, void* context);
 
+// One set; see above.
 class KAL_API TagSet : public ZEPObject {
 public:
     // A set with no path and no key.
