@@ -7,8 +7,10 @@
 
 #if defined(__GNUC__)
 #define KAL_API __attribute__((visibility("default")))
+#define KAL_LOCAL __attribute__((visibility("hidden"))) // a member of an exported class that stays inside
 #else
 #define KAL_API
+#define KAL_LOCAL
 #endif
 
 // A status is a signed 16-bit number: 0 is success, a negative value a failure. A few calls return a

@@ -14,6 +14,7 @@
 #include <kal/stream.h>
 
 #pragma pack(push, 1)
+// The compressed stream; read only for callers.
 struct scfiletag {
     SFILE* stream;        // the underlying stream; not owned
     TAGWRITELZW* encoder; // owned; started anew for each run. Its strings are kept elsewhere, not in `tree`

@@ -11,8 +11,8 @@
 #pragma pack(push, 1)
 // The answer of KalFileStat.
 struct FILESTAT {
-    uint16_t writable; // 1 when a new file can be made beside the path, else 0
-    uint8_t unused[10];
+    uint16_t writable;  // 1 when a new file can be made beside the path, else 0
+    uint8_t unused[10]; // all 0
 };
 
 // A file's size and the time of its last write, in UTC whatever the time zone. A time before 1980 gives the

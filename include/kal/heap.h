@@ -44,6 +44,7 @@ KAL_API void KalRemoveTaskData(uint16_t slot);
 // short.
 class ZEPObject {
 public:
+    // As KalAllocSMem and KalFreeSMem.
     KAL_API static void* operator new(size_t size) noexcept;
     KAL_API static void operator delete(void* object) noexcept;
 };

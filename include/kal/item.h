@@ -18,38 +18,42 @@ inline constexpr uint16_t KAL_ITEM_FREE = 0xFFFF;
 // The most bytes that the index of a file may take when it is opened, 10 spare entries included. A file with
 // more entries than these does not open again; who keeps a file keeps to them.
 inline constexpr uint32_t KAL_INDEX_ROOM_MAX = 32767;
-inline constexpr uint32_t KAL_ITEMS_MAX_NARROW = 4085;
-inline constexpr uint32_t KAL_ITEMS_MAX_WIDE = 3266;
+inline constexpr uint32_t KAL_ITEMS_MAX_NARROW = 4085; // entries of 8 bytes
+inline constexpr uint32_t KAL_ITEMS_MAX_WIDE = 3266;   // entries of 10 bytes
 
 // The largest item that a flush can move out of the growing index's way.
 inline constexpr uint32_t KAL_ITEM_MOVE_MAX = 65535;
 
 #pragma pack(push, 1)
-// One entry of the index, little-endian as it stands in the file, in one of two forms; the file's
-// KAL_ITEMS_WIDE flag tells which, and entries follow one another by that form's size.
+// An entry of the index as it stands in a narrow file, little-endian.
 struct ItemIndexNarrow {
-    uint16_t id;
+    uint16_t id;     // KAL_ITEM_FREE: the extent may be used again
     uint16_t size;   // bytes
     uint32_t offset; // logical position of the item's first byte
 };
+
+// The same in a wide file.
 struct ItemIndexWide {
-    uint16_t id;
-    uint32_t size;
-    uint32_t offset;
+    uint16_t id;     // as in a narrow entry
+    uint32_t size;   // bytes
+    uint32_t offset; // as in a narrow entry
 };
+
+// One entry in either form; the file's KAL_ITEMS_WIDE flag tells which, and entries follow one another by that
+// form's size.
 union ItemIndex {
-    ItemIndexNarrow narrow;
-    ItemIndexWide wide;
+    ItemIndexNarrow narrow; // KAL_ITEMS_WIDE clear
+    ItemIndexWide wide;     // KAL_ITEMS_WIDE set
 };
 
 // The item-file record.
 struct IFILE {
-    uint16_t formatFlags;
-    uint16_t count;    // index entries, free ones included
-    uint16_t capacity; // entries that the index array can hold
-    uint16_t mode;     // the stream's mode when the item file was made
-    SFILE* stream;     // owned only when KalOpenIFile or KalOpenTempIFile made it
-    ItemIndex* index;  // owned
+    uint16_t formatFlags; // KAL_ITEMS_WIDE and the maker's bits
+    uint16_t count;       // index entries, free ones included
+    uint16_t capacity;    // entries that the index array can hold
+    uint16_t mode;        // the stream's mode when the item file was made
+    SFILE* stream;        // owned only when KalOpenIFile or KalOpenTempIFile made it
+    ItemIndex* index;     // owned
 };
 #pragma pack(pop)
 

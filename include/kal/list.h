@@ -15,6 +15,7 @@
 
 #include <kal/base.h>
 
+// What stands in front of a node's data.
 struct KalNodeHeader {
     KalNodeHeader* prev; // the header of the node before, null in the first
     KalNodeHeader* next; // the header of the node behind, null in the last
@@ -22,12 +23,14 @@ struct KalNodeHeader {
 
 // Head of a list; first and last are both null when it is empty.
 struct listhd {
-    KalNodeHeader* first;
-    KalNodeHeader* last;
+    KalNodeHeader* first; // header of the first node
+    KalNodeHeader* last;  // header of the last node
 };
+
+// Head of a list of the S family.
 struct slisthd {
-    KalNodeHeader* first;
-    KalNodeHeader* last;
+    KalNodeHeader* first; // as in listhd
+    KalNodeHeader* last;  // as in listhd
 };
 
 // Called for each node of a walk with the caller's context; a result other than 0 stops the walk at that

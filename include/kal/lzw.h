@@ -37,15 +37,15 @@ struct TAGWRITELZW {
 
 // One code of the decoder's table: its string is the prefix's string and then the character.
 struct KalLzwTableEntry {
-    uint16_t prefix; // 0xFFFF marks a root
-    uint8_t character;
+    uint16_t prefix;   // code of the string before the character; 0xFFFF marks a root
+    uint8_t character; // the string's last character
 };
 
 // Decoder. The caller's record.
 struct readlzw {
-    uint16_t clearCode;
-    uint16_t endCode;
-    uint16_t rootCount;
+    uint16_t clearCode;       // the root count
+    uint16_t endCode;         // the one behind it
+    uint16_t rootCount;       // single characters
     uint16_t firstAfterClear; // 1 until the first code after a clear was taken
     KalLzwTableEntry* table;  // KAL_LZW_CODES entries; owned
     uint16_t codeWidth;       // bits per code now
@@ -59,24 +59,24 @@ struct readlzw {
 
 // One code of the second decoder's table, which keeps each string's first character too.
 struct KalLzwQuickEntry {
-    uint16_t prefix;
-    uint8_t character;
-    uint8_t firstCharacter;
+    uint16_t prefix;        // as in KalLzwTableEntry
+    uint8_t character;      // the string's last character
+    uint8_t firstCharacter; // the string's first character
 };
 
 // Second decoder state, for a caller's own decoding loop. The caller's record.
 struct readlzw_q {
-    uint16_t codeWidth;
-    KalLzwQuickEntry* table; // KAL_LZW_CODES entries; owned
-    uint16_t codeWidthNow;
-    uint16_t codeMask; // 2^width - 1
-    uint16_t codeMaskNow;
-    uint16_t clearCode;
-    uint16_t endCode;
-    uint16_t firstAfterClear;
-    uint16_t nextCode;
-    uint16_t bitBuffer;
-    uint16_t bitCount;
+    uint16_t codeWidth;       // bits per code after a clear
+    KalLzwQuickEntry* table;  // KAL_LZW_CODES entries; owned
+    uint16_t codeWidthNow;    // bits per code now
+    uint16_t codeMask;        // 2^codeWidth - 1
+    uint16_t codeMaskNow;     // 2^codeWidthNow - 1
+    uint16_t clearCode;       // the root count
+    uint16_t endCode;         // the one behind it
+    uint16_t firstAfterClear; // 1 until the first code after a clear was taken
+    uint16_t nextCode;        // the next free code
+    uint16_t bitBuffer;       // bits not taken yet
+    uint16_t bitCount;        // their number
 };
 #pragma pack(pop)
 

@@ -37,7 +37,7 @@ public:
     SFM(const SFM&) = delete;
     SFM& operator=(const SFM&) = delete;
 
-    uint32_t hMapping = 0;
+    uint32_t hMapping = 0;     // the mapping's handle, 0 when there is none
     uint8_t* view = nullptr;   // the used-length word, where the mapping starts
     uint16_t readOnly;         // 1: no write access
     uint16_t writeOnly = 0;    // 1: no reading

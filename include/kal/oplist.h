@@ -44,6 +44,7 @@ inline constexpr uint32_t KAL_OP_FAILED = 0xFFFFFFFF;
 // Sees every op before it is put, the end ops included.
 class FilterOps {
 public:
+    // `op` points at the payload of `size` bytes that is about to be put; null for the library's own end ops.
     virtual void FilterOp(void* op, uint16_t type, uint16_t size) = 0;
 
 protected:
@@ -53,6 +54,7 @@ protected:
 // Takes every put in place of the list; its result is the put's.
 class OpSink {
 public:
+    // Stands for KalPutOp and KalPutOpData: the op's position, or KAL_OP_FAILED.
     virtual uint32_t PutOp(void* op) = 0;
     virtual uint32_t PutOpData(uint32_t type, const void* data, uint32_t size) = 0;
 
@@ -102,6 +104,7 @@ struct tagOpList {
     OpSink* sink;          // or null; not owned
 };
 #pragma pack(pop)
+// The list record by its usual name.
 using OpList = tagOpList;
 
 static_assert(sizeof(opblock) == 10 + sizeof(void*));
@@ -243,14 +246,16 @@ KAL_API int16_t KalCloneDIBOpList(OpList* source, OpList** out);
 // compressed file the two may not take turns. Nothing else may be written while a list is being stored.
 
 #pragma pack(push, 1)
+// The operation-list file; read only for callers. A list or entry that is not there is null.
 struct tagIOPFILE {
     IFILE* ifile;        // owned
     ItemIndex* putEntry; // the entry of the list being stored
-    OpList* getList;
+    OpList* getList;     // the list being read
     ItemIndex* getEntry; // the entry of the list being read
-    OpList* putList;
+    OpList* putList;     // the list being stored
 };
 #pragma pack(pop)
+// The operation-list file by its usual name.
 using IOPFILE = tagIOPFILE;
 
 static_assert(sizeof(IOPFILE) == 5 * sizeof(void*));

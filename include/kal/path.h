@@ -12,9 +12,9 @@
 #include <kal/base.h>
 
 // Sizes of the parts of a split path, terminating zero included.
-inline constexpr uint32_t KAL_DIR_SIZE = 260;
-inline constexpr uint32_t KAL_FILE_SIZE = 256;
-inline constexpr uint32_t KAL_EXT_SIZE = 256;
+inline constexpr uint32_t KAL_DIR_SIZE = 260;  // directory
+inline constexpr uint32_t KAL_FILE_SIZE = 256; // file part
+inline constexpr uint32_t KAL_EXT_SIZE = 256;  // extension
 
 // The directory part with its separator ("C:\A\" of C:\A\B.C; ".." and "." stay). Characters stored.
 KAL_API int32_t KalGetDir(const char* path, char* destination, uint32_t size);

@@ -10,8 +10,8 @@
 #include <kal/item.h>
 
 // Kinds of resource for KalGetRes and KalGetSRes.
-inline constexpr uint16_t KAL_RES_BYTES = 0;
-inline constexpr uint16_t KAL_RES_WORDS = 1;
+inline constexpr uint16_t KAL_RES_BYTES = 0; // KalReadByteResData
+inline constexpr uint16_t KAL_RES_WORDS = 1; // KalReadWordResData
 
 // Opens a resource file, looked for along the search text. A `format` other than 0 must be the stored one.
 // Statuses as KalOpenIFile. KalCloseRes ends it and leaves the file as it was; it returns 0.

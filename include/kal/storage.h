@@ -44,8 +44,8 @@ public:
     // As the free function of that name, which comes here for such a stream.
     KAL_API int16_t KalFlushBuf();
 
-    IStream* stream;
-    IStorage* storage;
+    IStream* stream;    // the open stream
+    IStorage* storage;  // the open file
     SFILE* owner;       // the stream's record
     uint16_t readOnly;  // 1: opened without write access
     uint16_t writeOnly; // 1: no reading
@@ -53,6 +53,7 @@ public:
 
 // --- What the slots hold; see SFILE for arguments. Statuses as those of a disk stream -------------------
 
+// As the slots say.
 KAL_API int32_t KalFOLE2Read(SFILE* stream, void* destination, uint32_t count);
 KAL_API int32_t KalFOLE2GetChar(SFILE* stream);
 KAL_API int32_t KalFOLE2Write(SFILE* stream, const void* source, uint32_t count);

@@ -29,9 +29,9 @@ inline constexpr uint16_t KAL_MODE_MEMORY = 0x2000;  // in one growing memory bl
 inline constexpr uint16_t KAL_MODE_FILEMAP = 0x4000; // in a named mapping that processes share
 
 // Seek origins.
-inline constexpr uint32_t KAL_SEEK_START = 0;
-inline constexpr uint32_t KAL_SEEK_CURRENT = 1;
-inline constexpr uint32_t KAL_SEEK_END = 2;
+inline constexpr uint32_t KAL_SEEK_START = 0;   // from the start
+inline constexpr uint32_t KAL_SEEK_CURRENT = 1; // from the current position
+inline constexpr uint32_t KAL_SEEK_END = 2;     // from the end
 
 // `bufEnd` of a stream without a buffer, and the result of a seek that failed.
 inline constexpr uint32_t KAL_NO_POSITION = 0xFFFFFFFF;
@@ -71,6 +71,7 @@ struct tagSFILE {
     int16_t (*close)(tagSFILE* stream);
 };
 #pragma pack(pop)
+// The stream record by its usual name.
 using SFILE = tagSFILE;
 
 static_assert(sizeof(SFILE) == 34 + 11 * sizeof(void*), "the record has no gaps");
@@ -131,6 +132,7 @@ KAL_API int16_t KalSetOffset(SFILE* stream, uint32_t offset);
 // --- The six operations of a disk stream ---------------------------------------------------------------
 // What the slots of a disk stream hold; see the slots for arguments and results.
 
+// As the slots say; KAL_ERR_READ when the host fails.
 KAL_API int32_t KalReadDiskFile(SFILE* stream, void* destination, uint32_t count);
 KAL_API int32_t KalGetDiskChar(SFILE* stream);
 // KAL_ERR_WRITE when the mode has neither KAL_MODE_WRITE nor KAL_MODE_UPDATE; 0 while the disk is full.
@@ -149,6 +151,7 @@ KAL_API int16_t KalCloseDiskFile(SFILE* stream);
 // before reading what was written last. The end of the stream is KAL_ERR_SHORT_READ, never KAL_ERR_END;
 // KAL_ERR_GLOBAL when the block cannot be had, locked or grown, and it then stays as it was.
 
+// As the slots say, with the differences above.
 KAL_API int32_t KalReadMemFile(SFILE* stream, void* destination, uint32_t count);
 KAL_API int32_t KalGetMemChar(SFILE* stream);
 KAL_API int32_t KalWriteMemFile(SFILE* stream, const void* source, uint32_t count);

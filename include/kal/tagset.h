@@ -26,6 +26,7 @@ class TagSet;
 // Called for a tag of `set`; 0 ends the walk.
 using KalTagCallback = int (*)(TagSet* set, const char* tag, void* context);
 
+// One set; see above.
 class KAL_API TagSet : public ZEPObject {
 public:
     // A set with no path and no key.
@@ -112,13 +113,13 @@ private:
     friend class TagSearch;
     struct Layout;
 
-    void Close();
-    int16_t Open(const char* path, int persistent);
-    TagSet* Deepest();
-    static void Link(TagSet* parent, TagSet* child);
-    static int FuseTag(TagSet* set, const char* tag, void* context);
-    void FusePatterns();
-    void* WildKey();
+    KAL_LOCAL void Close();
+    KAL_LOCAL int16_t Open(const char* path, int persistent);
+    KAL_LOCAL TagSet* Deepest();
+    KAL_LOCAL static void Link(TagSet* parent, TagSet* child);
+    KAL_LOCAL static int FuseTag(TagSet* set, const char* tag, void* context);
+    KAL_LOCAL void FusePatterns();
+    KAL_LOCAL void* WildKey();
 
     const char* rootPath;
     char* path;         // owned

@@ -42,7 +42,7 @@ struct vfile {
 
 // What the calling task's data slot 6 holds while the manager is open.
 struct vmemstate {
-    vfile* swapFile;
+    vfile* swapFile;        // where blocks go
     slisthd* lruList;       // one node a live block, which begins with its handle; the newest first
     uint16_t swapFailed;    // 1 from a swap-out that came short until one that did not
     void (*errorHandler)(); // called when a swap-out comes short, or null
@@ -58,8 +58,7 @@ static_assert(sizeof(vitem) == 10);
 static_assert(sizeof(vfile) == 4 + 2 * sizeof(void*));
 static_assert(sizeof(vmemstate) == 18 + 3 * sizeof(void*));
 
-// --- The manager
-// ---------------------------------------------------------------------------------------------
+// --- The manager -----------------------------------------------------------------------------------------
 
 // Opens the manager for the calling task; the argument plays no part. A limit that was never set becomes the
 // free system memory. 0; KAL_ERR_VMEM when it is open already (which stays as it is) or not even a small
@@ -121,10 +120,9 @@ KAL_API void KalSetMemManOptions(TagSet* options);
 // The available physical memory in bytes, less a reserve of 2,200,000 where there is more.
 KAL_API uint32_t KalGetFreeSystemMemory();
 
-// --- Swap files
-// ------------------------------------------------------------------------------------------------ Each keeps
-// copies of blocks under 16-bit ids. It is private to the process: made for its owner alone in the directory
-// that KalTempPath set (else the host's), and gone when it is closed or the process ends in any way.
+// --- Swap files ------------------------------------------------------------------------------------------
+// Each keeps copies of blocks under 16-bit ids. It is private to the process: made for its owner alone in the
+// directory that KalTempPath set (else the host's), and gone when it is closed or the process ends in any way.
 
 // Makes an empty swap file, which KalCloseVFile ends. 0, or with `*out` null KAL_ERR_MEMORY when memory is
 // short; KAL_ERR_SERVICE or KAL_ERR_OPEN - errno when the file cannot be made.
@@ -148,10 +146,9 @@ KAL_API int32_t KalReadVFile(vfile* file, vitem* item, void* destination);
 // pass 4 GiB, or for id 0.
 KAL_API int32_t KalWriteVFile(vfile* file, const void* data, uint32_t size, uint16_t id);
 
-// --- The LRU list
-// ---------------------------------------------------------------------------------------------- The live
-// blocks of the calling task's manager, the newest at the head. The manager keeps it; these calls do nothing
-// while it is not open.
+// --- The LRU list ----------------------------------------------------------------------------------------
+// The live blocks of the calling task's manager, the newest at the head. The manager keeps it; these calls do
+// nothing while it is not open.
 
 // Makes the list; one that is there stays. 0, or KAL_ERR_BUFFER.
 KAL_API int16_t KalOpenLRUVList();

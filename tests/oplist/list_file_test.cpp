@@ -67,6 +67,11 @@ TEST_F(ListFile, AStoredListIsAnItemOfItsOpsAndTheEndOp) {
     EXPECT_EQ(KalOpenGetIOpList(file, KAL_ITEM_FREE, &list), 1);
     EXPECT_EQ(list, nullptr);
     EXPECT_EQ(KalCloseIOpFile(file), 0);
+
+    file = open("g", kNew, KAL_IOP_COMPRESSED);
+    store(file, 1, {{100, {'h', 'e', 'l', 'l', 'o', 0}}, {101, {'w', 'o', 'r', 'l', 'd', 0}}});
+    EXPECT_EQ(KalCloseIOpFile(file), 0);
+    EXPECT_EQ(readFile("g"), hexExample("docs/formats/operation-list-file.md"));
 }
 
 TEST_F(ListFile, ManyListsComeBackInEveryFormat) {
