@@ -2,12 +2,16 @@
 
 #include "platform/host_calls.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/sysinfo.h>
 
 namespace {
+
+// A 32-bit process keeps half of its addresses for other uses than what this memory will serve.
+constexpr uint64_t kMostAvailable = sizeof(void*) == 4 ? 0x7FFFFFFF : 0xFFFFFFFF;
 
 // What the host can hand out without swapping, cached files that it would drop included: the text of
 // /proc/meminfo has it in KiB. 0 when it cannot be read.
@@ -35,5 +39,5 @@ void GlobalMemoryStatus(MEMORYSTATUS* status) {
     if (available == 0)
         available = freePages();
     status->dwLength = sizeof(MEMORYSTATUS);
-    status->dwAvailPhys = available < UINT32_MAX ? static_cast<uint32_t>(available) : UINT32_MAX;
+    status->dwAvailPhys = static_cast<uint32_t>(std::min(available, kMostAvailable));
 }

@@ -1,4 +1,4 @@
-// Shared ground of every family: export marker and status codes.
+// Shared ground of every family: export marker, layout checks and status codes.
 #ifndef KAL_BASE_H
 #define KAL_BASE_H
 
@@ -12,6 +12,11 @@
 #define KAL_API
 #define KAL_LOCAL
 #endif
+
+// What pins the layout of a record that crosses the boundary: a field's offset, and the record's size, in bytes
+// in a 32-bit and in a 64-bit build. Only pointers differ.
+#define KAL_AT(record, field, in32, in64) (offsetof(record, field) == (sizeof(void*) == 4 ? (in32) : (in64)))
+#define KAL_SIZE(record, in32, in64) (sizeof(record) == (sizeof(void*) == 4 ? (in32) : (in64)))
 
 // A status is a signed 16-bit number: 0 is success, a negative value a failure. A few calls return a
 // positive 1 for a refusal that is not an error; each says so.

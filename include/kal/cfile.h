@@ -26,7 +26,11 @@ struct scfiletag {
 };
 #pragma pack(pop)
 
-static_assert(sizeof(scfiletag) == 8 + 4 * sizeof(void*));
+static_assert(KAL_SIZE(scfiletag, 24, 40));
+static_assert(KAL_AT(scfiletag, stream, 0, 0) && KAL_AT(scfiletag, encoder, 4, 8) &&
+              KAL_AT(scfiletag, decoder, 8, 16) && KAL_AT(scfiletag, runPos, 12, 24) &&
+              KAL_AT(scfiletag, expansion, 16, 28) && KAL_AT(scfiletag, pending, 20, 36) &&
+              KAL_AT(scfiletag, status, 22, 38));
 
 // Lays a compressed stream over `stream`, which stays the caller's. 0, or with `*out` null and nothing left
 // behind KAL_ERR_MEMORY or KAL_ERR_BUFFER. KalFreeCFile ends it.

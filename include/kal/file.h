@@ -28,7 +28,12 @@ struct FILEINFO {
 };
 #pragma pack(pop)
 
-static_assert(sizeof(FILESTAT) == 12 && sizeof(FILEINFO) == 16);
+static_assert(KAL_SIZE(FILESTAT, 12, 12));
+static_assert(KAL_AT(FILESTAT, writable, 0, 0) && KAL_AT(FILESTAT, unused, 2, 2));
+static_assert(KAL_SIZE(FILEINFO, 16, 16));
+static_assert(KAL_AT(FILEINFO, month, 0, 0) && KAL_AT(FILEINFO, day, 2, 2) && KAL_AT(FILEINFO, year, 4, 4) &&
+              KAL_AT(FILEINFO, hour, 6, 6) && KAL_AT(FILEINFO, minute, 8, 8) &&
+              KAL_AT(FILEINFO, seconds2, 10, 10) && KAL_AT(FILEINFO, size, 12, 12));
 
 // A new record, all 0, or null when memory is short. KalCloseFileStat frees it.
 KAL_API FILESTAT* KalOpenFileStat();

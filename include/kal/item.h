@@ -57,8 +57,16 @@ struct IFILE {
 };
 #pragma pack(pop)
 
-static_assert(sizeof(ItemIndexNarrow) == 8 && sizeof(ItemIndexWide) == 10);
-static_assert(sizeof(IFILE) == 8 + 2 * sizeof(void*));
+static_assert(KAL_SIZE(ItemIndexNarrow, 8, 8));
+static_assert(KAL_AT(ItemIndexNarrow, id, 0, 0) && KAL_AT(ItemIndexNarrow, size, 2, 2) &&
+              KAL_AT(ItemIndexNarrow, offset, 4, 4));
+static_assert(KAL_SIZE(ItemIndexWide, 10, 10));
+static_assert(KAL_AT(ItemIndexWide, id, 0, 0) && KAL_AT(ItemIndexWide, size, 2, 2) &&
+              KAL_AT(ItemIndexWide, offset, 6, 6));
+static_assert(KAL_SIZE(IFILE, 16, 24));
+static_assert(KAL_AT(IFILE, formatFlags, 0, 0) && KAL_AT(IFILE, count, 2, 2) &&
+              KAL_AT(IFILE, capacity, 4, 4) && KAL_AT(IFILE, mode, 6, 6) && KAL_AT(IFILE, stream, 8, 8) &&
+              KAL_AT(IFILE, index, 12, 16));
 
 // Opens a stream by name (modes as KalOpenFile) and lays an item file over it. The stream's or
 // KalMakeIFile's status; on failure `*out` is null and no stream stays open. KalCloseIFile ends it.

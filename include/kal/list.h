@@ -33,6 +33,13 @@ struct slisthd {
     KalNodeHeader* last;  // as in listhd
 };
 
+static_assert(KAL_SIZE(KalNodeHeader, 8, 16));
+static_assert(KAL_AT(KalNodeHeader, prev, 0, 0) && KAL_AT(KalNodeHeader, next, 4, 8));
+static_assert(KAL_SIZE(listhd, 8, 16));
+static_assert(KAL_AT(listhd, first, 0, 0) && KAL_AT(listhd, last, 4, 8));
+static_assert(KAL_SIZE(slisthd, 8, 16));
+static_assert(KAL_AT(slisthd, first, 0, 0) && KAL_AT(slisthd, last, 4, 8));
+
 // Called for each node of a walk with the caller's context; a result other than 0 stops the walk at that
 // node. It must neither unlink nor free the node it is given.
 using KalPeekCallback = uint16_t (*)(void* node, void* context);

@@ -80,10 +80,33 @@ struct readlzw_q {
 };
 #pragma pack(pop)
 
-static_assert(sizeof(KalLzwTreeEntry) == 7 && sizeof(KalLzwTableEntry) == 3 && sizeof(KalLzwQuickEntry) == 4);
-static_assert(sizeof(TAGWRITELZW) == 11 + sizeof(void*));
-static_assert(sizeof(readlzw) == 28 + sizeof(void*));
-static_assert(sizeof(readlzw_q) == 20 + sizeof(void*));
+static_assert(KAL_SIZE(KalLzwTreeEntry, 7, 7));
+static_assert(KAL_AT(KalLzwTreeEntry, character, 0, 0) && KAL_AT(KalLzwTreeEntry, firstExtension, 1, 1) &&
+              KAL_AT(KalLzwTreeEntry, lowerSibling, 3, 3) && KAL_AT(KalLzwTreeEntry, higherSibling, 5, 5));
+static_assert(KAL_SIZE(TAGWRITELZW, 15, 19));
+static_assert(KAL_AT(TAGWRITELZW, codeWidth, 0, 0) && KAL_AT(TAGWRITELZW, character, 1, 1) &&
+              KAL_AT(TAGWRITELZW, currentCode, 2, 2) && KAL_AT(TAGWRITELZW, outputCode, 4, 4) &&
+              KAL_AT(TAGWRITELZW, nextCode, 6, 6) && KAL_AT(TAGWRITELZW, bitCount, 8, 8) &&
+              KAL_AT(TAGWRITELZW, bitBuffer, 10, 10) && KAL_AT(TAGWRITELZW, tree, 11, 11));
+static_assert(KAL_SIZE(KalLzwTableEntry, 3, 3));
+static_assert(KAL_AT(KalLzwTableEntry, prefix, 0, 0) && KAL_AT(KalLzwTableEntry, character, 2, 2));
+static_assert(KAL_SIZE(readlzw, 32, 36));
+static_assert(KAL_AT(readlzw, clearCode, 0, 0) && KAL_AT(readlzw, endCode, 2, 2) &&
+              KAL_AT(readlzw, rootCount, 4, 4) && KAL_AT(readlzw, firstAfterClear, 6, 6) &&
+              KAL_AT(readlzw, table, 8, 8) && KAL_AT(readlzw, codeWidth, 12, 16) &&
+              KAL_AT(readlzw, codeRegister, 14, 18) && KAL_AT(readlzw, bitCounter, 16, 20) &&
+              KAL_AT(readlzw, inputByte, 18, 22) && KAL_AT(readlzw, codes, 20, 24) &&
+              KAL_AT(readlzw, nextCode, 28, 32) && KAL_AT(readlzw, previousCode, 30, 34));
+static_assert(KAL_SIZE(KalLzwQuickEntry, 4, 4));
+static_assert(KAL_AT(KalLzwQuickEntry, prefix, 0, 0) && KAL_AT(KalLzwQuickEntry, character, 2, 2) &&
+              KAL_AT(KalLzwQuickEntry, firstCharacter, 3, 3));
+static_assert(KAL_SIZE(readlzw_q, 24, 28));
+static_assert(KAL_AT(readlzw_q, codeWidth, 0, 0) && KAL_AT(readlzw_q, table, 2, 2) &&
+              KAL_AT(readlzw_q, codeWidthNow, 6, 10) && KAL_AT(readlzw_q, codeMask, 8, 12) &&
+              KAL_AT(readlzw_q, codeMaskNow, 10, 14) && KAL_AT(readlzw_q, clearCode, 12, 16) &&
+              KAL_AT(readlzw_q, endCode, 14, 18) && KAL_AT(readlzw_q, firstAfterClear, 16, 20) &&
+              KAL_AT(readlzw_q, nextCode, 18, 22) && KAL_AT(readlzw_q, bitBuffer, 20, 24) &&
+              KAL_AT(readlzw_q, bitCount, 22, 26));
 
 // Starts an encoder for `rootCount` single characters (2 counts as 4): allocates its tree, sets next code and
 // width. The caller sets current and output code. 0, or KAL_ERR_BUFFER when memory is short or the roots and

@@ -107,9 +107,23 @@ struct tagOpList {
 // The list record by its usual name.
 using OpList = tagOpList;
 
-static_assert(sizeof(opblock) == 10 + sizeof(void*));
-static_assert(sizeof(dibinfo) == 18 + 2 * sizeof(void*));
-static_assert(sizeof(OpList) == 20 + 7 * sizeof(void*));
+static_assert(KAL_SIZE(opblock, 14, 18));
+static_assert(KAL_AT(opblock, vmem, 0, 0) && KAL_AT(opblock, index, 4, 8) &&
+              KAL_AT(opblock, capacity, 6, 10) && KAL_AT(opblock, offset, 10, 14));
+static_assert(KAL_SIZE(dibinfo, 26, 34));
+static_assert(KAL_AT(dibinfo, left, 0, 0) && KAL_AT(dibinfo, top, 2, 2) && KAL_AT(dibinfo, width, 4, 4) &&
+              KAL_AT(dibinfo, height, 6, 6) && KAL_AT(dibinfo, bitsPerPixel, 8, 8) &&
+              KAL_AT(dibinfo, maxOpBytes, 10, 10) && KAL_AT(dibinfo, userWord, 12, 12) &&
+              KAL_AT(dibinfo, rowBytes, 14, 14) && KAL_AT(dibinfo, curLine, 16, 16) &&
+              KAL_AT(dibinfo, lineBuf, 18, 18) && KAL_AT(dibinfo, attachment, 22, 26));
+static_assert(KAL_SIZE(OpList, 48, 76));
+static_assert(KAL_AT(OpList, stream, 0, 0) && KAL_AT(OpList, compStream, 4, 8) &&
+              KAL_AT(OpList, flags, 8, 16) && KAL_AT(OpList, putPending, 10, 18) &&
+              KAL_AT(OpList, status, 12, 20) && KAL_AT(OpList, pos, 14, 22) &&
+              KAL_AT(OpList, endPos, 18, 26) && KAL_AT(OpList, dib, 22, 30) &&
+              KAL_AT(OpList, blockSize, 26, 38) && KAL_AT(OpList, blockCount, 30, 42) &&
+              KAL_AT(OpList, blocks, 32, 44) && KAL_AT(OpList, curBlock, 36, 52) &&
+              KAL_AT(OpList, filter, 40, 60) && KAL_AT(OpList, sink, 44, 68));
 
 // Bytes of a DIB op's payload before its lines: left, line number of the first line, width, number of lines
 // (16 bits each), bits per pixel (8 bits), 3 bytes not used. Lines of 1, 4 and 8 bits per pixel are 16-bit
@@ -258,7 +272,10 @@ struct tagIOPFILE {
 // The operation-list file by its usual name.
 using IOPFILE = tagIOPFILE;
 
-static_assert(sizeof(IOPFILE) == 5 * sizeof(void*));
+static_assert(KAL_SIZE(IOPFILE, 20, 40));
+static_assert(KAL_AT(IOPFILE, ifile, 0, 0) && KAL_AT(IOPFILE, putEntry, 4, 8) &&
+              KAL_AT(IOPFILE, getList, 8, 16) && KAL_AT(IOPFILE, getEntry, 12, 24) &&
+              KAL_AT(IOPFILE, putList, 16, 32));
 
 // Open an operation-list file by name, as a temporary file that closing deletes, or over the caller's stream;
 // arguments and statuses as KalOpenIFile, KalOpenTempIFile and KalMakeIFile. `format` is KAL_ITEMS_WIDE and

@@ -74,13 +74,17 @@ struct tagSFILE {
 // The stream record by its usual name.
 using SFILE = tagSFILE;
 
-static_assert(sizeof(SFILE) == 34 + 11 * sizeof(void*), "the record has no gaps");
-static_assert(sizeof(void*) != 4 || sizeof(SFILE) == 78);
-static_assert(offsetof(SFILE, mode) == 4 && offsetof(SFILE, status) == 6 && offsetof(SFILE, pos) == 8);
-static_assert(offsetof(SFILE, buf) == 16 && offsetof(SFILE, bufStart) == 16 + 2 * sizeof(void*));
-static_assert(offsetof(SFILE, tempName) == 30 + 2 * sizeof(void*));
-static_assert(offsetof(SFILE, offset) == 30 + 4 * sizeof(void*));
-static_assert(offsetof(SFILE, read) == 34 + 5 * sizeof(void*));
+static_assert(KAL_SIZE(SFILE, 78, 122));
+static_assert(KAL_AT(SFILE, handle, 0, 0) && KAL_AT(SFILE, mode, 4, 4) && KAL_AT(SFILE, status, 6, 6) &&
+              KAL_AT(SFILE, pos, 8, 8) && KAL_AT(SFILE, osPos, 12, 12) && KAL_AT(SFILE, buf, 16, 16) &&
+              KAL_AT(SFILE, bufPtr, 20, 24) && KAL_AT(SFILE, bufStart, 24, 32) &&
+              KAL_AT(SFILE, bufEnd, 28, 36) && KAL_AT(SFILE, bufSize, 32, 40) &&
+              KAL_AT(SFILE, dirty, 36, 44) && KAL_AT(SFILE, tempName, 38, 46) &&
+              KAL_AT(SFILE, name, 42, 54) && KAL_AT(SFILE, offset, 46, 62) &&
+              KAL_AT(SFILE, backData, 50, 66) && KAL_AT(SFILE, read, 54, 74) &&
+              KAL_AT(SFILE, getChar, 58, 82) && KAL_AT(SFILE, write, 62, 90) &&
+              KAL_AT(SFILE, putChar, 66, 98) && KAL_AT(SFILE, seek, 70, 106) &&
+              KAL_AT(SFILE, close, 74, 114));
 
 // --- Opening by name ---------------------------------------------------------------------------------
 

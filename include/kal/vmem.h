@@ -54,9 +54,15 @@ struct vmemstate {
 
 #pragma pack(pop)
 
-static_assert(sizeof(vitem) == 10);
-static_assert(sizeof(vfile) == 4 + 2 * sizeof(void*));
-static_assert(sizeof(vmemstate) == 18 + 3 * sizeof(void*));
+static_assert(KAL_SIZE(vitem, 10, 10));
+static_assert(KAL_AT(vitem, id, 0, 0) && KAL_AT(vitem, size, 2, 2) && KAL_AT(vitem, offset, 6, 6));
+static_assert(KAL_SIZE(vfile, 12, 20));
+static_assert(KAL_AT(vfile, handle, 0, 0) && KAL_AT(vfile, nameBuf, 4, 4) && KAL_AT(vfile, items, 8, 12));
+static_assert(KAL_SIZE(vmemstate, 30, 42));
+static_assert(KAL_AT(vmemstate, swapFile, 0, 0) && KAL_AT(vmemstate, lruList, 4, 8) &&
+              KAL_AT(vmemstate, swapFailed, 8, 16) && KAL_AT(vmemstate, errorHandler, 10, 18) &&
+              KAL_AT(vmemstate, bytesUsed, 14, 26) && KAL_AT(vmemstate, bytesPeak, 18, 30) &&
+              KAL_AT(vmemstate, bytesResident, 22, 34) && KAL_AT(vmemstate, blockSize, 26, 38));
 
 // --- The manager -----------------------------------------------------------------------------------------
 

@@ -42,16 +42,18 @@ public:
     T& back() { return data_[size_ - 1]; }
 
     // Room for `count` elements, so that growing up to there does not fail. Some to spare is taken where
-    // there is enough, so that growing step by step costs little.
-    bool reserve(size_t count) {
-        return count <= capacity_ || setCapacity(std::max(count, capacity_ + capacity_ / 2)) ||
+    // there is enough, so that growing step by step costs little. Counts have 64 bits, since those that come
+    // from a file may pass what this process can address.
+    bool reserve(uint64_t count) {
+        return count <= capacity_ || setCapacity(std::max<uint64_t>(count, capacity_ + capacity_ / 2)) ||
                setCapacity(count);
     }
 
     // Elements gained are all 0.
-    bool resize(size_t count) {
-        if (!reserve(count))
+    bool resize(uint64_t wanted) {
+        if (!reserve(wanted))
             return false;
+        const auto count = static_cast<size_t>(wanted);
         if (count > size_)
             std::memset(static_cast<void*>(data_ + size_), 0, (count - size_) * sizeof(T));
         size_ = count;
@@ -73,7 +75,7 @@ public:
     }
 
 private:
-    bool setCapacity(size_t count) {
+    bool setCapacity(uint64_t count) {
         if (count > UINT32_MAX / sizeof(T))
             return false;
         const auto bytes = static_cast<uint32_t>(count * sizeof(T));
@@ -81,7 +83,7 @@ private:
         if (grown == nullptr)
             return false;
         data_ = static_cast<T*>(grown);
-        capacity_ = count;
+        capacity_ = static_cast<size_t>(count);
         return true;
     }
 

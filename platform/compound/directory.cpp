@@ -16,10 +16,9 @@ bool Directory::start() {
 bool Directory::load(uint32_t first) {
     if (!chain_.load(first) || chain_.unitCount() == 0)
         return false;
-    const auto bytes = static_cast<size_t>(chain_.byteCount());
-    if (!bytes_.resize(bytes) || !dirty_.resize(chain_.unitCount()))
+    if (!bytes_.resize(chain_.byteCount()) || !dirty_.resize(chain_.unitCount()))
         return false;
-    return chain_.read(0, bytes_.data(), bytes).count == bytes && type(kRoot) == kRootStorage;
+    return chain_.read(0, bytes_.data(), bytes_.size()).count == bytes_.size() && type(kRoot) == kRootStorage;
 }
 
 bool Directory::flush() {
@@ -84,7 +83,7 @@ bool Directory::grow() {
     const uint32_t units = chain_.unitCount();
     if (!chain_.extendAhead(units + 1))
         return false;
-    const auto bytes = static_cast<size_t>(chain_.byteCount());
+    const uint64_t bytes = chain_.byteCount();
     if (!bytes_.reserve(bytes) || !dirty_.resize(chain_.unitCount())) {
         chain_.cutTo(units);
         return false;

@@ -47,12 +47,12 @@ Run AllocationTable::findFree(uint32_t from, uint32_t most) {
 }
 
 bool AllocationTable::allocatePages(uint32_t pages) {
-    return bytes_.resize(size_t(pages) * pageSize_) && dirty_.resize(pages);
+    return bytes_.resize(uint64_t(pages) * pageSize_) && dirty_.resize(pages);
 }
 
 bool AllocationTable::grow(uint32_t pages) {
     const uint32_t before = pageCount();
-    if (!bytes_.resize(size_t(before + pages) * pageSize_))
+    if (!bytes_.resize(uint64_t(before + pages) * pageSize_))
         return false;
     if (!dirty_.resize(before + pages)) {
         bytes_.shrink(size_t(before) * pageSize_);

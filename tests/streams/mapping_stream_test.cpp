@@ -163,14 +163,14 @@ TEST_F(Mapping, RandomOperationsAgreeWithAModel) {
                 const int64_t fits = std::min<int64_t>(count, kSize - pos);
                 ASSERT_EQ(s->write(s, bytes.data(), count), fits);
                 ASSERT_EQ(val(s->status), fits < count ? KAL_ERR_DISK_FULL : 0);
-                std::copy(bytes.begin(), bytes.begin() + fits, mapping.begin() + pos);
+                std::copy(bytes.begin(), bytes.begin() + long(fits), mapping.begin() + long(pos));
                 pos += fits;
                 break;
             }
             case 2: {
                 const int64_t left = std::min<int64_t>(count, static_cast<int64_t>(model.size()) - pos);
                 ASSERT_EQ(s->read(s, bytes.data(), count), left);
-                ASSERT_TRUE(std::equal(bytes.begin(), bytes.begin() + left, mapping.begin() + pos));
+                ASSERT_TRUE(std::equal(bytes.begin(), bytes.begin() + long(left), mapping.begin() + long(pos)));
                 pos += left;
                 break;
             }

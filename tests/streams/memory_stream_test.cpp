@@ -29,13 +29,13 @@ struct MemoryModel {
         const uint64_t stop = std::max(pos, std::min(pos + count, end));
         std::vector<int> bytes;
         for (; pos < stop; pos++)
-            bytes.push_back(block[pos]);
+            bytes.push_back(block[size_t(pos)]);
         return bytes;
     }
     void write(const Bytes& bytes) {
         const uint64_t end = pos + bytes.size();
         if (end > std::min<uint64_t>((length + 1023) / 1024 * 1024, block.size())) {
-            block.resize((end + 1023) / 1024 * 1024, -1);
+            block.resize(size_t(end + 1023) / 1024 * 1024, -1);
             length = std::max(length, end);
         }
         std::copy(bytes.begin(), bytes.end(), block.begin() + long(pos));

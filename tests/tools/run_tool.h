@@ -49,8 +49,8 @@ std::vector<Listed> listed(const std::string& archive);
 // Extracts a picture, expecting success.
 Bytes extracted(const std::string& archive, unsigned id);
 
-// Under the sanitizers starting a process takes many times as long.
-#if defined(__SANITIZE_ADDRESS__)
+// Under the sanitizers or an emulator starting a process takes many times as long.
+#if defined(__SANITIZE_ADDRESS__) || defined(KAL_EMULATED)
 inline constexpr bool slowBuild = true;
 #else
 inline constexpr bool slowBuild = false;
