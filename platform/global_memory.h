@@ -45,7 +45,8 @@ uint32_t GlobalFlags(HGLOBAL block);
 
 struct MEMORYSTATUS {
     uint32_t dwLength;
-    uint32_t dwAvailPhys; // available physical memory in bytes, 0xFFFFFFFF at most, or half of that in 32 bits
+    uint32_t
+        dwAvailPhys; // available physical memory in bytes, 0xFFFFFFFF at most, or half of that in 32 bits
 };
 void GlobalMemoryStatus(MEMORYSTATUS* status);
 

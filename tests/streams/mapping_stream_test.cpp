@@ -170,7 +170,8 @@ TEST_F(Mapping, RandomOperationsAgreeWithAModel) {
             case 2: {
                 const int64_t left = std::min<int64_t>(count, static_cast<int64_t>(model.size()) - pos);
                 ASSERT_EQ(s->read(s, bytes.data(), count), left);
-                ASSERT_TRUE(std::equal(bytes.begin(), bytes.begin() + long(left), mapping.begin() + long(pos)));
+                ASSERT_TRUE(
+                    std::equal(bytes.begin(), bytes.begin() + long(left), mapping.begin() + long(pos)));
                 pos += left;
                 break;
             }
