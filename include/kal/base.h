@@ -6,16 +6,19 @@
 #include <stdint.h>
 
 #if defined(__GNUC__)
+// Marks what the library exports.
 #define KAL_API __attribute__((visibility("default")))
-#define KAL_LOCAL __attribute__((visibility("hidden"))) // a member of an exported class that stays inside
+// Marks a member of an exported class that stays inside.
+#define KAL_LOCAL __attribute__((visibility("hidden")))
 #else
 #define KAL_API
 #define KAL_LOCAL
 #endif
 
-// What pins the layout of a record that crosses the boundary: a field's offset, and the record's size, in bytes
-// in a 32-bit and in a 64-bit build. Only pointers differ.
+// Whether a field of a record that crosses the boundary stands at this offset: in bytes, in a 32-bit and in a 64-bit
+// build. Only pointers differ.
 #define KAL_AT(record, field, in32, in64) (offsetof(record, field) == (sizeof(void*) == 4 ? (in32) : (in64)))
+// Whether such a record has this size.
 #define KAL_SIZE(record, in32, in64) (sizeof(record) == (sizeof(void*) == 4 ? (in32) : (in64)))
 
 // A status is a signed 16-bit number: 0 is success, a negative value a failure. A few calls return a
