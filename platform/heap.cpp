@@ -37,7 +37,7 @@ uint8_t* rawOf(void* block) {
 
 // The most a block can have: header and guard must fit the address space too.
 bool tooLarge(uint32_t size) {
-    return size > SIZE_MAX - kHeader - sizeof(KAL_HEAP_GUARD);
+    return uint64_t{size} + kHeader + sizeof(KAL_HEAP_GUARD) > SIZE_MAX;
 }
 
 // A large block that grows gets an eighth to spare, so that growth by small steps seldom copies it.

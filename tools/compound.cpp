@@ -209,7 +209,7 @@ struct Element {
 };
 
 void gather(IStorage* storage, const std::string& prefix, int depth, std::vector<Element>& elements) {
-    IEnumSTATSTG* raw;
+    IEnumSTATSTG* raw = nullptr;
     require(depth < kDeepest ? storage->EnumElements(0, nullptr, 0, &raw) : STG_E_DOCFILECORRUPT, prefix);
     const std::unique_ptr<IEnumSTATSTG, Releaser<IEnumSTATSTG>> all(raw);
     STATSTG element;

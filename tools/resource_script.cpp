@@ -89,7 +89,7 @@ private:
     }
     char byteOfDigits() {
         const char* const digits = text_.data() + std::min(at_, text_.size());
-        const size_t left = text_.data() + text_.size() - digits;
+        const size_t left = text_.size() - std::min(at_, text_.size());
         uint8_t byte = 0;
         const auto [end, error] = std::from_chars(digits, digits + std::min<size_t>(2, left), byte, 16);
         if (error != std::errc() || end != digits + 2 || byte == 0)
