@@ -47,7 +47,7 @@ struct tagSFILE {
     uint8_t* buf;       // buffer, null when there is none; owned
     uint8_t* bufPtr;    // the buffer's byte of `pos`, while bufStart <= pos < bufEnd
     uint32_t bufStart;  // file position of the buffer's first byte
-    uint32_t bufEnd;    // file position past the buffer's last valid byte; KAL_NO_POSITION without a buffer
+    uint32_t bufEnd;    // file position past the valid bytes; 0 when fresh, KAL_NO_POSITION without a buffer
     uint32_t bufSize;   // the buffer's capacity in bytes; 0 means no buffer
     uint16_t dirty;     // 1 while the buffer holds bytes that the file does not
     char* tempName;     // file that closing deletes, or null; owned

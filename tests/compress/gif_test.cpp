@@ -1,10 +1,9 @@
 // Runs as others read and write them: the GIF library, which shares no line with this one, and the format's page.
+#include "tests/compress/step_run.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/samples.h"
 #include "tests/support/vector_stream.h"
-
-#include <kal/cfile.h>
 
 #include <gif_lib.h>
 
@@ -104,8 +103,7 @@ constexpr uint16_t kPiece = 40000;
 
 Bytes writeRun(const Bytes& data) {
     VectorStream stream;
-    scfiletag* cfile;
-    EXPECT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+    scfiletag* cfile = makeCFile(stream.file());
     for (size_t at = 0; at < data.size(); at += kPiece) {
         const auto piece = uint16_t(std::min<size_t>(kPiece, data.size() - at));
         EXPECT_EQ(KalWriteCFile(cfile, &data[at], piece), piece);
@@ -120,8 +118,7 @@ Bytes readRun(const Bytes& run, size_t length) {
     Bytes stored = run;
     stored.resize(run.size() + 100, 0xAA);
     VectorStream stream(stored);
-    scfiletag* cfile;
-    EXPECT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+    scfiletag* cfile = makeCFile(stream.file());
     Bytes data(length);
     for (size_t at = 0; at < length; at += kPiece) {
         const auto piece = uint16_t(std::min<size_t>(kPiece, length - at));

@@ -45,8 +45,7 @@ protected:
             KalSetBuf(each, bufferSize);
             each->seek(each, int32_t(start), KAL_SEEK_START);
         }
-        scfiletag* cfile;
-        ASSERT_EQ(KalMakeCFile(&cfile, stream), 0);
+        scfiletag* cfile = makeCFile(stream);
         {
             StepReader steps(twin);
             std::mt19937 random(seed);
@@ -101,8 +100,7 @@ TEST(RunReadingVector, AReadThatMetTheEndAtOnceGoesOnWhenThereIsMore) {
     const Bytes data = sampleText(500, 8);
     const Bytes run = runOf(data);
     VectorStream stream(run);
-    scfiletag* cfile;
-    ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+    scfiletag* cfile = makeCFile(stream.file());
     Bytes back(data.size());
     for (size_t at = 0; at < data.size(); at++) {
         if (val(cfile->pending) == 0 && at > 0) {
@@ -137,8 +135,7 @@ TEST(RunReadingVector, RefusesWhatIsNoRun) {
     };
     for (const auto& expected : cases) {
         VectorStream stream(expected.stored);
-        scfiletag* cfile;
-        ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+        scfiletag* cfile = makeCFile(stream.file());
         Bytes back(100);
         EXPECT_EQ(KalReadCFile(cfile, back.data(), 100), expected.delivered);
         EXPECT_EQ(cfile->status, expected.status);
@@ -178,8 +175,7 @@ TEST(RunReadingVector, ReadsRunsThatClearLateOrOften) {
         put(&encoder, stream.file(), 257);
         put(&encoder, stream.file(), 0);
         stream.rewind();
-        scfiletag* cfile;
-        ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+        scfiletag* cfile = makeCFile(stream.file());
         Bytes back(7000);
         EXPECT_EQ(KalReadCFile(cfile, back.data(), 7000), 6000) << "cleared every " << clearEvery;
         back.resize(6000);

@@ -22,8 +22,7 @@ TEST(RunTrouble, AFullStreamStopsWhereSinglePutsWould) {
         VectorStream stream;
         VectorStream twin;
         stream.capacity = twin.capacity = capacity;
-        scfiletag* cfile;
-        ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+        scfiletag* cfile = makeCFile(stream.file());
         StepWriter steps(twin.file());
         const uint16_t first = uint16_t(capacity / 3);
         if (first > 0) {
@@ -51,7 +50,7 @@ TEST(RunTrouble, AFullStreamStopsWhereSinglePutsWould) {
         EXPECT_EQ(KalWriteCFile(cfile, data.data(), 9), 9);
         KalFreeCFile(cfile);
         stream.file()->pos = back;
-        ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+        cfile = makeCFile(stream.file());
         uint8_t read[9];
         EXPECT_EQ(KalReadCFile(cfile, read, 9), 9);
         EXPECT_TRUE(std::equal(read, read + 9, data.begin()));
@@ -64,8 +63,7 @@ TEST(RunTrouble, ACallThatPutNothingCanBeMadeAgain) {
     const Bytes data = sampleText(20000, 2);
     VectorStream stream;
     stream.capacity = 0;
-    scfiletag* cfile;
-    ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+    scfiletag* cfile = makeCFile(stream.file());
     EXPECT_EQ(KalWriteCFile(cfile, data.data(), 100), 0);
     std::mt19937 random(3);
     int refused = 0;
@@ -91,8 +89,7 @@ TEST(RunTrouble, ACallThatPutNothingCanBeMadeAgain) {
 
 TEST(RunTrouble, AFlushThatTheStreamRefusesSaysSo) {
     VectorStream stream;
-    scfiletag* cfile;
-    ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+    scfiletag* cfile = makeCFile(stream.file());
     const Bytes data = bytesOf("abcde");
     KalWriteCFile(cfile, data.data(), 5);
     const uint32_t runPos = cfile->runPos;
@@ -146,8 +143,7 @@ TEST(RunTrouble, EachFailedAllocationIsReportedAndLeaksNothing) {
 }
 
 TEST(RunTrouble, WithoutAStreamNothingIsReadOrWritten) {
-    scfiletag* cfile;
-    ASSERT_EQ(KalMakeCFile(&cfile, nullptr), 0);
+    scfiletag* cfile = makeCFile(nullptr);
     uint8_t byte = 1;
     EXPECT_EQ(KalWriteCFile(cfile, &byte, 1), 0);
     EXPECT_EQ(cfile->status, KAL_ERR_NULL_STREAM);
@@ -174,8 +170,7 @@ TEST(RunTrouble, SurvivesDamagedRuns) {
         for (int flips = round % 7; flips > 0; flips--)
             damaged[1 + random() % (damaged.size() - 1)] ^= uint8_t(1u << random() % 8);
         VectorStream stream(damaged);
-        scfiletag* cfile;
-        ASSERT_EQ(KalMakeCFile(&cfile, stream.file()), 0);
+        scfiletag* cfile = makeCFile(stream.file());
         uint16_t asked;
         uint16_t got;
         do {
@@ -197,8 +192,7 @@ TEST_F(RunOnDisk, AFullDiskInTheMiddleOfARunStopsItThere) {
         SFILE* stream = nullptr;
         ASSERT_EQ(KalOpenFile(&stream, "run", KAL_MODE_CREATE | KAL_MODE_UPDATE, 0), 0);
         KalSetBuf(stream, bufferSize);
-        scfiletag* cfile;
-        ASSERT_EQ(KalMakeCFile(&cfile, stream), 0);
+        scfiletag* cfile = makeCFile(stream);
         {
             FileSizeLimit limit(60000);
             EXPECT_EQ(KalWriteCFile(cfile, data.data(), 30000), 30000);
@@ -210,7 +204,7 @@ TEST_F(RunOnDisk, AFullDiskInTheMiddleOfARunStopsItThere) {
         }
         stream->status = 0;
         EXPECT_EQ(stream->seek(stream, 0, KAL_SEEK_START), 0);
-        ASSERT_EQ(KalMakeCFile(&cfile, stream), 0);
+        cfile = makeCFile(stream);
         Bytes back(30000);
         EXPECT_EQ(KalReadCFile(cfile, back.data(), 30000), 30000) << "what got through reads back";
         EXPECT_TRUE(std::equal(back.begin(), back.end(), data.begin()));

@@ -5,7 +5,15 @@
 
 #include <kal/cfile.h>
 
+#include <gtest/gtest.h>
+
 #include <vector>
+
+inline scfiletag* makeCFile(SFILE* stream) {
+    scfiletag* cfile = nullptr;
+    EXPECT_EQ(KalMakeCFile(&cfile, stream), 0);
+    return cfile;
+}
 
 class StepWriter {
 public:

@@ -6,10 +6,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <string>
-#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -39,28 +38,15 @@ public:
     enum Input { terminal, pipeline };
     explicit Editor(Input kind, const char* text = "", int32_t cursor = 0, bool clearFirst = false,
                     void (*prepare)(int replies) = nullptr) {
-        int input = -1;
-        if (kind == terminal) {
-            typing_ = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-            if (grantpt(typing_) == 0 && unlockpt(typing_) == 0)
-                input = open(ptsname(typing_), O_RDWR | O_NOCTTY | O_CLOEXEC);
-            tcgetattr(typing_, &before_);
-        } else {
-            int ends[2];
-            if (pipe(ends) == 0) {
-                input = ends[0];
-                typing_ = ends[1];
-            }
-        }
-        int replies[2], go[2];
-        if (pipe(replies) != 0 || pipe(go) != 0)
+        int replies[2], go[2], input[2];
+        if (pipe(replies) != 0 || pipe(go) != 0 || pipe(input) != 0)
             abort();
-        child_ = fork();
+        typing_ = input[1];
+        child_ = kind == terminal ? forkpty(&typing_, nullptr, nullptr, nullptr) : fork();
         if (child_ == 0) {
-            setsid();
-            ioctl(input, TIOCSCTTY, 0);
-            dup2(input, 0);
-            close(typing_);
+            if (kind == pipeline)
+                dup2(input[0], 0);
+            close(input[1]);
             close(go[1]);
             char start;
             if (read(go[0], &start, 1) != 1)
@@ -69,7 +55,10 @@ public:
                 prepare(replies[1]);
             edit(replies[1], text, cursor, clearFirst);
         }
-        close(input);
+        tcgetattr(typing_, &before_);
+        if (kind == terminal)
+            close(input[1]);
+        close(input[0]);
         close(replies[1]);
         close(go[0]);
         replies_ = replies[0];

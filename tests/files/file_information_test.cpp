@@ -256,15 +256,12 @@ TEST_F(FileInformation, ADriveAloneIsItsRoot) {
 
 TEST(Time, IsTheSystemClocks) {
     using namespace std::chrono;
-    const auto now = [] {
-        return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-    };
-    const int64_t before = now();
-    int32_t seconds;
-    uint16_t milliseconds;
-    KalGetTime(&seconds, &milliseconds);
-    const int64_t got = int64_t(seconds) * 1000 + milliseconds;
-    EXPECT_LE(before, got);
-    EXPECT_LE(got, now());
-    EXPECT_LT(milliseconds, 1000);
+    const auto now = [] { return system_clock::now().time_since_epoch(); };
+    const auto before = floor<milliseconds>(now());
+    int32_t whole;
+    uint16_t thousandths;
+    KalGetTime(&whole, &thousandths);
+    EXPECT_LE(before, seconds(whole) + milliseconds(thousandths));
+    EXPECT_GE(now(), seconds(whole) + milliseconds(thousandths));
+    EXPECT_LT(thousandths, 1000);
 }

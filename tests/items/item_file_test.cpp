@@ -1,9 +1,7 @@
 // Item files against a model: what each id holds.
+#include "tests/items/items.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
-
-#include <kal/heap.h>
-#include <kal/item.h>
 
 #include <cstring>
 #include <map>
@@ -17,16 +15,6 @@ struct Layout {
 };
 
 class ItemFileModel : public FolderTest, public ::testing::WithParamInterface<Layout> {};
-
-Bytes wholeItem(IFILE* file, uint16_t id) {
-    int32_t size = -1;
-    char* block = KalGetItem(file, id, &size);
-    if (block == nullptr)
-        return bytesOf("no item");
-    Bytes bytes(block, block + size);
-    KalFreeSMem(block);
-    return bytes;
-}
 
 Bytes inPieces(IFILE* file, uint16_t id, uint32_t piece) {
     Bytes all;
@@ -104,7 +92,7 @@ TEST_P(ItemFileModel, RandomSequencesMatchAlsoAfterReopening) {
             for (uint16_t id = 0; id < 60; id++) {
                 const bool held = model.count(id) != 0;
                 ASSERT_EQ(KalGetItemSize(file, id), held ? int32_t(model[id].size()) : -1);
-                ASSERT_EQ(wholeItem(file, id), held ? model[id] : bytesOf("no item")) << "id " << id;
+                ASSERT_EQ(bytesOf(item(file, id)), held ? model[id] : bytesOf("none")) << "id " << id;
             }
             ASSERT_EQ(KalFreeIFile(file), 0);
             ASSERT_EQ(stream->close(stream), 0);
@@ -128,8 +116,7 @@ INSTANTIATE_TEST_SUITE_P(Layouts, ItemFileModel,
 class ItemFile : public FolderTest {};
 
 TEST_F(ItemFile, RewritesTakeTheSmallestFreeExtent) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", KAL_MODE_CREATE | KAL_MODE_UPDATE, 0), 0);
+    IFILE* file = openItems(kNew, 0);
     auto offset = [&](uint16_t id) { return KalFindItem(file, id)->narrow.offset; };
     auto write = [&](uint16_t id, uint32_t length) {
         const Bytes data(length, uint8_t(id));
@@ -163,11 +150,11 @@ TEST_F(ItemFile, AdditionsGrowInPlaceOnly) {
     EXPECT_EQ(KalAddIFile(file, "xx", 2, 1), 0u) << "another item stands behind it";
     EXPECT_EQ(KalAddIFile(file, "xx", 2, 2), 2u);
     EXPECT_EQ(KalAddIFile(file, "new", 3, 3), 3u);
-    EXPECT_EQ(wholeItem(file, 1), bytesOf("aaa"));
-    EXPECT_EQ(wholeItem(file, 2), bytesOf("bbbxx"));
+    EXPECT_EQ(item(file, 1), "aaa");
+    EXPECT_EQ(item(file, 2), "bbbxx");
     const Bytes filler(65533, 'f');
     EXPECT_EQ(KalAddIFile(file, filler.data(), 65533, 3), 0u) << "a narrow size holds 65,535";
-    EXPECT_EQ(wholeItem(file, 3), bytesOf("new"));
+    EXPECT_EQ(item(file, 3), "new");
     EXPECT_EQ(KalAddIFile(file, filler.data(), 65532, 3), 65532u);
     EXPECT_EQ(KalGetItemSize(file, 3), 65535);
     EXPECT_EQ(KalCloseIFile(file), 0);
@@ -175,8 +162,7 @@ TEST_F(ItemFile, AdditionsGrowInPlaceOnly) {
 }
 
 TEST_F(ItemFile, PiecesStartOverWhenTheStreamWasUsedOtherwise) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", KAL_MODE_CREATE | KAL_MODE_UPDATE, KAL_ITEMS_WIDE), 0);
+    IFILE* file = openItems(kNew, KAL_ITEMS_WIDE);
     KalWriteIFile(file, "0123456789", 10, 1);
     KalWriteIFile(file, "abc", 3, 2);
     char piece[8] = "";

@@ -1,9 +1,7 @@
 // Item files byte for byte: what is written, what is accepted, how the index makes its room.
+#include "tests/items/items.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
-
-#include <kal/heap.h>
-#include <kal/item.h>
 
 #include <cerrno>
 #include <cstring>
@@ -22,8 +20,6 @@ protected:
         return status;
     }
 };
-
-constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
 
 struct Entry {
     uint16_t id;
@@ -56,8 +52,7 @@ TEST_F(ItemFormat, ANewFileIsHeaderRoomAndData) {
     EXPECT_EQ(tryOpen(kNew, 0xC000), 0);
     EXPECT_EQ(readFile("f"), itemFile(0xC000, {}, 104));
 
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, 0x8000), 0);
+    IFILE* file = openItems(kNew, 0x8000);
     EXPECT_EQ(KalWriteIFile(file, "hello", 5, 0x1234), 5u);
     EXPECT_EQ(KalWriteIFile(file, "x", 1, 7), 1u);
     EXPECT_EQ(KalCloseIFile(file), 0);
@@ -117,8 +112,7 @@ TEST_F(ItemFormat, HostileEntriesReadNothingThatIsNotThere) {
     const std::vector<Entry> entries = {{1, 0xFFFFFFFF, 0}, {2, 10, 0xFFFFFFFF}, {3, 0x7FFFFFFF, 0x7FFFFFFF},
                                         {4, 100, 90},       {5, 0x80000000, 4},  {6, 5, 0xFFFFFFF0}};
     writeFile("f", itemFile(0x8000, entries, 120));
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+    IFILE* file = openItems(0, 0);
     Bytes room(300);
     for (const auto& entry : entries) {
         int32_t size = 0;
@@ -130,8 +124,7 @@ TEST_F(ItemFormat, HostileEntriesReadNothingThatIsNotThere) {
 }
 
 TEST_F(ItemFormat, TheGrowingIndexMovesWhatStandsInItsWay) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, 0), 0);
+    IFILE* file = openItems(kNew, 0);
     EXPECT_EQ(file->capacity, 10);
     std::vector<Bytes> items;
     for (uint16_t id = 0; id < 11; id++) {
@@ -147,7 +140,7 @@ TEST_F(ItemFormat, TheGrowingIndexMovesWhatStandsInItsWay) {
     const Bytes bytes = readFile("f");
     EXPECT_EQ(bytes.size(), 84u + 33 + 9);
     EXPECT_EQ(bytes[2], 11);
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+    file = openItems(0, 0);
     EXPECT_EQ(file->capacity, 21);
     for (uint16_t id = 0; id < 11; id++) {
         Bytes back(3);
@@ -162,8 +155,7 @@ TEST_F(ItemFormat, EntriesThatShareAnOffsetMoveTogetherByTheLongest) {
     Bytes bytes = itemFile(0, entries, 200);
     std::memcpy(bytes.data() + 40, "123456789", 9);
     writeFile("f", bytes);
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", KAL_MODE_UPDATE, 0), 0);
+    IFILE* file = openItems(KAL_MODE_UPDATE, 0);
     for (uint16_t id = 10; id < 20; id++)
         KalWriteIFile(file, "", 0, id); // eleven and more entries without bytes: nothing to move for them
     EXPECT_EQ(KalFlushIFile(file), 0);
@@ -174,7 +166,7 @@ TEST_F(ItemFormat, EntriesThatShareAnOffsetMoveTogetherByTheLongest) {
     EXPECT_EQ(KalAddIFile(file, "z", 1, 12), 0u)
         << "the longest went where this empty one points: no growing";
     EXPECT_EQ(KalCloseIFile(file), 0);
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+    file = openItems(0, 0);
     char text[10] = "";
     EXPECT_EQ(KalReadIFile(file, text, 9, 3), 9u);
     EXPECT_STREQ(text, "123456789");
@@ -182,8 +174,7 @@ TEST_F(ItemFormat, EntriesThatShareAnOffsetMoveTogetherByTheLongest) {
 }
 
 TEST_F(ItemFormat, ElevenEmptyItemsEndTheFlush) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, 0x8000), 0);
+    IFILE* file = openItems(kNew, 0x8000);
     for (uint16_t id = 0; id < 11; id++)
         ASSERT_EQ(KalWriteIFile(file, nullptr, 0, id), 0u);
     EXPECT_EQ(file->count, 11) << "an item of no bytes is an item";

@@ -1,30 +1,9 @@
 // Item files in trouble: short memory, full disks, items too large to move.
+#include "tests/items/items.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 
-#include <kal/heap.h>
-#include <kal/item.h>
-
-#include <cstring>
-
-namespace {
-
-class ItemTrouble : public FolderTest {
-protected:
-    static std::string item(IFILE* file, uint16_t id) {
-        int32_t size = 0;
-        char* block = KalGetItem(file, id, &size);
-        if (block == nullptr)
-            return "none";
-        std::string text(block, size_t(size));
-        KalFreeSMem(block);
-        return text;
-    }
-};
-
-constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
-
-} // namespace
+class ItemTrouble : public FolderTest {};
 
 TEST_F(ItemTrouble, EachAllocationFailingGivesItsStatusAndLosesNothing) {
     auto build = [](int) {
@@ -47,7 +26,7 @@ TEST_F(ItemTrouble, EachAllocationFailingGivesItsStatusAndLosesNothing) {
             EXPECT_TRUE(heapFaultHappened());
         failHeapAllocation(0);
         EXPECT_EQ(KalCloseIFile(file), 0);
-        ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+        file = openItems(0, 0);
         for (uint16_t id = 0; id < 12; id++)
             EXPECT_EQ(item(file, id), stored[id] ? "0123" : "none");
         EXPECT_EQ(KalCloseIFile(file), 0);
@@ -64,8 +43,7 @@ TEST_F(ItemTrouble, EachAllocationFailingGivesItsStatusAndLosesNothing) {
 }
 
 TEST_F(ItemTrouble, AnItemTooLargeToMoveKeepsTheOldIndex) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, KAL_ITEMS_WIDE), 0);
+    IFILE* file = openItems(kNew, KAL_ITEMS_WIDE);
     const Bytes large(65536, 'L');
     KalWriteIFile(file, large.data(), 65536, 1);
     EXPECT_EQ(KalFlushIFile(file), 0);
@@ -76,14 +54,13 @@ TEST_F(ItemTrouble, AnItemTooLargeToMoveKeepsTheOldIndex) {
     KalCloseIFile(file);
     const Bytes after = readFile("f");
     EXPECT_EQ(Bytes(after.begin(), after.begin() + 104), Bytes(before.begin(), before.begin() + 104));
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+    file = openItems(0, 0);
     EXPECT_EQ(KalGetItemSize(file, 1), 65536);
     KalCloseIFile(file);
 }
 
 TEST_F(ItemTrouble, AWriteThatDoesNotGoInLeavesTheOldItem) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, 0), 0);
+    IFILE* file = openItems(kNew, 0);
     KalFlushBuf(file->stream);
     KalSetBuf(file->stream, 0);
     KalWriteIFile(file, "old", 3, 1);
@@ -99,15 +76,14 @@ TEST_F(ItemTrouble, AWriteThatDoesNotGoInLeavesTheOldItem) {
     EXPECT_EQ(item(file, 3), "none");
     EXPECT_EQ(KalWriteIFile(file, "0123456789", 10, 1), 10u);
     EXPECT_EQ(KalCloseIFile(file), 0);
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+    file = openItems(0, 0);
     EXPECT_EQ(item(file, 1), "0123456789");
     EXPECT_EQ(item(file, 2), "other");
     KalCloseIFile(file);
 }
 
 TEST_F(ItemTrouble, AMoveThatMeetsAFullDiskKeepsTheOldIndexAndEveryItem) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, 0), 0);
+    IFILE* file = openItems(kNew, 0);
     for (uint16_t id = 0; id < 10; id++)
         KalWriteIFile(file, std::string(20, char('a' + id)).c_str(), 20, id);
     EXPECT_EQ(KalFlushIFile(file), 0);
@@ -124,7 +100,7 @@ TEST_F(ItemTrouble, AMoveThatMeetsAFullDiskKeepsTheOldIndexAndEveryItem) {
     for (uint16_t id = 0; id < 10; id++)
         EXPECT_EQ(item(file, id), std::string(20, char('a' + id)));
     EXPECT_EQ(KalCloseIFile(file), 0) << "with room again the index goes in";
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+    file = openItems(0, 0);
     EXPECT_EQ(item(file, 0), std::string(20, 'a'));
     EXPECT_EQ(item(file, 10), "k");
     KalCloseIFile(file);
@@ -132,8 +108,7 @@ TEST_F(ItemTrouble, AMoveThatMeetsAFullDiskKeepsTheOldIndexAndEveryItem) {
 
 TEST_F(ItemTrouble, ClosingOnAFullDiskReleasesEverything) {
     HeapBalance balance;
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, 0), 0);
+    IFILE* file = openItems(kNew, 0);
     KalWriteIFile(file, "abc", 3, 1);
     FileSizeLimit limit(0);
     KalWriteIFile(file, "def", 3, 2);
@@ -142,12 +117,11 @@ TEST_F(ItemTrouble, ClosingOnAFullDiskReleasesEverything) {
 }
 
 TEST_F(ItemTrouble, AReadOnlyItemFileIsNeverWritten) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenIFile(&file, "f", kNew, 0), 0);
+    IFILE* file = openItems(kNew, 0);
     KalWriteIFile(file, "abc", 3, 1);
     KalCloseIFile(file);
     const Bytes before = readFile("f");
-    ASSERT_EQ(KalOpenIFile(&file, "f", 0, 0), 0);
+    file = openItems(0, 0);
     EXPECT_EQ(KalWriteIFile(file, "xyz", 3, 1), 0u);
     EXPECT_EQ(KalWriteIFile(file, "longer", 6, 1), 0u);
     EXPECT_EQ(KalAddIFile(file, "x", 1, 1), 0u);

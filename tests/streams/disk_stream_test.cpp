@@ -207,43 +207,6 @@ TEST_F(DiskStream, EndsOfReadsHaveTheirStatuses) {
     EXPECT_EQ(s->close(s), 0);
 }
 
-TEST_F(DiskStream, OneByteWrittenInTheMiddleChangesThatByteOnly) {
-    for (uint16_t mode : Words{1, 2}) {
-        Bytes bytes = randomBytes(5000, 2);
-        writeFile("f", bytes);
-        SFILE* s = open("f", mode);
-        EXPECT_EQ(s->seek(s, 2500, 0), 0);
-        EXPECT_EQ(s->putChar(s, 'x'), 0);
-        EXPECT_EQ(s->close(s), 0);
-        bytes[2500] = 'x';
-        EXPECT_EQ(readFile("f"), bytes) << "mode " << mode;
-    }
-}
-
-TEST_F(DiskStream, ABufferNeverWritesBytesThatNobodyPut) {
-    // A buffer set, or emptied by a straight read at the end, while the position is elsewhere.
-    Bytes bytes = randomBytes(300, 3);
-    writeFile("f", bytes);
-    SFILE* s = open("f", 1);
-    s->seek(s, 100, 0);
-    EXPECT_EQ(KalSetBuf(s, 512), 0);
-    EXPECT_EQ(s->write(s, "ab", 2), 2);
-    EXPECT_EQ(val(s->bufStart), 100u);
-    EXPECT_EQ(s->close(s), 0);
-    bytes[100] = 'a';
-    bytes[101] = 'b';
-    EXPECT_EQ(readFile("f"), bytes);
-
-    s = open("f", 1);
-    Bytes all(600);
-    EXPECT_EQ(s->read(s, all.data(), 600), 300); // straight, past the empty buffer
-    EXPECT_EQ(s->write(s, "end", 3), 3);
-    EXPECT_EQ(s->close(s), 0);
-    for (char c : {'e', 'n', 'd'})
-        bytes.push_back(uint8_t(c));
-    EXPECT_EQ(readFile("f"), bytes);
-}
-
 TEST_F(DiskStream, RoomInTheBufferCostsNoHostCall) {
     writeFile("f", randomBytes(2000, 4));
     HostCallCounter counter;
