@@ -78,7 +78,8 @@ TEST_F(SharedTags, AWriterAtWorkOrKilledAtAnyMomentTearsNothing) {
         ASSERT_EQ(watcher.SetPath("Killed", 1), 0);
         const auto end =
             std::chrono::steady_clock::now() + std::chrono::microseconds(2000 + round * 173 % 5000);
-        while (std::chrono::steady_clock::now() < end && !HasFatalFailure())
+        // However slow the machine, the first writer gets to write.
+        while ((std::chrono::steady_clock::now() < end || seen.size() < 2) && !HasFatalFailure())
             lookAt(watcher, true);
         kill(writer, SIGKILL);
         EXPECT_EQ(endOf(writer), -1);
@@ -87,7 +88,6 @@ TEST_F(SharedTags, AWriterAtWorkOrKilledAtAnyMomentTearsNothing) {
         ASSERT_EQ(set.SetTag("after", std::to_string(round).c_str()), 0);
         ASSERT_EQ(textOf(kRoot + "Killed\\after"), std::to_string(round));
     }
-    EXPECT_GE(seen.size(), 2u);
 }
 
 TEST_F(SharedTags, TemporaryNumbersDifferAndVolatileSetsOutliveTheirMaker) {
