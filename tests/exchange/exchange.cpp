@@ -6,6 +6,7 @@
 //     exchange answer          the other's turn
 #include <kal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,7 +40,7 @@ Bytes content(uint32_t count, uint32_t seed) {
 bool holds(SFILE* stream, const Bytes& expected) {
     Bytes bytes(expected.size() + 1);
     return stream->read(stream, bytes.data(), uint32_t(bytes.size())) == int32_t(expected.size()) &&
-           std::memcmp(bytes.data(), expected.data(), expected.size()) == 0;
+           std::equal(expected.begin(), expected.end(), bytes.begin());
 }
 
 // --- The stored forms: written, or checked ---------------------------------------------------------------
@@ -59,7 +60,7 @@ void itemFile(bool write, const char* name, uint16_t format, uint32_t largest) {
         Bytes stored(size + 1);
         expect(KalGetItemSize(file, id) == int32_t(size) &&
                    KalReadIFile(file, stored.data(), size, id) == size &&
-                   std::memcmp(stored.data(), item.data(), size) == 0,
+                   std::equal(item.begin(), item.end(), stored.begin()),
                name);
     }
     expect(KalCloseIFile(file) == 0, name);
@@ -98,7 +99,7 @@ void listFile(bool write, const char* name, uint16_t format) {
             }
             void* op = KalGetOp(list);
             expect(op != nullptr && KalOpType(op) == type && KalOpSize(op) == size &&
-                       std::memcmp(op, data.data(), size) == 0,
+                       std::equal(data.begin(), data.end(), static_cast<uint8_t*>(op)),
                    name);
             if (op != nullptr)
                 KalFreeSMem(KalOpBlock(op));
