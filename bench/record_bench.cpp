@@ -179,7 +179,8 @@ BENCHMARK(putRecordsInFile)->Unit(benchmark::kMillisecond);
 BENCHMARK(putRecordsStdio)->Unit(benchmark::kMillisecond);
 BENCHMARK(getRecordsFromFile)->Unit(benchmark::kMillisecond);
 BENCHMARK(readRecordsStdio)->Unit(benchmark::kMillisecond);
-BENCHMARK(putRecordsInVMem)->Unit(benchmark::kMillisecond);
+// Warm: the first time round the host has to make every page.
+BENCHMARK(putRecordsInVMem)->MinWarmUpTime(1.2)->Unit(benchmark::kMillisecond);
 BENCHMARK(getRecordsFromVMem)->Unit(benchmark::kMillisecond);
 BENCHMARK(putRows)->Unit(benchmark::kMillisecond);
 BENCHMARK(getRows)->Unit(benchmark::kMillisecond);

@@ -213,8 +213,7 @@ uint64_t lruListBytes(const LruList* list) {
            list->heapRoom * sizeof(LruCandidate);
 }
 
-// --- The calls
-// --------------------------------------------------------------------------------------------------
+// --- The calls ---------------------------------------------------------------------------------------------
 
 int16_t KalOpenLRUVList() {
     VMemManager* manager = currentManager();

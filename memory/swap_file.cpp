@@ -132,8 +132,7 @@ bool seekTo(const vfile* file, uint32_t offset) {
                _llseek(static_cast<HFILE>(file->handle), static_cast<int32_t>(offset), 0)) == offset;
 }
 
-// --- The file
-// ---------------------------------------------------------------------------------------------------
+// --- The file ----------------------------------------------------------------------------------------------
 
 // Tries one name; another one helps only where this is taken.
 bool makeTemporary(const char* name, void* context) {

@@ -62,8 +62,7 @@ uint64_t capacityOf(uint32_t spanClass) {
     return uint64_t(above % 8 + 9) * kUnit << (above / 8 + 3);
 }
 
-// --- Spans
-// --------------------------------------------------------------------------------------------------
+// --- Spans -------------------------------------------------------------------------------------------------
 
 // Spans of the exact classes are cut from chunks and stay part of them; larger ones are mappings of their
 // own.
@@ -118,8 +117,7 @@ void closeBlock(const Slot& slot) {
         closeSpan(slot);
 }
 
-// --- Free slots: lists linked by slot number
-// -----------------------------------------------------------------
+// --- Free slots: lists linked by slot number ---------------------------------------------------------------
 
 uint16_t keptSlots[kClasses];
 uint16_t coldSlots[kClasses];
@@ -224,8 +222,7 @@ uint16_t takeSlot(uint32_t spanClass) {
     return 0;
 }
 
-// --- Blocks
-// ---------------------------------------------------------------------------------------------------
+// --- Blocks ------------------------------------------------------------------------------------------------
 
 std::mutex tableMutex;
 
