@@ -1,7 +1,7 @@
 // What a file is, and whether it may be had.
 #include <kal/file.h>
 
-#include "files/temp_names.h"
+#include "paths/temp_names.h"
 #include "platform/file_calls.h"
 #include "platform/file_information.h"
 

@@ -2,7 +2,7 @@
 #include <kal/file.h>
 #include <kal/path.h>
 
-#include "files/path_text.h"
+#include "paths/path_text.h"
 #include "platform/c_text.h"
 #include "platform/file_calls.h"
 

@@ -4,9 +4,9 @@
 // handed out is kept in a list of lent ones, which each write looks through first.
 #include "memory/swap_file.h"
 
-#include "files/task_text.h"
-#include "files/temp_names.h"
 #include "memory/extents.h"
+#include "paths/task_text.h"
+#include "paths/temp_names.h"
 #include "platform/file_calls.h"
 #include "platform/windows_directory.h"
 

@@ -1,7 +1,7 @@
 // Services built on streams: temporary files, existence, appending and copying.
 #include <kal/stream.h>
 
-#include "files/temp_names.h"
+#include "paths/temp_names.h"
 #include "platform/file_calls.h"
 #include "platform/file_information.h"
 

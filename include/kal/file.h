@@ -1,4 +1,4 @@
-// File information, access tests, directories, the time of day, and the names of numbered files.
+// File information, access tests, and the names of numbered files.
 //
 // Paths are as kal/path.h describes them; a null path counts as the empty text.
 #ifndef KAL_FILE_H
@@ -64,24 +64,6 @@ KAL_API int16_t KalAccessFile(const char* path, uint16_t mode);
 // mode would empty a file that is there, the file is opened for update instead; a file that the mode
 // KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200 makes is deleted again.
 KAL_API int16_t KalExplicitAccessFile(const char* path, uint16_t mode);
-
-// --- Directories, the time -------------------------------------------------------------------------------
-
-// Make a directory, or make one the current directory of the process; a separator at the path's end is
-// optional. 0, -1 when that fails, KAL_ERR_EMPTY_PATH for an empty path, or KAL_ERR_MEMORY.
-KAL_API int16_t KalMakeDir(const char* path);
-KAL_API int16_t KalChangeDir(const char* path);
-
-// Copies the current directory, drive first, to `destination`. 0; KAL_ERR_DESTINATION for a null destination
-// or a size of 0, KAL_ERR_CURRENT_DIR when it does not fit or cannot be had (nothing is stored then),
-// KAL_ERR_DISK when the disk is not ready.
-KAL_API int16_t KalGetCurWorkDir(char* destination, uint32_t size);
-
-// Whether the current disk is ready: always 0, it is.
-KAL_API int16_t KalGetCurDiskStatus();
-
-// The time: seconds since 1970-01-01 00:00 UTC, and milliseconds, 0 to 999.
-KAL_API void KalGetTime(int32_t* seconds, uint16_t* milliseconds);
 
 // --- Numbered files ----------------------------------------------------------------------------------------
 

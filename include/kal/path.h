@@ -1,4 +1,4 @@
-// Path strings, the home directory and search text, the environment, the temporary directory, unique names.
+// Path strings, home directory and search text, environment, directories, unique names, the time of day.
 //
 // Paths are zero-ended single-byte text: `\` separates, `:` ends a drive. The host's own paths with `/` pass
 // through unharmed, but `/` separates nothing here. The file part of a name ends at its first dot, the
@@ -71,5 +71,23 @@ KAL_API int16_t KalTempPath(const char* directory);
 // directory, or in the current one when none is set. 0 with the name in `name`, or KAL_ERR_SERVICE when it
 // does not fit or all are taken. The name is not reserved.
 KAL_API int16_t KalGetUnique(char* name, uint32_t size);
+
+// --- Directories, the time -------------------------------------------------------------------------------
+
+// Make a directory, or make one the current directory of the process; a separator at the path's end is
+// optional. 0, -1 when that fails, KAL_ERR_EMPTY_PATH for an empty path, or KAL_ERR_MEMORY.
+KAL_API int16_t KalMakeDir(const char* path);
+KAL_API int16_t KalChangeDir(const char* path);
+
+// Copies the current directory, drive first, to `destination`. 0; KAL_ERR_DESTINATION for a null destination
+// or a size of 0, KAL_ERR_CURRENT_DIR when it does not fit or cannot be had (nothing is stored then),
+// KAL_ERR_DISK when the disk is not ready.
+KAL_API int16_t KalGetCurWorkDir(char* destination, uint32_t size);
+
+// Whether the current disk is ready: always 0, it is.
+KAL_API int16_t KalGetCurDiskStatus();
+
+// The time: seconds since 1970-01-01 00:00 UTC, and milliseconds, 0 to 999.
+KAL_API void KalGetTime(int32_t* seconds, uint16_t* milliseconds);
 
 #endif

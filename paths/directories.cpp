@@ -1,7 +1,7 @@
 // Directories and the time of day.
-#include <kal/file.h>
+#include <kal/path.h>
 
-#include "files/task_text.h"
+#include "paths/task_text.h"
 #include "platform/clock.h"
 #include "platform/directory_calls.h"
 

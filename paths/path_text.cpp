@@ -1,5 +1,5 @@
 // Paths as text: splitting, default extensions, candidates of a search.
-#include "files/path_text.h"
+#include "paths/path_text.h"
 
 #include <kal/path.h>
 

@@ -1,8 +1,8 @@
 // The temporary directory of the calling task, and names that no file has.
-#include "files/temp_names.h"
+#include "paths/temp_names.h"
 
-#include "files/path_text.h"
-#include "files/task_text.h"
+#include "paths/path_text.h"
+#include "paths/task_text.h"
 #include "platform/c_text.h"
 #include "platform/file_calls.h"
 

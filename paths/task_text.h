@@ -1,6 +1,6 @@
 // Texts that a task keeps in its data slots.
-#ifndef KAL_FILES_TASK_TEXT_H
-#define KAL_FILES_TASK_TEXT_H
+#ifndef KAL_PATHS_TASK_TEXT_H
+#define KAL_PATHS_TASK_TEXT_H
 
 #include <kal/heap.h>
 

@@ -1,6 +1,6 @@
 // Names for files that do not exist yet.
-#ifndef KAL_FILES_TEMP_NAMES_H
-#define KAL_FILES_TEMP_NAMES_H
+#ifndef KAL_PATHS_TEMP_NAMES_H
+#define KAL_PATHS_TEMP_NAMES_H
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
 // Path text, for the rest of this folder.
-#ifndef KAL_FILES_PATH_TEXT_H
-#define KAL_FILES_PATH_TEXT_H
+#ifndef KAL_PATHS_PATH_TEXT_H
+#define KAL_PATHS_PATH_TEXT_H
 
 #include <cstddef>
 

@@ -1,8 +1,8 @@
 // The home directory and the search text of the calling task.
 #include <kal/path.h>
 
-#include "files/path_text.h"
-#include "files/task_text.h"
+#include "paths/path_text.h"
+#include "paths/task_text.h"
 
 #include <algorithm>
 
