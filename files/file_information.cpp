@@ -8,7 +8,6 @@
 #include <kal/heap.h>
 #include <kal/stream.h>
 
-#include <cerrno>
 #include <cstring>
 
 namespace {
@@ -30,7 +29,7 @@ int16_t tryOpening(const char* path, uint16_t mode) {
 // Only a file that was made here is deleted, and none is emptied.
 int16_t tryReserved(const char* path, bool made) {
     if (!made)
-        return static_cast<int16_t>(KAL_ERR_OPEN - errno);
+        return openStatus();
     const int16_t status = tryOpening(path, KAL_MODE_UPDATE);
     _unlink(path);
     return status;

@@ -17,6 +17,7 @@
 #include <kal/oplist.h>
 #include <kal/path.h>
 #include <kal/resource.h>
+#include <kal/status.h>
 #include <kal/storage.h>
 #include <kal/stream.h>
 #include <kal/tagset.h>

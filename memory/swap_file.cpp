@@ -155,7 +155,7 @@ int16_t makeFile(SwapFile* file) {
     file->record.handle = static_cast<uint32_t>(handle);
     if (status != KAL_OK)
         return status;
-    return handle != HFILE_ERROR ? int16_t(KAL_OK) : static_cast<int16_t>(KAL_ERR_OPEN - errno);
+    return handle != HFILE_ERROR ? int16_t(KAL_OK) : openStatus();
 }
 
 int16_t furnish(SwapFile* file) {

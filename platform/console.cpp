@@ -40,7 +40,7 @@ void catchSignal(int signal) {
     if (pthread_equal(pthread_self(), waitingThread) != 0)
         caughtSignal = signal;
     else
-        pthread_kill(waitingThread, signal);
+        hostCalls.pthread_kill(waitingThread, signal);
 }
 
 // While in scope the terminal gives single keys without echo, and the signals only end the wait, which is the
@@ -54,28 +54,28 @@ public:
         sigemptyset(&blocked);
         for (int signal : kSignals)
             sigaddset(&blocked, signal);
-        pthread_sigmask(SIG_BLOCK, &blocked, &waitMask_);
+        hostCalls.pthread_sigmask(SIG_BLOCK, &blocked, &waitMask_);
         struct sigaction action = {};
         action.sa_handler = catchSignal;
         sigfillset(&action.sa_mask);
         for (int i = 0; i < kSignalCount; i++) {
-            sigaction(kSignals[i], nullptr, &actions_[i]);
+            hostCalls.sigaction(kSignals[i], nullptr, &actions_[i]);
             if (actions_[i].sa_handler != SIG_IGN)
-                sigaction(kSignals[i], &action, nullptr);
+                hostCalls.sigaction(kSignals[i], &action, nullptr);
         }
-        tcgetattr(kInput, &terminal_);
+        hostCalls.tcgetattr(kInput, &terminal_);
         termios keys = terminal_;
         keys.c_lflag &= ~tcflag_t(ICANON | ECHO);
         keys.c_iflag &= ~tcflag_t(ICRNL | INLCR | IGNCR);
         keys.c_cc[VMIN] = 1;
         keys.c_cc[VTIME] = 0;
-        tcsetattr(kInput, TCSANOW, &keys); // without a flush: what was typed ahead stays
+        hostCalls.tcsetattr(kInput, TCSANOW, &keys); // without a flush: what was typed ahead stays
     }
     ~KeyMode() {
-        tcsetattr(kInput, TCSANOW, &terminal_);
+        hostCalls.tcsetattr(kInput, TCSANOW, &terminal_);
         for (int i = 0; i < kSignalCount; i++)
-            sigaction(kSignals[i], &actions_[i], nullptr);
-        pthread_sigmask(SIG_SETMASK, &waitMask_, nullptr);
+            hostCalls.sigaction(kSignals[i], &actions_[i], nullptr);
+        hostCalls.pthread_sigmask(SIG_SETMASK, &waitMask_, nullptr);
     }
     KeyMode(const KeyMode&) = delete;
     KeyMode& operator=(const KeyMode&) = delete;
@@ -84,7 +84,7 @@ public:
     bool waitForByte(int limit) const {
         pollfd input = {kInput, POLLIN, 0};
         const timespec gap = {0, long(kKeyGap) * 1'000'000};
-        return ppoll(&input, 1, limit < 0 ? nullptr : &gap, &waitMask_) > 0;
+        return hostCalls.ppoll(&input, 1, limit < 0 ? nullptr : &gap, &waitMask_) > 0;
     }
 
 private:
@@ -148,7 +148,7 @@ int byteFromInput() {
     uint8_t byte = 0;
     for (;;) {
         pollfd input = {kInput, POLLIN, 0};
-        poll(&input, 1, -1);
+        hostCalls.poll(&input, 1, -1);
         switch (readByte(&byte)) {
         case Reading::byte:
             return byte;
@@ -163,13 +163,13 @@ int byteFromInput() {
 } // namespace
 
 int _getch() {
-    if (isatty(kInput) == 0)
+    if (hostCalls.isatty(kInput) == 0)
         return byteFromInput();
     for (;;) {
         int signal = 0;
         const int key = keyFromTerminal(&signal);
         if (signal != 0) // it ends or stops the process now, or runs the handler that it has
-            raise(signal);
+            hostCalls.raise(signal);
         if (key != kInterrupted)
             return key;
     }

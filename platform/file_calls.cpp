@@ -1,6 +1,7 @@
 #include "platform/file_calls.h"
 
 #include "platform/host_calls.h"
+#include "platform/host_io.h"
 #include "platform/host_path.h"
 
 #include <cerrno>
@@ -11,10 +12,7 @@
 namespace {
 
 int openHost(const char* hostPath, int flags, mode_t mode) {
-    int fd;
-    do {
-        fd = hostCalls.open(hostPath, flags | O_CLOEXEC, mode);
-    } while (fd < 0 && errno == EINTR);
+    const int fd = untilDone([=] { return hostCalls.open(hostPath, flags | O_CLOEXEC, mode); });
     if (fd < 0) {
         if (errno == EISDIR) // the platform has one answer for directories, whatever the access
             errno = EACCES;
@@ -56,37 +54,15 @@ bool isNoRoom(int error) {
     return error == ENOSPC || error == EDQUOT || error == EFBIG;
 }
 
-// Moves `count` bytes in as many host calls as it takes. `moveSome` does one, given how much is done.
-template <class MoveSome>
-int64_t moveAll(HFILE file, int64_t count, MoveSome moveSome) {
-    int64_t done = 0;
-    while (done < count) {
-        const ssize_t moved = moveSome(done, static_cast<size_t>(count - done));
-        if (moved > 0) {
-            done += moved;
-        } else if (moved == 0 || isNoRoom(errno)) {
-            break; // the end of the file, or of the disk
-        } else if (errno != EINTR) {
-            const int error = errno;
-            if (done > 0)
-                hostCalls.lseek(file, -done, SEEK_CUR);
-            errno = error;
-            return -1;
-        }
-    }
-    return done;
-}
-
-int64_t readAll(HFILE file, void* destination, int64_t count) {
-    return moveAll(file, count, [=](int64_t done, size_t left) {
-        return hostCalls.read(file, static_cast<char*>(destination) + done, left);
-    });
-}
-
-int64_t writeAll(HFILE file, const void* source, int64_t count) {
-    return moveAll(file, count, [=](int64_t done, size_t left) {
-        return hostCalls.write(file, static_cast<const char*>(source) + done, left);
-    });
+// The bytes moved; -1, with the pointer where it stood, where an error other than a full disk ended it.
+int64_t movedOrBack(HFILE file, Moved moved) {
+    if (!moved.failed || isNoRoom(errno))
+        return static_cast<int64_t>(moved.count);
+    const int error = errno;
+    if (moved.count > 0)
+        hostCalls.lseek(file, -static_cast<off_t>(moved.count), SEEK_CUR);
+    errno = error;
+    return -1;
 }
 
 } // namespace
@@ -101,19 +77,23 @@ HFILE _lcreat(const char* path, int attributes) {
 }
 
 uint32_t _lread(HFILE file, void* destination, uint32_t count) {
-    return static_cast<uint32_t>(readAll(file, destination, count));
+    return static_cast<uint32_t>(movedOrBack(file, readAll(file, destination, count)));
 }
 
 uint32_t _lwrite(HFILE file, const void* source, uint32_t count) {
-    return static_cast<uint32_t>(writeAll(file, source, count));
+    return static_cast<uint32_t>(movedOrBack(file, writeAll(file, source, count)));
 }
 
 int32_t _hread(HFILE file, void* destination, int32_t count) {
-    return count < 0 ? HFILE_ERROR : static_cast<int32_t>(readAll(file, destination, count));
+    if (count < 0)
+        return HFILE_ERROR;
+    return static_cast<int32_t>(movedOrBack(file, readAll(file, destination, static_cast<size_t>(count))));
 }
 
 int32_t _hwrite(HFILE file, const void* source, int32_t count) {
-    return count < 0 ? HFILE_ERROR : static_cast<int32_t>(writeAll(file, source, count));
+    if (count < 0)
+        return HFILE_ERROR;
+    return static_cast<int32_t>(movedOrBack(file, writeAll(file, source, static_cast<size_t>(count))));
 }
 
 int32_t _llseek(HFILE file, int32_t offset, int origin) {

@@ -3,6 +3,9 @@
 #ifndef KAL_PLATFORM_FILE_CALLS_H
 #define KAL_PLATFORM_FILE_CALLS_H
 
+#include <kal/base.h>
+
+#include <cerrno>
 #include <cstdint>
 
 // A file handle is a file descriptor.
@@ -34,6 +37,11 @@ int32_t _hwrite(HFILE file, const void* source, int32_t count);
 int32_t _llseek(HFILE file, int32_t offset, int origin);
 
 HFILE _lclose(HFILE file);
+
+// The status of a file that could not be opened or created, as errno tells.
+inline int16_t openStatus() {
+    return static_cast<int16_t>(KAL_ERR_OPEN - errno);
+}
 
 // Flags of _open.
 inline constexpr int _O_RDWR = 0x0002;

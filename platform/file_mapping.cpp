@@ -8,7 +8,6 @@
 #include <cstring>
 #include <mutex>
 #include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 
@@ -65,7 +64,7 @@ View** findView(const void* address) {
 
 void release(Mapping** link) {
     // The lock belongs to the process that opened: a child that changed it would take it from its parent.
-    if ((*link)->process == getpid())
+    if ((*link)->process == hostCalls.getpid())
         releaseSharedObject((*link)->fd, (*link)->objectName);
     else
         hostCalls.close((*link)->fd);
@@ -87,7 +86,7 @@ HANDLE handleOf(const char* name, Open open) {
         return 0;
     const std::lock_guard lock(guard);
     Mapping* held = *find(mappings, [&objectName](const Mapping& mapping) {
-        return mapping.process == getpid() && std::strcmp(mapping.objectName, objectName) == 0;
+        return mapping.process == hostCalls.getpid() && std::strcmp(mapping.objectName, objectName) == 0;
     });
     if (held != nullptr) {
         held->handleCount++;
@@ -105,7 +104,7 @@ HANDLE handleOf(const char* name, Open open) {
     static_cast<void>(atExit);
     fresh->number = ++lastNumber;
     fresh->handleCount = 1;
-    fresh->process = getpid();
+    fresh->process = hostCalls.getpid();
     std::memcpy(fresh->objectName, objectName, sizeof objectName);
     fresh->next = mappings;
     mappings = fresh;

@@ -10,6 +10,8 @@
 
 #include "platform/block_map.h"
 #include "platform/heap_faults.h"
+#include "platform/host_calls.h"
+#include "platform/pages.h"
 
 #include <atomic>
 #include <cerrno>
@@ -17,9 +19,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <malloc.h>
-#include <sys/mman.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 namespace {
 
@@ -136,16 +135,15 @@ uint16_t KalIsValidFarPointer(const void* address) {
     uint8_t probe;
     const iovec local = {&probe, 1};
     const iovec remote = {const_cast<void*>(address), 1};
-    const ssize_t got = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
+    const ssize_t got = hostCalls.process_vm_readv(hostCalls.getpid(), &local, 1, &remote, 1, 0);
     if (got == 1)
         return 1;
     if (errno != EPERM && errno != ENOSYS)
         return 0;
     // The host forbids the call: ask whether the page is mapped at all.
-    const auto pageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    const uintptr_t page = reinterpret_cast<uintptr_t>(address) & ~(pageSize - 1);
+    const uintptr_t page = reinterpret_cast<uintptr_t>(address) & ~uintptr_t{pageSize() - 1};
     unsigned char residency;
-    return mincore(reinterpret_cast<void*>(page), 1, &residency) == 0 ? 1 : 0;
+    return hostCalls.mincore(reinterpret_cast<void*>(page), 1, &residency) == 0 ? 1 : 0;
 }
 
 void* ZEPObject::operator new(size_t size) noexcept {

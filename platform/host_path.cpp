@@ -79,17 +79,17 @@ bool translate(const char* path, Builder& result) {
 // Finds an entry of `directory` that equals `name` without regard to case; the first in byte order, so that
 // the answer does not depend on the host's own order. Appends it to `result`.
 bool addMatch(Builder& result, const char* directory, const char* name, size_t length) {
-    DIR* stream = opendir(directory);
+    DIR* stream = hostCalls.opendir(directory);
     if (stream == nullptr)
         return false;
     char best[NAME_MAX + 1] = "";
-    while (const dirent* entry = readdir(stream)) {
+    while (const dirent* entry = hostCalls.readdir(stream)) {
         if (strncasecmp(entry->d_name, name, length) != 0 || entry->d_name[length] != 0)
             continue;
         if (best[0] == 0 || std::strcmp(entry->d_name, best) < 0)
             std::memcpy(best, entry->d_name, std::strlen(entry->d_name) + 1);
     }
-    closedir(stream);
+    hostCalls.closedir(stream);
     return best[0] != 0 && result.add(best);
 }
 

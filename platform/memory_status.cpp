@@ -1,12 +1,12 @@
 #include "platform/global_memory.h"
 
 #include "platform/host_calls.h"
+#include "platform/host_io.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/sysinfo.h>
 
 namespace {
 
@@ -20,7 +20,7 @@ uint64_t availableFromProc() {
     if (fd < 0)
         return 0;
     char text[1024] = {};
-    const ssize_t got = hostCalls.read(fd, text, sizeof text - 1);
+    const size_t got = readAll(fd, text, sizeof text - 1).count;
     hostCalls.close(fd);
     constexpr char kField[] = "MemAvailable:";
     const char* field = got > 0 ? std::strstr(text, kField) : nullptr;
@@ -29,7 +29,7 @@ uint64_t availableFromProc() {
 
 uint64_t freePages() {
     struct sysinfo info;
-    return sysinfo(&info) == 0 ? uint64_t(info.freeram) * info.mem_unit : 0;
+    return hostCalls.sysinfo(&info) == 0 ? uint64_t(info.freeram) * info.mem_unit : 0;
 }
 
 } // namespace

@@ -8,7 +8,7 @@
 namespace {
 
 uint32_t askPageSize() {
-    const long asked = sysconf(_SC_PAGESIZE);
+    const long asked = hostCalls.sysconf(_SC_PAGESIZE);
     return asked > 4096 ? static_cast<uint32_t>(asked) : 4096;
 }
 

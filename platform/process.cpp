@@ -1,7 +1,7 @@
 #include "platform/process.h"
 
-#include <unistd.h>
+#include "platform/host_calls.h"
 
 int _getpid() {
-    return ::getpid();
+    return hostCalls.getpid();
 }

@@ -1,14 +1,12 @@
 #include "platform/shared_object.h"
 
 #include "platform/host_calls.h"
+#include "platform/host_io.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 namespace {
 
@@ -16,39 +14,25 @@ namespace {
 // row happen only when something is wrong.
 constexpr int kTries = 1000;
 
-bool lock(int fd, int operation) {
-    int result;
-    do {
-        result = hostCalls.flock(fd, operation);
-    } while (result != 0 && errno == EINTR);
-    return result == 0;
-}
-
 // Whether the name still leads to the object, which is this user's own; it does not once it was unlinked.
 bool isCurrent(int fd) {
     struct stat state;
-    return hostCalls.fstat(fd, &state) == 0 && state.st_nlink > 0 && state.st_uid == geteuid();
+    return hostCalls.fstat(fd, &state) == 0 && state.st_nlink > 0 && state.st_uid == hostCalls.geteuid();
 }
 
 // Sets the memory aside now: a page that turns out not to be there later would kill the process that
 // touches it.
 bool setSize(int fd, uint32_t size) {
-    if (hostCalls.ftruncate(fd, 0) != 0)
-        return false;
-    int result;
-    do {
-        result = hostCalls.fallocate(fd, 0, 0, static_cast<off_t>(size));
-    } while (result != 0 && errno == EINTR);
-    return result == 0;
+    return hostCalls.ftruncate(fd, 0) == 0 && setAside(fd, 0, static_cast<off_t>(size));
 }
 
 enum class Holding { held, stale, changed };
 
 // Takes the shared lock if others hold the object too; with nobody else there, the exclusive lock stays.
 Holding tryToHold(int fd) {
-    const bool alone = lock(fd, LOCK_EX | LOCK_NB);
+    const bool alone = setLock(fd, LOCK_EX | LOCK_NB);
     // Somebody holds the object, or is just making or removing it and will be done at once.
-    if (!alone && !lock(fd, LOCK_SH))
+    if (!alone && !setLock(fd, LOCK_SH))
         return Holding::changed;
     if (!isCurrent(fd))
         return Holding::changed;
@@ -63,7 +47,7 @@ Holding tryToHold(int fd) {
 bool sharedObjectName(const char* name, char (&result)[kSharedNameSize]) {
     if (name == nullptr || *name == 0)
         return false;
-    int length = std::snprintf(result, sizeof result, "/kal.%u.", static_cast<unsigned>(geteuid()));
+    int length = std::snprintf(result, sizeof result, "/kal.%u.", static_cast<unsigned>(hostCalls.geteuid()));
     for (const char* c = name; *c != 0; c++) {
         const bool plain = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9') ||
                            std::strchr(" .-_", *c) != nullptr;
@@ -79,18 +63,18 @@ bool sharedObjectName(const char* name, char (&result)[kSharedNameSize]) {
 
 int holdSharedObject(const char* objectName) {
     for (int tries = 0; tries < kTries; tries++) {
-        const int fd = hostCalls.shmOpen(objectName, O_RDWR, 0);
+        const int fd = hostCalls.shm_open(objectName, O_RDWR, 0);
         if (fd < 0)
             return -1;
         const Holding holding = tryToHold(fd);
         if (holding == Holding::held)
             return fd;
         if (holding == Holding::stale)
-            hostCalls.shmUnlink(objectName);
+            hostCalls.shm_unlink(objectName);
         hostCalls.close(fd);
         if (holding == Holding::stale)
             return -1;
-        sched_yield();
+        hostCalls.sched_yield();
     }
     return -1;
 }
@@ -99,7 +83,7 @@ int makeSharedObject(const char* objectName, uint32_t size) {
     if (size == 0)
         return -1;
     for (int tries = 0; tries < kTries; tries++) {
-        const int fd = hostCalls.shmOpen(objectName, O_RDWR | O_CREAT, 0600);
+        const int fd = hostCalls.shm_open(objectName, O_RDWR | O_CREAT, 0600);
         if (fd < 0)
             return -1;
         const Holding holding = tryToHold(fd);
@@ -107,23 +91,23 @@ int makeSharedObject(const char* objectName, uint32_t size) {
             return fd;
         if (holding == Holding::stale) {
             if (!setSize(fd, size)) {
-                hostCalls.shmUnlink(objectName);
+                hostCalls.shm_unlink(objectName);
                 hostCalls.close(fd);
                 return -1;
             }
             // Changing the lock lets go of it for a moment, in which another may take the object for stale.
-            if (lock(fd, LOCK_SH) && isCurrent(fd))
+            if (setLock(fd, LOCK_SH) && isCurrent(fd))
                 return fd;
         }
         hostCalls.close(fd);
-        sched_yield();
+        hostCalls.sched_yield();
     }
     return -1;
 }
 
 void releaseSharedObject(int fd, const char* objectName) {
-    if (lock(fd, LOCK_EX | LOCK_NB) && isCurrent(fd))
-        hostCalls.shmUnlink(objectName);
+    if (setLock(fd, LOCK_EX | LOCK_NB) && isCurrent(fd))
+        hostCalls.shm_unlink(objectName);
     hostCalls.close(fd);
 }
 

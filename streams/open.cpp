@@ -7,8 +7,6 @@
 
 #include <kal/heap.h>
 
-#include <cerrno>
-
 namespace {
 
 // In the order in which their bits are looked at; a mode with none of them is a disk stream.
@@ -22,10 +20,6 @@ constexpr struct {
 };
 
 constexpr uint16_t kWriteAccess = KAL_MODE_WRITE | KAL_MODE_UPDATE;
-
-int16_t openFailed() {
-    return static_cast<int16_t>(KAL_ERR_OPEN - errno);
-}
 
 // Opens `name` in the directories of the search text, one after another.
 HFILE openAlongSearchText(const char* name, int access) {
@@ -55,7 +49,7 @@ int16_t openDiskStream(SFILE* record, const char* name) {
         name = "";
     const HFILE file = openOrCreate(name, record->mode);
     if (file == HFILE_ERROR) {
-        const int16_t status = openFailed();
+        const int16_t status = openStatus();
         KalFreeSMem(record);
         return status;
     }

@@ -33,23 +33,6 @@ HostFile::Result resultOfErrno() {
     }
 }
 
-// Repeats `transfer(done)`, which moves bytes from `done` on, until all are moved, no more come or it fails.
-template <class Transfer>
-Moved moveAll(size_t count, Transfer transfer) {
-    Moved moved;
-    while (moved.count < count) {
-        const ssize_t step = transfer(moved.count);
-        if (step < 0 && errno == EINTR)
-            continue;
-        if (step <= 0) {
-            moved.failed = step < 0;
-            break;
-        }
-        moved.count += static_cast<size_t>(step);
-    }
-    return moved;
-}
-
 } // namespace
 
 HostFile::~HostFile() {
@@ -61,13 +44,10 @@ HostFile::Result HostFile::take(int fd, bool writable) {
     if (fd < 0)
         return resultOfErrno();
     struct stat state;
-    int locked;
-    do {
-        locked = hostCalls.flock(fd, (writable ? LOCK_EX : LOCK_SH) | LOCK_NB);
-    } while (locked != 0 && errno == EINTR);
-    if (locked != 0 || hostCalls.fstat(fd, &state) != 0 || !S_ISREG(state.st_mode)) {
+    const bool locked = setLock(fd, (writable ? LOCK_EX : LOCK_SH) | LOCK_NB);
+    if (!locked || hostCalls.fstat(fd, &state) != 0 || !S_ISREG(state.st_mode)) {
         hostCalls.close(fd);
-        return locked != 0 ? Result::shared : Result::denied;
+        return locked ? Result::denied : Result::shared;
     }
     fd_ = fd;
     writable_ = writable;
@@ -96,17 +76,11 @@ void HostFile::abandon(const char* hostPath) {
 }
 
 Moved HostFile::read(uint64_t position, void* destination, size_t count) const {
-    auto* to = static_cast<uint8_t*>(destination);
-    return moveAll(count, [&](size_t done) {
-        return hostCalls.pread(fd_, to + done, count - done, static_cast<off_t>(position + done));
-    });
+    return readAllAt(fd_, destination, count, static_cast<off_t>(position));
 }
 
 Moved HostFile::write(uint64_t position, const void* source, size_t count) {
-    const auto* from = static_cast<const uint8_t*>(source);
-    const Moved moved = moveAll(count, [&](size_t done) {
-        return hostCalls.pwrite(fd_, from + done, count - done, static_cast<off_t>(position + done));
-    });
+    const Moved moved = writeAllAt(fd_, source, count, static_cast<off_t>(position));
     length_ = std::max(length_, position + moved.count);
     return moved;
 }
@@ -120,11 +94,7 @@ bool HostFile::reserve(uint64_t length) {
 
 bool HostFile::extend(uint64_t length) {
     const uint64_t before = length_;
-    int result;
-    do {
-        result = hostCalls.fallocate(fd_, 0, static_cast<off_t>(before), static_cast<off_t>(length - before));
-    } while (result != 0 && errno == EINTR);
-    if (result == 0) {
+    if (setAside(fd_, static_cast<off_t>(before), static_cast<off_t>(length - before))) {
         length_ = length;
         return true;
     }

@@ -2,16 +2,12 @@
 #ifndef KAL_PLATFORM_COMPOUND_HOST_FILE_H
 #define KAL_PLATFORM_COMPOUND_HOST_FILE_H
 
+#include "platform/host_io.h"
+
 #include <cstddef>
 #include <cstdint>
 
 namespace compound {
-
-// What a transfer came to: bytes moved, and whether it ended in an error rather than at the file's end.
-struct Moved {
-    size_t count = 0;
-    bool failed = false;
-};
 
 class HostFile {
 public:

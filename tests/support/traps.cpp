@@ -1,85 +1,153 @@
 #include "tests/support/traps.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
+#include <string_view>
 #include <sys/mman.h>
+#include <tuple>
 #include <type_traits>
 #include <unistd.h>
 
 namespace {
 
-HostCalls real;
-int64_t callCount, listingCount, trappedCall;
-int trapError;
+using Effect = HostCallTrap::Effect;
 
-bool isSprung() {
-    if (++callCount != trappedCall)
-        return false;
-    if (trapError == HostCallTrap::kKill)
-        ::kill(::getpid(), SIGKILL);
-    errno = trapError;
-    return true;
+struct Trap {
+    HostCalls real;
+    Effect effect;
+    int64_t nth;
+    int error;
+    std::vector<std::string> names, transfers, changes;
+};
+Trap trap;
+
+constexpr bool isOneOf(std::string_view name, std::initializer_list<std::string_view> names) {
+    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-template <auto Member>
-constexpr bool isClosing = false;
-template <>
-constexpr bool isClosing<&HostCalls::close> = true;
-template <>
-constexpr bool isClosing<&HostCalls::closedir> = true;
-template <>
-constexpr bool isClosing<&HostCalls::munmap> = true;
+constexpr bool isTransfer(std::string_view name) {
+    return isOneOf(name, {"read", "write", "pread", "pwrite"});
+}
+// These close or let go of something, also where the host reports a failure.
+constexpr bool isClosing(std::string_view name) {
+    return isOneOf(name, {"close", "closedir", "munmap"});
+}
+// Nothing makes these fail, or what they do is no matter of the process's files and memory.
+constexpr bool isSafe(std::string_view name) {
+    return isOneOf(name, {"sysconf", "getpid", "geteuid", "sched_yield", "isatty", "tcgetattr", "tcsetattr",
+                          "poll", "ppoll", "sigaction", "pthread_sigmask", "pthread_kill", "raise"});
+}
+constexpr bool takesRoom(std::string_view name, int openFlags) {
+    return isOneOf(name, {"write", "pwrite", "fallocate", "mkdir", "mkdirat"}) || (openFlags & O_CREAT) != 0;
+}
+constexpr bool isChange(std::string_view name, int openFlags) {
+    return takesRoom(name, openFlags) || (openFlags & O_TRUNC) != 0 ||
+           isOneOf(name, {"ftruncate", "unlink", "unlinkat", "renameat", "shm_unlink"});
+}
 
-template <auto Member, class = decltype(Member)>
-struct Trap;
+// The flags of a call that opens, which stand where the table says; 0 for other calls.
+template <class... Arguments>
+int flagsOf(std::string_view name, const std::tuple<Arguments...>& arguments) {
+    if constexpr (sizeof...(Arguments) == 3)
+        if constexpr (std::is_same_v<std::tuple_element_t<1, std::tuple<Arguments...>>, int>)
+            return isOneOf(name, {"open", "shm_open"}) ? std::get<1>(arguments) : 0;
+    if constexpr (sizeof...(Arguments) == 4)
+        if constexpr (std::is_same_v<std::tuple_element_t<2, std::tuple<Arguments...>>, int>)
+            return name == "openat" ? std::get<2>(arguments) : 0;
+    return 0;
+}
+
+enum class Answer { real, failure, half };
+
+Answer answerTo(const char* name, int openFlags) {
+    const bool change = isChange(name, openFlags);
+    trap.names.emplace_back(name);
+    if (isTransfer(name))
+        trap.transfers.emplace_back(name);
+    if (change)
+        trap.changes.emplace_back(name);
+    const auto number = [](const auto& of) { return static_cast<int64_t>(of.size()); };
+    switch (trap.effect) {
+    case Effect::kCount:
+        return Answer::real;
+    case Effect::kFail:
+    case Effect::kFailOn: {
+        const int64_t call = number(trap.names);
+        if (call != trap.nth && (call < trap.nth || trap.effect == Effect::kFail))
+            return Answer::real;
+        if (trap.error == HostCallTrap::kKill)
+            ::kill(::getpid(), SIGKILL);
+        errno = trap.error;
+        return isSafe(name) ? Answer::real : Answer::failure;
+    }
+    case Effect::kShorten:
+        errno = EINTR;
+        return isTransfer(name) && number(trap.transfers) == trap.nth ? Answer::half : Answer::real;
+    case Effect::kNoRoom:
+        errno = ENOSPC;
+        if (!takesRoom(name, openFlags) || number(trap.changes) < trap.nth)
+            return Answer::real;
+        return isTransfer(name) && number(trap.changes) == trap.nth ? Answer::half : Answer::failure;
+    case Effect::kKillBefore:
+        if (change && number(trap.changes) == trap.nth)
+            ::kill(::getpid(), SIGKILL);
+        return Answer::real;
+    }
+    return Answer::real;
+}
 
 template <auto Member, class Result, class... Arguments>
-struct Trap<Member, Result (*HostCalls::*)(Arguments...)> {
-    static Result call(Arguments... arguments) {
-        if (isSprung()) {
-            if constexpr (isClosing<Member>) {
-                (real.*Member)(arguments...); // the host closes even where it reports a failure
-                errno = trapError;
+Result trapped(const char* name, Arguments... arguments) {
+    std::tuple<Arguments...> given(arguments...);
+    Answer answer = answerTo(name, flagsOf(name, given));
+    const int error = errno;
+    if constexpr (sizeof...(Arguments) >= 3)
+        if constexpr (std::is_same_v<std::tuple_element_t<2, std::tuple<Arguments...>>, size_t>)
+            if (answer == Answer::half) {
+                std::get<2>(given) /= 2;
+                answer = std::get<2>(given) == 0 ? Answer::failure : Answer::real;
             }
-            if constexpr (std::is_same_v<Result, void*>)
-                return MAP_FAILED;
-            else if constexpr (std::is_pointer_v<Result>)
-                return nullptr;
-            else
-                return Result(-1);
-        }
-        return (real.*Member)(arguments...);
-    }
-};
-
-template <auto... Members>
-void setTraps() {
-    ((hostCalls.*Members = Trap<Members>::call), ...);
-}
-
-dirent* countedReaddir(DIR* listing) {
-    listingCount++;
-    return Trap<&HostCalls::readdir>::call(listing);
+    if (answer == Answer::real)
+        return std::apply(trap.real.*Member, given);
+    if (isClosing(name))
+        std::apply(trap.real.*Member, given);
+    errno = error;
+    if constexpr (std::is_same_v<Result, void*>)
+        return MAP_FAILED;
+    else if constexpr (std::is_pointer_v<Result>)
+        return nullptr;
+    else
+        return static_cast<Result>(-1);
 }
 
 } // namespace
 
-HostCallTrap::HostCallTrap(int64_t nth, int error) {
-    real = hostCalls;
-    callCount = listingCount = 0;
-    trappedCall = nth;
-    trapError = error;
-    setTraps<&HostCalls::open, &HostCalls::close, &HostCalls::read, &HostCalls::write, &HostCalls::lseek,
-             &HostCalls::fstat, &HostCalls::flock, &HostCalls::mmap, &HostCalls::munmap, &HostCalls::openat,
-             &HostCalls::mkdirat, &HostCalls::renameat, &HostCalls::unlinkat, &HostCalls::fstatat,
-             &HostCalls::faccessat, &HostCalls::fdopendir, &HostCalls::closedir>();
-    hostCalls.readdir = countedReaddir;
+HostCallTrap::HostCallTrap(Effect effect, int64_t nth, int error) {
+    trap = {hostCalls, effect, nth, error, {}, {}, {}};
+#define KAL_TRAP(name, result, parameters)                                                                   \
+    hostCalls.name = [](auto... arguments) -> result {                                                       \
+        return trapped<&HostCalls::name, result>(#name, arguments...);                                       \
+    };
+    KAL_HOST_CALLS(KAL_TRAP)
+#undef KAL_TRAP
 }
 
-int64_t HostCallTrap::calls() {
-    return callCount;
+HostCallTrap::HostCallTrap(int64_t nth, int error) : HostCallTrap(kFail, nth, error) {}
+
+const std::vector<std::string>& HostCallTrap::names() {
+    return trap.names;
+}
+
+const std::vector<std::string>& HostCallTrap::transfers() {
+    return trap.transfers;
+}
+
+const std::vector<std::string>& HostCallTrap::changes() {
+    return trap.changes;
 }
 
 int64_t HostCallTrap::listings() {
-    return listingCount;
+    return std::count(trap.names.begin(), trap.names.end(), "readdir");
 }
