@@ -1,7 +1,7 @@
 // Compound files beside libgsf, with files in memory (/dev/shm).
+#include "bench/row.h"
 #include "platform/storage.h"
 
-#include <benchmark/benchmark.h>
 #include <gsf/gsf-infile-msole.h>
 #include <gsf/gsf-infile.h>
 #include <gsf/gsf-input-stdio.h>
@@ -52,15 +52,11 @@ std::wstring widePath() {
     return std::wstring(path().begin(), path().end());
 }
 
-void failed() {
-    std::abort();
-}
-
 void kalWrite(Shape shape) {
     IStorage* storage;
     if (StgCreateDocfile(widePath().c_str(), STGM_READWRITE | STGM_SHARE_EXCLUSIVE | STGM_CREATE, 0,
                          &storage) != S_OK)
-        failed();
+        std::abort();
     for (uint32_t i = 0; i < shape.streams; i++) {
         IStream* stream;
         const std::wstring name = L"stream " + std::to_wstring(i);
@@ -68,7 +64,7 @@ void kalWrite(Shape shape) {
         if (storage->CreateStream(name.c_str(), STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0, 0, &stream) !=
                 S_OK ||
             stream->Write(content().data(), shape.bytes, &written) != S_OK || written != shape.bytes)
-            failed();
+            std::abort();
         stream->Release();
     }
     storage->Release();
@@ -78,7 +74,7 @@ void kalRead(Shape shape) {
     IStorage* storage;
     if (StgOpenStorage(widePath().c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0,
                        &storage) != S_OK)
-        failed();
+        std::abort();
     for (uint32_t i = 0; i < shape.streams; i++) {
         IStream* stream;
         const std::wstring name = L"stream " + std::to_wstring(i);
@@ -86,7 +82,7 @@ void kalRead(Shape shape) {
         if (storage->OpenStream(name.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream) !=
                 S_OK ||
             stream->Read(destination().data(), shape.bytes, &got) != S_OK || got != shape.bytes)
-            failed();
+            std::abort();
         stream->Release();
     }
     storage->Release();
@@ -98,11 +94,11 @@ void gsfWrite(Shape shape) {
     for (uint32_t i = 0; i < shape.streams; i++) {
         GsfOutput* stream = gsf_outfile_new_child(storage, ("stream " + std::to_string(i)).c_str(), FALSE);
         if (!gsf_output_write(stream, shape.bytes, content().data()) || !gsf_output_close(stream))
-            failed();
+            std::abort();
         g_object_unref(stream);
     }
     if (!gsf_output_close(GSF_OUTPUT(storage)))
-        failed();
+        std::abort();
     g_object_unref(storage);
     g_object_unref(file);
 }
@@ -113,7 +109,7 @@ void gsfRead(Shape shape) {
     for (uint32_t i = 0; i < shape.streams; i++) {
         GsfInput* stream = gsf_infile_child_by_name(storage, ("stream " + std::to_string(i)).c_str());
         if (gsf_input_read(stream, shape.bytes, destination().data()) == nullptr)
-            failed();
+            std::abort();
         g_object_unref(stream);
     }
     g_object_unref(storage);
@@ -134,13 +130,26 @@ void read(benchmark::State& state, void (*reader)(Shape), void (*writer)(Shape),
         reader(shape);
 }
 
+void cells() {
+    for (const Shape shape : {kOneLarge, kManySmall}) {
+        const std::string streams = shape.streams == 1 ? "one stream of 64 MiB" : "1,000 streams of 2 KiB";
+        const auto add = [&](const char* who, void (*writer)(Shape), void (*reader)(Shape),
+                             void (*other)(Shape)) {
+            cell("compound file, " + streams + " written", who,
+                 [=](benchmark::State& state) { write(state, writer, shape); });
+            cell("compound file, " + streams + " read", who,
+                 [=](benchmark::State& state) { read(state, reader, other, shape); });
+        };
+        add("kal", kalWrite, kalRead, gsfWrite);
+        add("libgsf", gsfWrite, gsfRead, kalWrite);
+    }
+}
+
 } // namespace
 
-BENCHMARK_CAPTURE(write, one_large_kal, kalWrite, kOneLarge)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(write, one_large_gsf, gsfWrite, kOneLarge)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(read, one_large_kal, kalRead, gsfWrite, kOneLarge)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(read, one_large_gsf, gsfRead, kalWrite, kOneLarge)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(write, many_small_kal, kalWrite, kManySmall)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(write, many_small_gsf, gsfWrite, kManySmall)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(read, many_small_kal, kalRead, gsfWrite, kManySmall)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(read, many_small_gsf, gsfRead, kalWrite, kManySmall)->Unit(benchmark::kMillisecond);
+int main(int argc, char** argv) {
+    cells();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

@@ -1,27 +1,30 @@
-// LZW through a compressed stream over a file in memory, beside the GIF library's coder over plain memory.
+// LZW through a compressed stream over a file in memory, beside the coders of the GIF and TIFF libraries over plain
+// memory. The limits: one table look-up a byte that waits for the one before, and the strings of known codes written
+// one after the other.
+#include "bench/row.h"
 #include "tests/support/samples.h"
 
 #include <kal/cfile.h>
 #include <kal/stream.h>
 
-#include <benchmark/benchmark.h>
 #include <gif_lib.h>
+#include <tiffio.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <random>
+#include <unordered_map>
 #include <vector>
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+constexpr char kFile[] = "/dev/shm/kal-lzw-bench";
 constexpr int kSide = 4096;
 constexpr size_t kBytes = size_t{kSide} * kSide; // 16 MiB
 constexpr uint16_t kPiece = 0x8000;
-
-enum Kind { text, picture, random };
 
 const Bytes& sample(int64_t kind) {
     static const Bytes samples[] = {sampleText(kBytes, 1), samplePicture(kBytes, 2), [] {
@@ -34,14 +37,9 @@ const Bytes& sample(int64_t kind) {
     return samples[kind];
 }
 
-void check(bool held) {
-    if (!held)
-        std::abort();
-}
-
 SFILE* openScratch() {
     SFILE* stream;
-    check(KalOpenFile(&stream, "/dev/shm/kal-lzw-bench", KAL_MODE_CREATE | KAL_MODE_WRITE, 0) == 0);
+    check(KalOpenFile(&stream, kFile, KAL_MODE_CREATE | KAL_MODE_WRITE, 0) == 0);
     check(KalSetBuf(stream, 0x10000) == 0);
     return stream;
 }
@@ -55,23 +53,19 @@ void writeRun(SFILE* stream, const Bytes& bytes) {
     KalFreeCFile(cfile);
 }
 
-void encode(benchmark::State& state) {
-    const Bytes& bytes = sample(state.range(0));
+void encode(benchmark::State& state, const Bytes& bytes) {
     SFILE* stream = openScratch();
     for (auto _ : state) {
         stream->seek(stream, 0, KAL_SEEK_START);
         writeRun(stream, bytes);
     }
     stream->close(stream);
-    state.SetBytesProcessed(int64_t(state.iterations() * kBytes));
 }
 
-void decode(benchmark::State& state) {
-    const Bytes& bytes = sample(state.range(0));
+void decode(benchmark::State& state, const Bytes& bytes, uint16_t piece) {
     SFILE* stream = openScratch();
     writeRun(stream, bytes);
     Bytes back(kBytes);
-    const auto piece = uint16_t(state.range(1));
     for (auto _ : state) {
         stream->seek(stream, 0, KAL_SEEK_START);
         scfiletag* cfile;
@@ -82,7 +76,6 @@ void decode(benchmark::State& state) {
     }
     check(back == bytes);
     stream->close(stream);
-    state.SetBytesProcessed(int64_t(state.iterations() * kBytes));
 }
 
 // --- The GIF library over memory ---------------------------------------------------------------------
@@ -118,18 +111,15 @@ void writeGif(GifMemory* memory, const Bytes& bytes) {
     GifFreeMapObject(colors);
 }
 
-void encodeByGifLibrary(benchmark::State& state) {
-    const Bytes& bytes = sample(state.range(0));
+void encodeByGifLibrary(benchmark::State& state, const Bytes& bytes) {
     GifMemory memory;
     for (auto _ : state) {
         memory.bytes.clear();
         writeGif(&memory, bytes);
     }
-    state.SetBytesProcessed(int64_t(state.iterations() * kBytes));
 }
 
-void decodeByGifLibrary(benchmark::State& state) {
-    const Bytes& bytes = sample(state.range(0));
+void decodeByGifLibrary(benchmark::State& state, const Bytes& bytes) {
     GifMemory memory;
     writeGif(&memory, bytes);
     Bytes back(kBytes);
@@ -144,17 +134,161 @@ void decodeByGifLibrary(benchmark::State& state) {
         DGifCloseFile(gif, &error);
     }
     check(back == bytes);
-    state.SetBytesProcessed(int64_t(state.iterations() * kBytes));
 }
 
-constexpr auto kUnit = benchmark::kMillisecond;
+// --- The TIFF library over memory --------------------------------------------------------------------
 
-BENCHMARK(encode)->ArgName("kind")->Arg(text)->Arg(picture)->Arg(random)->Unit(kUnit);
-BENCHMARK(encodeByGifLibrary)->ArgName("kind")->Arg(text)->Arg(picture)->Arg(random)->Unit(kUnit);
-BENCHMARK(decode)
-    ->ArgNames({"kind", "piece"})
-    ->ArgsProduct({{text, picture, random}, {kPiece, 0x100}})
-    ->Unit(kUnit);
-BENCHMARK(decodeByGifLibrary)->ArgName("kind")->Arg(text)->Arg(picture)->Arg(random)->Unit(kUnit);
+struct TiffMemory {
+    Bytes bytes;
+    size_t at = 0;
+};
+
+tmsize_t putTiff(thandle_t handle, void* from, tmsize_t count) {
+    auto* memory = static_cast<TiffMemory*>(handle);
+    memory->bytes.resize(std::max(memory->bytes.size(), memory->at + size_t(count)));
+    std::memcpy(&memory->bytes[memory->at], from, size_t(count));
+    memory->at += size_t(count);
+    return count;
+}
+
+tmsize_t getTiff(thandle_t handle, void* to, tmsize_t count) {
+    auto* memory = static_cast<TiffMemory*>(handle);
+    const size_t got = std::min(size_t(count), memory->bytes.size() - memory->at);
+    std::memcpy(to, memory->bytes.data() + memory->at, got);
+    memory->at += got;
+    return tmsize_t(got);
+}
+
+toff_t seekTiff(thandle_t handle, toff_t offset, int origin) {
+    auto* memory = static_cast<TiffMemory*>(handle);
+    return memory->at = offset + (origin == SEEK_CUR   ? memory->at
+                                  : origin == SEEK_END ? memory->bytes.size()
+                                                       : 0);
+}
+
+TIFF* openTiff(TiffMemory* memory, const char* mode) {
+    memory->at = 0;
+    return TIFFClientOpen(
+        "memory", mode, memory, getTiff, putTiff, seekTiff, [](thandle_t) { return 0; },
+        [](thandle_t handle) { return toff_t(static_cast<TiffMemory*>(handle)->bytes.size()); }, nullptr,
+        nullptr);
+}
+
+void writeTiff(TiffMemory* memory, const Bytes& bytes) {
+    memory->bytes.clear();
+    TIFF* tiff = openTiff(memory, "wm");
+    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, kSide);
+    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, kSide);
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+    TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, kSide);
+    TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    check(TIFFWriteEncodedStrip(tiff, 0, const_cast<uint8_t*>(bytes.data()), tmsize_t(kBytes)) >= 0);
+    TIFFClose(tiff);
+}
+
+void encodeByTiffLibrary(benchmark::State& state, const Bytes& bytes) {
+    TiffMemory memory;
+    for (auto _ : state)
+        writeTiff(&memory, bytes);
+}
+
+void decodeByTiffLibrary(benchmark::State& state, const Bytes& bytes) {
+    TiffMemory memory;
+    writeTiff(&memory, bytes);
+    Bytes back(kBytes);
+    for (auto _ : state) {
+        TIFF* tiff = openTiff(&memory, "rm");
+        check(TIFFReadEncodedStrip(tiff, 0, back.data(), tmsize_t(kBytes)) == tmsize_t(kBytes));
+        TIFFClose(tiff);
+    }
+    check(back == bytes);
+}
+
+// --- The limits --------------------------------------------------------------------------------------
+
+void followBytes(benchmark::State& state, const Bytes& bytes) {
+    std::vector<uint16_t> table(4096);
+    for (size_t i = 0; i < table.size(); i++)
+        table[i] = uint16_t(i * 2654435761u >> 20);
+    for (auto _ : state) {
+        uint16_t code = 0;
+        for (const uint8_t byte : bytes)
+            code = table[code ^ byte];
+        benchmark::DoNotOptimize(code);
+    }
+}
+
+// How long the strings are into which the bytes fall, stretch after stretch.
+Bytes stringLengths(const Bytes& bytes) {
+    Bytes lengths;
+    std::unordered_map<uint32_t, uint16_t> strings;
+    uint16_t code = bytes[0];
+    uint16_t next = 258;
+    uint8_t length = 1;
+    for (size_t at = 1; at < bytes.size(); at++) {
+        if (const auto found = strings.find(code << 8 | bytes[at]); found != strings.end() && length < 255) {
+            code = found->second;
+            length++;
+            continue;
+        }
+        strings[code << 8 | bytes[at]] = next++;
+        if (next == 4094) {
+            strings.clear();
+            next = 258;
+        }
+        lengths.push_back(length);
+        code = bytes[at];
+        length = 1;
+    }
+    lengths.push_back(length);
+    return lengths;
+}
+
+void writeStrings(benchmark::State& state, const Bytes& bytes) {
+    const Bytes lengths = stringLengths(bytes);
+    Bytes back(kBytes + 8);
+    for (auto _ : state) {
+        uint8_t* out = back.data();
+        const uint8_t* from = bytes.data();
+        for (const uint8_t length : lengths) {
+            for (int done = 0; done < length; done += 8)
+                std::memcpy(out + done, from + done, 8);
+            out += length;
+            from += length;
+        }
+        benchmark::ClobberMemory();
+    }
+}
+
+void cells() {
+    const char* const kinds[] = {"text", "picture", "random bytes"};
+    for (int kind = 0; kind < 3; kind++) {
+        const auto add = [kind](const std::string& row, const char* who, auto body) {
+            cell(row, who, [=](benchmark::State& state) { body(state, sample(kind)); });
+        };
+        const std::string encoding = "LZW encode 16 MiB " + std::string(kinds[kind]);
+        add(encoding, "kal", encode);
+        add(encoding, "GIF library", encodeByGifLibrary);
+        add(encoding, "TIFF library", encodeByTiffLibrary);
+        add(encoding, "limit", followBytes);
+        const std::string decoding = "LZW decode 16 MiB " + std::string(kinds[kind]);
+        add(decoding, "kal",
+            [](benchmark::State& state, const Bytes& bytes) { decode(state, bytes, kPiece); });
+        add(decoding, "GIF library", decodeByGifLibrary);
+        add(decoding, "TIFF library", decodeByTiffLibrary);
+        add(decoding, "limit", writeStrings);
+        add(decoding + " by 256", "kal",
+            [](benchmark::State& state, const Bytes& bytes) { decode(state, bytes, 256); });
+    }
+}
 
 } // namespace
+
+int main(int argc, char** argv) {
+    cells();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    std::remove(kFile);
+    return 0;
+}

@@ -1,7 +1,7 @@
 // A mapping stream of 64 MiB, whole and byte by byte through its slots, beside a plain copy of as many bytes.
-#include <kal/stream.h>
+#include "bench/row.h"
 
-#include <benchmark/benchmark.h>
+#include <kal/stream.h>
 
 #include <cstring>
 #include <string>
@@ -33,7 +33,6 @@ void measure(benchmark::State& state, Round round) {
     round();
     for (auto _ : state)
         round();
-    state.SetBytesProcessed(state.iterations() * kBytes);
 }
 
 void copyPlainly(benchmark::State& state) {
@@ -102,13 +101,16 @@ void takeFromTheRecord(benchmark::State& state) {
     stream->close(stream);
 }
 
-BENCHMARK(copyPlainly)->Unit(benchmark::kMillisecond);
-BENCHMARK(readWhole)->Unit(benchmark::kMillisecond);
-BENCHMARK(writeWhole)->Unit(benchmark::kMillisecond);
-BENCHMARK(takeFromTheRecord)->Unit(benchmark::kMillisecond);
-BENCHMARK(getCharacters)->Unit(benchmark::kMillisecond);
-BENCHMARK(putCharacters)->Unit(benchmark::kMillisecond);
-
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    cell("mapping stream, 64 MiB read", "kal", readWhole);
+    cell("mapping stream, 64 MiB read", "memcpy", copyPlainly);
+    cell("mapping stream, 64 MiB written", "kal", writeWhole);
+    cell("mapping stream, 64 MiB taken from the record", "kal", takeFromTheRecord);
+    cell("mapping stream, 64 MiB got by character", "kal", getCharacters);
+    cell("mapping stream, 64 MiB put by character", "kal", putCharacters);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}

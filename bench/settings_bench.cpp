@@ -1,8 +1,8 @@
 // Settings read through a chain of three sets and settings written, beside std::map as what a program would do that
 // shares nothing with anybody.
-#include <kal/tagset.h>
+#include "bench/row.h"
 
-#include <benchmark/benchmark.h>
+#include <kal/tagset.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -38,7 +38,6 @@ void readThroughThreeSets(benchmark::State& state) {
     middle->DestroyChild();
     app.DestroyChild();
     app.ClearTags();
-    state.SetItemsProcessed(state.iterations() * kReads);
 }
 
 void readThroughThreeMaps(benchmark::State& state) {
@@ -56,16 +55,14 @@ void readThroughThreeMaps(benchmark::State& state) {
                     break;
                 }
         }
-    state.SetItemsProcessed(state.iterations() * kReads);
 }
 
-// `state.range(0)`: 1 for tags that are there before, 0 for new ones.
-void writeThousand(benchmark::State& state) {
+void writeThousand(benchmark::State& state, bool asNew) {
     const auto names = tagNames();
     TagSet app;
     app.SetPath("Bench\\Write", 1);
     for (auto _ : state) {
-        if (state.range(0) == 0) {
+        if (asNew) {
             state.PauseTiming();
             app.ClearTags();
             state.ResumeTiming();
@@ -74,12 +71,7 @@ void writeThousand(benchmark::State& state) {
             app.SetTag(name.c_str(), "a value of some length");
     }
     app.ClearTags();
-    state.SetItemsProcessed(state.iterations() * kTags);
 }
-
-BENCHMARK(readThroughThreeSets)->Unit(benchmark::kMillisecond);
-BENCHMARK(readThroughThreeMaps)->Unit(benchmark::kMillisecond);
-BENCHMARK(writeThousand)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 } // namespace
 
@@ -87,6 +79,11 @@ int main(int count, char** arguments) {
     char folder[] = "/dev/shm/kal-settings-bench-XXXXXX"; // in memory: the library is measured and not a disk
     if (mkdtemp(folder) == nullptr || setenv("KAL_REGISTRY", folder, 1) != 0)
         return 1;
+    constexpr char kRead[] = "100,000 settings read through three sets";
+    cell(kRead, "kal", readThroughThreeSets);
+    cell(kRead, "std::map", readThroughThreeMaps);
+    cell("1,000 new settings", "kal", [](benchmark::State& state) { writeThousand(state, true); });
+    cell("1,000 settings changed", "kal", [](benchmark::State& state) { writeThousand(state, false); });
     benchmark::Initialize(&count, arguments);
     benchmark::RunSpecifiedBenchmarks();
     std::filesystem::remove_all(folder);

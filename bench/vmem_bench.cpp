@@ -1,8 +1,9 @@
 // VMem blocks: 60,000 of 4 KiB allocated, locked and touched, then freed in three orders; malloc beside it.
+#include "bench/row.h"
+
 #include <kal/vmem.h>
 
 #include <algorithm>
-#include <benchmark/benchmark.h>
 #include <cstdlib>
 #include <numeric>
 #include <random>
@@ -15,7 +16,7 @@ constexpr uint32_t kBlockSize = 4096;
 
 enum Order { kOldestFirst, kNewestFirst, kAtRandom };
 
-std::vector<uint32_t> orderOf(int64_t order) {
+std::vector<uint32_t> orderOf(Order order) {
     std::vector<uint32_t> indexes(kBlocks);
     std::iota(indexes.begin(), indexes.end(), 0u);
     if (order == kNewestFirst)
@@ -27,19 +28,18 @@ std::vector<uint32_t> orderOf(int64_t order) {
 
 // A first round outside the measurement brings the pages that both may keep.
 template <class Round>
-void measure(benchmark::State& state, Round round) {
-    const std::vector<uint32_t> order = orderOf(state.range(0));
+void measure(benchmark::State& state, Order freeing, Round round) {
+    const std::vector<uint32_t> order = orderOf(freeing);
     std::vector<void*> blocks(kBlocks);
     round(blocks, order);
     for (auto _ : state)
         round(blocks, order);
-    state.SetItemsProcessed(state.iterations() * kBlocks);
 }
 
-void vmemBlocks(benchmark::State& state) {
+void vmemBlocks(benchmark::State& state, Order freeing) {
     KalSetMaxVMem(0xFFFFFFFF);
     KalOpenVMem(0);
-    measure(state, [](std::vector<void*>& blocks, const std::vector<uint32_t>& order) {
+    measure(state, freeing, [](std::vector<void*>& blocks, const std::vector<uint32_t>& order) {
         for (void*& block : blocks) {
             block = KalAllocVMem(2, kBlockSize);
             *static_cast<volatile char*>(KalLockVMem(block)) = 1;
@@ -51,8 +51,8 @@ void vmemBlocks(benchmark::State& state) {
     KalCloseVMem();
 }
 
-void mallocBlocks(benchmark::State& state) {
-    measure(state, [](std::vector<void*>& blocks, const std::vector<uint32_t>& order) {
+void mallocBlocks(benchmark::State& state, Order freeing) {
+    measure(state, freeing, [](std::vector<void*>& blocks, const std::vector<uint32_t>& order) {
         for (void*& block : blocks) {
             block = std::malloc(kBlockSize);
             *static_cast<volatile char*>(block) = 1;
@@ -62,7 +62,16 @@ void mallocBlocks(benchmark::State& state) {
     });
 }
 
-BENCHMARK(vmemBlocks)->ArgName("order")->DenseRange(kOldestFirst, kAtRandom)->Unit(benchmark::kMillisecond);
-BENCHMARK(mallocBlocks)->ArgName("order")->DenseRange(kOldestFirst, kAtRandom)->Unit(benchmark::kMillisecond);
-
 } // namespace
+
+int main(int argc, char** argv) {
+    const char* const names[] = {"oldest first", "newest first", "at random"};
+    for (const Order freeing : {kOldestFirst, kNewestFirst, kAtRandom}) {
+        const std::string row = std::string("60,000 blocks of 4 KiB, freed ") + names[freeing];
+        cell(row, "kal", [=](benchmark::State& state) { vmemBlocks(state, freeing); });
+        cell(row, "malloc", [=](benchmark::State& state) { mallocBlocks(state, freeing); });
+    }
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    return 0;
+}
