@@ -2,6 +2,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/processes.h"
+#include "tests/support/trouble.h"
 
 #include <kal/file.h>
 #include <kal/stream.h>
@@ -126,26 +127,15 @@ TEST_F(FileInformation, WhetherAFileCanBeMade) {
     EXPECT_EQ(readFile("PIC0.BMP"), bytesOf("mine too"));
 }
 
-TEST_F(FileInformation, AFullDiskLeavesNothingBehind) {
-    static int left;
-    static decltype(HostCalls::open) open;
-    const HostCallGuard guard;
-    open = hostCalls.open;
-    hostCalls.open = [](const char* name, int flags, mode_t mode) {
-        if (left-- != 0)
-            return open(name, flags, mode);
-        errno = ENOSPC;
-        return -1;
-    };
-    bool met = true;
-    for (int failing = 0; met; failing++) {
-        left = failing;
-        const int16_t status = fileStat("A.B");
-        met = left < 0;
-        EXPECT_EQ(status, met ? -228 : 0);
-        EXPECT_EQ(writable(), met ? 0 : 1);
-        EXPECT_TRUE(filesIn(".").empty());
-    }
+TEST_F(FileInformation, TroubleLeavesNothingBehind) {
+    const std::set<int> statuses = {KAL_ERR_MEMORY, KAL_ERR_SERVICE, KAL_ERR_OPEN - EIO,
+                                    KAL_ERR_OPEN - ENOSPC, KAL_ERR_CLOSE};
+    writeFile("A0.B", bytesOf("mine"));
+    constexpr unsigned troubles = kAllTrouble & ~kKilled; // a kill leaves the file that was tried
+    walkTrouble({.run = [this] { return fileStat("A.B"); }, .statuses = statuses}, troubles);
+    walkTrouble({.run = [] { return KalAccessFile("new", kCreateTest); }, .statuses = statuses}, troubles);
+    walkTrouble({.run = [] { return KalAccessFile("A0.B", kCreateTest); }, .statuses = statuses},
+                kAllTrouble);
 }
 
 TEST_F(FileInformation, AccessTestsHarmNoFile) {

@@ -14,13 +14,23 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+std::string currentFolder;
+
+} // namespace
+
+const std::string& testFolder() {
+    return currentFolder;
+}
+
 FolderTest::FolderTest(Place place) : before_(fs::current_path()) {
     const bool inMemory = place == kInMemory && fs::exists("/dev/shm");
     std::string name =
         ((inMemory ? fs::path("/dev/shm") : fs::temp_directory_path()) / "kal-test-XXXXXX").string();
     if (mkdtemp(name.data()) == nullptr)
         throw std::runtime_error("no temporary folder");
-    folder_ = name;
+    folder_ = currentFolder = name;
     fs::current_path(folder_);
 }
 
@@ -28,6 +38,7 @@ FolderTest::~FolderTest() {
     std::error_code ignored;
     fs::current_path(before_, ignored);
     fs::remove_all(folder_, ignored);
+    currentFolder.clear();
 }
 
 Bytes readFile(const std::string& path) {

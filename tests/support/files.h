@@ -28,6 +28,9 @@ private:
     std::string before_;
 };
 
+// The folder of the test that runs; empty where it has none.
+const std::string& testFolder();
+
 Bytes readFile(const std::string& path);
 void writeFile(const std::string& path, const Bytes& bytes);
 bool fileExists(const std::string& path);

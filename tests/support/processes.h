@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <grp.h>
@@ -12,6 +13,7 @@
 
 // Runs `body` in a child that ends by exit, and gives its wait status: 0 when no check failed in it.
 inline int inChild(const std::function<void()>& body) {
+    std::fflush(nullptr); // else the child would print it again
     const pid_t child = fork();
     if (child == 0) {
         body();
