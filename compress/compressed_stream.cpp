@@ -4,6 +4,7 @@
 #include "compress/stream_bytes.h"
 #include "compress/stretch_decoder.h"
 #include "compress/stretch_encoder.h"
+#include "memory/record.h"
 
 #include <kal/heap.h>
 
@@ -16,20 +17,16 @@ constexpr uint32_t kExpansionBytes = KAL_LZW_CODES;
 // What the last call that worked on a run did to it.
 enum class Side : uint8_t { none, writing, reading };
 
-// The record behind the public one. The strings of either side are made when it is first used and kept, so
+// The strings of either side are made when it is first used and kept, so
 // that a stream that only reads never pays for a coder.
 struct CompressedStream {
-    scfiletag face;
+    scfiletag shown;
     Side side;
     bool open; // whether encoder or decoder stand at `runPos`, so that the run can go on from there
     bool mostlySingle;
     StretchStrings* encoderStrings;
     BlockStrings* decoderStrings;
 };
-
-CompressedStream* behind(scfiletag* cfile) {
-    return reinterpret_cast<CompressedStream*>(cfile);
-}
 
 uint32_t logicalPos(const SFILE* stream) {
     return stream->pos - stream->offset;
@@ -46,31 +43,31 @@ void freeIfSet(void* block) {
 }
 
 bool continues(const CompressedStream* self, Side side) {
-    return self->open && self->side == side && logicalPos(self->face.stream) == self->face.runPos;
+    return self->open && self->side == side && logicalPos(self->shown.stream) == self->shown.runPos;
 }
 
 // The call did what was asked: the run goes on where the stream stands now.
 uint16_t succeed(CompressedStream* self, uint16_t count) {
-    self->face.runPos = logicalPos(self->face.stream);
-    self->face.status = KAL_OK;
+    self->shown.runPos = logicalPos(self->shown.stream);
+    self->shown.status = KAL_OK;
     return count;
 }
 
 uint16_t fail(CompressedStream* self, int16_t status, uint16_t count) {
-    self->face.status = status;
+    self->shown.status = status;
     return count;
 }
 
 // The stream refused a byte. Once bytes of this call have passed, the run cannot go on, not even for who
 // seeks back to `runPos`; while none have, the call can be made again.
 uint16_t failOnStream(CompressedStream* self, uint16_t count) {
-    self->open = self->open && logicalPos(self->face.stream) == self->face.runPos;
-    return fail(self, self->face.stream->status, count);
+    self->open = self->open && logicalPos(self->shown.stream) == self->shown.runPos;
+    return fail(self, self->shown.stream->status, count);
 }
 
 void endRun(CompressedStream* self) {
     self->open = false;
-    self->face.runPos = KAL_NO_POSITION;
+    self->shown.runPos = KAL_NO_POSITION;
 }
 
 // --- Writing -----------------------------------------------------------------------------------------
@@ -82,28 +79,28 @@ int16_t startWriting(CompressedStream* self) {
         self->encoderStrings = allocate<StretchStrings>();
     if (self->encoderStrings == nullptr)
         return KAL_ERR_BUFFER;
-    TAGWRITELZW* const encoder = self->face.encoder;
+    TAGWRITELZW* const encoder = self->shown.encoder;
     startStretch(self->encoderStrings, encoder);
     encoder->bitBuffer = 0;
     encoder->bitCount = 0;
-    const int16_t status = KalWriteLZWCode(encoder, self->face.stream);
+    const int16_t status = KalWriteLZWCode(encoder, self->shown.stream);
     self->open = status == KAL_OK;
     return status;
 }
 
 int16_t writeCode(CompressedStream* self, uint16_t code) {
-    self->face.encoder->outputCode = code;
-    return KalWriteLZWCode(self->face.encoder, self->face.stream);
+    self->shown.encoder->outputCode = code;
+    return KalWriteLZWCode(self->shown.encoder, self->shown.stream);
 }
 
 // --- Reading -----------------------------------------------------------------------------------------
 
 // A run must start here, with a clear code in two bytes that hold nothing else whole.
 int16_t startReading(CompressedStream* self) {
-    scfiletag* const face = &self->face;
+    scfiletag* const shown = shownOf(self);
     self->side = Side::reading;
     self->open = false;
-    face->pending = 0;
+    shown->pending = 0;
     if (self->decoderStrings == nullptr) {
         self->decoderStrings = allocate<BlockStrings>();
         if (self->decoderStrings == nullptr)
@@ -112,8 +109,8 @@ int16_t startReading(CompressedStream* self) {
     }
     uint8_t first;
     uint8_t second;
-    if (!takeByte(face->stream, &first) || !takeByte(face->stream, &second))
-        return face->stream->status;
+    if (!takeByte(shown->stream, &first) || !takeByte(shown->stream, &second))
+        return shown->stream->status;
 
     DecoderState state = {};
     state.bits = first | uint32_t{second} << 8;
@@ -125,7 +122,7 @@ int16_t startReading(CompressedStream* self) {
         endRun(self);
         return KAL_ERR_RUN;
     }
-    state.store(face->decoder);
+    state.store(shown->decoder);
     self->open = true;
     return KAL_OK;
 }
@@ -134,9 +131,9 @@ int16_t startReading(CompressedStream* self) {
 class Reader {
 public:
     Reader(CompressedStream* self, uint8_t* destination, uint16_t count)
-        : self_(self), stream_(self->face.stream), start_(destination), out_(destination),
+        : self_(self), stream_(self->shown.stream), start_(destination), out_(destination),
           end_(destination + count) {
-        state_.load(self->face.decoder);
+        state_.load(self->shown.decoder);
         state_.mostlySingle = self->mostlySingle;
     }
 
@@ -166,23 +163,23 @@ private:
     uint16_t delivered() const { return static_cast<uint16_t>(out_ - start_); }
 
     uint16_t finish(uint16_t result) {
-        state_.store(self_->face.decoder);
+        state_.store(self_->shown.decoder);
         self_->mostlySingle = state_.mostlySingle;
         return result;
     }
 
     // Hands out the string in `expansion`, whose first characters are the last ones there.
     void deliverPending() {
-        const auto count = std::min<uint32_t>(self_->face.pending, static_cast<uint32_t>(end_ - out_));
-        const uint8_t* const left = self_->face.expansion + self_->face.pending;
+        const auto count = std::min<uint32_t>(self_->shown.pending, static_cast<uint32_t>(end_ - out_));
+        const uint8_t* const left = self_->shown.expansion + self_->shown.pending;
         out_ = std::reverse_copy(left - count, left, out_);
-        self_->face.pending = static_cast<uint16_t>(self_->face.pending - count);
+        self_->shown.pending = static_cast<uint16_t>(self_->shown.pending - count);
     }
 
     void deliverString() {
         const BlockString string = self_->decoderStrings->of[state_.previous];
-        self_->face.pending = static_cast<uint16_t>(string.length());
-        writeReversed(self_->decoderStrings, state_.previous, self_->face.expansion);
+        self_->shown.pending = static_cast<uint16_t>(string.length());
+        writeReversed(self_->decoderStrings, state_.previous, self_->shown.expansion);
         deliverPending();
     }
 
@@ -224,30 +221,30 @@ int16_t KalMakeCFile(scfiletag** out, SFILE* stream) {
     CompressedStream* const self = allocate<CompressedStream>();
     if (self == nullptr)
         return KAL_ERR_MEMORY;
-    scfiletag* const face = &self->face;
-    face->stream = stream;
-    face->runPos = KAL_NO_POSITION;
-    face->encoder = allocate<TAGWRITELZW>();
-    face->decoder = allocate<readlzw>();
-    face->expansion = static_cast<uint8_t*>(KalAllocSMem(kExpansionBytes));
+    scfiletag* const shown = shownOf(self);
+    shown->stream = stream;
+    shown->runPos = KAL_NO_POSITION;
+    shown->encoder = allocate<TAGWRITELZW>();
+    shown->decoder = allocate<readlzw>();
+    shown->expansion = static_cast<uint8_t*>(KalAllocSMem(kExpansionBytes));
     int16_t status = KAL_ERR_MEMORY;
-    if (face->encoder != nullptr && face->decoder != nullptr && face->expansion != nullptr) {
-        status = KalInitWriteLZW(face->encoder, kRoots);
+    if (shown->encoder != nullptr && shown->decoder != nullptr && shown->expansion != nullptr) {
+        status = KalInitWriteLZW(shown->encoder, kRoots);
         if (status == KAL_OK)
-            status = KalInitReadLZW(face->decoder, kRoots);
+            status = KalInitReadLZW(shown->decoder, kRoots);
     }
     if (status != KAL_OK) {
-        KalFreeCFile(face);
+        KalFreeCFile(shown);
         return status;
     }
-    *out = face;
+    *out = shown;
     return KAL_OK;
 }
 
 int16_t KalFreeCFile(scfiletag* cfile) {
     if (cfile == nullptr)
         return KAL_OK;
-    CompressedStream* const self = behind(cfile);
+    CompressedStream* const self = wholeOf<CompressedStream>(cfile);
     KalFlushCFile(cfile);
     KalDestroyReadLZW(cfile->decoder);
     freeIfSet(cfile->decoder);
@@ -260,7 +257,7 @@ int16_t KalFreeCFile(scfiletag* cfile) {
 }
 
 uint16_t KalWriteCFile(scfiletag* cfile, const uint8_t* data, uint16_t count) {
-    CompressedStream* const self = behind(cfile);
+    CompressedStream* const self = wholeOf<CompressedStream>(cfile);
     if (cfile->stream == nullptr)
         return fail(self, KAL_ERR_NULL_STREAM, 0);
     if (count == 0)
@@ -277,7 +274,7 @@ uint16_t KalWriteCFile(scfiletag* cfile, const uint8_t* data, uint16_t count) {
 }
 
 int16_t KalFlushCFile(scfiletag* cfile) {
-    CompressedStream* const self = behind(cfile);
+    CompressedStream* const self = wholeOf<CompressedStream>(cfile);
     SFILE* const stream = cfile->stream;
     if (stream == nullptr || self->side == Side::reading)
         return KAL_OK;
@@ -302,7 +299,7 @@ int16_t KalFlushCFile(scfiletag* cfile) {
 }
 
 uint16_t KalReadCFile(scfiletag* cfile, uint8_t* destination, uint16_t count) {
-    CompressedStream* const self = behind(cfile);
+    CompressedStream* const self = wholeOf<CompressedStream>(cfile);
     if (cfile->stream == nullptr)
         return fail(self, KAL_ERR_NULL_STREAM, 0);
     if (!continues(self, Side::reading)) {

@@ -5,7 +5,6 @@
 #include <kal/lzw.h>
 
 #include <bit>
-#include <cstring>
 
 inline constexpr uint16_t kRoots = 256;
 inline constexpr uint16_t kClearCode = kRoots;
@@ -25,19 +24,6 @@ constexpr uint16_t widthFor(uint32_t count) {
 // Whether a table can hold `rootCount` single characters and the clear and end codes behind them.
 constexpr bool fitsTable(uint16_t rootCount) {
     return rootCount + 2u <= KAL_LZW_CODES;
-}
-
-// Eight bytes as one number, the first byte lowest.
-static_assert(std::endian::native == std::endian::little);
-
-inline uint64_t loadWord(const uint8_t* from) {
-    uint64_t word;
-    std::memcpy(&word, from, sizeof word);
-    return word;
-}
-
-inline void storeWord(uint8_t* to, uint64_t word) {
-    std::memcpy(to, &word, sizeof word);
 }
 
 #endif

@@ -18,11 +18,11 @@ uint32_t maskOf(uint32_t width) {
 // behind it touched too much.
 inline void writeBlocks(const BlockStrings* strings, uint32_t code, uint32_t length, uint8_t* out) {
     uint32_t at = (length - 1) / kBlock * kBlock;
-    storeWord(out + at, strings->of[code].block);
+    storeLittle<uint64_t>(out + at, strings->of[code].block);
     while (at > 0) {
         code = strings->of[code].skip();
         at -= kBlock;
-        storeWord(out + at, strings->of[code].block);
+        storeLittle<uint64_t>(out + at, strings->of[code].block);
     }
 }
 
@@ -139,7 +139,7 @@ void decodeRounds(BlockStrings* strings, DecoderState* state, const uint8_t** in
         const BlockString string = of[code];
         const uint32_t length = string.length();
         if (length - 1 < kBlock) [[likely]] {
-            storeWord(out, string.block);
+            storeLittle<uint64_t>(out, string.block);
         } else {
             if (length == 0 || outEnd - out < static_cast<ptrdiff_t>(length + kRoundOutput))
                 return false;
@@ -153,7 +153,7 @@ void decodeRounds(BlockStrings* strings, DecoderState* state, const uint8_t** in
     while (inEnd - in >= static_cast<ptrdiff_t>(kRoundInput) &&
            outEnd - out >= static_cast<ptrdiff_t>(kRoundOutput)) {
         // As many whole bytes as fit are new; what the load brings above them comes again next time.
-        bits |= loadWord(in) << count;
+        bits |= loadLittle<uint64_t>(in) << count;
         in += (63 - count) >> 3;
         count |= 56;
         const bool wholeRound = next + kRoundCodes <= mask + 1;
@@ -194,9 +194,9 @@ void decodeInBulk(BlockStrings* strings, DecoderState* state, const uint8_t** in
 void writeReversed(const BlockStrings* strings, uint32_t code, uint8_t* to) {
     const uint32_t length = strings->of[code].length();
     const uint32_t lastBlock = (length - 1) % kBlock + 1;
-    storeWord(to, __builtin_bswap64(strings->of[code].block) >> (kBlock - lastBlock) * 8);
+    storeLittle<uint64_t>(to, __builtin_bswap64(strings->of[code].block) >> (kBlock - lastBlock) * 8);
     for (uint32_t at = lastBlock; at < length; at += kBlock) {
         code = strings->of[code].skip();
-        storeWord(to + at, __builtin_bswap64(strings->of[code].block));
+        storeLittle<uint64_t>(to + at, __builtin_bswap64(strings->of[code].block));
     }
 }

@@ -7,6 +7,7 @@
 #define KAL_COMPRESS_STRETCH_DECODER_H
 
 #include "compress/lzw_codes.h"
+#include "platform/little_endian.h"
 
 // Two words, so that making and taking a string costs two stores and two loads.
 struct BlockString {

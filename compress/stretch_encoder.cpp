@@ -25,7 +25,7 @@ struct BitWriter {
     void put(uint32_t code, uint32_t width) {
         bits |= static_cast<uint64_t>(code) << count;
         count += width;
-        storeWord(out, bits);
+        storeLittle<uint64_t>(out, bits);
         out += count >> 3;
         bits >>= count & ~7u;
         count &= 7;
@@ -140,8 +140,8 @@ uint32_t stepBack(StretchStrings* strings, TAGWRITELZW* encoder, const Mark& mar
         mark.consumed - (mark.currentCode == kClearCode ? 0 : lengthOf(strings, mark.currentCode));
     for (;;) {
         const uint32_t width = widthFor(next);
-        const auto code =
-            static_cast<uint32_t>(loadWord(strings->coded + bit / 8) >> bit % 8) & ((1u << width) - 1);
+        const auto code = static_cast<uint32_t>(loadLittle<uint64_t>(strings->coded + bit / 8) >> bit % 8) &
+                          ((1u << width) - 1);
         const bool closing = next > kLastAssigned;
         // The byte whose own code closes a stretch counts only with the clear code behind it.
         const uint32_t length = closing ? 0 : lengthOf(strings, code);

@@ -4,6 +4,7 @@
 #define KAL_COMPRESS_STRETCH_ENCODER_H
 
 #include "compress/lzw_codes.h"
+#include "platform/little_endian.h"
 
 // The strings of one stretch, found from (string, next character). Pairs of characters have a place each; it
 // counts only if the code there has that maker now, so it is never emptied. Longer strings lie in an open

@@ -2,7 +2,7 @@
 #ifndef KAL_ITEMS_ITEM_INDEX_H
 #define KAL_ITEMS_ITEM_INDEX_H
 
-#include "memory/little_endian.h"
+#include "platform/little_endian.h"
 
 #include <kal/item.h>
 

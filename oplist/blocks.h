@@ -5,6 +5,8 @@
 #ifndef KAL_OPLIST_BLOCKS_H
 #define KAL_OPLIST_BLOCKS_H
 
+#include "memory/record.h"
+
 #include <kal/list.h>
 #include <kal/oplist.h>
 #include <kal/vmem.h>
@@ -17,10 +19,6 @@ struct Block {
     opblock shown;
     uint32_t used; // one past the last byte that was put
 };
-
-inline Block* blockOf(opblock* shown) {
-    return reinterpret_cast<Block*>(shown);
-}
 
 inline bool isVMemList(const OpList* list) {
     return (list->flags & KAL_OPL_VMEM) != 0;

@@ -10,7 +10,7 @@ int16_t copyBlock(OpList* clone, OpList* source, opblock* from) {
     opblock* to = appendBlock(clone, from->capacity);
     if (to == nullptr)
         return KAL_ERR_MEMORY;
-    blockOf(to)->used = blockOf(from)->used;
+    wholeOf<Block>(to)->used = wholeOf<Block>(from)->used;
     if (from->vmem == nullptr)
         return KAL_OK;
     if (!ensureMemory(clone, to))

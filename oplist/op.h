@@ -2,7 +2,7 @@
 #ifndef KAL_OPLIST_OP_H
 #define KAL_OPLIST_OP_H
 
-#include "memory/little_endian.h"
+#include "platform/little_endian.h"
 
 #include <kal/heap.h>
 #include <kal/oplist.h>

@@ -1,5 +1,6 @@
 // Operation-list files: lists as the items of an item file.
 #include "items/item_index.h"
+#include "memory/record.h"
 #include "oplist/file_mode.h"
 #include "oplist/op.h"
 
@@ -13,7 +14,7 @@ struct ListFile {
 };
 
 ItemIndex* putEntryOf(IOPFILE* file) {
-    return entryAt(file->ifile, reinterpret_cast<ListFile*>(file)->putNumber);
+    return entryAt(file->ifile, wholeOf<ListFile>(file)->putNumber);
 }
 
 int16_t makeRecord(IOPFILE** out) {
@@ -111,7 +112,7 @@ int16_t KalOpenPutIOpList(IOPFILE* file, uint16_t id, OpList** out) {
     setEntryId(entry, id);
     setEntrySize(items, entry, 0);
     setEntryOffset(items, entry, list->pos);
-    reinterpret_cast<ListFile*>(file)->putNumber = uint32_t(items->count) - 1;
+    wholeOf<ListFile>(file)->putNumber = uint32_t(items->count) - 1;
     file->putEntry = entry;
     file->putList = list;
     *out = list;

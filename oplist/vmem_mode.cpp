@@ -15,7 +15,7 @@ bool fits(const opblock* block, uint32_t bytes) {
 
 // Tells that bytes of a block were put; the caller holds the lock.
 void noteWritten(opblock* block, uint32_t end) {
-    Block* whole = blockOf(block);
+    Block* whole = wholeOf<Block>(block);
     whole->used = std::max<uint32_t>(whole->used, end);
     KalMarkDirtyVMem(block->vmem);
 }
@@ -85,7 +85,8 @@ uint32_t putInBlocks(OpList* list, const void* first, uint32_t firstBytes, const
     if (locked.bytes() == nullptr)
         return KAL_OP_FAILED;
     // The end op of a bitmap list never takes the place of a row that stands there.
-    const bool overRow = isDibList(list) && count == KAL_OP_HEADER && block->offset < blockOf(block)->used &&
+    const bool overRow = isDibList(list) && count == KAL_OP_HEADER &&
+                         block->offset < wholeOf<Block>(block)->used &&
                          loadOpHeader(static_cast<const uint8_t*>(first)).type == KAL_OP_END;
     if (!overRow) {
         uint8_t* place = locked.bytes() + block->offset;
@@ -172,7 +173,7 @@ void shrinkBlocks(OpList* list) {
         return;
     uint32_t needed = list->endPos % kBlockSpan + KAL_OP_HEADER;
     if (isDibList(list)) // rows may stand behind the end op
-        needed = std::max<uint32_t>(needed, blockOf(block)->used);
+        needed = std::max<uint32_t>(needed, wholeOf<Block>(block)->used);
     if (block->capacity <= needed)
         return;
     void* const memory =

@@ -9,32 +9,30 @@
 #ifndef KAL_PLATFORM_COMPOUND_FORMAT_H
 #define KAL_PLATFORM_COMPOUND_FORMAT_H
 
+#include "platform/little_endian.h"
+
 #include <cstddef>
 #include <cstdint>
 
 namespace compound {
 
 inline uint16_t load16(const uint8_t* at) {
-    return static_cast<uint16_t>(at[0] | at[1] << 8);
+    return loadLittle<uint16_t>(at);
 }
 inline uint32_t load32(const uint8_t* at) {
-    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 |
-           static_cast<uint32_t>(at[2]) << 16 | static_cast<uint32_t>(at[3]) << 24;
+    return loadLittle<uint32_t>(at);
 }
 inline uint64_t load64(const uint8_t* at) {
-    return load32(at) | static_cast<uint64_t>(load32(at + 4)) << 32;
+    return loadLittle<uint64_t>(at);
 }
 inline void store16(uint8_t* at, uint16_t value) {
-    at[0] = static_cast<uint8_t>(value);
-    at[1] = static_cast<uint8_t>(value >> 8);
+    storeLittle(at, value);
 }
 inline void store32(uint8_t* at, uint32_t value) {
-    store16(at, static_cast<uint16_t>(value));
-    store16(at + 2, static_cast<uint16_t>(value >> 16));
+    storeLittle(at, value);
 }
 inline void store64(uint8_t* at, uint64_t value) {
-    store32(at, static_cast<uint32_t>(value));
-    store32(at + 4, static_cast<uint32_t>(value >> 32));
+    storeLittle(at, value);
 }
 
 // Sector numbers from kMaxSector on do not name sectors.
