@@ -97,13 +97,18 @@ int32_t _hwrite(HFILE file, const void* source, int32_t count) {
 }
 
 int32_t _llseek(HFILE file, int32_t offset, int origin) {
+    constexpr int64_t kTooFar = UINT32_MAX; // for a position of 32 bits, of which all ones means failure
     const int64_t distance = origin == SEEK_SET ? int64_t(uint32_t(offset)) : int64_t(offset);
-    const off_t before = origin == SEEK_END ? hostCalls.lseek(file, 0, SEEK_CUR) : -1;
-    const off_t position = hostCalls.lseek(file, distance, origin);
-    if (position >= 0 && position < int64_t(UINT32_MAX))
-        return static_cast<int32_t>(static_cast<uint32_t>(position));
-    if (position >= 0) // too far for 32 bits: back to where the pointer stood
-        hostCalls.lseek(file, origin == SEEK_CUR ? position - distance : before, SEEK_SET);
+    // A refused seek leaves the pointer where it stood. Where the origin is the start it is refused before it
+    // moves.
+    if (origin != SEEK_SET || distance < kTooFar) {
+        const off_t before = origin != SEEK_SET ? hostCalls.lseek(file, 0, SEEK_CUR) : 0;
+        const off_t position = hostCalls.lseek(file, distance, origin);
+        if (position < kTooFar)
+            return static_cast<int32_t>(static_cast<uint32_t>(position));
+        hostCalls.lseek(file, before, SEEK_SET);
+    }
+    errno = EOVERFLOW;
     return HFILE_ERROR;
 }
 
