@@ -74,15 +74,17 @@ uint32_t moveInPieces(SFILE* stream, uint32_t count, MovePiece movePiece) {
     return done;
 }
 
-// The way to the blocks up to `block`, for a seek. On failure the blocks made so far stay.
+// Makes what is missing of the blocks up to `block`, for a seek. On failure the blocks made so far stay, and the
+// next seek goes on from there: blocks are made from the first on, so that those missing are the last ones.
 int16_t provideBlocks(SFILE* stream, uint32_t block) {
-    const uint32_t blocks = blocksOf(stream);
-    if (block < blocks)
-        return KAL_OK;
-    if (block >= kMostBlocks || !growTable(stream, block + 1))
+    if (block >= blocksOf(stream) && !growTable(stream, block + 1))
         return KAL_ERR_BUFFER;
-    for (uint32_t b = blocks; b <= block; b++)
-        if (!allocBlock(tableOf(stream)[b]))
+    Entry* table = tableOf(stream);
+    uint32_t missing = block + 1;
+    while (missing > 0 && table[missing - 1] == 0)
+        missing--;
+    for (; missing <= block; missing++)
+        if (!allocBlock(table[missing]))
             return KAL_ERR_VMEM;
     return KAL_OK;
 }
@@ -166,12 +168,14 @@ int16_t KalSeekVMemPos(SFILE* stream, int32_t offset, uint32_t origin) {
                           : origin == KAL_SEEK_END   ? stream->bufEnd
                                                      : 0;
     const uint32_t target = from + static_cast<uint32_t>(offset);
-    if (target > stream->bufEnd) {
-        stream->bufEnd = target; // also when a block is missing: it is made when it is written to
-        const int16_t status = provideBlocks(stream, target >> kBlockBits);
-        if (status != KAL_OK)
-            return stream->status = status;
-    }
+    if (target >> kBlockBits >= kMostBlocks)
+        return stream->status = KAL_ERR_BUFFER;
+    // Past the end the target's block is made; up to the end only what a seek before could not make.
+    const uint32_t last = target > stream->bufEnd ? target : std::max(target, 1u) - 1;
+    stream->bufEnd = std::max(uint32_t(stream->bufEnd), target); // also when a block is missing
+    const int16_t status = provideBlocks(stream, last >> kBlockBits);
+    if (status != KAL_OK)
+        return stream->status = status;
     stream->pos = target;
     return KAL_OK;
 }

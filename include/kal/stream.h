@@ -180,9 +180,10 @@ KAL_API int32_t KalGetVMemChar(SFILE* stream);
 // is what was moved before.
 KAL_API int32_t KalWriteVMemFile(SFILE* stream, const void* source, uint32_t count);
 KAL_API int16_t KalPutVMemChar(SFILE* stream, char byte);
-// A seek past the end makes the stream longer, with bytes that are undefined. KAL_ERR_BUFFER when there is no
-// memory for the table, or the stream would pass 2 GiB; KAL_ERR_VMEM when there is none for a block. Position
-// and length are then as they were.
+// A seek past the end makes the stream longer, with bytes that are undefined; a successful one leaves the status
+// alone. KAL_ERR_BUFFER for a position of 2 GiB or more, with position and length as they were. KAL_ERR_BUFFER
+// when there is no memory for the table, KAL_ERR_VMEM when there is none for a block: the position is as it was,
+// the length is the one asked for, blocks made so far stay, and the next seek there makes those that are missing.
 KAL_API int16_t KalSeekVMemPos(SFILE* stream, int32_t offset, uint32_t origin);
 // 0, also for null.
 KAL_API int16_t KalCloseVMemFile(SFILE* stream);
