@@ -10,6 +10,7 @@
 #include <kal/path.h>
 
 #include <algorithm>
+#include <cerrno>
 
 namespace {
 
@@ -62,9 +63,11 @@ int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep) {
         return KAL_ERR_MEMORY;
     bool reserved = false;
     const bool onDisk = (mode & kBackends) == 0;
-    int16_t status = onDisk && (mode & KAL_MODE_CREATE) != 0
-                         ? findUniqueName(name, kTempNameSize, reserveName, &reserved)
-                         : KalGetUnique(name, kTempNameSize);
+    const bool reserves = onDisk && (mode & KAL_MODE_CREATE) != 0;
+    int16_t status = reserves ? findUniqueName(name, kTempNameSize, reserveName, &reserved)
+                              : KalGetUnique(name, kTempNameSize);
+    if (status == KAL_OK && reserves && !reserved) // any file of that name is somebody else's
+        status = static_cast<int16_t>(KAL_ERR_OPEN - errno);
     if (status == KAL_OK)
         status = KalOpenFile(out, name, mode, 0);
     if (status != KAL_OK && reserved)

@@ -57,6 +57,18 @@ TEST_F(FileServices, TemporaryFilesThatCannotBeMadeLeaveNothing) {
     KalTempPath(nullptr);
     EXPECT_EQ(KalOpenTempFile(&s, KAL_MODE_UPDATE, 0), -200 - ENOENT)
         << "without create there is no such file";
+    writeFile("ZEP0.TMP", bytesOf("another's"));
+    {
+        HostCallGuard guard;
+        static decltype(HostCalls::open) open;
+        open = std::exchange(hostCalls.open, [](const char*, int, mode_t) {
+            hostCalls.open = open;
+            return errno = EMFILE, -1;
+        });
+        EXPECT_EQ(KalOpenTempFile(&s, kTemp, 0), -200 - EMFILE) << "no name was had";
+    }
+    EXPECT_EQ(readFile("ZEP0.TMP"), bytesOf("another's"));
+    fs::remove("ZEP0.TMP");
     KalTempPath(std::string(800, 'd').c_str());
     EXPECT_EQ(KalOpenTempFile(&s, kTemp, 0), -250);
     KalTempPath(nullptr);
