@@ -21,10 +21,14 @@ struct Parts {
     char extension[KAL_EXT_SIZE];
 };
 
-// False when the directory part is longer than a path's may be: cut, it would name another directory.
+// False when the directory part is longer than a path's may be: cut, it would name another directory. A dot in
+// the directory part begins no extension here: putting the parts together again would repeat what follows it.
 bool split(const char* path, Parts& parts) {
     KalSplitPath(path, parts.directory, parts.file, parts.extension);
-    return directoryLength(path) < KAL_DIR_SIZE;
+    const size_t directory = directoryLength(path);
+    if (std::strchr(path + directory, '.') == nullptr)
+        parts.extension[0] = 0;
+    return directory < KAL_DIR_SIZE;
 }
 
 bool isDigit(char c) {

@@ -7,29 +7,29 @@
 #include <algorithm>
 
 void KalSetHome(const char* name) {
-    const char* path = KalGetEnv("PATH");
-    dropTaskText(kSlotSearchText);
-    dropTaskText(kSlotHomeName);
-    if (name == nullptr)
-        return;
-    const size_t nameLength = std::strlen(name);
-    const size_t directory = directoryLength(name);
-    const size_t pathLength = path != nullptr ? std::strlen(path) : 0;
-    char* copy = allocText(nameLength);
-    char* searchText = copy != nullptr ? allocText(nameLength + 1 + pathLength) : nullptr;
-    if (searchText == nullptr) {
-        if (copy != nullptr)
+    char* copy = nullptr;
+    char* searchText = nullptr;
+    if (name != nullptr) {
+        const char* path = KalGetEnv("PATH");
+        const size_t nameLength = std::strlen(name);
+        const size_t directory = directoryLength(name);
+        const size_t pathLength = path != nullptr ? std::strlen(path) : 0;
+        copy = allocText(nameLength);
+        searchText = copy != nullptr ? allocText(nameLength + 1 + pathLength) : nullptr;
+        if (searchText != nullptr) {
+            std::memcpy(copy, name, nameLength);
+            std::memcpy(searchText, name, directory);
+            if (path != nullptr) {
+                searchText[directory] = ';';
+                std::memcpy(searchText + directory + 1, path, pathLength);
+            }
+        } else if (copy != nullptr) {
             KalFreeSMem(copy);
-        return;
+            copy = nullptr;
+        }
     }
-    std::memcpy(copy, name, nameLength);
-    std::memcpy(searchText, name, directory);
-    if (path != nullptr) {
-        searchText[directory] = ';';
-        std::memcpy(searchText + directory + 1, path, pathLength);
-    }
-    KalSetTaskData(searchText, kSlotSearchText);
-    KalSetTaskData(copy, kSlotHomeName);
+    replaceTaskText(kSlotSearchText, searchText);
+    replaceTaskText(kSlotHomeName, copy);
 }
 
 const char* KalGetHome() {

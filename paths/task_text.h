@@ -16,12 +16,16 @@ inline char* taskText(TaskSlot slot) {
     return static_cast<char*>(KalGetTaskData(slot));
 }
 
-// Frees the slot's text and empties the slot. A text that is not of the heap was lent, and stays its owner's:
-// the heap refuses it.
-inline void dropTaskText(TaskSlot slot) {
-    if (void* text = KalGetTaskData(slot))
-        KalFreeSMem(text);
-    KalRemoveTaskData(slot);
+// Puts a text into the slot, or none, and frees the one that was there; only then, since a caller may have made
+// the new one from it. A text that is not of the heap was lent, and stays its owner's: the heap refuses it.
+inline void replaceTaskText(TaskSlot slot, char* text) {
+    void* before = KalGetTaskData(slot);
+    if (text != nullptr)
+        KalSetTaskData(text, slot);
+    else
+        KalRemoveTaskData(slot);
+    if (before != nullptr)
+        KalFreeSMem(before);
 }
 
 // A block for `length` characters, all 0.

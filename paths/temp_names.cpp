@@ -67,18 +67,18 @@ bool reserveName(const char* candidate, void* made) {
 }
 
 int16_t KalTempPath(const char* directory) {
-    dropTaskText(kSlotTempDirectory);
-    if (directory == nullptr)
-        return KAL_OK;
-    const size_t length = std::strlen(directory);
-    char* copy = allocText(length + 1);
-    if (copy == nullptr)
-        return KAL_ERR_MEMORY;
-    std::memcpy(copy, directory, length);
-    if (length > 0 && directory[length - 1] != '\\')
-        copy[length] = '\\';
-    KalSetTaskData(copy, kSlotTempDirectory);
-    return KAL_OK;
+    char* copy = nullptr;
+    if (directory != nullptr) {
+        const size_t length = std::strlen(directory);
+        copy = allocText(length + 1);
+        if (copy != nullptr) {
+            std::memcpy(copy, directory, length);
+            if (length > 0 && directory[length - 1] != '\\')
+                copy[length] = '\\';
+        }
+    }
+    replaceTaskText(kSlotTempDirectory, copy);
+    return copy != nullptr || directory == nullptr ? KAL_OK : KAL_ERR_MEMORY;
 }
 
 int16_t KalGetUnique(char* name, uint32_t size) {

@@ -12,6 +12,11 @@ int _mkdir(const char* path) {
 }
 
 int _chdir(const char* path) {
+    // A drive alone is no directory, only what a path in its current directory begins with.
+    if (path != nullptr && path[0] != 0 && std::strcmp(path + 1, ":") == 0) {
+        errno = ENOENT;
+        return -1;
+    }
     HostPath host;
     return toHostPath(path, host) ? hostCalls.chdir(host.text) : -1;
 }

@@ -1,8 +1,10 @@
 #include "tests/support/files.h"
 
 #include <kal/file.h>
+#include <kal/path.h>
 
 #include <cstring>
+#include <random>
 
 namespace {
 
@@ -20,6 +22,7 @@ protected:
     static std::string increment(const std::string& path) {
         std::string buffer = path + std::string(8, '\0');
         EXPECT_EQ(KalIncrementName(buffer.data()), buffer.data());
+        EXPECT_LE(std::strlen(buffer.data()), path.size() + 1) << path << " grows by one character at most";
         return buffer.c_str();
     }
     static std::string step(const std::string& text, int32_t maximum) {
@@ -55,6 +58,7 @@ TEST_F(NameSequence, NumbersGoIntoTheExtensionOrTheBaseName) {
         {"PAGE.TIF", 1234567, "P1234567.TIF"},
         {"PAGE.TIF", -3, "-250 PAGE.TIF"},
         {"", 5, ".005"},
+        {"A.B:C", 7, "A.B:C.007"},
     };
     for (const auto& each : cases)
         EXPECT_EQ(sequence(each.path, each.number), each.expected) << each.path;
@@ -80,9 +84,40 @@ TEST_F(NameSequence, NamesCountUp) {
         {"SCAN.0X1", "SCAN2.0X1"},
         {"", "2"},
         {"C:", "C:2"},
+        {"A.B9:", "A.B9:2"}, // a dot of the directory begins no extension
+        {"A.B:C9", "A.B:C10"},
     };
     for (const auto& each : cases)
         EXPECT_EQ(increment(each[0]), each[1]);
+}
+
+TEST_F(NameSequence, RandomNamesStayWithinTheirSizes) {
+    std::mt19937 random(1);
+    const auto text = [&](size_t most) {
+        std::string made(random() % most, 0);
+        for (char& c : made)
+            c = "\\:..A99;"[random() % 8];
+        return made;
+    };
+    for (int round = 0; round < 20'000; round++) {
+        const std::string path = text(round % 50 == 0 ? 700 : 12);
+        SCOPED_TRACE(path);
+        increment(path);
+        sequence(path, int32_t(random() % 2000), uint32_t(path.size() + 1 + random() % 20));
+        std::string made(800, '#');
+        const auto size = uint32_t(random() % 300);
+        for (const auto part : {KalGetDir, KalGetFile, KalGetExt}) {
+            made.assign(800, '#');
+            const int32_t length = part(path.c_str(), made.data(), size);
+            ASSERT_TRUE(size == 0 ? made[0] == '#' : made[size_t(length)] == 0 && made[size] == '#');
+        }
+        if (size > path.size()) {
+            made.assign(path).resize(800, '#');
+            made[path.size()] = 0;
+            KalGetUnique(made.data(), size);
+            ASSERT_EQ(made[size], '#');
+        }
+    }
 }
 
 TEST_F(NameSequence, TheNumberInAText) {

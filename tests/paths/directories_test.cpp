@@ -61,13 +61,16 @@ TEST_F(Directories, ADriveAloneIsItsRoot) {
     EXPECT_EQ(KalMakeDir("q:\\below\\deeper\\"), 0);
     EXPECT_TRUE(fileExists("below/deeper"));
     unsetenv("KAL_DRIVE_Q");
+    EXPECT_EQ(KalChangeDir("Q:"), 0) << "without a folder of its own too";
+    char current[64] = "";
+    EXPECT_EQ(KalGetCurWorkDir(current, sizeof current), 0);
+    EXPECT_STREQ(current, "C:\\");
     const fs::path gone = path("gone");
     fs::create_directory(gone);
     EXPECT_EQ(KalChangeDir(gone.c_str()), 0);
     fs::remove(gone);
-    char current[64] = "untouched";
     EXPECT_EQ(KalGetCurWorkDir(current, sizeof current), -700);
-    EXPECT_STREQ(current, "untouched");
+    EXPECT_STREQ(current, "C:\\") << "untouched";
 }
 
 TEST(Time, IsTheSystemClocks) {

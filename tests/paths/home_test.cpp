@@ -37,6 +37,9 @@ TEST_F(Home, SearchTextIsTheHomeThenThePath) {
     EXPECT_STREQ(KalGetHomeExecPath(directory, 260), "C:\\APP\\");
     EXPECT_STREQ(KalGetHomeExecPath(directory, 4), "C:\\");
     EXPECT_STREQ(static_cast<char*>(KalGetTaskData(17)), "C:\\APP\\PROG.EXE");
+    KalSetHome("C:\\APP\\");
+    KalSetHome(KalGetHome()); // what it gave may be given back
+    EXPECT_STREQ(static_cast<char*>(KalGetTaskData(17)), "C:\\APP\\;C:\\DOS");
     std::thread([] { EXPECT_EQ(KalGetHome(), nullptr) << "another task"; }).join();
     unsetenv("PATH");
     KalSetHome("PROG.EXE");
