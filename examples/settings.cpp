@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
@@ -22,13 +24,22 @@ void change(TagSet& set) {
     set.SetFloatTag("View.Zoom", 1.25, 4);
 }
 
+// A folder that is gone at the end.
+struct Scratch {
+    char folder[32] = "/tmp/settings-example-XXXXXX";
+    Scratch() { mkdtemp(folder); }
+    ~Scratch() {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
+    }
+};
+
 } // namespace
 
 int main() {
     // A registry of its own, so that trying the example changes nobody's settings.
-    char folder[] = "/tmp/settings-example-XXXXXX";
-    if (std::getenv("KAL_REGISTRY") == nullptr &&
-        (mkdtemp(folder) == nullptr || setenv("KAL_REGISTRY", folder, 1) != 0))
+    Scratch scratch;
+    if (setenv("KAL_REGISTRY", scratch.folder, 1) != 0 || setenv("XDG_RUNTIME_DIR", scratch.folder, 1) != 0)
         return 1;
 
     TagSet app;

@@ -44,6 +44,8 @@ public:
         typing_ = input[1];
         child_ = kind == terminal ? forkpty(&typing_, nullptr, nullptr, nullptr) : fork();
         if (child_ == 0) {
+            for (int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGALRM, SIGTSTP})
+                std::signal(signal, SIG_DFL); // whatever started the tests may have them ignored
             if (kind == pipeline)
                 dup2(input[0], 0);
             close(input[1]);
