@@ -10,7 +10,6 @@
 #include <kal/path.h>
 
 #include <algorithm>
-#include <cerrno>
 
 namespace {
 
@@ -67,7 +66,7 @@ int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep) {
     int16_t status = reserves ? findUniqueName(name, kTempNameSize, reserveName, &reserved)
                               : KalGetUnique(name, kTempNameSize);
     if (status == KAL_OK && reserves && !reserved) // any file of that name is somebody else's
-        status = static_cast<int16_t>(KAL_ERR_OPEN - errno);
+        status = openStatus();
     if (status == KAL_OK)
         status = KalOpenFile(out, name, mode, 0);
     if (status != KAL_OK && reserved)
