@@ -22,6 +22,7 @@
 #include <kal/stream.h>
 #include <kal/tagset.h>
 #include <kal/text.h>
+#include <kal/verify.h>
 #include <kal/vmem.h>
 
 #endif
