@@ -1,138 +1,85 @@
-// The field editor at a real terminal: a pseudo-terminal whose other end types.
+// The field editor at a real terminal: whenever it waits for a key, the other end of a pseudo-terminal types the next.
+#include "tests/support/faults.h"
+#include "tests/support/processes.h"
+
 #include <kal/text.h>
 
-#include <gtest/gtest.h>
-
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <poll.h>
+#include <deque>
 #include <pty.h>
-#include <string>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
 constexpr int kCapacity = 6;
 
-// What one key press came to.
-struct Reply {
-    int key;
-    int32_t cursor;
-    char text[kCapacity + 2];
-};
+class EditStr : public ::testing::Test {
+protected:
+    EditStr() : input_(dup(0)) {
+        int slave;
+        EXPECT_EQ(openpty(&keyboard, &slave, nullptr, nullptr, nullptr), 0);
+        dup2(slave, 0);
+        close(slave);
+        tcgetattr(0, &inOrder);
+        wait = hostCalls.ppoll;
+        hostCalls.ppoll = typeThenWait;
+        keys.clear();
+    }
+    ~EditStr() override {
+        dup2(input_, 0);
+        close(input_);
+        close(keyboard);
+    }
 
-void sendReply(int to, int key, int32_t cursor, const char* text) {
-    Reply reply = {key, cursor, {}};
-    std::strcpy(reply.text, text);
-    if (write(to, &reply, sizeof reply) != sizeof reply)
-        _exit(3);
-}
-
-// A process whose standard input is a pseudo-terminal or a pipe and that edits a field, a key a reply.
-class Editor {
-public:
-    enum Input { terminal, pipeline };
-    explicit Editor(Input kind, const char* text = "", int32_t cursor = 0, bool clearFirst = false,
-                    void (*prepare)(int replies) = nullptr) {
-        int replies[2], go[2], input[2];
-        if (pipe(replies) != 0 || pipe(go) != 0 || pipe(input) != 0)
-            abort();
-        typing_ = input[1];
-        child_ = kind == terminal ? forkpty(&typing_, nullptr, nullptr, nullptr) : fork();
-        if (child_ == 0) {
-            for (int signal : {SIGINT, SIGQUIT, SIGHUP, SIGTERM, SIGALRM, SIGTSTP})
-                std::signal(signal, SIG_DFL); // whatever started the tests may have them ignored
-            if (kind == pipeline)
-                dup2(input[0], 0);
-            close(input[1]);
-            close(go[1]);
-            char start;
-            if (read(go[0], &start, 1) != 1)
-                _exit(2);
-            if (prepare != nullptr)
-                prepare(replies[1]);
-            edit(replies[1], text, cursor, clearFirst);
-        }
-        tcgetattr(typing_, &before_);
-        if (kind == terminal)
-            close(input[1]);
-        close(input[0]);
-        close(replies[1]);
-        close(go[0]);
-        replies_ = replies[0];
-        go_ = go[1];
-    }
-    ~Editor() {
-        if (child_ > 0) {
-            kill(child_, SIGKILL);
-            waitpid(child_, nullptr, 0);
-        }
-        for (int fd : {typing_, replies_, go_})
-            close(fd);
-    }
-    Editor(const Editor&) = delete;
-    Editor& operator=(const Editor&) = delete;
-
-    void start() { EXPECT_EQ(write(go_, "g", 1), 1); }
-    void type(const std::string& keys) {
-        EXPECT_EQ(write(typing_, keys.data(), keys.size()), ssize_t(keys.size()));
-    }
-    void endInput() {
-        close(typing_);
-        typing_ = -1;
-    }
-    // key, cursor and text as "key cursor text".
-    std::string reply() {
-        pollfd ready = {replies_, POLLIN, 0};
-        Reply got;
-        if (poll(&ready, 1, 20000) != 1 || read(replies_, &got, sizeof got) != sizeof got)
-            return "no reply";
-        return std::to_string(got.key) + " " + std::to_string(got.cursor) + " " + got.text;
-    }
-    bool isRestored() const {
+    static bool isInOrder() {
         termios now;
-        tcgetattr(typing_, &now);
-        return now.c_lflag == before_.c_lflag && now.c_iflag == before_.c_iflag;
+        tcgetattr(0, &now);
+        return now.c_lflag == inOrder.c_lflag && now.c_iflag == inOrder.c_iflag;
     }
-    void untilItWaits() const {
-        for (int i = 0; i < 20000 && isRestored(); i++)
-            usleep(1000);
+    static void type(const std::string& typed) {
+        EXPECT_EQ(write(keyboard, typed.data(), typed.size()), ssize_t(typed.size()));
     }
-    void send(int signal) const { kill(child_, signal); }
-    int wait() {
-        int status = 0;
-        waitpid(std::exchange(child_, -1), &status, 0);
-        return status;
+    // What a key press came to, as "key cursor text".
+    std::string press(bool clearFirst = false) {
+        const int key = static_cast<unsigned char>(KalEditStr(text, kCapacity, &cursor, clearFirst));
+        EXPECT_TRUE(isInOrder());
+        return std::to_string(key) + " " + std::to_string(cursor) + " " + text;
     }
+
+    char text[kCapacity + 1] = "";
+    int32_t cursor = 0;
+    // What is typed at each wait for a key, or the signal that comes.
+    struct Event {
+        std::string typed;
+        int signal = 0;
+    };
+    static inline std::deque<Event> keys;
 
 private:
-    [[noreturn]] static void edit(int replies, const char* given, int32_t cursor, bool clearFirst) {
-        char text[kCapacity + 1] = "";
-        std::strcpy(text, given);
-        for (;;) {
-            const int key = static_cast<unsigned char>(KalEditStr(text, kCapacity, &cursor, clearFirst));
-            clearFirst = false;
-            sendReply(replies, key, cursor, text);
+    static int typeThenWait(pollfd* waits, nfds_t count, const timespec* limit, const sigset_t* mask) {
+        const bool expectsKey =
+            limit == nullptr && !isInOrder(); // in order, the terminal itself takes the erase key
+        if (expectsKey && poll(waits, count, 0) == 0) {
+            const Event next = keys.empty() ? Event{"no key"} : keys.front();
+            if (!keys.empty())
+                keys.pop_front();
+            next.signal != 0 ? void(raise(next.signal)) : type(next.typed);
         }
+        return wait(waits, count, limit, mask);
     }
-    pid_t child_ = -1;
-    int typing_ = -1, replies_ = -1, go_ = -1;
-    termios before_ = {};
-};
-
-struct Press {
-    std::string keys;
-    std::string reply;
+    static inline decltype(HostCalls::ppoll) wait;
+    static inline int keyboard;
+    static inline termios inOrder;
+    const int input_;
+    const HostCallGuard guard_;
 };
 
 } // namespace
 
-TEST(EditStr, KeysOfATerminal) {
-    const std::vector<Press> presses = {
+TEST_F(EditStr, KeysOfATerminal) {
+    const struct {
+        const char *typed, *result;
+    } presses[] = {
         {"a", "97 1 a"},       {"c", "99 2 ac"},         {"\033[D", "0 1 ac"},
         {"b", "98 2 abc"},     {"\033OH", "0 0 abc"},    {"\033[D", "0 0 abc"},
         {"\177", "8 0 abc"},   // nothing before the cursor
@@ -148,118 +95,85 @@ TEST(EditStr, KeysOfATerminal) {
         {"", "51 5 bx123"},    {"", "52 6 bx1234"},      {"", "53 6 bx1234"}, // full
         {"", "54 6 bx1234"},   {"\033[H", "0 0 bx1234"}, {"7", "55 0 bx1234"},
     };
-    Editor editor(Editor::terminal);
-    editor.start();
-    for (const Press& press : presses) {
-        if (!press.keys.empty()) {
-            editor.untilItWaits(); // elsewhere the terminal itself takes the erase key
-            editor.type(press.keys);
+    for (const auto& [typed, result] : presses) {
+        if (*typed != 0)
+            keys = {{typed}};
+        EXPECT_EQ(press(), result);
+    }
+    std::strcpy(text, "OLD");
+    cursor = 99; // nowhere in the text
+    keys = {{"x"}};
+    EXPECT_EQ(press(), "120 4 OLDx");
+}
+
+TEST_F(EditStr, AProposedTextGoesWithTheFirstCharacterAlone) {
+    const char* const cases[][2] = {{"x", "120 1 x"},
+                                    {"\033[D", "0 2 OLD"},
+                                    {"\177", "8 2 OL"},
+                                    {"\r", "13 3 OLD"},
+                                    {"\033", "27 3 OLD"}};
+    for (const auto& [typed, result] : cases) {
+        std::strcpy(text, "OLD");
+        cursor = 3;
+        keys = {{typed}};
+        EXPECT_EQ(press(true), result);
+    }
+}
+
+TEST_F(EditStr, KeysTypedAheadStay) {
+    type("ab\033[Dc");
+    for (const char* result : {"97 1 a", "98 2 ab", "0 1 ab", "99 2 acb"})
+        EXPECT_EQ(press(), result);
+}
+
+TEST_F(EditStr, AHandledSignalFindsTheTerminalInOrderAndTheEditorGoesOn) {
+    static bool found;
+    found = false;
+    const auto before = std::signal(SIGTERM, [](int) { found = isInOrder(); });
+    keys = {{"", SIGTERM}, {"\033["}, {"k"}};
+    EXPECT_EQ(press(), "27 0 ") << "an Escape, the rest of the key did not come";
+    EXPECT_TRUE(found);
+    EXPECT_EQ(press(), "91 1 [");
+    EXPECT_EQ(press(), "107 2 [k");
+    std::signal(SIGTERM, before);
+}
+
+TEST_F(EditStr, ASignalThatEndsOrStopsTheProcessLeavesTheTerminalInOrder) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM, SIGTSTP}) {
+        std::fflush(nullptr);
+        const pid_t child = fork();
+        if (child == 0) {
+            setpgid(0, 0); // a group whose members nobody could wake is never stopped
+            std::signal(signal, SIG_DFL);
+            keys = {{"", signal}, {"y"}};
+            _exit(press() == "121 1 y" ? 0 : 1);
         }
-        EXPECT_EQ(editor.reply(), press.reply);
-    }
-}
-
-TEST(EditStr, AProposedTextGoesWithTheFirstCharacterAlone) {
-    const Press cases[] = {
-        {"x", "120 1 x"},   {"\033[D", "0 2 OLD"}, {"\177", "8 2 OL"}, {"\033[H\033[3~", "0 0 OLD"},
-        {"\r", "13 3 OLD"}, {"\033", "27 3 OLD"},
-    };
-    for (const Press& each : cases) {
-        Editor editor(Editor::terminal, "OLD", 3, true);
-        editor.start();
-        editor.untilItWaits();
-        editor.type(each.keys);
-        EXPECT_EQ(editor.reply(), each.reply);
-    }
-    Editor outside(Editor::terminal, "OLD", 99); // a cursor that is nowhere in the text
-    outside.start();
-    outside.type("x");
-    EXPECT_EQ(outside.reply(), "120 4 OLDx");
-}
-
-TEST(EditStr, KeysTypedAheadStay) {
-    Editor editor(Editor::terminal);
-    editor.type("ab\033[Dc"); // before anybody waits
-    editor.start();
-    for (const char* reply : {"97 1 a", "98 2 ab", "0 1 ab", "99 2 acb"})
-        EXPECT_EQ(editor.reply(), reply);
-}
-
-TEST(EditStr, TheTerminalIsInOrderWhenASignalEndsTheProcess) {
-    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGALRM}) {
-        Editor editor(Editor::terminal);
-        editor.start();
-        editor.untilItWaits();
-        EXPECT_FALSE(editor.isRestored());
-        if (signal == SIGINT)
-            editor.type("\003");
-        else
-            editor.send(signal);
-        const int status = editor.wait();
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << status;
-        EXPECT_TRUE(editor.isRestored());
-    }
-}
-
-TEST(EditStr, AHandledSignalFindsTheTerminalInOrderAndTheEditorGoesOn) {
-    static int handlerReplies;
-    Editor editor(Editor::terminal, "", 0, false, [](int replies) {
-        handlerReplies = replies;
-        std::signal(SIGTERM, [](int) {
-            termios now;
-            tcgetattr(0, &now);
-            sendReply(handlerReplies, 1000, (now.c_lflag & ECHO) != 0, "");
-        });
-    });
-    editor.start();
-    editor.untilItWaits();
-    editor.send(SIGTERM);
-    EXPECT_EQ(editor.reply(), "1000 1 ");
-    editor.type("\033[");
-    editor.type("H");
-    EXPECT_EQ(editor.reply(), "0 0 ");
-    editor.type("k");
-    EXPECT_EQ(editor.reply(), "107 1 k");
-}
-
-// What Ctrl-Z at the keyboard does under a shell: a process that watches, and the editor below it in front.
-TEST(EditStr, AStoppedProcessLeavesTheTerminalInOrderAndTakesItAgainWhenItGoesOn) {
-    Editor editor(Editor::terminal, "", 0, false, [](int replies) {
-        const pid_t watched = fork();
-        if (watched == 0) {
-            std::signal(SIGTTOU, SIG_IGN);
-            setpgid(0, 0);
-            tcsetpgrp(0, getpid());
-            std::signal(SIGTTOU, SIG_DFL);
-            return; // and edits
+        int status = 0;
+        waitpid(child, &status, WUNTRACED);
+        EXPECT_TRUE(isInOrder());
+        if (signal == SIGTSTP) {
+            EXPECT_TRUE(WIFSTOPPED(status)) << status;
+            kill(child, SIGCONT);
+            waitpid(child, &status, 0);
+            EXPECT_EQ(status, 0) << "goes on with the next key";
+        } else {
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << status;
         }
-        int status;
-        while (waitpid(watched, &status, WUNTRACED) == watched && WIFSTOPPED(status)) {
-            termios now;
-            tcgetattr(0, &now);
-            sendReply(replies, 1000 + WSTOPSIG(status), (now.c_lflag & ECHO) != 0, "");
-            kill(watched, SIGCONT);
-        }
-        _exit(0);
-    });
-    editor.start();
-    for (const char* key : {"a", "b"}) {
-        editor.untilItWaits();
-        editor.type("\032");
-        EXPECT_EQ(editor.reply(), std::to_string(1000 + SIGTSTP) + " 1 ");
-        editor.untilItWaits();
-        EXPECT_FALSE(editor.isRestored());
-        editor.type(key);
-        EXPECT_EQ(editor.reply().substr(0, 3), std::to_string(int(*key)) + " ");
     }
 }
 
-TEST(EditStr, InputThatIsNoTerminalIsTakenByteByByte) {
-    Editor editor(Editor::pipeline, "ab", 2);
-    editor.start();
-    editor.type(std::string("\0\107x\0\123\0\1\010\033[", 10));
-    editor.endInput();
-    for (const char* reply :
-         {"0 0 ab", "120 1 xab", "8 1 xb", "0 1 xb", "8 0 b", "27 0 b", "91 1 [b", "27 1 [b", "27 1 [b"})
-        EXPECT_EQ(editor.reply(), reply);
+TEST_F(EditStr, InputThatIsNoTerminalIsTakenByteByByte) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], "\0\107x\0\123\0\1\010\033[", 10), 10);
+    close(ends[1]);
+    dup2(ends[0], 0);
+    close(ends[0]);
+    std::strcpy(text, "ab");
+    cursor = 2;
+    for (const char* result :
+         {"0 0 ab", "120 1 xab", "8 1 xb", "0 1 xb", "8 0 b", "27 0 b", "91 1 [b", "27 1 [b", "27 1 [b"}) {
+        const int key = static_cast<unsigned char>(KalEditStr(text, kCapacity, &cursor, 0));
+        EXPECT_EQ(std::to_string(key) + " " + std::to_string(cursor) + " " + text, result);
+    }
 }
