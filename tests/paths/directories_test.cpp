@@ -1,56 +1,58 @@
-#include "tests/support/faults.h"
-#include "tests/support/files.h"
+#include "tests/support/trouble.h"
 
 #include <kal/path.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class Directories : public FolderTest {};
+class Directories : public FolderTest {
+protected:
+    // The status where it is not 0, and the directory.
+    static std::string here(uint32_t size = 512) {
+        char current[512] = "untouched";
+        const int16_t status = KalGetCurWorkDir(current, size);
+        return (status != 0 ? std::to_string(status) + " " : "") + current;
+    }
+};
 
 } // namespace
 
 TEST_F(Directories, DirectoriesWithAndWithoutTheirSeparator) {
-    char current[512] = "untouched";
-    const auto here = [&] {
-        EXPECT_EQ(KalGetCurWorkDir(current, sizeof current), 0);
-        return std::string(current);
-    };
     const std::string top = here();
     EXPECT_EQ(top.substr(0, 3), "C:\\");
-    EXPECT_EQ(KalMakeDir("one\\"), 0);
-    EXPECT_EQ(KalMakeDir((top + "\\two").c_str()), 0);
-    EXPECT_EQ(KalMakeDir("two"), -1);
-    EXPECT_EQ(KalMakeDir("missing\\two"), -1);
-    EXPECT_EQ(filesIn("."), (std::vector<std::string>{"one", "two"}));
-    EXPECT_EQ(KalChangeDir("ONE\\"), 0);
-    EXPECT_EQ(here(), top + "\\one");
-    EXPECT_EQ(KalChangeDir("..\\two"), 0);
-    EXPECT_EQ(here(), top + "\\two");
-    EXPECT_EQ(KalChangeDir("missing"), -1);
-    EXPECT_EQ(KalChangeDir(top.c_str()), 0);
-    EXPECT_EQ(here(), top) << "what was printed leads back";
-    for (const char* none : {"", static_cast<const char*>(nullptr)}) {
-        EXPECT_EQ(KalMakeDir(none), -1281);
-        EXPECT_EQ(KalChangeDir(none), -1281);
+    const struct {
+        int16_t (*call)(const char* path);
+        std::string path;
+        int status;
+        std::string place;
+    } steps[] = {{KalMakeDir, "one\\", 0, ""},
+                 {KalMakeDir, top + "\\two", 0, ""},
+                 {KalMakeDir, "two", -1, ""},
+                 {KalMakeDir, "missing\\two", -1, ""},
+                 {KalMakeDir, "", KAL_ERR_EMPTY_PATH, ""},
+                 {KalChangeDir, "ONE\\", 0, "\\one"},
+                 {KalChangeDir, "..\\two", 0, "\\two"},
+                 {KalChangeDir, "missing", -1, "\\two"},
+                 {KalChangeDir, "", KAL_ERR_EMPTY_PATH, "\\two"},
+                 {KalChangeDir, top, 0, ""}}; // what was told leads back
+    for (const auto& [call, path, status, place] : steps) {
+        EXPECT_EQ(call(path.c_str()), status) << path;
+        EXPECT_EQ(here(), top + place);
     }
-    failHeapAllocation(1);
-    EXPECT_EQ(KalMakeDir("three"), -100);
-    failHeapAllocation(0);
-    EXPECT_EQ(KalGetCurWorkDir(nullptr, 10), -701);
-    EXPECT_EQ(KalGetCurWorkDir(current, 0), -701);
+    EXPECT_EQ(KalMakeDir(nullptr), KAL_ERR_EMPTY_PATH);
+    EXPECT_EQ(filesIn("."), (std::vector<std::string>{"one", "two"}));
+    walkTrouble({.run = [] { return KalMakeDir("three"); }, .statuses = {KAL_ERR_MEMORY, -1}});
+    EXPECT_EQ(KalGetCurWorkDir(nullptr, 10), KAL_ERR_DESTINATION);
+    EXPECT_EQ(here(0), "-701 untouched");
     const auto length = uint32_t(top.size());
-    EXPECT_EQ(KalGetCurWorkDir(current, length + 1), 0);
-    std::strcpy(current, "untouched");
-    EXPECT_EQ(KalGetCurWorkDir(current, length), -700);
-    EXPECT_STREQ(current, "untouched");
-    EXPECT_EQ(KalGetCurDiskStatus(), 0);
+    EXPECT_EQ(here(length), "-700 untouched");
+    EXPECT_EQ(here(length + 1), top);
+    EXPECT_EQ(KalGetCurDiskStatus(), KAL_OK);
 }
 
 TEST_F(Directories, ADriveAloneIsItsRoot) {
@@ -62,25 +64,20 @@ TEST_F(Directories, ADriveAloneIsItsRoot) {
     EXPECT_TRUE(fileExists("below/deeper"));
     unsetenv("KAL_DRIVE_Q");
     EXPECT_EQ(KalChangeDir("Q:"), 0) << "without a folder of its own too";
-    char current[64] = "";
-    EXPECT_EQ(KalGetCurWorkDir(current, sizeof current), 0);
-    EXPECT_STREQ(current, "C:\\");
-    const fs::path gone = path("gone");
-    fs::create_directory(gone);
-    EXPECT_EQ(KalChangeDir(gone.c_str()), 0);
-    fs::remove(gone);
-    EXPECT_EQ(KalGetCurWorkDir(current, sizeof current), -700);
-    EXPECT_STREQ(current, "C:\\") << "untouched";
+    EXPECT_EQ(here(), "C:\\");
+    fs::create_directory(path("gone"));
+    EXPECT_EQ(KalChangeDir(path("gone").c_str()), 0);
+    fs::remove(path("gone"));
+    EXPECT_EQ(here(), "-700 untouched");
 }
 
 TEST(Time, IsTheSystemClocks) {
     using namespace std::chrono;
-    const auto now = [] { return system_clock::now().time_since_epoch(); };
-    const auto before = floor<milliseconds>(now());
+    const auto before = floor<milliseconds>(system_clock::now().time_since_epoch());
     int32_t whole;
     uint16_t thousandths;
     KalGetTime(&whole, &thousandths);
     EXPECT_LE(before, seconds(whole) + milliseconds(thousandths));
-    EXPECT_GE(now(), seconds(whole) + milliseconds(thousandths));
+    EXPECT_GE(system_clock::now().time_since_epoch(), seconds(whole) + milliseconds(thousandths));
     EXPECT_LT(thousandths, 1000);
 }

@@ -1,3 +1,5 @@
+#include "tests/support/trouble.h"
+
 #include "tests/support/faults.h"
 
 #include <kal/heap.h>
@@ -5,13 +7,12 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <thread>
 
 namespace {
 
 // PATH as given while it is in scope, and no home before and after.
-class Home : public ::testing::Test {
+class Home : public FolderTest {
 protected:
     Home() : path_(std::getenv("PATH")) { setenv("PATH", "C:\\DOS", 1); }
     ~Home() override {
@@ -20,13 +21,13 @@ protected:
     }
 
 private:
-    std::string path_;
+    const HeapBalance balance_;
+    const std::string path_;
 };
 
 } // namespace
 
 TEST_F(Home, SearchTextIsTheHomeThenThePath) {
-    HeapBalance balance;
     EXPECT_EQ(KalGetHome(), nullptr);
     EXPECT_STREQ(KalGetPath(), "C:\\DOS");
     char directory[260];
@@ -36,6 +37,7 @@ TEST_F(Home, SearchTextIsTheHomeThenThePath) {
     EXPECT_STREQ(KalGetPath(), "C:\\APP\\;C:\\DOS");
     EXPECT_STREQ(KalGetHomeExecPath(directory, 260), "C:\\APP\\");
     EXPECT_STREQ(KalGetHomeExecPath(directory, 4), "C:\\");
+    EXPECT_EQ(KalGetHomeExecPath(directory, 0), directory);
     EXPECT_STREQ(static_cast<char*>(KalGetTaskData(17)), "C:\\APP\\PROG.EXE");
     KalSetHome("C:\\APP\\");
     KalSetHome(KalGetHome()); // what it gave may be given back
@@ -53,7 +55,6 @@ TEST_F(Home, SearchTextIsTheHomeThenThePath) {
 }
 
 TEST_F(Home, ALentTextIsUsedItselfAndOnlyHeapBlocksAreFreed) {
-    HeapBalance balance;
     KalSetHome("C:\\A\\B");
     auto* mine = static_cast<char*>(KalGetTaskData(2));
     char lent[] = "D:\\X;E:\\";
@@ -68,23 +69,22 @@ TEST_F(Home, ALentTextIsUsedItselfAndOnlyHeapBlocksAreFreed) {
 }
 
 TEST_F(Home, ShortMemorySetsNoHome) {
-    withEachAllocationFailing([](int n) {
+    for (int n = 1, met = 1; met; n++) {
+        failHeapAllocation(n);
         KalSetHome("C:\\A\\B");
-        EXPECT_EQ(KalGetHome() == nullptr, heapFaultHappened() && n > 1) << n;
+        met = heapFaultHappened();
+        EXPECT_EQ(KalGetHome() == nullptr, met && n > 1) << n;
         EXPECT_EQ(KalGetHome() == nullptr, KalGetTaskData(17) == nullptr);
         failHeapAllocation(0);
-        KalSetHome(nullptr);
-    });
+    }
 }
 
 TEST_F(Home, EnvironmentVariablesAreFoundWithoutRegardToCase) {
     setenv("KalMixed", "one=two", 1);
     EXPECT_STREQ(KalGetEnv("KALMIXED"), "one=two");
     EXPECT_STREQ(KalGetEnv("path"), "C:\\DOS");
-    EXPECT_EQ(KalGetEnv("KalMixe"), nullptr);
-    EXPECT_EQ(KalGetEnv("KalMixedX"), nullptr);
-    EXPECT_EQ(KalGetEnv(""), nullptr);
-    EXPECT_EQ(KalGetEnv(nullptr), nullptr);
+    for (const char* none : {"KalMixe", "KalMixedX", "", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(KalGetEnv(none), nullptr);
     const char* before = KalGetEnv("KalMixed");
     EXPECT_EQ(KalGetEnv("KalMixed"), before) << "one block while nothing changes";
     setenv("KalMixed", "three", 1);
@@ -98,14 +98,13 @@ TEST_F(Home, EnvironmentVariablesAreFoundWithoutRegardToCase) {
 TEST_F(Home, PrivateDirectoryFitsOrFails) {
     char directory[300];
     setenv("WINDIR", "C:\\WINDOWS", 1);
-    EXPECT_EQ(KalGetPrivateDir(directory, 300), 0);
+    EXPECT_EQ(KalGetPrivateDir(directory, 11), KAL_OK);
     EXPECT_STREQ(directory, "C:\\WINDOWS");
-    EXPECT_EQ(KalGetPrivateDir(directory, 11), 0);
-    EXPECT_EQ(KalGetPrivateDir(directory, 10), -702);
-    EXPECT_EQ(KalGetPrivateDir(directory, 0), -702);
+    EXPECT_EQ(KalGetPrivateDir(directory, 10), KAL_ERR_EXAMINE);
+    EXPECT_EQ(KalGetPrivateDir(directory, 0), KAL_ERR_EXAMINE);
     unsetenv("WINDIR");
     setenv("XDG_CONFIG_HOME", "/home/u/.config", 1);
-    EXPECT_EQ(KalGetPrivateDir(directory, 300), 0);
+    EXPECT_EQ(KalGetPrivateDir(directory, 300), KAL_OK);
     EXPECT_STREQ(directory, "C:\\home\\u\\.config");
     unsetenv("XDG_CONFIG_HOME");
 }

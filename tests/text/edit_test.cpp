@@ -43,10 +43,11 @@ protected:
     std::string press(bool clearFirst = false) {
         const int key = static_cast<unsigned char>(KalEditStr(text, kCapacity, &cursor, clearFirst));
         EXPECT_TRUE(isInOrder());
+        EXPECT_STREQ(behind, "behind") << "stays within the field";
         return std::to_string(key) + " " + std::to_string(cursor) + " " + text;
     }
 
-    char text[kCapacity + 1] = "";
+    char text[kCapacity + 1] = "", behind[8] = "behind";
     int32_t cursor = 0;
     // What is typed at each wait for a key, or the signal that comes.
     struct Event {
