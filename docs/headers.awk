@@ -2,7 +2,8 @@
 # - what stands over the include guard describes the family, a group named for the header;
 # - a line "// --- Title ---" and the comment right under it open a section of the group;
 # - a comment belongs to the declaration under it, and to the functions that follow that without a blank line;
-# - a comment behind a declaration belongs to that declaration.
+# - a comment behind a declaration belongs to that declaration;
+# - what stands in the bodies of functions belongs to nothing.
 
 # The text as Doxygen has to see it: what is no code keeps its backslashes and angle brackets.
 function plain(text,    parts, count, i, result) {
@@ -49,12 +50,13 @@ BEGIN { head = 1 }
 head && /^\/\// {
     if (NR == 1) {
         family = FILENAME
+        face = family ~ /kal\/cpp\// ? "cpp_" : ""
         sub(/.*\//, "", family)
         sub(/\.h$/, "", family)
         name = substr($0, 4)
         sub(/[:.].*/, "", name)
         print "/// @file"
-        print "/// @defgroup " family " " name
+        print "/// @defgroup " face family " " name
     }
     print "/// " textOf($0)
     next
@@ -64,7 +66,7 @@ head {
     print "/// @{"
 }
 
-inBody { print; if (/^}/) inBody = 0; next }
+inBody { print; if (index($0, indent "}") == 1) inBody = 0; next }
 
 /^\/\/ --- / {
     flushBlock()
@@ -93,15 +95,21 @@ inBody { print; if (/^}/) inBody = 0; next }
         code = substr($0, 1, RSTART - 1)
         comment = " ///< " plain(substr($0, RSTART + 4))
     }
-    isFunction = open || (code ~ /\(/ && code !~ /static_assert|using /)
-    if (isFunction && !open && !fresh)
-        printf "%s", shared
+    isTemplate = code ~ /^ *template </
+    isClass = code ~ /^ *(class|struct) /
+    isFunction = !isClass && (open || isTemplate || (code ~ /\(/ && code !~ /static_assert|using /))
+    if (isFunction && !open) {
+        indent = code
+        sub(/[^ ].*/, "", indent)
+        if (!fresh)
+            printf "%s", shared
+    }
     print code comment
     open = isFunction && code !~ /[;{}] *$/
     fresh = 0
     if (!isFunction)
         shared = ""
-    if (code ~ /^inline .*\{ *$/)
+    if (isFunction && code ~ /\{ *$/)
         inBody = 1
 }
 END {

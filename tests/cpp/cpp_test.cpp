@@ -1,0 +1,349 @@
+#include "tests/support/faults.h"
+#include "tests/support/registry_test.h"
+#include "tests/support/trouble.h"
+
+#include <kal/cpp.h>
+
+#include <algorithm>
+#include <iostream>
+#include <ranges>
+
+namespace {
+
+static_assert(std::ranges::input_range<const kal::OperationList>);
+static_assert(std::ranges::input_range<const kal::GetList>);
+static_assert(std::ranges::input_range<const kal::Settings>);
+static_assert(std::ranges::forward_range<const kal::ItemFile>);
+static_assert(std::ranges::forward_range<const kal::ResourceFile>);
+static_assert(std::ranges::random_access_range<kal::Rows> && std::ranges::sized_range<kal::Rows> &&
+              std::ranges::view<kal::Rows>);
+static_assert(std::is_nothrow_move_constructible_v<kal::Stream> &&
+              !std::is_copy_constructible_v<kal::Stream>);
+
+std::string textOfSeed(size_t size, uint32_t seed) {
+    const Bytes bytes = randomBytes(size, seed);
+    return {bytes.begin(), bytes.end()};
+}
+
+std::span<const std::byte> bytesIn(const std::string& text) {
+    return kal::bytesOf(text);
+}
+
+class CppFace : public RegistryTest {
+protected:
+    CppFace() : manager_(kal::VMem::open(1 << 20)) {}
+    ~CppFace() override { KalSetMaxVMem(0); }
+    HeapBalance balance_;
+    kal::Expected<kal::VMem> manager_;
+};
+
+TEST_F(CppFace, ExpectedIsAValueOrAStatusInWords) {
+    const auto missing = kal::Stream::open("missing");
+    EXPECT_FALSE(missing);
+    EXPECT_EQ(missing.error(), KAL_ERR_OPEN - ENOENT);
+    EXPECT_STREQ(missing.error().text(), KalStatusText(KAL_ERR_OPEN - ENOENT));
+    EXPECT_THROW(missing.value(), kal::BadExpectedAccess);
+    const auto half = [](int whole) -> kal::Expected<int> {
+        return whole % 2 == 0 ? kal::Expected<int>(whole / 2) : kal::Unexpected{KAL_ERR_FORMAT};
+    };
+    EXPECT_EQ(half(8).and_then(half).transform([](int n) { return n + 1; }).value(), 3);
+    EXPECT_EQ(half(6).and_then(half).error(), KAL_ERR_FORMAT);
+    EXPECT_EQ(half(1).value_or(9) + half(1).or_else([](kal::Status) { return kal::Expected(5); }).value(),
+              14);
+}
+
+// What was owned before a move assignment is closed; what was moved from is empty; nothing is closed twice.
+TEST_F(CppFace, OwnersCloseOnceWhereverTheyMove) {
+    auto first = kal::Stream::create("first").value();
+    auto second = kal::Stream::create("second").value();
+    first.write(bytesIn("one"));
+    second.write(bytesIn("two"));
+    first = std::move(second);
+    EXPECT_EQ(readFile("first"), bytesOf("one"));
+    EXPECT_EQ(readFile("second"), Bytes());
+    EXPECT_FALSE(second);
+    EXPECT_TRUE(second.close().ok());
+    EXPECT_TRUE(first.close().ok());
+    EXPECT_EQ(readFile("second"), bytesOf("two"));
+}
+
+// A close that finds no room leaves the stream to try again; going for good gives it up without a leak.
+TEST_F(CppFace, AStreamWithoutRoomCanBeClosedAgain) {
+    for (const bool again : {true, false}) {
+        {
+            FileSizeLimit limit(10);
+            auto stream = kal::Stream::create("full").value();
+            stream.write(bytesIn(std::string(100, 'x')));
+            EXPECT_EQ(stream.close(), KAL_ERR_DISK_FULL);
+            EXPECT_TRUE(stream);
+            if (again)
+                limit.lift();
+            EXPECT_EQ(stream.close().ok(), again);
+        }
+        EXPECT_EQ(readFile("full").size(), again ? 100U : 10U);
+    }
+}
+
+// Random reads, writes and seeks through a streambuf do what they do to a string.
+TEST_F(CppFace, StreambufDoesWhatAStringDoes) {
+    auto items = kal::ItemFile::create("items").value();
+    ASSERT_TRUE(items.write(1, bytesIn("before")).ok());
+    const auto stream = [](auto opened) { return std::make_shared<kal::Stream>(std::move(opened).value()); };
+    const std::vector<std::pair<const char*, std::shared_ptr<kal::Stream>>> streams = {
+        {"disk", stream(kal::Stream::create("disk"))},
+        {"memory", stream(kal::Stream::open("", KAL_MODE_MEMORY | KAL_MODE_WRITE))},
+        {"vmem", stream(kal::Stream::open("", KAL_MODE_VMEM | KAL_MODE_WRITE))},
+        {"mapping", stream(kal::Stream::open("kal-cpp-test",
+                                             KAL_MODE_FILEMAP | KAL_MODE_CREATE | KAL_MODE_UPDATE, 60004))},
+        {"compound",
+         stream(kal::Stream::inCompoundFile("compound", "Text", KAL_MODE_CREATE | KAL_MODE_UPDATE))},
+        {"item", nullptr}};
+    for (const auto& [name, over] : streams) {
+        SCOPED_TRACE(name);
+        const auto buffer =
+            over ? std::make_unique<kal::streambuf>(*over) : std::make_unique<kal::streambuf>(items, 2);
+        std::string model;
+        uint32_t seed = 7;
+        const auto random = [&seed](uint32_t below) {
+            return (seed = seed * 1664525 + 1013904223) / 65536 % below;
+        };
+        size_t at = 0;
+        for (uint32_t step = 0; step < 3000; step++) {
+            const size_t size = random(step % 50 == 0 ? 20000 : 40);
+            if (const uint32_t what = random(8); what < 3) {
+                const size_t room = std::min<size_t>(size, 60000 - at);
+                const std::string text = textOfSeed(room, step);
+                ASSERT_EQ(buffer->sputn(text.data(), std::streamsize(room)), std::streamsize(room));
+                model.replace(at, std::min(room, model.size() - at), text);
+                at += room;
+            } else if (what < 6) {
+                std::string text(size, '\0');
+                text.resize(size_t(buffer->sgetn(text.data(), std::streamsize(size))));
+                ASSERT_EQ(text, model.substr(at, size)) << "step " << step;
+                at += text.size();
+            } else if (what == 6 && at > 0) {
+                ASSERT_EQ(buffer->sungetc(), uint8_t(model[--at])) << "step " << step;
+            } else {
+                at = random(uint32_t(model.size() + 1));
+                const auto [way, offset] = std::array<std::pair<std::ios::seekdir, std::streamoff>, 2>{
+                    {{std::ios::beg, std::streamoff(at)},
+                     {std::ios::end, std::streamoff(at) - std::streamoff(model.size())}}}[step % 2];
+                ASSERT_EQ(buffer->pubseekoff(offset, way), std::streampos(std::streamoff(at)))
+                    << "step " << step;
+            }
+            ASSERT_EQ(buffer->pubseekoff(0, std::ios::cur), std::streampos(std::streamoff(at)));
+        }
+        ASSERT_GT(model.size(), 50000U);
+        EXPECT_EQ(buffer->pubsync(), 0);
+        EXPECT_TRUE(over || std::ranges::equal(items.read(2).value().bytes(), bytesIn(model)));
+    }
+    // The first item cannot grow any more: the second lies behind it.
+    kal::streambuf first(items, 1);
+    EXPECT_EQ(first.sputn("1234567", 7) + first.pubsync(), 6);
+    EXPECT_EQ(kal::textOf(items.read(1).value().bytes()), "123456");
+}
+
+TEST_F(CppFace, StreambufReadsACompressedRunFromAnywhere) {
+    auto stream = kal::Stream::create("run").value();
+    auto run = kal::CompressedStream::over(stream).value();
+    kal::streambuf buffer(run);
+    std::iostream io(&buffer);
+    for (int i = 0; i < 20000; i++)
+        io << "line " << i << '\n';
+    const std::streamoff end = io.tellp();
+    std::string word;
+    int number = 0;
+    for (const auto& [line, place] :
+         {std::pair{19999, end - 11}, {0, std::streamoff(0)}, {12345, std::streamoff(124685)}}) {
+        ASSERT_TRUE(io.seekg(place) >> word >> number) << place;
+        EXPECT_EQ(number, line);
+    }
+    EXPECT_EQ(io.seekg(0, std::ios::end).tellg(), end);
+    EXPECT_TRUE(run.close().ok());
+    EXPECT_LT(stream.position(), end / 2);
+}
+
+TEST_F(CppFace, ItemsAndResourcesAreRanges) {
+    for (const uint16_t format : {uint16_t{0}, KAL_ITEMS_WIDE}) {
+        auto items = kal::ItemFile::create("items", format).value();
+        EXPECT_EQ(items.begin(), items.end());
+        for (const uint16_t id : {uint16_t{3}, uint16_t{1}, uint16_t{2}})
+            ASSERT_TRUE(items.write(id, bytesIn(std::string(id, 'x'))).ok());
+        ASSERT_TRUE(items.write(1, bytesIn("longer than it was")).ok()); // which leaves a free entry
+        ASSERT_TRUE(items.append(5, bytesIn(std::string("Open\0Close\0\0none", 16))).ok());
+        EXPECT_EQ(items.write(4, bytesIn(std::string(70000, 'x'))).ok(), format != 0);
+        std::vector<std::pair<uint16_t, uint32_t>> seen;
+        for (const auto& entry : items)
+            if (entry.id != 4)
+                seen.emplace_back(entry.id, entry.size);
+        std::ranges::sort(seen);
+        EXPECT_EQ(seen, (decltype(seen){{1, 18}, {2, 2}, {3, 3}, {5, 16}}));
+        EXPECT_EQ(kal::textOf(items.read(1).value().bytes()), "longer than it was");
+        EXPECT_EQ(items.read(9).error(), KAL_ERR_RESOURCE);
+        EXPECT_TRUE(items.close().ok());
+        const auto resources = kal::ResourceFile::open("items").value();
+        EXPECT_EQ(resources.texts(5).value(), (std::vector<std::string>{"Open", "Close"}));
+    }
+}
+
+TEST_F(CppFace, ListsAreRangesOfOps) {
+    auto file = kal::OperationListFile::create("lists").value();
+    for (const uint16_t flags : {uint16_t{0}, KAL_OPL_VMEM}) {
+        auto list = kal::OperationList::temporary(flags).value();
+        std::string expected;
+        for (uint16_t type = 1; type <= 300; type++) {
+            ASSERT_TRUE(list.put(type, std::string(type, 'a')));
+            expected += std::to_string(type) + ":" + std::to_string(type) + " ";
+        }
+        const auto told = [](auto& ops) {
+            std::string text;
+            for (kal::Op op : ops)
+                text += std::to_string(op.type) + ":" + std::to_string(op.text().size()) + " ";
+            return text;
+        };
+        EXPECT_EQ(told(list), expected);
+        EXPECT_EQ(told(list), expected);
+        const uint16_t id = flags + 1;
+        EXPECT_TRUE(file.store(id, list).ok());
+        const auto stored = file.get(id).value();
+        EXPECT_EQ(file.get(id).error(), KAL_ERR_SERVICE); // one at a time
+        EXPECT_EQ(told(stored), expected);
+        EXPECT_EQ(list.put(1, std::string(70000, 'x')).error(), KAL_ERR_WRITE);
+    }
+    EXPECT_EQ(file.get(99).error(), KAL_ERR_RESOURCE);
+}
+
+TEST_F(CppFace, SettingsAreARangeAndDraftsAreKeptOrDropped) {
+    const std::string longValue(5000, 'v');
+    {
+        auto settings = kal::Settings::open("Cpp\\App").value();
+        ASSERT_TRUE(settings.set("View.Unit", "inch").ok());
+        ASSERT_TRUE(settings.set("View.Note", longValue).ok());
+        auto dropped = settings.draft();
+        ASSERT_TRUE(settings.set("View.Unit", "point").ok());
+        EXPECT_EQ(settings.get("View.Unit").value(), "point");
+        dropped->close();
+        EXPECT_EQ(settings.get("View.Unit").value(), "inch");
+        auto draft = settings.draft();
+        ASSERT_TRUE(settings.set("View.Unit", "mm").ok());
+        EXPECT_TRUE(draft->keep().ok());
+        auto child = kal::Settings::open("Cpp\\Child").value();
+        child.set("Parent", "Cpp\\App");
+    }
+    const auto child = kal::Settings::open("Cpp\\Child").value(); // which opens its parent
+    EXPECT_EQ(child.get("missing").error(), KAL_ERR_TAG_MISSING);
+    std::vector<std::pair<std::string, std::string>> seen;
+    for (auto [name, value] : child.withPrefix("View."))
+        seen.emplace_back(name, value);
+    EXPECT_EQ(seen, (decltype(seen){{"Note", longValue}, {"Unit", "mm"}}));
+}
+
+TEST_F(CppFace, LocksShowWhatWasSwappedOut) {
+    std::vector<kal::VMemBlock> blocks;
+    for (uint32_t i = 0; i < 40; i++) {
+        blocks.push_back(kal::VMemBlock::allocate(100000).value());
+        std::ranges::fill(blocks.back().lock().value().bytes(), std::byte(i));
+    }
+    for (uint32_t round = 0; round < 2; round++)
+        for (uint32_t i = 0; i < 40; i++) {
+            ASSERT_EQ(std::ranges::count(blocks[i].lockToRead().value().bytes(), std::byte(i + round)),
+                      100000);
+            std::ranges::fill(blocks[i].lock().value().bytes(),
+                              std::byte(i + round + 1)); // the copy is out of date now
+        }
+}
+
+kal::Expected<kal::Bitmap> pictureOf(uint16_t width, uint16_t height, uint16_t bits) {
+    auto made = kal::Bitmap::create(width, height, bits);
+    const std::vector<kal::Colour> palette(bits == 24 ? 0 : 1U << bits, kal::Colour{1, 2, 3, 4});
+    if (made && !made->setPalette(palette).ok())
+        return kal::Unexpected{KAL_ERR_MEMORY};
+    // A stored band has no room for what pads a row of some depths.
+    const size_t used = !made ? 0 : bits == 24 ? width * 3U : (width * size_t{bits} + 15) / 16 * 2;
+    for (uint32_t y = height; made && y-- > height / 4U;)
+        if (const auto put = made->put(y, bytesIn(textOfSeed(used, y))); !put.ok())
+            return kal::Unexpected{put};
+    return made;
+}
+
+bool same(const kal::Bitmap& left, const kal::Bitmap& right) {
+    const auto equal = [](const auto& one, const auto& other) {
+        return std::ranges::equal(one.bytes(), other.bytes());
+    };
+    return left.bits() == right.bits() && left.width() == right.width() &&
+           std::ranges::equal(std::as_bytes(left.palette()), std::as_bytes(right.palette())) &&
+           std::ranges::equal(left.rows(), right.rows(), equal);
+}
+
+TEST_F(CppFace, BitmapsComeBackFromAFile) {
+    auto file = kal::OperationListFile::create("album").value();
+    for (const uint16_t bits : {uint16_t{1}, uint16_t{4}, uint16_t{8}, uint16_t{24}}) {
+        SCOPED_TRACE(bits);
+        const auto picture = pictureOf(1001, 600, bits).value(); // of 24 bits larger than the memory there is
+        const auto rows = picture.rows();
+        EXPECT_EQ(kal::textOf(rows[599].bytes().first(8)), textOfSeed(8, 599).c_str());
+        EXPECT_TRUE(std::ranges::equal(rows[3].bytes(), Bytes(picture.rowBytes()), {},
+                                       [](std::byte b) { return uint8_t(b); }));
+        EXPECT_TRUE(picture.store(file, bits).ok());
+        EXPECT_TRUE(same(picture, kal::Bitmap::load(file, bits).value()));
+        EXPECT_TRUE(same(picture, picture.clone().value()));
+    }
+    // Lists that are no pictures, or not whole.
+    std::vector<std::pair<uint16_t, std::string>> ops;
+    for (kal::Op op : file.get(8).value())
+        ops.emplace_back(op.type,
+                         std::string(reinterpret_cast<const char*>(op.bytes.data()), op.bytes.size()));
+    const auto loaded = [&](size_t first, size_t count) {
+        auto bad = file.put(99).value();
+        for (const auto& [type, bytes] : std::span(ops).subspan(first, count))
+            EXPECT_TRUE(bad.put(type, bytes));
+        bad.close();
+        const auto status = kal::Bitmap::load(file, 99).error();
+        KalFindItem(file->ifile, 99)->wide.id = KAL_ITEM_FREE;
+        return status;
+    };
+    EXPECT_EQ(loaded(0, ops.size()), KAL_OK);
+    EXPECT_EQ(loaded(0, ops.size() - 1), KAL_ERR_SHORT_READ);
+    EXPECT_EQ(loaded(1, 1), KAL_ERR_FORMAT);
+    for (const size_t at : {2U, 4U, 6U, 8U}) { // the band's line, width, lines, bits
+        ops[1].second[at] ^= 1;
+        EXPECT_NE(loaded(0, ops.size()), KAL_OK) << at;
+        ops[1].second[at] ^= 1;
+    }
+}
+
+// Whatever fails, no memory is lost and no failure goes untold.
+TEST_F(CppFace, TellsEveryTrouble) {
+    manager_ = kal::Unexpected{KAL_OK};
+    const auto work = []() -> int {
+        const auto manager = kal::VMem::open(1 << 20);
+        if (!manager)
+            return manager.error().code();
+        auto file = kal::OperationListFile::create("album");
+        if (!file)
+            return file.error().code();
+        const auto picture = pictureOf(30, 20, 8);
+        if (!picture)
+            return picture.error().code();
+        if (const auto stored = picture->store(*file, 1); !stored.ok())
+            return stored.code();
+        const auto back = kal::Bitmap::load(*file, 1);
+        if (!back)
+            return back.error().code();
+        auto list = kal::OperationList::open("list", KAL_MODE_CREATE | KAL_MODE_UPDATE);
+        if (!list)
+            return list.error().code();
+        if (const auto put = list->put(7, "text"); !put)
+            return put.error().code();
+        const auto closed = list->close();
+        return closed.ok() ? file->close().code() : closed.code();
+    };
+    walkTrouble(
+        {.run = work,
+         .statuses = {KAL_ERR_MEMORY, KAL_ERR_VMEM, KAL_ERR_BUFFER, KAL_ERR_WRITE, KAL_ERR_READ, KAL_ERR_SEEK,
+                      KAL_ERR_CLOSE, KAL_ERR_DISK_FULL, KAL_ERR_OPEN - EIO, KAL_ERR_OPEN - ENOSPC},
+         .unfinished = {"album", "list"}},
+        kNoMemory);
+}
+
+} // namespace
