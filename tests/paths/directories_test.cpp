@@ -1,3 +1,4 @@
+#include "tests/support/faults.h"
 #include "tests/support/trouble.h"
 
 #include <kal/path.h>
@@ -53,6 +54,15 @@ TEST_F(Directories, DirectoriesWithAndWithoutTheirSeparator) {
     EXPECT_EQ(here(length), "-700 untouched");
     EXPECT_EQ(here(length + 1), top);
     EXPECT_EQ(KalGetCurDiskStatus(), KAL_OK);
+}
+
+TEST_F(Directories, WhatFailsIsTriedOnceMoreWithTheOtherEnding) {
+    static std::string asked;
+    const HostCallGuard guard;
+    hostCalls.mkdir = [](const char* path, mode_t) { return asked += path + std::string("|"), -1; };
+    EXPECT_EQ(KalMakeDir("one\\"), -1);
+    EXPECT_EQ(KalMakeDir("two"), -1);
+    EXPECT_EQ(asked, "one/|one|two|two/|");
 }
 
 TEST_F(Directories, ADriveAloneIsItsRoot) {

@@ -38,6 +38,7 @@ TEST_F(Home, SearchTextIsTheHomeThenThePath) {
     EXPECT_STREQ(KalGetHomeExecPath(directory, 260), "C:\\APP\\");
     EXPECT_STREQ(KalGetHomeExecPath(directory, 4), "C:\\");
     EXPECT_EQ(KalGetHomeExecPath(directory, 0), directory);
+    EXPECT_STREQ(directory, "C:\\") << "left alone";
     EXPECT_STREQ(static_cast<char*>(KalGetTaskData(17)), "C:\\APP\\PROG.EXE");
     KalSetHome("C:\\APP\\");
     KalSetHome(KalGetHome()); // what it gave may be given back

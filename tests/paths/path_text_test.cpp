@@ -28,6 +28,7 @@ TEST(PathText, SplitsEveryForm) {
         {"C:\\APP\\BIN\\X.EXE", "C:\\APP\\BIN\\", "X", "EXE"},
         {"C:X.EXE", "C:", "X", "EXE"},
         {"\\X.EXE", "\\", "X", "EXE"},
+        {":X.EXE", "", ":X", "EXE"},
         {"..", "..", "", ""},
         {".", ".", "", ""},
         {"", "", "", ""},

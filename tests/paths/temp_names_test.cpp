@@ -65,7 +65,9 @@ TEST_F(TempNames, NamesCountOnFromTheTemplateWhereTheyFit) {
 }
 
 TEST_F(TempNames, AllNamesTakenIsTheEnd) {
+    static std::string last;
     HostCallGuard guard;
-    hostCalls.access = [](const char*, int) { return 0; };
+    hostCalls.access = [](const char* path, int) { return last = path, 0; };
     EXPECT_EQ(unique("A.B"), "-250");
+    EXPECT_EQ(last, "A32766.B");
 }
