@@ -60,7 +60,7 @@ struct DecoderState {
 
     // After a clear code.
     void clear();
-    // What the stream's bytes were good for when they all belong to codes taken or to the one begun.
+    // Takes over from, and hands back to, the decoder that works byte by byte.
     void load(const readlzw* decoder);
     void store(readlzw* decoder) const;
 };
@@ -68,7 +68,7 @@ struct DecoderState {
 enum class Taken { string, noString, endOfRun };
 
 // Takes the code at the head of `bits`, which must hold one: a string (it is `previous` then), a clear code,
-// or the end of all sense.
+// or, as endOfRun, the end code or one that makes the run damaged.
 Taken takeCode(BlockStrings* strings, DecoderState* state);
 
 // Decodes from [in, inEnd) to [out, outEnd) as long as both have room to spare and nothing but strings comes.

@@ -1,4 +1,4 @@
-// What a file is, and whether it may be had.
+// A file's size and date, and whether it can be opened or made.
 #include <kal/file.h>
 
 #include "paths/temp_names.h"

@@ -95,7 +95,7 @@ int makeSharedObject(const char* objectName, uint32_t size) {
                 hostCalls.close(fd);
                 return -1;
             }
-            // Changing the lock lets go of it for a moment, in which another may take the object for stale.
+            // Changing the lock lets go of it for a moment, in which another process may find the object stale.
             if (setLock(fd, LOCK_SH) && isCurrent(fd))
                 return fd;
         }

@@ -21,7 +21,7 @@ int makeSharedObject(const char* objectName, uint32_t size);
 // Lets go of it; the last holder removes the object.
 void releaseSharedObject(int fd, const char* objectName);
 
-// Its size in bytes, 0 when it cannot be told.
+// Its size in bytes, 0 when it is unknown.
 uint64_t sharedObjectSize(int fd);
 
 #endif

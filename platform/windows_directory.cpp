@@ -24,7 +24,7 @@ bool configurationDirectory(HostPath& result) {
     return length > 0 && static_cast<size_t>(length) < sizeof result.text;
 }
 
-// The text and what stands behind it, where both fit; the length, or the room needed.
+// Stores `text` followed by `behind` when both fit. The length, or the room needed.
 uint32_t deliver(const char* text, const char* behind, char* destination, uint32_t size) {
     const size_t length = std::strlen(text) + std::strlen(behind);
     if (length >= size)

@@ -32,7 +32,7 @@ HKEY makeKey(HKEY above, const char* name, bool persistent, uint32_t* dispositio
 HKEY openKey(HKEY above, const char* name);
 
 // Reads a value of a subkey into `buffer`, ended by a zero where there is room for it. False when the subkey
-// does not open; whether there is such a value, and whether it fits, is not told.
+// does not open; whether there is such a value, and whether it fits, is not reported.
 bool readSubkey(HKEY above, const char* name, char* buffer, int size, const char* valueName);
 
 // A subkey's default value, whole, as a block of small memory; null when there is none.

@@ -35,7 +35,7 @@ uint32_t endOfMap(const SFILE* s) {
     return positionOf(mapOf(s), mapOf(s)->mapEnd);
 }
 
-// The bytes from the current one to `end`, which a stored length that makes no sense puts in front of it.
+// The bytes from the current one to `end`, which a damaged stored length puts in front of it.
 uint32_t bytesTo(const SFILE* s, uint32_t end) {
     return end > s->pos ? end - s->pos : 0;
 }

@@ -69,7 +69,7 @@ struct Field {
 char applyKey(Field& field, int key, bool clearFirst) {
     if (key == 0)
         key = field.move(_getch());
-    else if (key < 0) // the input is over; a caller that waits for Enter or Escape is not kept for ever
+    else if (key < 0) // the input is over; so a caller that waits for Enter or Escape comes to an end
         key = kEscape;
     else if (clearFirst && key != kEnter && key != kEscape && key != kBackspace)
         field.clear();

@@ -61,7 +61,7 @@ const char* textOfOpenFailure(int error) {
     case EROFS:
         return "the disk takes no writes";
     case ELOOP:
-        return "its links go round";
+        return "its links lead back to themselves";
     default:
         return "cannot be opened or made";
     }

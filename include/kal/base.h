@@ -51,13 +51,13 @@ enum KalStatus : int16_t {
     KAL_ERR_TAG_PARENT = -607,    // the tag set has no parent
     KAL_ERR_TAG_MISSING = -608,   // there is no such tag
     KAL_ERR_FORMAT = -650,        // an item file's stored format is not the one expected
-    KAL_ERR_CURRENT_DIR = -700,   // the current directory could not be had
+    KAL_ERR_CURRENT_DIR = -700,   // the current directory does not fit or is unknown
     KAL_ERR_DESTINATION = -701,   // the destination does not serve
     KAL_ERR_EXAMINE = -702,       // a file or directory could not be examined
-    KAL_ERR_DISK = -703,          // the state of a disk could not be had
+    KAL_ERR_DISK = -703,          // the disk is not ready
     KAL_ERR_LIST = -801,          // null list, or a node that could not be freed
     KAL_ERR_NODE = -802,          // null node, or a node that could not be freed
-    KAL_ERR_RUN = -900,           // no compressed run at this position, or the run makes no sense or is over
+    KAL_ERR_RUN = -900,           // no compressed run at this position, or the run is damaged or over
     KAL_ERR_EMPTY_PATH = -1281,   // an empty path for a directory call
 };
 

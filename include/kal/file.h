@@ -40,7 +40,7 @@ KAL_API FILESTAT* KalOpenFileStat();
 KAL_API void KalCloseFileStat(FILESTAT* stat);
 
 // Tells in `stat->writable` whether a file can be made in the directory of `path`, by making one under a free
-// name, which is gone again afterwards; no file that is there is touched. 0. KAL_ERR_MEMORY, or
+// name and deleting it; existing files are not touched. 0. KAL_ERR_MEMORY, or
 // KAL_ERR_SERVICE when no name could be made or the path has 772 characters or more: `stat` is untouched
 // then. Any other status is that of making the file, and `writable` is 0.
 KAL_API int16_t KalFileStat(const char* path, FILESTAT* stat);

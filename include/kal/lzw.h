@@ -136,7 +136,7 @@ KAL_API int16_t KalDestroyReadLZW(readlzw* decoder);
 KAL_API int16_t KalDestroyReadLZW(readlzw_q* decoder);
 
 // Takes the eight bits of `inputByte`. The number of codes completed (0 to 4), which stand in `codes`; none
-// for an end code. Input that makes no sense never leads outside the table: such a code is dropped.
+// for an end code. Damaged input never leads outside the table: such a code is dropped.
 KAL_API uint16_t KalDecodeLZW(readlzw* decoder);
 
 #endif

@@ -15,7 +15,7 @@
 // included; where one of that name is, it is written anew within the smaller of both sizes. Write access
 // alone writes an existing mapping anew, within the length that was stored last. Without write access the
 // stored data is read. KAL_MODE_WRITE makes a stream that only writes, KAL_MODE_UPDATE one that reads too.
-// KAL_ERR_SERVICE when the mapping cannot be had.
+// KAL_ERR_SERVICE when there is no such mapping or it cannot be made.
 //
 // In the record: `pos` and `bufPtr` name the current byte, `offset` the first data byte, `bufEnd` the end of
 // the data, `bufStart` the length word. They are addresses where those have 32 bits, else offsets from the

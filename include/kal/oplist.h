@@ -200,7 +200,7 @@ KAL_API void KalShrinkOpList(OpList* list);
 // Makes a copy of a VMem list: the same bytes in blocks of the same sizes, so every position of the source is
 // valid in it; it stands nowhere until it is sought. An end op that the source owes is not in it: seek the source
 // first. A bitmap list is cloned by KalCloneDIBOpList. 0; KAL_ERR_MEMORY, KAL_ERR_VMEM or KalTempOpList's status,
-// with the part that was made in `*out`, which the caller closes (null when not even the record could be had);
+// with the part that was made in `*out`, which the caller closes (null when there was no memory for the record);
 // KAL_ERR_POSITION with `*out` null for a list in a stream.
 KAL_API int16_t KalCloneOpList(OpList* source, OpList** out);
 

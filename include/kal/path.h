@@ -80,7 +80,7 @@ KAL_API int16_t KalMakeDir(const char* path);
 KAL_API int16_t KalChangeDir(const char* path);
 
 // Copies the current directory, drive first, to `destination`. 0; KAL_ERR_DESTINATION for a null destination
-// or a size of 0, KAL_ERR_CURRENT_DIR when it does not fit or cannot be had (nothing is stored then),
+// or a size of 0, KAL_ERR_CURRENT_DIR when it does not fit or is unknown (nothing is stored then),
 // KAL_ERR_DISK when the disk is not ready.
 KAL_API int16_t KalGetCurWorkDir(char* destination, uint32_t size);
 

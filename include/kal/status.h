@@ -13,8 +13,7 @@
     STATUS(KAL_ERR_BUFFER, "not enough memory for a buffer or an index")                                     \
     STATUS(KAL_ERR_OPEN, "cannot be opened or made")                                                         \
     STATUS(KAL_ERR_STORAGE, "there is no such file, or it is no compound file that can be opened")           \
-    STATUS(KAL_ERR_SERVICE,                                                                                  \
-           "the operation does not apply, or no unique name, mapping or block can be had for it")            \
+    STATUS(KAL_ERR_SERVICE, "the operation does not apply, or found no unique name, mapping or block")       \
     STATUS(KAL_ERR_WRITE, "cannot be written")                                                               \
     STATUS(KAL_ERR_READ, "cannot be read")                                                                   \
     STATUS(KAL_ERR_CLOSE, "cannot be closed in good order")                                                  \
@@ -32,13 +31,13 @@
     STATUS(KAL_ERR_TAG_PARENT, "the settings have no parent")                                                \
     STATUS(KAL_ERR_TAG_MISSING, "there is no such setting")                                                  \
     STATUS(KAL_ERR_FORMAT, "it has another format")                                                          \
-    STATUS(KAL_ERR_CURRENT_DIR, "the current directory cannot be told")                                      \
+    STATUS(KAL_ERR_CURRENT_DIR, "the current directory is unknown or its name is too long")                  \
     STATUS(KAL_ERR_DESTINATION, "there is no place for the result")                                          \
     STATUS(KAL_ERR_EXAMINE, "cannot be examined")                                                            \
     STATUS(KAL_ERR_DISK, "the disk is not ready")                                                            \
     STATUS(KAL_ERR_LIST, "no list was given, or a node of it cannot be freed")                               \
     STATUS(KAL_ERR_NODE, "no node was given, or it cannot be freed")                                         \
-    STATUS(KAL_ERR_RUN, "its compressed data makes no sense or is over")                                     \
+    STATUS(KAL_ERR_RUN, "its compressed data is damaged or over")                                            \
     STATUS(KAL_ERR_EMPTY_PATH, "the path is empty")
 
 // The text of a status; of KAL_ERR_OPEN less an errno what kept the file from being opened or made; for a positive

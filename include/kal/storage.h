@@ -22,7 +22,7 @@ struct IStream;
 // is no such file; one that is there is never emptied by it.
 //
 // 0, and `*out` holds the stream, which its close slot ends. On failure `*out` is null and nothing stays
-// open: KAL_ERR_STORAGE for a file or stream that is missing, damaged, in use or not to be had;
+// open: KAL_ERR_STORAGE for a file or stream that is missing, damaged, in use or not accessible;
 // KAL_ERR_MEMORY.
 KAL_API int16_t KalOpenFileAsIStream(SFILE** out, const char* fileName, const char* streamName,
                                      uint16_t mode);

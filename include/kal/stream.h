@@ -118,7 +118,7 @@ KAL_API int16_t KalCopyFile(const char* destination, const char* source);
 
 // Makes a disk stream over an open file handle (a file descriptor) that stands at position 0. The stream
 // owns the handle from then on. It takes no writes until the caller sets KAL_MODE_WRITE or KAL_MODE_UPDATE in
-// its mode. 0, or KAL_ERR_MEMORY with `*out` null; a stream whose buffer could not be had goes without.
+// its mode. 0, or KAL_ERR_MEMORY with `*out` null; without memory for a buffer the stream is unbuffered.
 KAL_API int16_t KalMakeSFile(SFILE** out, int32_t handle);
 
 // Replaces the stream's buffer by one of `size` bytes, 0 for none. What the old buffer holds is NOT written
@@ -153,7 +153,7 @@ KAL_API int16_t KalCloseDiskFile(SFILE* stream);
 // in steps of 1,024 bytes. Its length, in `osPos`, is kept lazily: a write that makes the block grow raises
 // it, and so does a seek that finds the position beyond it. Seek (to the end, say) before relying on it, and
 // before reading what was written last. The end of the stream is KAL_ERR_SHORT_READ, never KAL_ERR_END;
-// KAL_ERR_GLOBAL when the block cannot be had, locked or grown, and it then stays as it was.
+// KAL_ERR_GLOBAL when the block cannot be allocated, locked or grown, and it then stays as it was.
 
 // As the slots say, with the differences above.
 KAL_API int32_t KalReadMemFile(SFILE* stream, void* destination, uint32_t count);

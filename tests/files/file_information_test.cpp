@@ -141,6 +141,11 @@ TEST_F(FileInformation, TroubleLeavesNothingBehind) {
         FILESTAT stat;
         return KalFileStat("A.B", &stat);
     };
+    const auto dateAndSize = [] {
+        FILEINFO info;
+        return KalGetFileDateTimeSize("A0.B", &info);
+    };
+    walkTrouble({.run = dateAndSize, .statuses = {KAL_ERR_EXAMINE}});
     walkTrouble({.run = canBeMade, .statuses = statuses}, troubles);
     walkTrouble({.run = [] { return KalAccessFile("new", kCreateTest); }, .statuses = statuses}, troubles);
     walkTrouble({.run = [] { return KalAccessFile("A0.B", kCreateTest); }, .statuses = statuses});

@@ -42,7 +42,7 @@ private:
     HostCallGuard guard_;
 };
 
-// Fails if blocks of small or global memory were won or lost in its scope.
+// Fails if blocks of small or global memory were leaked or freed too often in its scope.
 class HeapBalance {
 public:
     HeapBalance() : before_(liveHeapBlocks()), globalBefore_(liveGlobalBlocks()) {}
