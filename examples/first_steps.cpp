@@ -1,21 +1,15 @@
-#include <cstdio>
-#include <kal.h>
+#include <iostream>
+#include <kal/cpp.h>
 
-// Records two notes as a compressed operation list in a file, then reads them back.
+// Records two notes, keeps them as a compressed list in a file, and reads them back.
 int main() {
-    IOPFILE* file;
-    if (KalOpenIOpFile(&file, "notes.kal", KAL_MODE_CREATE | KAL_MODE_UPDATE, KAL_IOP_COMPRESSED) != 0)
+    auto notes = kal::OperationList::temporary().value();
+    notes.put(100, "hello").value();
+    notes.put(101, "world").value();
+    auto file = kal::OperationListFile::create("notes.kal").value();
+    if (!file.store(1, notes).ok())
         return 1;
-    OpList* list;
-    if (KalOpenPutIOpList(file, 1, &list) == 0) {
-        KalPutOpData(list, 100, "hello", 6);
-        KalPutOpData(list, 101, "world", 6);
-        KalClosePutIOpList(file);
-    }
-    if (KalOpenGetIOpList(file, 1, &list) == 0) {
-        for (void* op; (op = KalGetOp(list)) != nullptr; KalFreeSMem(KalOpBlock(op)))
-            std::printf("type %u: %s\n", KalOpType(op), static_cast<char*>(op));
-        KalCloseGetIOpList(file);
-    }
-    return KalCloseIOpFile(file);
+    for (kal::Op op : file.get(1).value())
+        std::cout << "type " << op.type << ": " << op.text() << '\n';
+    return file.close().code();
 }

@@ -312,6 +312,20 @@ TEST_F(CppFace, BitmapsComeBackFromAFile) {
     }
 }
 
+TEST_F(CppFace, BitmapsAreStoredAsDescribed) {
+    auto picture = kal::Bitmap::create(3, 2, 8).value();
+    const std::vector<kal::Colour> palette = {{0, 0, 0, 0}, {255, 255, 255, 0}};
+    EXPECT_TRUE(picture.setPalette(palette).ok());
+    EXPECT_TRUE(picture.put(0, bytesIn(std::string("\1\0\1", 3))).ok());
+    EXPECT_TRUE(picture.put(1, bytesIn(std::string("\0\1\0", 3))).ok());
+    auto file = kal::OperationListFile::create("plain", 0).value();
+    EXPECT_TRUE(picture.store(file, 1).ok());
+    EXPECT_TRUE(file.close().ok());
+    const auto item = kal::ItemFile::open("plain").value().read(1).value();
+    const Bytes described = hexExample("docs/formats/bitmap.md");
+    EXPECT_TRUE(std::ranges::equal(item.bytes(), std::as_bytes(std::span(described))));
+}
+
 // Whatever fails, no memory is lost and no failure goes untold.
 TEST_F(CppFace, TellsEveryTrouble) {
     manager_ = kal::Unexpected{KAL_OK};

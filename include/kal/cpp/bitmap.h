@@ -29,6 +29,13 @@ struct Colour {
     uint8_t unused; // kept as it is
 };
 
+// A pixel of 24 bits.
+struct Pixel {
+    uint8_t blue;  // 0 to 255
+    uint8_t green; // 0 to 255
+    uint8_t red;   // 0 to 255
+};
+
 // A row in memory, where it stays as long as this.
 class Row {
 public:
