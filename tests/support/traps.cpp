@@ -47,15 +47,15 @@ constexpr bool isChange(std::string_view name, int openFlags) {
            isOneOf(name, {"ftruncate", "unlink", "unlinkat", "renameat", "shm_unlink"});
 }
 
-// The flags of a call that opens, which stand where the table says; 0 for other calls.
-template <class... Arguments>
-int flagsOf(std::string_view name, const std::tuple<Arguments...>& arguments) {
-    if constexpr (sizeof...(Arguments) == 3)
-        if constexpr (std::is_same_v<std::tuple_element_t<1, std::tuple<Arguments...>>, int>)
-            return isOneOf(name, {"open", "shm_open"}) ? std::get<1>(arguments) : 0;
-    if constexpr (sizeof...(Arguments) == 4)
-        if constexpr (std::is_same_v<std::tuple_element_t<2, std::tuple<Arguments...>>, int>)
-            return name == "openat" ? std::get<2>(arguments) : 0;
+// The flags of a call that opens: open and shm_open, openat; 0 for other calls.
+int flagsOf(const std::tuple<const char*, int, mode_t>& arguments) {
+    return std::get<1>(arguments);
+}
+int flagsOf(const std::tuple<int, const char*, int, mode_t>& arguments) {
+    return std::get<2>(arguments);
+}
+template <class Other>
+int flagsOf(const Other&) {
     return 0;
 }
 
@@ -101,7 +101,7 @@ Answer answerTo(const char* name, int openFlags) {
 template <auto Member, class Result, class... Arguments>
 Result trapped(const char* name, Arguments... arguments) {
     std::tuple<Arguments...> given(arguments...);
-    Answer answer = answerTo(name, flagsOf(name, given));
+    Answer answer = answerTo(name, flagsOf(given));
     const int error = errno;
     if constexpr (sizeof...(Arguments) >= 3)
         if constexpr (std::is_same_v<std::tuple_element_t<2, std::tuple<Arguments...>>, size_t>)
