@@ -1,6 +1,7 @@
 // Compound files beside libgsf, with files in memory (/dev/shm).
 #include "bench/row.h"
-#include "platform/storage.h"
+
+#include <kal/compound.h>
 
 #include <gsf/gsf-infile-msole.h>
 #include <gsf/gsf-infile.h>

@@ -6,6 +6,7 @@
 
 #include <kal/base.h>
 #include <kal/cfile.h>
+#include <kal/compound.h>
 #include <kal/file.h>
 #include <kal/heap.h>
 #include <kal/item.h>

@@ -1,10 +1,11 @@
 // The compound-file back-end: the buffered algorithm over a stream of structured storage.
 #include <kal/storage.h>
 
-#include "platform/storage.h"
 #include "streams/backends.h"
 #include "streams/buffered.h"
 #include "streams/search.h"
+
+#include <kal/compound.h>
 
 #include <cstdlib>
 

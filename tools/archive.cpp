@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -34,17 +33,14 @@ constexpr uint32_t bufferBytes = 16384;
 
 // Waits for the lock. A file system without locks goes without.
 void lock(const File& file, int operation) {
-    while (::flock(file.handle(), operation) != 0) {
-        if (errno != EINTR)
-            return;
-        throwIfInterrupted();
-    }
+    if (!waitUntil([&] { return ::flock(file.handle(), operation | LOCK_NB) == 0 || errno != EWOULDBLOCK; }))
+        throw Failure("in use");
 }
 
 // Opens and locks the archive; not open when there is none. One that was deleted while this process waited is
 // none.
 File openLocked(const std::string& path, int flags, int lockKind) {
-    try {
+    return named(path, [&] {
         File file = File::openIfThere(path, flags);
         while (file.isOpen()) {
             lock(file, lockKind);
@@ -54,9 +50,7 @@ File openLocked(const std::string& path, int flags, int lockKind) {
             file = File::openIfThere(path, flags);
         }
         return file;
-    } catch (const Failure& failure) {
-        throw Failure(path, failure.what());
-    }
+    });
 }
 
 } // namespace
@@ -82,11 +76,7 @@ std::unique_ptr<Archive> Archive::forStoring(const std::string& path, Compressio
         archive->bytesBefore_ = archive->file_.size();
         return archive;
     }
-    try {
-        archive->file_ = createBeside(path, archive->beside_);
-    } catch (const Failure& failure) {
-        archive->fail(failure.what());
-    }
+    named(path, [&] { archive->new_.emplace(path); });
     archive->lay(KAL_MODE_CREATE | KAL_MODE_WRITE,
                  compression == Compression::None ? plainFormat : compressedFormat);
     archive->putSignature();
@@ -95,8 +85,6 @@ std::unique_ptr<Archive> Archive::forStoring(const std::string& path, Compressio
 
 Archive::~Archive() {
     closeWithoutWriting();
-    if (!beside_.empty())
-        ::unlink(beside_.c_str());
     if (bytesBefore_ != 0)
         takeBack();
 }
@@ -115,7 +103,7 @@ void Archive::takeBack() {
 
 // Lays the operation-list file over the open file.
 void Archive::lay(uint16_t mode, uint16_t format) {
-    const int handle = ::fcntl(file_.handle(), F_DUPFD_CLOEXEC, 3);
+    const int handle = ::fcntl(file().handle(), F_DUPFD_CLOEXEC, 3);
     if (handle < 0)
         fail(hostErrorText(errno));
     SFILE* stream = nullptr;
@@ -242,32 +230,16 @@ void Archive::commit() {
     SFILE* stream = lists_->ifile->stream;
     require(KalFlushBuf(stream));
     throwIfInterrupted();
-    try {
-        headBefore_ = file_.readAt(0, static_cast<size_t>(std::min<uint64_t>(bytesBefore_, indexEnd)));
-    } catch (const Failure& failure) {
-        fail(failure.what());
-    }
+    if (bytesBefore_ != 0)
+        headBefore_ = named(path_, [this] {
+            return file_.readAt(0, static_cast<size_t>(std::min<uint64_t>(bytesBefore_, indexEnd)));
+        });
     require(KalFlushIFile(lists_->ifile));
     require(KalFlushBuf(stream));
     closeWithoutWriting();
-    if (!beside_.empty())
-        placeNew();
-    bytesBefore_ = 0;
-}
-
-// Gives the new archive its name, unless another has it.
-void Archive::placeNew() {
-    int result = ::renameat2(AT_FDCWD, beside_.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE);
-    if (result != 0 && (errno == EINVAL || errno == ENOSYS)) { // a file system that cannot do it at once
-        result = ::link(beside_.c_str(), path_.c_str());
-        if (result == 0)
-            ::unlink(beside_.c_str());
-    }
-    if (result != 0 && errno == EEXIST)
+    if (new_ && !named(path_, [this] { return new_->place(); }))
         throw ArchiveAppeared();
-    if (result != 0)
-        fail(hostErrorText(errno));
-    beside_.clear();
+    bytesBefore_ = 0;
 }
 
 // Ends the library's work on the file. Nothing that it still holds reaches the file.

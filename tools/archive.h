@@ -14,6 +14,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,14 +59,14 @@ private:
     int16_t finishPut();
     void closeWithoutWriting();
     void takeBack();
-    void placeNew();
+    File& file() { return new_ ? new_->file() : file_; }
     std::vector<ArchiveItem> items() const;
     [[noreturn]] void fail(const std::string& why) const;
     void require(int16_t status) const;
 
     std::string path_;
-    std::string beside_; // the name of a new archive until its commit
-    File file_;          // holds the lock
+    std::optional<NewFile> new_; // a new archive until its commit
+    File file_;                  // holds the lock; of a new archive empty
     IOPFILE* lists_ = nullptr;
     uint64_t bytesBefore_ = 0;        // size of the archive that is being added to
     std::vector<uint8_t> headBefore_; // what writing the index may overwrite; from commit on

@@ -1,20 +1,20 @@
 // Compound files: what is in them, one stream out, one stream in.
-//
-// The library's own call reaches the streams of a root storage. A list and streams in storages inside need the
-// storage interfaces, which libkal.so keeps to itself: the program has those objects in it (kal_storage).
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/file.h"
-#include "tools/output_file.h"
+#include "tools/interrupt.h"
 
-#include "platform/storage.h"
+#include <kal/compound.h>
 
 #include <CLI/CLI.hpp>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <iostream>
+#include <memory>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -59,7 +59,9 @@ const char* reasonOf(HRESULT result) {
 }
 
 void require(HRESULT result, const std::string& what) {
-    if (result != S_OK)
+    if (result == STG_E_INSUFFICIENTMEMORY)
+        throw std::bad_alloc();
+    if (result < 0)
         throw Failure(what, reasonOf(result));
 }
 
@@ -122,64 +124,44 @@ std::string json(const std::string& shownName) {
 // --- Files -------------------------------------------------------------------------------------------------
 
 File openRegular(const std::string& path, int flags) {
-    try {
-        if (File file = File::openIfThere(path, flags); file.isOpen())
-            return file;
-    } catch (const Failure& failure) {
-        throw Failure(path, failure.what());
-    }
-    throw Failure(path, "there is no such file");
+    File file = named(path, [&] { return File::openIfThere(path, flags); });
+    if (!file.isOpen())
+        throw Failure(path, "there is no such file");
+    return file;
 }
 
 // A compound file by the host's own name: the storage is told of the open file, so that no letter of the name
 // is taken for a drive or a separator.
 class CompoundFile {
 public:
-    static CompoundFile existing(const std::string& path, uint32_t mode) {
-        CompoundFile file;
-        file.path_ = path;
-        file.file_ = openRegular(path, mode == kUpdate ? O_RDWR : O_RDONLY);
-        file.take(StgOpenStorage(file.name().c_str(), nullptr, mode, nullptr, 0, &file.raw_));
-        return file;
+    // Waits for one that is in use.
+    CompoundFile(const std::string& path, File file, uint32_t mode) : file_(std::move(file)) {
+        HRESULT result = S_OK;
+        waitUntil([&] {
+            result = StgOpenStorage(name().c_str(), nullptr, mode, nullptr, 0, &raw_);
+            return result != STG_E_SHAREVIOLATION;
+        });
+        take(result, path);
     }
-    // Opens for writing, or makes the file.
-    static CompoundFile forWriting(const std::string& path) {
-        CompoundFile file;
-        const int handle = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (handle < 0)
-            return existing(path, kUpdate);
-        file.path_ = path;
-        file.file_ = File(handle);
-        const HRESULT result = StgCreateDocfile(file.name().c_str(), kUpdate | STGM_CREATE, 0, &file.raw_);
-        file.made_ = true;
-        if (result != S_OK)
-            file.takeBack();
-        file.take(result);
-        return file;
+    // Lays a compound file over a new file.
+    CompoundFile(const std::string& path, const File& made) : file_(::dup(made.handle())) {
+        take(StgCreateDocfile(name().c_str(), kUpdate | STGM_CREATE, 0, &raw_), path);
     }
     IStorage* root() const { return storage_.get(); }
-    // Ends the use. A file that this made and that holds nothing of use goes away again.
-    void takeBack() {
-        storage_.reset();
-        if (made_)
-            ::unlink(path_.c_str());
-    }
 
 private:
     std::wstring name() const {
         const std::string text = "/proc/self/fd/" + std::to_string(file_.handle());
         return std::wstring(text.begin(), text.end());
     }
-    void take(HRESULT result) {
+    void take(HRESULT result, const std::string& path) {
         storage_.reset(raw_);
-        require(result, path_);
+        require(result, path);
     }
 
-    std::string path_;
     File file_;
     IStorage* raw_ = nullptr;
     StoragePtr storage_;
-    bool made_ = false;
 };
 
 // Calls `use(storage, name)` with the storage that holds the last part of a path.
@@ -213,21 +195,25 @@ void gather(IStorage* storage, const std::string& prefix, int depth, std::vector
     require(depth < kDeepest ? storage->EnumElements(0, nullptr, 0, &raw) : STG_E_DOCFILECORRUPT, prefix);
     const std::unique_ptr<IEnumSTATSTG, Releaser<IEnumSTATSTG>> all(raw);
     STATSTG element;
-    while (all->Next(1, &element, nullptr) == S_OK) {
-        const std::wstring name = element.pwcsName;
-        CoTaskMemFree(element.pwcsName);
+    for (;;) {
+        const HRESULT result = all->Next(1, &element, nullptr);
+        require(result, prefix);
+        if (result == S_FALSE)
+            break;
+        const std::unique_ptr<wchar_t, decltype(&CoTaskMemFree)> text(element.pwcsName, CoTaskMemFree);
+        const std::wstring name = text.get();
         const std::string path = prefix + shown(name);
         elements.push_back({path, element.type == STGTY_STREAM, element.cbSize});
         IStorage* inner;
-        if (element.type == STGTY_STREAM ||
-            storage->OpenStorage(name.c_str(), nullptr, STGM_READ, nullptr, 0, &inner) != S_OK)
+        if (element.type == STGTY_STREAM)
             continue;
+        require(storage->OpenStorage(name.c_str(), nullptr, STGM_READ, nullptr, 0, &inner), path);
         gather(StoragePtr(inner).get(), path + "/", depth + 1, elements);
     }
 }
 
 void list(const Arguments& arguments) {
-    const CompoundFile file = CompoundFile::existing(arguments.file, kReading);
+    const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
     std::vector<Element> elements;
     gather(file.root(), "", 0, elements);
     const char* separator = "[\n  ";
@@ -249,7 +235,7 @@ void list(const Arguments& arguments) {
 }
 
 void cat(const Arguments& arguments) {
-    const CompoundFile file = CompoundFile::existing(arguments.file, kReading);
+    const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
     const std::string what = arguments.file + ": " + arguments.stream;
     inStorageOf(file.root(), arguments.stream, [&what](IStorage* storage, const std::wstring& name) {
         IStream* raw;
@@ -264,23 +250,32 @@ void cat(const Arguments& arguments) {
     });
 }
 
-// Takes the room that the bytes need first, so that a full disk leaves the stream as it was.
 void write(IStream* stream, const File& input, uint64_t bytes, const std::string& what) {
-    uint64_t before = 0;
-    stream->Seek(0, STREAM_SEEK_END, &before);
-    if (bytes > before)
-        require(stream->SetSize(bytes), what);
-    stream->Seek(0, STREAM_SEEK_SET, nullptr);
     for (uint64_t done = 0; done < bytes;) {
+        throwIfInterrupted();
         const auto piece = input.readAt(done, kPiece);
         uint32_t written = 0;
         require(stream->Write(piece.data(), static_cast<uint32_t>(piece.size()), &written), what);
-        if (written == 0)
+        if (written < piece.size() || piece.empty())
             throw Failure(what, "no room, or the input became shorter");
         done += written;
     }
-    if (bytes < before)
-        require(stream->SetSize(bytes), what);
+}
+
+// Whatever ends this early, the file stays as it was.
+void putInto(IStorage* root, const Arguments& arguments, const File& input, uint64_t bytes) {
+    const std::string what = arguments.file + ": " + arguments.stream;
+    try {
+        inStorageOf(root, arguments.stream, [&](IStorage* storage, const std::wstring& name) {
+            IStream* raw;
+            require(storage->CreateStream(name.c_str(), kUpdate | STGM_CREATE, 0, 0, &raw), what);
+            write(StreamPtr(raw).get(), input, bytes, what);
+        });
+        require(root->Commit(0), what);
+    } catch (...) {
+        root->Revert();
+        throw;
+    }
 }
 
 void put(const Arguments& arguments) {
@@ -288,29 +283,20 @@ void put(const Arguments& arguments) {
     const uint64_t bytes = input.size();
     if (bytes > kLongestStream)
         throw Failure(arguments.input, "too long for a stream");
-    CompoundFile file = CompoundFile::forWriting(arguments.file);
-    const std::string what = arguments.file + ": " + arguments.stream;
-    try {
-        inStorageOf(file.root(), arguments.stream, [&](IStorage* storage, const std::wstring& name) {
-            IStream* raw;
-            HRESULT result = storage->OpenStream(name.c_str(), nullptr, kUpdate, 0, &raw);
-            const bool isNew = result == STG_E_FILENOTFOUND;
-            if (isNew)
-                result = storage->CreateStream(name.c_str(), kUpdate, 0, 0, &raw);
-            require(result, what);
-            try {
-                write(StreamPtr(raw).get(), input, bytes, what);
-            } catch (...) {
-                if (isNew)
-                    storage->DestroyElement(name.c_str());
-                throw;
-            }
-        });
-        require(file.root()->Commit(0), what);
-    } catch (...) {
-        file.takeBack();
-        throw;
+    // Another process may make the file at the same time: then the stream is put into that one.
+    for (int attempt = 0; attempt < 3; attempt++) {
+        const std::string& path = arguments.file;
+        if (File there = named(path, [&] { return File::openIfThere(path, O_RDWR); }); there.isOpen()) {
+            const CompoundFile file(path, std::move(there), kUpdate);
+            return putInto(file.root(), arguments, input, bytes);
+        }
+        std::optional<NewFile> made;
+        named(path, [&] { made.emplace(path); });
+        putInto(CompoundFile(path, made->file()).root(), arguments, input, bytes);
+        if (named(path, [&] { return made->place(); }))
+            return;
     }
+    throw Failure(arguments.file, hostErrorText(EEXIST));
 }
 
 } // namespace

@@ -20,11 +20,24 @@ public:
     using Failure::Failure;
 };
 
+// Does something whose failures say why but not of what: they get the name.
+template <class Action>
+auto named(const std::string& name, Action action) {
+    try {
+        return action();
+    } catch (const Failure& failure) {
+        throw Failure(name, failure.what());
+    }
+}
+
 // A library status and a host error number in words.
 std::string statusText(int16_t status);
 std::string hostErrorText(int error);
 
 // The text on one line: control characters give way to question marks.
 std::string onOneLine(std::string text);
+inline char onOneLine(char c) {
+    return static_cast<unsigned char>(c) < ' ' || c == 0x7F ? '?' : c;
+}
 
 #endif

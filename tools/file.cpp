@@ -1,11 +1,16 @@
 #include "tools/file.h"
 
 #include "tools/failure.h"
+#include "tools/interrupt.h"
 
 #include <cerrno>
-#include <cstdlib>
+#include <chrono>
+#include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -94,14 +99,113 @@ void File::append(ByteView bytes) const {
     writeAll(bytes, [&](ByteView rest, size_t) { return ::write(handle_, rest.data(), rest.size()); });
 }
 
-File createBeside(const std::string& path, std::string& name) {
-    std::string candidate = path + ".XXXXXX";
-    File file(::mkostemp(candidate.data(), O_CLOEXEC));
-    if (!file.isOpen())
+// --- New files -----------------------------------------------------------------------------------------
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string folderOf(const std::string& path) {
+    const std::string folder = fs::path(path).parent_path().string();
+    return folder.empty() ? "." : folder;
+}
+
+// What names beside `path` begin with.
+std::string besidePrefix(const std::string& path) {
+    return "." + fs::path(path).filename().string() + ".kal-";
+}
+
+// A living program holds a lock on its file.
+void removeDead(const std::string& path) {
+    const std::string prefix = besidePrefix(path);
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(folderOf(path), ignored)) {
+        if (entry.path().filename().string().rfind(prefix, 0) != 0)
+            continue;
+        const File file(::open(entry.path().c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        if (file.isOpen() && ::flock(file.handle(), LOCK_EX | LOCK_NB) == 0)
+            ::unlink(entry.path().c_str());
+    }
+}
+
+} // namespace
+
+NewFile::NewFile(const std::string& path)
+    : path_(path), file_(::open(folderOf(path).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0666)) {
+    if (!file_.isOpen()) {
+        removeDead(path);
+        makeBeside();
+    }
+}
+
+NewFile::~NewFile() {
+    removeBeside();
+}
+
+void NewFile::removeBeside() {
+    if (!beside_.empty())
+        ::unlink(beside_.c_str());
+    beside_.clear();
+}
+
+// Makes the file under a name of its own, or gives that name to a file that has none.
+void NewFile::makeBeside() {
+    const std::string start = folderOf(path_) + "/" + besidePrefix(path_) + std::to_string(::getpid()) + "-";
+    for (int number = 0; beside_.empty(); number++) {
+        std::string name = start + std::to_string(number);
+        if (!file_.isOpen()) {
+            File made(::open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+            if (made.isOpen()) {
+                ::flock(made.handle(), LOCK_EX | LOCK_NB);
+                file_ = std::move(made);
+                beside_.swap(name);
+            }
+        } else if (::linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(file_.handle())).c_str(), AT_FDCWD,
+                            name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            beside_.swap(name);
+        }
+        if (beside_.empty() && errno != EEXIST)
+            failByHost();
+    }
+}
+
+bool NewFile::place() {
+    const std::string from = beside_.empty() ? "/proc/self/fd/" + std::to_string(file_.handle()) : beside_;
+    if (::linkat(AT_FDCWD, from.c_str(), AT_FDCWD, path_.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+        removeBeside();
+        return true;
+    }
+    if (errno == EEXIST)
+        return false;
+    // A file system without links.
+    if (beside_.empty() ||
+        ::renameat2(AT_FDCWD, beside_.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE) != 0) {
+        if (errno == EEXIST)
+            return false;
         failByHost();
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(file.handle(), 0666 & ~mask);
-    name = candidate;
-    return file;
+    }
+    beside_.clear();
+    return true;
+}
+
+void NewFile::replace() {
+    if (beside_.empty() && place())
+        return;
+    if (beside_.empty())
+        makeBeside();
+    if (std::rename(beside_.c_str(), path_.c_str()) != 0)
+        failByHost();
+    beside_.clear();
+}
+
+bool waitUntil(const std::function<bool()>& isFree) {
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::seconds(waitSeconds);
+    while (!isFree()) {
+        throwIfInterrupted();
+        if (Clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
 }

@@ -5,6 +5,7 @@
 
 #include "tools/bytes.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,36 @@ private:
     int handle_ = -1;
 };
 
-// Makes a new file beside `path` and gives its name. Throws a Failure.
-File createBeside(const std::string& path, std::string& name);
+// A new file that has no name until it is put in its place, so that nothing of it is left when the program is killed.
+// Where the file system cannot do that it has a name beside `path` until then, and what dead programs left there under
+// such names is removed.
+class NewFile {
+public:
+    // Calls throw a Failure whose text is the host's.
+    explicit NewFile(const std::string& path);
+    ~NewFile();
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    File& file() { return file_; }
+    // Gives the file its name. False, and it has none, when another file has it.
+    bool place();
+    // Gives the file its name in place of a file that may have it.
+    void replace();
+
+private:
+    void makeBeside();
+    void removeBeside();
+
+    std::string path_;
+    std::string beside_; // its name until then; empty without one
+    File file_;
+};
+
+// How many seconds a command waits for a file that is in use.
+inline unsigned waitSeconds = 10;
+
+// Asks `isFree` again and again until it says so. False when that took too long. Throws Interrupted.
+bool waitUntil(const std::function<bool()>& isFree);
 
 #endif

@@ -2,11 +2,14 @@
 // Exit status: 0 done, 1 a file, picture or archive is not as it must be, 2 wrong usage.
 #include "tools/command.h"
 #include "tools/failure.h"
+#include "tools/file.h"
 #include "tools/interrupt.h"
 
 #include <CLI/CLI.hpp>
 
 #include <csignal>
+#include <cstdio>
+#include <exception>
 #include <fcntl.h>
 #include <iostream>
 #include <new>
@@ -21,9 +24,19 @@ constexpr void (*commands[])(CLI::App&) = {addStore,    addList,     addExtract,
 constexpr int failed = 1;
 constexpr int wrongUsage = 2;
 
-int complain(const std::string& message, int exitStatus) {
-    std::cerr << "kal: " << onOneLine(message) << '\n';
+// Prints the message on one line. Takes no memory, of which there may be none.
+int complain(const char* message, int exitStatus) {
+    std::fputs("kal: ", stderr);
+    for (; *message != 0; message++)
+        std::fputc(onOneLine(*message), stderr);
+    std::fputc('\n', stderr);
     return exitStatus;
+}
+
+// Objects that the command line's library makes before main() find no memory like everything else.
+std::terminate_handler terminateInMain = nullptr;
+[[gnu::constructor(101)]] void complainBeforeMain() {
+    terminateInMain = std::set_terminate([] { ::_exit(complain("not enough memory", failed)); });
 }
 
 // A standard stream that is closed would be given to the next file that is opened, and written to as such.
@@ -36,13 +49,18 @@ int run(int count, char** arguments) {
     CLI::App program("Keeps pictures in archives of operation lists, and streams in compound files.", "kal");
     program.set_version_flag("--version", "kal " KAL_VERSION);
     program.require_subcommand(1);
+    program.fallthrough();
+    program
+        .add_option("--wait", waitSeconds,
+                    "Seconds to wait for a file that is in use (default: 10); may stand behind the command")
+        ->check(CLI::Range(0, 86400));
     for (auto add : commands)
         add(program);
     try {
         program.parse(count, arguments);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() != 0)
-            return complain(std::string(error.what()) + " (kal --help tells more)", wrongUsage);
+            return complain((std::string(error.what()) + " (kal --help tells more)").c_str(), wrongUsage);
         program.exit(error); // prints the help that was asked for
     }
     if (!std::cout.flush())
@@ -61,6 +79,7 @@ void addMemoryOption(CLI::App* command, uint32_t& mebibytes) {
 }
 
 int main(int count, char** arguments) {
+    std::set_terminate(terminateInMain);
     fillStandardStreams();
     catchInterrupts();
     std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a failed write

@@ -4,13 +4,13 @@
 
 #include "tools/file.h"
 
+#include <optional>
+
 class OutputFile {
 public:
     // Where `path` is a link, the file that it leads to is meant. Throws a Failure when `path` is something
     // else than a regular file, or nothing can be made beside it.
     explicit OutputFile(const std::string& path);
-    // Takes the file away again unless it was put in its place.
-    ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
@@ -20,9 +20,7 @@ public:
 
 private:
     std::string path_;
-    std::string target_;
-    std::string beside_;
-    File file_;
+    std::optional<NewFile> file_;
 };
 
 #endif

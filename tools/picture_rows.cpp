@@ -83,9 +83,11 @@ void PictureRows::putBand(const Op& band, ByteView padding) {
 
 void PictureRows::getBands(OpList* list, uint16_t paddingType) {
     list_.rewind();
+    uint32_t lines = 0;
     while (const Op band = nextOp(list_)) {
+        const ByteView bytes = payload(band);
+        lines += load16(bytes, 6);
         if (!padding_.empty()) {
-            const ByteView bytes = payload(band);
             const ByteView padding =
                 ByteView(padding_).subspan(paddingOffset(load16(bytes, 2)), paddingOffset(load16(bytes, 6)));
             if (!isSilent(padding))
@@ -93,6 +95,8 @@ void PictureRows::getBands(OpList* list, uint16_t paddingType) {
         }
         putOp(list, band);
     }
+    if (lines != layout_.height) // a band for which there was no memory may look like the end
+        throw std::bad_alloc();
 }
 
 void PictureRows::getRows(const std::function<void(ByteView)>& use) {

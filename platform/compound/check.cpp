@@ -4,26 +4,32 @@ namespace compound {
 
 namespace {
 
-// Which units of a space have an owner.
+constexpr uint32_t kNobody = 0;
+constexpr uint32_t kTables = 0xFFFFFFFF;     // the owner of FAT, directory and the like
+constexpr uint32_t kMiniStream = 0xFFFFFFFE; // the owner of the sectors in which mini sectors lie
+// A stream is an owner by its entry's number, which is never 0.
+
+// Who owns each unit of a space.
 class Owners {
 public:
-    bool start(uint32_t units) { return owned_.resize(units); }
-    bool take(Run run) {
-        if (run.first > owned_.size() || run.count > owned_.size() - run.first)
+    bool start(uint32_t units) { return owners_.resize(units); }
+    uint32_t count() const { return static_cast<uint32_t>(owners_.size()); }
+
+    // Calls `onClash(owner before)` for each unit that has one; false when units are no units of the space.
+    template <class OnClash>
+    bool take(Run run, uint32_t owner, OnClash onClash) {
+        if (run.first > count() || run.count > count() - run.first)
             return false;
-        uint8_t* flags = owned_.data() + run.first;
-        for (uint32_t i = 0; i < run.count; i++)
-            if (flags[i] != 0)
-                return false;
-        std::memset(flags, 1, run.count);
+        for (uint32_t unit = run.first; unit < run.first + run.count; unit++) {
+            if (owners_[unit] != kNobody)
+                onClash(owners_[unit]);
+            owners_[unit] = owner;
+        }
         return true;
-    }
-    bool take(const Chain& chain) {
-        return chain.everyRun([this](Run run) { return take(run); });
     }
 
 private:
-    Array<uint8_t> owned_;
+    Array<uint32_t> owners_;
 };
 
 class Checker {
@@ -34,25 +40,34 @@ public:
         const MiniSectors& mini = file_.miniSectors();
         const auto miniUnits = static_cast<uint32_t>(
             std::min<uint64_t>(mini.table.size(), mini.container().byteCount() >> kMiniShift));
+        file_.miniSectors().table.endLooseChains(miniUnits);
         return sectors_.start(std::min(file_.sectors().inFile(), file_.sectors().table.size())) &&
-               miniSectors_.start(miniUnits) && takeTables() && takeStorages();
+               miniSectors_.start(miniUnits) && takeTables() && takeStorages() && !clashesWithMiniStream_;
     }
 
 private:
+    bool takeForTables(Run run, uint32_t owner) {
+        bool clash = false;
+        return sectors_.take(run, owner, [&clash](uint32_t) { clash = true; }) && !clash;
+    }
+
     // Sectors of the tables are marked as such, or they would be given out as free ones.
     bool takeMarked(const Array<uint32_t>& list, uint32_t mark) {
         for (const uint32_t sector : list)
-            if (!sectors_.take(Run{sector, 1}) || file_.sectors().table.next(sector) != mark)
+            if (!takeForTables({sector, 1}, kTables) || file_.sectors().table.next(sector) != mark)
                 return false;
         return true;
     }
 
     bool takeTables() {
         const MiniSectors& mini = file_.miniSectors();
-        return takeMarked(file_.sectors().fatSectors(), kFatSector) &&
-               takeMarked(file_.sectors().difatSectors(), kDifatSector) &&
-               sectors_.take(file_.directory().chain()) && sectors_.take(mini.tableChain()) &&
-               sectors_.take(mini.container()) && reaches(mini.container(), mini.usedBytes());
+        const auto take = [this](const Chain& chain, uint32_t owner) {
+            return chain.everyRun([this, owner](Run run) { return takeForTables(run, owner); });
+        };
+        return take(file_.directory().chain(), kTables) && take(mini.tableChain(), kTables) &&
+               take(mini.container(), kMiniStream) && takeMarked(file_.sectors().fatSectors(), kFatSector) &&
+               takeMarked(file_.sectors().difatSectors(), kDifatSector) && mini.isWhole() &&
+               reaches(mini.container(), file_.directory().size(kRoot));
     }
 
     // Whether the file has all bytes of what lies in a chain, also where its last sector is cut short.
@@ -62,15 +77,31 @@ private:
                (size == 0 || !file_.sectors().isLastCutShort() || chain.read(size - 1, &last, 1).count == 1);
     }
 
-    bool takeStream(uint32_t entry) {
-        const uint64_t size = file_.directory().size(entry);
+    // A chain that is too short stays so: nothing that the file is given later becomes a part of it.
+    void takeStream(uint32_t entry) {
+        Directory& directory = file_.directory();
+        const uint64_t size = directory.size(entry);
         if (size == 0)
-            return true;
+            return;
         const bool small = size < kMiniCutoff;
-        Space& space = small ? static_cast<Space&>(file_.miniSectors()) : file_.sectors();
-        Chain chain(space);
-        return size <= file_.longestStream() && chain.load(file_.directory().first(entry)) &&
-               reaches(chain, size) && (small ? miniSectors_ : sectors_).take(chain);
+        Owners& owners = small ? miniSectors_ : sectors_;
+        Chain chain(small ? static_cast<Space&>(file_.miniSectors()) : file_.sectors());
+        const bool ends = chain.load(directory.first(entry));
+        bool good = ends && size <= file_.longestStream() && reaches(chain, size);
+        const bool isCutShort = chain.byteCount() >= size;
+        if (ends && !good && (isCutShort || chain.unitCount() == 0 || chain.first() >= owners.count()))
+            directory.setData(entry, kEndOfChain, size);
+        good = chain.everyRun([&](Run run) {
+            return owners.take(run, entry, [&](uint32_t before) {
+                good = false;
+                // What lies in a stream's sectors may as well be the small streams as that one.
+                clashesWithMiniStream_ = clashesWithMiniStream_ || before == kMiniStream;
+                if (before < kMiniStream)
+                    file_.setDamaged(before);
+            });
+        }) && good;
+        if (!good)
+            file_.setDamaged(entry);
     }
 
     bool takeStorages() {
@@ -81,11 +112,12 @@ private:
             const uint32_t storage = open.back();
             open.shrink(open.size() - 1);
             const Children* children = file_.childrenOf(storage);
-            if (children == nullptr || children->damaged())
+            if (children == nullptr)
                 return false;
             for (const uint32_t entry : children->entries()) {
-                const bool isStream = file_.directory().type(entry) == kStream;
-                if (isStream ? !takeStream(entry) : !open.append(entry))
+                if (file_.directory().type(entry) == kStream)
+                    takeStream(entry);
+                else if (!open.append(entry))
                     return false;
             }
         }
@@ -95,11 +127,12 @@ private:
     CompoundFile& file_;
     Owners sectors_;
     Owners miniSectors_;
+    bool clashesWithMiniStream_ = false;
 };
 
 } // namespace
 
-bool isSound(CompoundFile& file) {
+bool findDamage(CompoundFile& file) {
     return Checker(file).check();
 }
 

@@ -83,7 +83,7 @@ CompoundFile* CompoundFile::open(const char* hostPath, bool writable, HRESULT& r
         return nullptr;
     }
     result = resultOf(file->host_.open(hostPath, writable));
-    if (result == S_OK && !(file->load() && (!writable || isSound(*file))))
+    if (result == S_OK && !(file->load() && (!writable || findDamage(*file))))
         result = STG_E_DOCFILECORRUPT;
     if (result == S_OK)
         return file;
@@ -103,9 +103,14 @@ bool CompoundFile::load() {
     if (host_.read(0, header_, sizeof header_).count != sizeof header_)
         return false;
     const uint32_t shift = checkHeader(header_);
-    return shift != 0 && sectors_.load(shift, header_) &&
-           directory_.load(load32(header_ + kFirstDirectory)) &&
-           miniSectors_.load(header_, directory_.first(kRoot));
+    if (shift == 0 || !sectors_.load(shift, header_))
+        return false;
+    lengthBefore_ = host_.length();
+    if (!directory_.load(load32(header_ + kFirstDirectory)) || !damaged_.resize(directory_.count()))
+        return false;
+    if (writable())
+        sectors_.table.endLooseChains(sectors_.inFile());
+    return miniSectors_.load(header_, directory_.first(kRoot));
 }
 
 void CompoundFile::letGo() {
@@ -116,26 +121,48 @@ void CompoundFile::letGo() {
     delete this;
 }
 
-// The FAT comes after what changes it, the header last. All sectors have had their room since they were
-// taken, so a full disk does not come in between.
 HRESULT CompoundFile::flush() {
     if (!changed_)
         return S_OK;
+    if (!writeChanges())
+        return STG_E_WRITEFAULT;
+    changed_ = false;
+    lengthBefore_ = host_.length();
+    return S_OK;
+}
+
+// What is new is written first, where nothing leads to it yet: the tables, in which all that the file holds still
+// is in use, and a directory of more than one sector. Then one write, of the header or of the directory's sector,
+// leads to it. Only after that what was given up becomes free. All sectors have had their room since they were taken,
+// so a full disk does not come in between.
+bool CompoundFile::writeChanges() {
+    lengthBefore_ = UINT64_MAX;
     for (Children* children = loaded_; children != nullptr; children = children->nextLoaded)
         children->setLinks();
     if (!miniSectors_.flush(header_))
-        return STG_E_WRITEFAULT;
-    directory_.setData(kRoot, miniSectors_.container().first(), miniSectors_.usedBytes());
+        return false;
+    const uint64_t miniBytes = miniSectors_.usedBytes();
+    directory_.setData(kRoot, miniBytes > 0 ? miniSectors_.container().first() : kEndOfChain, miniBytes);
+    const bool inPlace = directory_.changesOneSector();
+    if (!inPlace)
+        directory_.moveToFresh(); // without room for that it is written where it is
     store32(header_ + kFirstDirectory, directory_.chain().first());
     if (load16(header_ + kMajorVersion) != 3)
         store32(header_ + kDirectorySectors, directory_.chain().unitCount());
-    if (!directory_.flush() || !sectors_.flush(header_) ||
-        host_.write(0, header_, sizeof header_).count != sizeof header_)
-        return STG_E_WRITEFAULT;
-    if (!host_.reserve(sectors_.usedBytes()) || !host_.truncate(sectors_.usedBytes()))
-        return STG_E_WRITEFAULT;
-    changed_ = false;
-    return S_OK;
+    if (!sectors_.flush(header_) || (!inPlace && !directory_.flush()) ||
+        host_.write(0, header_, sizeof header_).count != sizeof header_ || !directory_.flush())
+        return false;
+    directory_.setStored();
+    miniSectors_.freeReleased();
+    sectors_.table.freeReleased();
+    return miniSectors_.flush(header_) && sectors_.flush(header_) && host_.reserve(sectors_.usedBytes()) &&
+           host_.truncate(sectors_.usedBytes());
+}
+
+void CompoundFile::revert() {
+    if (writable() && lengthBefore_ < host_.length())
+        host_.truncate(lengthBefore_);
+    reverted_ = true;
 }
 
 uint64_t CompoundFile::longestStream() const {

@@ -6,7 +6,7 @@
 
 #include "platform/compound/children.h"
 #include "platform/compound/mini_sectors.h"
-#include "platform/storage.h"
+#include <kal/compound.h>
 
 namespace compound {
 
@@ -21,10 +21,13 @@ public:
 
     void hold() { holders_++; }
     void letGo();
-    // Writes what changed.
+    // Writes what changed, so that a process that is killed on the way leaves the file as it was before or as it is
+    // now; at most sectors that belong to nothing stay behind.
     HRESULT flush();
+    // Forgets what changed since the last flush. The file takes no more changes.
+    void revert();
 
-    bool writable() const { return host_.writable(); }
+    bool writable() const { return host_.writable() && !reverted_; }
     Directory& directory() { return directory_; }
     Sectors& sectors() { return sectors_; }
     MiniSectors& miniSectors() { return miniSectors_; }
@@ -45,14 +48,21 @@ public:
 
     void setChanged() { changed_ = true; }
 
+    // Whether an entry was found damaged when the file was opened for writing: it is not to be written to.
+    bool isDamaged(uint32_t entry) const { return entry < damaged_.size() && damaged_[entry] != 0; }
+    void setDamaged(uint32_t entry) { damaged_[entry] = 1; }
+
 private:
     CompoundFile() : sectors_(host_), miniSectors_(sectors_), directory_(sectors_) {}
     ~CompoundFile();
     bool start();
     bool load();
+    bool writeChanges();
 
     uint32_t holders_ = 1;
     bool changed_ = false;
+    bool reverted_ = false;
+    uint64_t lengthBefore_ = 0; // at the last flush
     HostFile host_;
     Sectors sectors_;
     MiniSectors miniSectors_;
@@ -60,13 +70,15 @@ private:
     Children* loaded_ = nullptr;
     Array<uint8_t> claimed_; // a flag an entry: belongs to a loaded storage
     Array<uint8_t> open_;    // a flag an entry: open now
+    Array<uint8_t> damaged_; // a flag an entry
     uint8_t header_[kHeaderSize] = {};
 };
 
-// Walks everything that the file holds: whether each sector and mini sector belongs to one thing, every chain
-// is as long as what it holds, and every tree is one. Only such a file may be written to: in any other a
-// write could hit what it was not meant for.
-bool isSound(CompoundFile& file);
+// Walks everything that the file holds: whether each sector and mini sector belongs to one thing and every chain is
+// as long as what it holds. A stream of which that is not true is marked as damaged, for a write to it could hit
+// what it was not meant for. False when tables or directory are like that, or memory is short: nothing may be
+// written then.
+bool findDamage(CompoundFile& file);
 
 } // namespace compound
 

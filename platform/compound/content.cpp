@@ -110,6 +110,15 @@ Moved Content::write(uint64_t position, const void* source, size_t count) {
     return moved;
 }
 
+// Sectors are cut off the end only after the file says that the stream is shorter.
+bool Content::shorten(uint64_t size) {
+    if (chain_.space().unitsFor(size) == chain_.unitCount())
+        return true;
+    file_.directory().setData(entry_, chain_.first(), size);
+    file_.setChanged();
+    return file_.flush() == S_OK;
+}
+
 bool Content::setSize(uint64_t size) {
     if (size > file_.longestStream())
         return false;
@@ -117,6 +126,8 @@ bool Content::setSize(uint64_t size) {
     bool done;
     if (size >= size_) {
         done = tryRoom(size, previous) && zeroTo(size);
+    } else if (&spaceFor(size) == &chain_.space() && size > 0) {
+        done = shorten(size);
     } else {
         done = &spaceFor(size) == &chain_.space() || move(size, static_cast<size_t>(size), previous);
     }

@@ -28,6 +28,7 @@ private:
     bool tryRoom(uint64_t size, Chain& previous);
     bool move(uint64_t size, size_t keep, Chain& previous);
     bool settle(uint64_t size, Chain& previous);
+    bool shorten(uint64_t size);
     bool zeroTo(uint64_t position);
 
     CompoundFile& file_;

@@ -16,9 +16,27 @@ bool Directory::start() {
 bool Directory::load(uint32_t first) {
     if (!chain_.load(first) || chain_.unitCount() == 0)
         return false;
+    stored_ = true;
     if (!bytes_.resize(chain_.byteCount()) || !dirty_.resize(chain_.unitCount()))
         return false;
     return chain_.read(0, bytes_.data(), bytes_.size()).count == bytes_.size() && type(kRoot) == kRootStorage;
+}
+
+bool Directory::changesOneSector() const {
+    return stored_ && std::count(dirty_.begin(), dirty_.end(), uint8_t(1)) <= 1;
+}
+
+bool Directory::moveToFresh() {
+    Chain fresh(chain_.space());
+    if (!stored_)
+        return true;
+    if (!fresh.extendTo(chain_.unitCount()))
+        return false;
+    chain_.swap(fresh);
+    fresh.cutTo(0);
+    std::fill(dirty_.begin(), dirty_.end(), uint8_t(1));
+    stored_ = false;
+    return true;
 }
 
 bool Directory::flush() {
@@ -59,6 +77,8 @@ void Directory::setDirty(uint32_t entry) {
 }
 
 void Directory::setData(uint32_t entry, uint32_t first, uint64_t size) {
+    if (this->first(entry) == first && load64(at(entry) + kSize) == size)
+        return;
     store32(at(entry) + kFirst, first);
     store64(at(entry) + kSize, size);
     setDirty(entry);

@@ -16,7 +16,15 @@ public:
     bool start();
     // Reads all entries. False when there is no root entry.
     bool load(uint32_t first);
+    // Whether what changed lies in one sector that the file knows as the directory's: one write then changes the
+    // file from the old state to the new one.
+    bool changesOneSector() const;
+    // Gives the directory fresh sectors, all of them to be written, so that the old one stays until the header
+    // leads to the new one. False, and as before, when there is no room.
+    bool moveToFresh();
     bool flush();
+    // The header in the file leads to this directory.
+    void setStored() { stored_ = true; }
 
     const Chain& chain() const { return chain_; }
     uint32_t count() const { return static_cast<uint32_t>(bytes_.size() / kEntrySize); }
@@ -50,6 +58,7 @@ private:
     Array<uint8_t> bytes_;
     Array<uint8_t> dirty_;   // a flag a sector
     uint32_t firstFree_ = 0; // no entry before it is unused
+    bool stored_ = false;    // the file has this chain
 };
 
 } // namespace compound

@@ -9,15 +9,15 @@ void MiniSectors::start() {
 bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
     start();
     // A chain that makes no sense stays empty: the small streams are then lost, the others not.
-    tableChain_.load(load32(header + kFirstMiniFat));
-    container_.load(firstOfContainer);
+    whole_ = tableChain_.load(load32(header + kFirstMiniFat)) && container_.load(firstOfContainer) &&
+             tableChain_.unitCount() >= load32(header + kMiniFatSectors);
     const uint32_t pages = tableChain_.unitCount();
     if (!table.allocatePages(pages))
         return false;
     if (pages > 0) {
         const auto bytes = static_cast<size_t>(tableChain_.byteCount());
         std::memset(table.page(0), 0xFF, bytes);
-        tableChain_.read(0, table.page(0), bytes);
+        whole_ = tableChain_.read(0, table.page(0), bytes).count == bytes && whole_;
     }
     table.loaded();
     return true;
@@ -26,7 +26,6 @@ bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
 bool MiniSectors::flush(uint8_t* header) {
     if (!window_.flush())
         return false;
-    container_.cutTo(container_.space().unitsFor(usedBytes()));
     const uint32_t shift = tableChain_.space().unitShift();
     for (uint32_t index = 0; index < table.pageCount();) {
         uint32_t step = 0;
@@ -42,6 +41,11 @@ bool MiniSectors::flush(uint8_t* header) {
     store32(header + kFirstMiniFat, tableChain_.first());
     store32(header + kMiniFatSectors, tableChain_.unitCount());
     return true;
+}
+
+void MiniSectors::freeReleased() {
+    table.freeReleased();
+    container_.cutTo(container_.space().unitsFor(usedBytes()));
 }
 
 Moved MiniSectors::read(uint64_t offset, void* destination, size_t count) {

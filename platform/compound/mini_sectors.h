@@ -19,8 +19,12 @@ public:
     // Reads the mini FAT. What cannot be read of it counts as free units, so that chains end there. False
     // when memory is short.
     bool load(const uint8_t* header, uint32_t firstOfContainer);
+    // Whether load() found all of mini FAT and container.
+    bool isWhole() const { return whole_; }
     // Writes what changed, and the header's part of it.
     bool flush(uint8_t* header);
+    // Makes what was released free, and shortens the container by it.
+    void freeReleased();
 
     Moved read(uint64_t offset, void* destination, size_t count) override;
     Moved write(uint64_t offset, const void* source, size_t count) override;
@@ -35,6 +39,7 @@ public:
 private:
     Chain tableChain_; // the mini FAT's sectors
     Chain container_;
+    bool whole_ = true;
     Window window_; // what goes in and out of the container
 };
 

@@ -1,4 +1,4 @@
-#include "platform/storage.h"
+#include <kal/compound.h>
 
 #include "platform/compound/part.h"
 #include "platform/compound/stream.h"
@@ -23,13 +23,15 @@ public:
 
     HRESULT Next(uint32_t count, STATSTG* elements, uint32_t* fetched) override {
         uint32_t done = 0;
-        while (done < count && next_ < entries_.size() && describe(entries_[next_], elements[done])) {
-            next_++;
-            done++;
+        bool named = true;
+        while (done < count && next_ < entries_.size() && named) {
+            named = describe(entries_[next_], elements[done]);
+            next_ += named ? 1 : 0;
+            done += named ? 1 : 0;
         }
         if (fetched != nullptr)
             *fetched = done;
-        return done == count ? S_OK : S_FALSE;
+        return !named ? STG_E_INSUFFICIENTMEMORY : done == count ? S_OK : S_FALSE;
     }
 
 private:
@@ -91,6 +93,8 @@ public:
         uint32_t entry;
         IStream* stream;
         HRESULT result = find(name, kStream, entry);
+        if (result == S_OK && children_.damaged())
+            result = STG_E_DOCFILECORRUPT;
         if (result == S_OK)
             result = openStream(file_, entry, STGM_READWRITE, true, &stream);
         if (result != S_OK)
@@ -115,6 +119,11 @@ public:
 
     HRESULT Commit(uint32_t) override { return file_.writable() ? file_.flush() : S_OK; }
 
+    HRESULT Revert() override {
+        file_.revert();
+        return S_OK;
+    }
+
     static HRESULT openStorage(CompoundFile& file, uint32_t entry, IStorage** storage) {
         Children* children = file.childrenOf(entry);
         *storage = children != nullptr ? new Storage(file, *children) : nullptr;
@@ -133,7 +142,7 @@ private:
     // The entry of that name and type, made where it is missing.
     HRESULT make(const wchar_t* text, uint32_t mode, EntryType type, uint32_t& entry, bool& made) {
         Name name;
-        if (!makeName(text, name) || !isProper(name))
+        if (!makeName(text, name))
             return STG_E_INVALIDNAME;
         if (!file_.writable())
             return STG_E_ACCESSDENIED;
@@ -143,6 +152,10 @@ private:
             return (mode & STGM_CREATE) != 0 && file_.directory().type(entry) == type
                        ? S_OK
                        : STG_E_FILEALREADYEXISTS;
+        if (!isProper(name))
+            return STG_E_INVALIDNAME;
+        if (children_.damaged()) // it would be made anew from what was found of it
+            return STG_E_DOCFILECORRUPT;
         entry = file_.add(children_, name, type);
         return entry != kNoEntry ? S_OK : STG_E_MEDIUMFULL;
     }

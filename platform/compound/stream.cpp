@@ -81,6 +81,8 @@ HRESULT openStream(CompoundFile& file, uint32_t entry, uint32_t mode, bool empti
     *stream = nullptr;
     if ((mode & kAccess) != STGM_READ && !file.writable())
         return STG_E_ACCESSDENIED;
+    if (((mode & kAccess) != STGM_READ || emptied) && file.isDamaged(entry))
+        return STG_E_DOCFILECORRUPT;
     if (!file.markOpen(entry))
         return STG_E_ACCESSDENIED;
     auto* fresh = new Stream(file, entry, mode);

@@ -26,10 +26,34 @@ void AllocationTable::mark(Run run, uint32_t value) {
     setDirty(run);
 }
 
+void AllocationTable::setFree(uint32_t unit) {
+    store(unit, kFree);
+    freeCount_++;
+    firstFree_ = std::min(firstFree_, unit);
+    states_[unit] = kFresh;
+    setDirty({unit, 1});
+}
+
 void AllocationTable::release(Run run) {
-    mark(run, kFree);
-    freeCount_ += run.count;
-    firstFree_ = std::min(firstFree_, run.first);
+    for (uint32_t unit = run.first; unit < run.first + run.count; unit++) {
+        if (states_[unit] == kFresh)
+            setFree(unit);
+        else if (states_[unit] == kStored)
+            states_[unit] = kReleased, releasedCount_++;
+    }
+}
+
+void AllocationTable::freeReleased() {
+    for (uint32_t unit = 0; releasedCount_ > 0; unit++)
+        if (states_[unit] == kReleased)
+            setFree(unit), releasedCount_--;
+}
+
+void AllocationTable::setClean(uint32_t page) {
+    dirty_[page] = 0;
+    for (uint32_t unit = page * perPage(); unit < (page + 1) * perPage(); unit++)
+        if (states_[unit] != kReleased)
+            states_[unit] = next(unit) == kFree ? kFresh : kStored;
 }
 
 Run AllocationTable::findFree(uint32_t from, uint32_t most) {
@@ -47,17 +71,18 @@ Run AllocationTable::findFree(uint32_t from, uint32_t most) {
 }
 
 bool AllocationTable::allocatePages(uint32_t pages) {
-    return bytes_.resize(uint64_t(pages) * pageSize_) && dirty_.resize(pages);
+    return bytes_.resize(uint64_t(pages) * pageSize_) && dirty_.resize(pages) && states_.resize(size());
 }
 
 bool AllocationTable::grow(uint32_t pages) {
     const uint32_t before = pageCount();
     if (!bytes_.resize(uint64_t(before + pages) * pageSize_))
         return false;
-    if (!dirty_.resize(before + pages)) {
+    if (!dirty_.reserve(before + pages) || !states_.resize(size())) {
         bytes_.shrink(size_t(before) * pageSize_);
         return false;
     }
+    dirty_.resize(before + pages);
     std::memset(page(before), 0xFF, size_t(pages) * pageSize_);
     std::memset(dirty_.data() + before, 1, pages);
     freeCount_ += pages * perPage();
@@ -68,11 +93,21 @@ void AllocationTable::loaded() {
     freeCount_ = 0;
     for (uint32_t unit = 0; unit < size(); unit++)
         freeCount_ += next(unit) == kFree ? 1 : 0;
+    for (uint32_t page = 0; page < pageCount(); page++)
+        setClean(page);
+}
+
+void AllocationTable::endLooseChains(uint32_t limit) {
+    for (uint32_t unit = 0; unit < size(); unit++) {
+        const uint32_t after = next(unit);
+        if (after < kMaxSector && (after >= std::min(limit, size()) || next(after) == kFree))
+            link({unit, 1}, kEndOfChain);
+    }
 }
 
 uint32_t AllocationTable::usedEnd() const {
     uint32_t end = size();
-    while (end > 0 && next(end - 1) == kFree)
+    while (end > 0 && (next(end - 1) == kFree || states_[end - 1] == kReleased))
         end--;
     return end;
 }

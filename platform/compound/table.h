@@ -1,5 +1,9 @@
 // An allocation table, FAT or mini FAT: one number a unit, which names the next unit of its chain, or says
 // that the chain ends there or that the unit is free. Kept as the file has it, in pages of one sector.
+//
+// A unit that the stored table has in use is not handed out again before the file has stopped to speak of it:
+// release() leaves it as it is until freeReleased(). Until then a file that was cut off in the middle still holds
+// all that it held.
 #ifndef KAL_PLATFORM_COMPOUND_TABLE_H
 #define KAL_PLATFORM_COMPOUND_TABLE_H
 
@@ -30,6 +34,8 @@ public:
     // Gives each unit of the run one value, which is not kFree.
     void mark(Run run, uint32_t value);
     void release(Run run);
+    // Makes the units that were released free. The directory in the file no longer leads to them.
+    void freeReleased();
 
     // The first free units from `from` on that follow one another, at most `most`. A count of 0: none.
     Run findFree(uint32_t from, uint32_t most);
@@ -41,21 +47,28 @@ public:
     bool allocatePages(uint32_t pages);
     uint8_t* page(uint32_t index) { return bytes_.data() + size_t(index) * pageSize_; }
     void loaded();
+    // Ends each chain where it leads to a free unit or to one from `limit` on, which have no place: another
+    // stream may come to own those.
+    void endLooseChains(uint32_t limit);
 
-    // One past the last unit that is not free.
+    // One past the last unit that is neither free nor released.
     uint32_t usedEnd() const;
 
     bool isDirty(uint32_t page) const { return dirty_[page] != 0; }
-    void setClean(uint32_t page) { dirty_[page] = 0; }
+    void setClean(uint32_t page);
 
 private:
+    enum State : uint8_t { kFresh, kStored, kReleased }; // kStored: in use in the file's table
     void store(uint32_t unit, uint32_t value);
+    void setFree(uint32_t unit);
     void setDirty(Run run);
 
     Array<uint8_t> bytes_;
-    Array<uint8_t> dirty_; // a flag a page
+    Array<uint8_t> dirty_;  // a flag a page
+    Array<uint8_t> states_; // a State a unit
     uint32_t pageSize_ = 512;
     uint32_t freeCount_ = 0;
+    uint32_t releasedCount_ = 0;
     uint32_t firstFree_ = 0; // no unit before it is free
 };
 

@@ -10,7 +10,7 @@ bool run(const std::string& command) {
     return std::system((command + " 2>/dev/null").c_str()) == 0;
 }
 
-bool readInto(IStorage* storage, const std::wstring& prefix, Streams& streams, int depth) {
+bool readInto(IStorage* storage, const std::wstring& prefix, Streams& streams, uint32_t mode, int depth) {
     Ref<IEnumSTATSTG> elements;
     if (depth > 100 || storage->EnumElements(0, nullptr, 0, elements.out()) != S_OK)
         return false;
@@ -21,17 +21,17 @@ bool readInto(IStorage* storage, const std::wstring& prefix, Streams& streams, i
         CoTaskMemFree(element.pwcsName);
         if (element.type == STGTY_STREAM) {
             Ref<IStream> stream;
-            HRESULT result = openStream(storage, name, stream, STGM_READ | STGM_SHARE_EXCLUSIVE);
+            HRESULT result = openStream(storage, name, stream, mode);
             if (result == S_OK) {
                 Bytes bytes = readAll(stream.get(), &result);
-                whole = whole && bytes.size() == element.cbSize;
-                streams[prefix + name] = std::move(bytes);
+                if (result == S_OK && bytes.size() == element.cbSize)
+                    streams[prefix + name] = std::move(bytes);
             }
-            whole = whole && result == S_OK;
+            whole = whole && streams.count(prefix + name) != 0;
         } else {
             Ref<IStorage> inner;
             whole = storage->OpenStorage(name.c_str(), nullptr, STGM_READ, nullptr, 0, inner.out()) == S_OK &&
-                    readInto(inner.get(), prefix + name + L"/", streams, depth + 1) && whole;
+                    readInto(inner.get(), prefix + name + L"/", streams, mode, depth + 1) && whole;
         }
     }
     return whole;
@@ -95,10 +95,9 @@ void writeStreams(const std::string& path, const Streams& streams) {
     }
 }
 
-bool readStreams(const std::string& path, Streams& streams) {
+bool readStreams(const std::string& path, Streams& streams, uint32_t mode) {
     Ref<IStorage> storage;
-    return openFile(path, STGM_READ | STGM_SHARE_DENY_WRITE, storage) == S_OK &&
-           readInto(storage.get(), L"", streams, 0);
+    return openFile(path, mode, storage) == S_OK && readInto(storage.get(), L"", streams, mode, 0);
 }
 
 bool readByOlefile(const std::string& path, Streams& streams) {

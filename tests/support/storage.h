@@ -2,8 +2,8 @@
 #ifndef KAL_TESTS_SUPPORT_STORAGE_H
 #define KAL_TESTS_SUPPORT_STORAGE_H
 
-#include "platform/storage.h"
 #include "tests/support/files.h"
+#include <kal/compound.h>
 
 #include <map>
 #include <string>
@@ -50,8 +50,10 @@ void writeAll(IStream* stream, const Bytes& bytes, uint32_t piece = 1u << 20);
 Bytes readAll(IStream* stream, HRESULT* result = nullptr);
 
 void writeStreams(const std::string& path, const Streams& streams);
-// All streams of a file, of its storages too. What cannot be read is left out; false when there was any.
-bool readStreams(const std::string& path, Streams& streams);
+// All streams of a file, of its storages too. What cannot be read whole is left out; false when there was any.
+// With kUpdate: of those that may be written to.
+bool readStreams(const std::string& path, Streams& streams,
+                 uint32_t mode = STGM_READ | STGM_SHARE_DENY_WRITE);
 
 // The same by another program's reader. False where that is not installed.
 bool readByOlefile(const std::string& path, Streams& streams);

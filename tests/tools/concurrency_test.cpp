@@ -2,6 +2,7 @@
 #include "tests/tools/bmp_files.h"
 #include "tests/tools/run_tool.h"
 
+#include <algorithm>
 #include <csignal>
 #include <set>
 #include <unistd.h>
@@ -57,17 +58,34 @@ TEST_F(Concurrency, AStoreThatIsStoppedLeavesTheArchiveItFound) {
     EXPECT_TRUE(extracted("a.kal", 2) == readFile("old.bmp"));
 }
 
-TEST_F(Concurrency, AnInterruptedExtractLeavesNoFile) {
+TEST_F(Concurrency, FirstPutsIntoOneNewCompoundFileLoseNothing) {
+    writeFile("bytes", randomBytes(3000000, 1));
+    std::vector<RunningTool> running;
+    for (int i = 0; i < 6; i++)
+        running.emplace_back(Arguments{"compound", "put", "new.ole", "s" + std::to_string(i), "bytes"});
+    for (RunningTool& put : running) {
+        const Outcome outcome = put.wait();
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+    }
+    const std::string list = kalSucceeds({"compound", "list", "new.ole"});
+    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 6) << list;
+    EXPECT_EQ(filesIn(".").size(), 2u);
+}
+
+TEST_F(Concurrency, ACommandThatIsStoppedLeavesNoFile) {
     writeFile("p.bmp", makeBmp({3000, 2000, 24}));
     kalSucceeds({"store", "--plain", "a.kal", "p.bmp"});
-    for (useconds_t delay = 2000; delay < 40000; delay += 4000) {
-        RunningTool extract({"extract", "a.kal", "1", "-o", "out.bmp"});
-        ::usleep(delay);
-        extract.kill(SIGTERM);
-        if (extract.wait().status == 0)
-            ::unlink("out.bmp");
-        EXPECT_EQ(filesIn(".").size(), 2u);
-    }
+    for (const Arguments& arguments : {Arguments{"store", "new", "p.bmp"},
+                                       {"extract", "a.kal", "1", "-o", "new"},
+                                       {"compound", "put", "new", "s", "p.bmp"}})
+        for (useconds_t delay = 2000; delay < 32000; delay += 3000) {
+            RunningTool command(arguments);
+            ::usleep(delay);
+            command.kill(delay % 2000 == 0 ? SIGTERM : SIGKILL);
+            if (command.wait().status == 0)
+                ::unlink("new");
+            EXPECT_EQ(filesIn(".").size(), 2u) << arguments[0] << " killed after " << delay;
+        }
 }
 
 } // namespace

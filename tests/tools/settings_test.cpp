@@ -62,7 +62,8 @@ TEST_F(Settings, FailuresAreOneLineAndChangeNothing) {
     EXPECT_EQ(kalSucceeds({"settings", "tree"}), "App\n  Wildcards\n    p?ttern = x\n");
     writeFile(path("plain"), {});
     setenv("KAL_REGISTRY", path("plain/registry").c_str(), 1);
-    expectFailure(kal({"settings", "set", "App", "t", "v"}), 1, "settings App: cannot be opened");
+    expectFailure(kal({"settings", "set", "App", "t", "v"}), 1,
+                  "settings App: the settings cannot be opened");
 }
 
 } // namespace
