@@ -16,7 +16,9 @@ bool requireSetUp(OpList* list);
 // The rows of a full block. The list must be set up.
 uint32_t rowsPerBlock(const OpList* list);
 
-// The bytes that the bitmap's rows take in a block, also where it was shrunk. 0 when the list has not been set up.
+// The capacity that a block was laid out with, also where it was shrunk since, and how much of that rows take. 0 for a
+// list that is not set up and for blocks added behind the layout.
+uint32_t laidOutBytes(const OpList* list, const opblock* block);
 uint32_t rowSpan(const OpList* list, const opblock* block);
 
 // Makes the description of a list that has none. 0, or KAL_ERR_BUFFER.

@@ -26,12 +26,24 @@ uint32_t rowsPerBlock(const OpList* list) {
     return list->blockSize / list->dib->rowBytes;
 }
 
-uint32_t rowSpan(const OpList* list, const opblock* block) {
+uint32_t laidOutBytes(const OpList* list, const opblock* block) {
     if (!isDibList(list) || !isSetUp(list))
         return 0;
+    const uint64_t full = uint64_t(rowsPerBlock(list)) * list->dib->rowBytes;
+    const uint64_t all = uint64_t(list->dib->height) * list->dib->rowBytes + kSpareBytes;
+    const uint64_t before = block->index * full;
+    if (before >= all)
+        return 0;
+    return static_cast<uint32_t>(all - before <= list->blockSize ? all - before : full);
+}
+
+uint32_t rowSpan(const OpList* list, const opblock* block) {
+    const uint32_t bytes = laidOutBytes(list, block);
+    if (bytes == 0)
+        return 0;
     const uint32_t before = block->index * rowsPerBlock(list);
-    const uint32_t height = list->dib->height;
-    return height > before ? std::min(height - before, rowsPerBlock(list)) * list->dib->rowBytes : 0;
+    const uint32_t left = list->dib->height - std::min<uint32_t>(before, list->dib->height);
+    return std::min(left, rowsPerBlock(list)) * list->dib->rowBytes;
 }
 
 opblock* lastUsedBlock(const OpList* list) {

@@ -45,6 +45,19 @@ bool startBlock(OpList* list, uint32_t capacity) {
     return true;
 }
 
+// Whether the bytes fit at the block's offset, if need be in the room that a bitmap's shrunk block then gets back.
+bool hasRoom(OpList* list, opblock* block, uint32_t bytes) {
+    if (fits(block, bytes))
+        return true;
+    const uint32_t capacity = laidOutBytes(list, block);
+    if (capacity <= block->capacity || uint64_t(block->offset) + bytes > capacity)
+        return false;
+    if (block->vmem != nullptr && KalReAllocVMem(block->vmem, capacity) == nullptr)
+        return false;
+    block->capacity = capacity;
+    return true;
+}
+
 // Makes a block current in which `needed` bytes fit at its offset, and which has memory.
 bool findRoom(OpList* list, uint32_t needed, bool withFiller) {
     if (list->status != KAL_OK)
@@ -52,7 +65,7 @@ bool findRoom(OpList* list, uint32_t needed, bool withFiller) {
     if (list->curBlock != nullptr) {
         if (!locate(list))
             return false;
-        while (!fits(list->curBlock, needed)) {
+        while (!hasRoom(list, list->curBlock, needed)) {
             if (withFiller && !leaveFiller(list))
                 return false;
             if (!stepToNextBlock(list)) {
@@ -66,17 +79,6 @@ bool findRoom(OpList* list, uint32_t needed, bool withFiller) {
     return ensureMemory(list, list->curBlock);
 }
 
-// Gives a block that was shrunk the room for all its rows again.
-bool widen(OpList* list, opblock* block) {
-    const uint32_t capacity = rowSpan(list, block) + kSpareBytes;
-    if (block->vmem != nullptr && KalReAllocVMem(block->vmem, capacity) == nullptr) {
-        list->status = KAL_ERR_VMEM;
-        return false;
-    }
-    block->capacity = capacity;
-    return true;
-}
-
 // findRoom for a row. Those of a bitmap that is set up go where the layout has room for them and nowhere else.
 bool findRoomForRow(OpList* list, uint32_t rowBytes) {
     if (!isDibList(list) || !isSetUp(list) || list->status != KAL_OK)
@@ -88,8 +90,11 @@ bool findRoomForRow(OpList* list, uint32_t rowBytes) {
         list->status = KAL_ERR_POSITION;
         return false;
     }
-    opblock* block = list->curBlock;
-    return (fits(block, rowBytes) || widen(list, block)) && ensureMemory(list, block);
+    if (!hasRoom(list, list->curBlock, rowBytes)) {
+        list->status = KAL_ERR_VMEM;
+        return false;
+    }
+    return ensureMemory(list, list->curBlock);
 }
 
 // Moves the list behind `count` bytes that were put. Where they start.
