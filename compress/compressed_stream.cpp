@@ -1,6 +1,7 @@
 // Which run a call goes on with, how runs start and how they end.
 #include <kal/cfile.h>
 
+#include "compress/end_run.h"
 #include "compress/stream_bytes.h"
 #include "compress/stretch_decoder.h"
 #include "compress/stretch_encoder.h"
@@ -245,7 +246,7 @@ int16_t KalFreeCFile(scfiletag* cfile) {
     if (cfile == nullptr)
         return KAL_OK;
     CompressedStream* const self = wholeOf<CompressedStream>(cfile);
-    KalFlushCFile(cfile);
+    endWrittenRun(cfile); // also where the stream's buffer was written back meanwhile
     KalDestroyReadLZW(cfile->decoder);
     freeIfSet(cfile->decoder);
     KalDestroyWriteLZW(cfile->encoder);
@@ -278,9 +279,19 @@ int16_t KalFlushCFile(scfiletag* cfile) {
     SFILE* const stream = cfile->stream;
     if (stream == nullptr || self->side == Side::reading)
         return KAL_OK;
-    const bool unwritten =
-        keepsDirty(stream) ? stream->dirty != 0 : self->side == Side::writing && self->open;
-    if (!unwritten)
+    if (keepsDirty(stream)) {
+        if (stream->dirty == 0)
+            return KAL_OK;
+        if (!self->open)
+            return KAL_ERR_RUN;
+    }
+    return endWrittenRun(cfile);
+}
+
+int16_t endWrittenRun(scfiletag* cfile) {
+    CompressedStream* const self = wholeOf<CompressedStream>(cfile);
+    SFILE* const stream = cfile->stream;
+    if (stream == nullptr || self->side != Side::writing || !self->open)
         return KAL_OK;
     if (!continues(self, Side::writing))
         return KAL_ERR_RUN;

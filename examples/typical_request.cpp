@@ -30,7 +30,8 @@ bool store(OpList* list) {
     const uint16_t format = KAL_ITEMS_WIDE | KAL_IOP_COMPRESSED;
     if (KalOpenIOpFile(&file, fileName, KAL_MODE_CREATE | KAL_MODE_UPDATE, format) != 0)
         return false;
-    const bool stored = KalPutIOpList(file, listId, list) == 0;
+    // A list this large is not moved out of the index's way later, so the index gets the room for more lists now.
+    const bool stored = KalReserveItems(file->ifile, 100) == 0 && KalPutIOpList(file, listId, list) == 0;
     return KalCloseIOpFile(file) == 0 && stored;
 }
 

@@ -109,10 +109,9 @@ int16_t KalMakeIFile(IFILE** out, SFILE* stream, uint16_t format) {
 int16_t KalFreeIFile(IFILE* file) {
     if (file == nullptr)
         return KAL_OK;
-    if (hasWriteAccess(file))
-        KalFlushIFile(file);
+    const int16_t status = hasWriteAccess(file) ? flushWhole(file) : int16_t(KAL_OK);
     release(file);
-    return KAL_OK;
+    return status;
 }
 
 int16_t KalCloseIFile(IFILE* file) {
@@ -120,6 +119,6 @@ int16_t KalCloseIFile(IFILE* file) {
         return KAL_OK;
     SFILE* stream = file->stream;
     const int16_t status = KalFreeIFile(file);
-    closeForGood(stream);
-    return status;
+    const int16_t closed = closeForGood(stream);
+    return status != KAL_OK ? status : closed;
 }

@@ -4,6 +4,7 @@
 #include <kal/heap.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -39,22 +40,31 @@ void redirect(IFILE* file, uint32_t from, uint32_t to) {
             setEntryOffset(file, entryAt(file, i), to);
 }
 
-// Copies the item to the stream's end and lets every entry at its old offset follow. The old bytes stay, so a
-// failure costs nothing.
+bool copyBytes(SFILE* stream, uint32_t from, uint32_t to, void* buffer, uint32_t count) {
+    const int32_t whole = static_cast<int32_t>(count);
+    return seekDespiteFullDisk(stream, from) && stream->read(stream, buffer, count) == whole &&
+           seekTo(stream, to) && stream->write(stream, buffer, count) == whole;
+}
+
+// Copies the item to the stream's end, in pieces, and lets every entry at its old offset follow. The old bytes stay, so
+// a failure costs nothing.
 int16_t moveToEnd(IFILE* file, const Obstacle& item) {
     SFILE* stream = file->stream;
     const uint32_t size = entrySize(file, item.entry);
-    if (size > KAL_ITEM_MOVE_MAX)
-        return KAL_ERR_MEMORY;
-    void* buffer = KalAllocSMem(size);
+    forgetFullDisk(stream);
+    if (!seekToEnd(stream))
+        return stream->status;
+    const uint32_t end = logicalPosition(stream);
+    if (uint64_t(item.offset) + size > end)
+        return KAL_ERR_SHORT_READ;
+    void* buffer = KalAllocSMem(std::min(size, KAL_ITEM_MOVE_MAX));
     if (buffer == nullptr)
         return KAL_ERR_MEMORY;
-    const int32_t whole = static_cast<int32_t>(size);
-    uint32_t end = 0;
-    bool moved = KalReadItem(file, item.entry, buffer, size) == whole && seekToEnd(stream);
-    if (moved) {
-        end = logicalPosition(stream);
-        moved = stream->write(stream, buffer, size) == whole;
+    bool moved = true;
+    for (uint32_t done = 0; moved && done < size;) {
+        const uint32_t piece = std::min(size - done, KAL_ITEM_MOVE_MAX);
+        moved = copyBytes(stream, item.offset + done, end + done, buffer, piece);
+        done += piece;
     }
     KalFreeSMem(buffer);
     if (!moved)
@@ -80,16 +90,42 @@ int16_t placeEmptyItems(IFILE* file, uint32_t indexEnd) {
     return KAL_OK;
 }
 
+uint32_t indexEnd(const IFILE* file, uint32_t entries) {
+    return kItemHeaderBytes + entries * entryBytes(file);
+}
+
+// Moves all items of at most `largest` bytes that stand before `end`; a larger one there is a failure.
+int16_t makeRoom(IFILE* file, uint32_t end, uint32_t largest) {
+    for (Obstacle item = lowestItem(file); end > item.offset; item = lowestItem(file)) {
+        const int16_t status =
+            entrySize(file, item.entry) <= largest ? moveToEnd(file, item) : int16_t(KAL_ERR_MEMORY);
+        if (status != KAL_OK)
+            return status;
+    }
+    return placeEmptyItems(file, end);
+}
+
+// Makes the stream reach `end`. In an index that was cut short while it was written, these bytes read as free entries.
+int16_t fillTo(SFILE* stream, uint32_t end) {
+    uint8_t filler[512];
+    std::memset(filler, 0xFF, sizeof filler);
+    forgetFullDisk(stream);
+    if (!seekToEnd(stream))
+        return stream->status;
+    while (logicalPosition(stream) < end) {
+        const uint32_t count = std::min<uint32_t>(end - logicalPosition(stream), sizeof filler);
+        if (stream->write(stream, filler, count) != static_cast<int32_t>(count))
+            return stream->status;
+    }
+    return KAL_OK;
+}
+
 } // namespace
 
 int16_t KalFlushIFile(IFILE* file) {
     SFILE* stream = file->stream;
-    const uint32_t indexBytes = file->count * entryBytes(file);
-    const uint32_t indexEnd = kItemHeaderBytes + indexBytes;
-    for (Obstacle item = lowestItem(file); indexEnd > item.offset; item = lowestItem(file))
-        if (const int16_t status = moveToEnd(file, item); status != KAL_OK)
-            return status;
-    if (const int16_t status = placeEmptyItems(file, indexEnd); status != KAL_OK)
+    if (const int16_t status = makeRoom(file, indexEnd(file, file->count), KAL_ITEM_MOVE_MAX);
+        status != KAL_OK)
         return status;
 
     uint8_t header[kItemHeaderBytes];
@@ -98,6 +134,22 @@ int16_t KalFlushIFile(IFILE* file) {
     if (!seekDespiteFullDisk(stream, 0))
         return stream->status;
     stream->write(stream, header, sizeof header);
-    stream->write(stream, file->index, indexBytes);
+    if (file->count > 0)
+        stream->write(stream, file->index, file->count * entryBytes(file));
     return KAL_OK;
+}
+
+int16_t flushWhole(IFILE* file) {
+    const int16_t status = KalFlushIFile(file);
+    return status != KAL_OK ? status : file->stream->status;
+}
+
+int16_t KalReserveItems(IFILE* file, uint16_t entries) {
+    if (entries > mostEntries(file))
+        return KAL_ERR_BUFFER;
+    const uint32_t end = indexEnd(file, std::max(entries, uint16_t(file->count)));
+    int16_t status = fillTo(file->stream, end);
+    if (status == KAL_OK)
+        status = makeRoom(file, end, UINT32_MAX);
+    return status != KAL_OK ? status : flushWhole(file);
 }

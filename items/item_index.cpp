@@ -26,10 +26,10 @@ int32_t KalGetItemSize(IFILE* file, uint16_t id) {
 }
 
 ItemIndex* KalAppendItemIndex(IFILE* file) {
+    if (file->count >= mostEntries(file))
+        return nullptr;
     if (file->count == file->capacity) {
         const uint32_t capacity = uint32_t(file->capacity) + kSpareEntries;
-        if (capacity > UINT16_MAX)
-            return nullptr;
         void* index = KalReAllocSMem(file->index, capacity * entryBytes(file));
         if (index == nullptr)
             return nullptr;

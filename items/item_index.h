@@ -17,6 +17,11 @@ inline uint32_t entryBytes(const IFILE* file) {
     return isWide(file) ? sizeof(ItemIndexWide) : sizeof(ItemIndexNarrow);
 }
 
+// The entries of a file that can be opened again.
+inline uint32_t mostEntries(const IFILE* file) {
+    return isWide(file) ? KAL_ITEMS_MAX_WIDE : KAL_ITEMS_MAX_NARROW;
+}
+
 inline uint8_t* entryField(ItemIndex* entry, size_t field) {
     return reinterpret_cast<uint8_t*>(entry) + field;
 }
@@ -68,18 +73,41 @@ inline bool seekTo(SFILE* stream, uint32_t position) {
 }
 // The same where a full disk, which blocks seeks, need not stop the caller: a read, or a write to bytes that
 // the file has already. What the buffer still holds must go out all the same.
-inline bool seekDespiteFullDisk(SFILE* stream, uint32_t position) {
+inline void forgetFullDisk(SFILE* stream) {
     if (stream->status == KAL_ERR_DISK_FULL)
         stream->status = KAL_OK;
+}
+inline bool seekDespiteFullDisk(SFILE* stream, uint32_t position) {
+    forgetFullDisk(stream);
     return seekTo(stream, position);
 }
 inline bool seekToEnd(SFILE* stream) {
     return stream->seek(stream, 0, KAL_SEEK_END) == KAL_OK;
 }
 
+// Whether the stream may be sought to an offset out of an index, for which nobody vouches. A stream in memory takes a
+// seek past its end for its new length, and would get that much memory with the next write; elsewhere an offset
+// past the last position would come round to bytes before the item file.
+inline bool mayBeSought(SFILE* stream, uint32_t offset) {
+    if (offset > UINT32_MAX - stream->offset)
+        return false;
+    if ((stream->mode & (KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP)) == 0)
+        return true;
+    return seekToEnd(stream) && offset <= logicalPosition(stream);
+}
+// Moves the stream to an offset out of an index to read there: to its end, where nothing is to be read, instead of past
+// it.
+inline bool seekToStored(SFILE* stream, uint32_t offset) {
+    forgetFullDisk(stream);
+    return mayBeSought(stream, offset) ? seekTo(stream, offset) : seekToEnd(stream);
+}
+
 // Whether the stream takes writes, so that the index can be written back.
 inline bool hasWriteAccess(const IFILE* file) {
     return (file->mode & (KAL_MODE_WRITE | KAL_MODE_UPDATE)) != 0;
 }
+
+// KalFlushIFile that tells besides when header or index did not go in.
+int16_t flushWhole(IFILE* file);
 
 #endif

@@ -26,7 +26,8 @@ ItemIndex* bestFit(IFILE* file, uint32_t length, const ItemIndex* replaced) {
         if (entryId(entry) != KAL_ITEM_FREE && entry != replaced)
             continue;
         const uint32_t size = entrySize(file, entry);
-        if (size >= length && (best == nullptr || size < bestSize)) {
+        if (size >= length && (best == nullptr || size < bestSize) &&
+            mayBeSought(file->stream, entryOffset(file, entry))) {
             best = entry;
             bestSize = size;
         }
@@ -50,6 +51,7 @@ bool isTaken(IFILE* file, uint64_t start, uint64_t end) {
 
 // Whether `entry` lies within the stream: what a stored size says is not believed before memory is asked for.
 bool isWithinStream(IFILE* file, const ItemIndex* entry) {
+    forgetFullDisk(file->stream);
     return seekToEnd(file->stream) &&
            uint64_t(entryOffset(file, entry)) + entrySize(file, entry) <= logicalPosition(file->stream);
 }
@@ -106,7 +108,7 @@ int32_t KalWriteItem(IFILE* file, ItemIndex* entry, const void* data) {
 }
 
 int32_t KalReadItem(IFILE* file, ItemIndex* entry, void* destination, uint32_t size) {
-    if (!seekDespiteFullDisk(file->stream, entryOffset(file, entry)))
+    if (!seekToStored(file->stream, entryOffset(file, entry)))
         return 0;
     return file->stream->read(file->stream, destination, std::min(size, entrySize(file, entry)));
 }
@@ -140,7 +142,8 @@ uint32_t KalAddIFile(IFILE* file, const void* data, uint32_t length, uint16_t id
     const uint64_t sizeMax = isWide(file) ? UINT32_MAX : kNarrowSizeMax;
     if (uint64_t(size) + length > sizeMax || end > UINT32_MAX || isTaken(file, start, end))
         return 0;
-    if (!seekTo(file->stream, static_cast<uint32_t>(start)))
+    if (!mayBeSought(file->stream, static_cast<uint32_t>(start)) ||
+        !seekTo(file->stream, static_cast<uint32_t>(start)))
         return 0;
     const uint32_t written = asCount(file->stream->write(file->stream, data, length));
     if (written == length)

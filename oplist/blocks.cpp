@@ -4,10 +4,6 @@ namespace {
 
 constexpr int16_t kVMemFlags = 2;
 
-opblock* blockAt(KalNodeHeader* header) {
-    return header != nullptr ? reinterpret_cast<opblock*>(header + 1) : nullptr;
-}
-
 uint32_t distance(const opblock* block, uint32_t index) {
     return block->index > index ? block->index - index : index - block->index;
 }
@@ -38,14 +34,14 @@ opblock* findBlock(OpList* list, uint32_t index) {
     opblock* block = firstBlock(list);
     if (block == nullptr)
         return nullptr;
-    opblock* const nearer[] = {list->curBlock, blockAt(list->blocks->last)};
+    opblock* const nearer[] = {list->curBlock, lastBlock(list)};
     for (opblock* candidate : nearer)
         if (candidate != nullptr && distance(candidate, index) < distance(block, index))
             block = candidate;
     while (block != nullptr && block->index < index)
         block = nextBlock(block);
     while (block != nullptr && block->index > index)
-        block = static_cast<opblock*>(KalSPrevNode(block));
+        block = previousBlock(block);
     return block;
 }
 

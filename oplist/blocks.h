@@ -11,13 +11,15 @@
 #include <kal/oplist.h>
 #include <kal/vmem.h>
 
+#include <algorithm>
+
 inline constexpr uint32_t kBlockSpan = 0x100000;
 inline constexpr uint32_t kNamedBlocks = 2048;
 
 // What a node holds: the block as callers see it, and how far it has been written.
 struct Block {
     opblock shown;
-    uint32_t used; // one past the last byte that was put
+    uint32_t used; // one past the last byte that was put; in a bitmap list, the end op not counted
 };
 
 inline bool isVMemList(const OpList* list) {
@@ -33,8 +35,24 @@ inline opblock* firstBlock(const OpList* list) {
                : nullptr;
 }
 
+inline opblock* lastBlock(const OpList* list) {
+    return list->blocks != nullptr && list->blocks->last != nullptr
+               ? reinterpret_cast<opblock*>(list->blocks->last + 1)
+               : nullptr;
+}
+
 inline opblock* nextBlock(opblock* block) {
     return static_cast<opblock*>(KalNextNode(block));
+}
+inline opblock* previousBlock(opblock* block) {
+    return static_cast<opblock*>(KalSPrevNode(block));
+}
+
+// How many of the `count` bytes at the block's offset it holds; the others read as 0.
+inline uint32_t bytesHeld(const opblock* block, uint32_t count) {
+    if (block->vmem == nullptr || block->offset >= block->capacity)
+        return 0;
+    return std::min<uint32_t>(count, block->capacity - block->offset);
 }
 
 // Positions of blocks past the named ones lie past all named positions, so that none is taken for another.

@@ -50,7 +50,6 @@ bool copyRow(OpList* clone, OpList* source, uint32_t row) {
         return true;
     }
     uint8_t* buffer = source->dib->lineBuf;
-    clone->putPending = 1;
     return KalGetDIBOpData(source, buffer, static_cast<uint16_t>(rowBytes)) == KAL_OK &&
            putRow(clone, buffer, rowBytes, rowBytes) != KAL_OP_FAILED;
 }

@@ -15,6 +15,9 @@ namespace {
 constexpr uint32_t kPixelInOp = 4;
 constexpr uint32_t kPixelInRow = 3;
 
+// The most bytes of lines in an op, which with its header is put in one piece everywhere.
+constexpr uint32_t kBandMax = kOpPayloadMax - KAL_OP_HEADER - KAL_DIB_OP_HEADER;
+
 struct BandHeader {
     uint32_t width;
     uint32_t lines;
@@ -67,7 +70,7 @@ bool readBandRow(OpList* list, Take take) {
     if (!findRow(list, rowBytes))
         return false;
     opblock* block = list->curBlock;
-    if (block->vmem != nullptr) {
+    if (bytesHeld(block, rowBytes) == rowBytes) {
         const LockedBlock locked(list, block);
         if (locked.bytes() == nullptr)
             return false;
@@ -84,16 +87,21 @@ uint8_t* makeBand(OpList* list, uint32_t lineBytes) {
         list->status = KAL_ERR_POSITION;
         return nullptr;
     }
-    const uint32_t room = std::min<uint32_t>(dib->maxOpBytes, kOpPayloadMax - KAL_DIB_OP_HEADER);
     const uint32_t left = dib->curLine < dib->height ? uint32_t(dib->height) - dib->curLine : 0;
-    const uint32_t lines = std::min(room / lineBytes, left);
+    if (left > 0 && lineBytes > kBandMax) {
+        list->status = KAL_ERR_BUFFER;
+        return nullptr;
+    }
+    const uint32_t lines = std::min(std::min<uint32_t>(dib->maxOpBytes, kBandMax) / lineBytes, left);
     if (lines == 0) {
         dib->curLine = 0;
         return nullptr;
     }
     auto* op = static_cast<uint8_t*>(KalCreateOp(KAL_OP_DIB, lineBytes * lines + KAL_DIB_OP_HEADER));
-    if (op == nullptr)
+    if (op == nullptr) {
+        list->status = KAL_ERR_BUFFER;
         return nullptr;
+    }
     storeLittle(op, uint16_t(dib->left));
     storeLittle(op + 2, static_cast<uint16_t>(dib->top + dib->curLine));
     storeLittle(op + 4, uint16_t(dib->width));

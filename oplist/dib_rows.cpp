@@ -3,16 +3,13 @@
 #include "oplist/dib.h"
 #include "oplist/vmem_mode.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
 
 bool hasOneBlock(const OpList* list) {
     return nextBlock(firstBlock(list)) == nullptr;
-}
-
-uint32_t rowsPerBlock(const OpList* list) {
-    return list->blockSize / list->dib->rowBytes;
 }
 
 // Stands in `block`, at `row` counted from `top`.
@@ -25,12 +22,46 @@ void stand(OpList* list, opblock* block, uint32_t offset, uint32_t row) {
 
 } // namespace
 
+uint32_t rowsPerBlock(const OpList* list) {
+    return list->blockSize / list->dib->rowBytes;
+}
+
+uint32_t laidOutBytes(const OpList* list, const opblock* block) {
+    if (!isDibList(list) || !isSetUp(list))
+        return 0;
+    const uint64_t full = uint64_t(rowsPerBlock(list)) * list->dib->rowBytes;
+    const uint64_t all = uint64_t(list->dib->height) * list->dib->rowBytes + kSpareBytes;
+    const uint64_t before = block->index * full;
+    if (before >= all)
+        return 0;
+    return static_cast<uint32_t>(all - before <= list->blockSize ? all - before : full);
+}
+
+uint32_t rowSpan(const OpList* list, const opblock* block) {
+    const uint32_t bytes = laidOutBytes(list, block);
+    if (bytes == 0)
+        return 0;
+    const uint32_t before = block->index * rowsPerBlock(list);
+    const uint32_t left = list->dib->height - std::min<uint32_t>(before, list->dib->height);
+    return std::min(left, rowsPerBlock(list)) * list->dib->rowBytes;
+}
+
+opblock* lastUsedBlock(const OpList* list) {
+    opblock* block = lastBlock(list);
+    while (block != nullptr && wholeOf<Block>(block)->used == 0)
+        block = previousBlock(block);
+    return block;
+}
+
 bool findRow(OpList* list, uint32_t rowBytes) {
     if (list->curBlock == nullptr || !locate(list)) {
         list->status = KAL_ERR_POSITION;
         return false;
     }
-    while (uint64_t(list->curBlock->offset) + rowBytes > list->curBlock->capacity)
+    const auto room = [&](const opblock* block) {
+        return std::max<uint32_t>(block->capacity, rowSpan(list, block));
+    };
+    while (uint64_t(list->curBlock->offset) + rowBytes > room(list->curBlock))
         if (!stepToNextBlock(list)) {
             list->status = KAL_ERR_POSITION;
             return false;
@@ -72,14 +103,14 @@ int16_t KalGetDIBOpData(OpList* list, void* destination, uint16_t size) {
     if (!findRow(list, size))
         return list->status;
     opblock* block = list->curBlock;
-    if (block->vmem == nullptr) {
-        std::memset(destination, 0, size);
-    } else {
+    const uint32_t held = bytesHeld(block, size);
+    if (held > 0) {
         const LockedBlock locked(list, block);
         if (locked.bytes() == nullptr)
             return list->status;
-        std::memcpy(destination, locked.bytes() + block->offset, size);
+        std::memcpy(destination, locked.bytes() + block->offset, held);
     }
+    std::memset(static_cast<uint8_t*>(destination) + held, 0, size - held);
     passRow(list, size);
     return KAL_OK;
 }
@@ -98,7 +129,7 @@ int16_t KalSeekDIBOp(OpList* list, int32_t position) {
         return status;
     // Every block before this one is full of rows.
     const uint32_t rowBytes = list->dib->rowBytes;
-    const uint32_t before = list->curBlock->index * (firstBlock(list)->capacity / rowBytes);
+    const uint32_t before = list->curBlock->index * rowsPerBlock(list);
     list->dib->curLine = static_cast<uint16_t>(before + list->curBlock->offset / rowBytes);
     return KAL_OK;
 }

@@ -5,9 +5,6 @@
 
 namespace {
 
-// Bytes of the last block behind the last row, for the end op and small ops.
-constexpr uint32_t kSpareBytes = 36;
-
 uint16_t usualDepth(uint16_t bitsPerPixel) {
     if (bitsPerPixel == 0 || bitsPerPixel > 8)
         return 24;

@@ -1,6 +1,8 @@
 #include "oplist/file_mode.h"
 
+#include "compress/end_run.h"
 #include "items/item_index.h"
+#include "memory/record.h"
 #include "oplist/op.h"
 
 #include <algorithm>
@@ -27,18 +29,21 @@ bool moveStreamTo(OpList* list, uint32_t position) {
     return false;
 }
 
-bool writeBytes(OpList* list, const void* source, uint32_t count) {
-    if (list->compStream == nullptr)
-        return list->stream->write(list->stream, source, count) == static_cast<int32_t>(count);
-    const auto* from = static_cast<const uint8_t*>(source);
-    while (count > 0) {
-        const uint32_t piece = std::min(count, kPieceMax);
-        if (KalWriteCFile(list->compStream, from, static_cast<uint16_t>(piece)) != piece)
-            return false;
-        from += piece;
-        count -= piece;
+// The bytes accepted.
+uint32_t writeBytes(OpList* list, const void* source, uint32_t count) {
+    if (list->compStream == nullptr) {
+        const int32_t accepted = list->stream->write(list->stream, source, count);
+        return accepted > 0 ? static_cast<uint32_t>(accepted) : 0;
     }
-    return true;
+    const auto* from = static_cast<const uint8_t*>(source);
+    for (uint32_t done = 0; done < count;) {
+        const uint32_t piece = std::min(count - done, kPieceMax);
+        const uint32_t accepted = KalWriteCFile(list->compStream, from + done, static_cast<uint16_t>(piece));
+        done += accepted;
+        if (accepted != piece)
+            return done;
+    }
+    return count;
 }
 
 bool readBytes(OpList* list, void* destination, uint32_t count) {
@@ -48,22 +53,25 @@ bool readBytes(OpList* list, void* destination, uint32_t count) {
            count;
 }
 
-// A compressed list is read in one pass, so a compressed stream that stands where it stopped while the list's
-// position lies before it has delivered the end op.
-bool hasReachedCompressedEnd(const OpList* list) {
-    const uint32_t position = streamPosition(list);
-    return list->compStream != nullptr && list->compStream->runPos == position && list->pos != position;
-}
-
 } // namespace
+
+OpList* makeListRecord() {
+    return static_cast<OpList*>(KalAllocSMem(sizeof(StreamList)));
+}
 
 uint32_t putInStream(OpList* list, const void* first, uint32_t firstBytes, const void* second,
                      uint32_t secondBytes) {
+    wholeOf<StreamList>(list)->endFound = false;
     if (list->stream == nullptr || !moveStreamTo(list, list->pos))
         return KAL_OP_FAILED;
     const uint32_t start = streamPosition(list);
-    if (!writeBytes(list, first, firstBytes) || (secondBytes > 0 && !writeBytes(list, second, secondBytes))) {
+    uint32_t accepted = writeBytes(list, first, firstBytes);
+    if (accepted == firstBytes && secondBytes > 0)
+        accepted += writeBytes(list, second, secondBytes);
+    if (accepted != firstBytes + secondBytes) {
         keepStatus(list);
+        if (list->compStream != nullptr && (accepted > 0 || streamPosition(list) != start))
+            wholeOf<StreamList>(list)->brokeOff = true;
         return KAL_OP_FAILED;
     }
     list->pos = streamPosition(list);
@@ -71,7 +79,7 @@ uint32_t putInStream(OpList* list, const void* first, uint32_t firstBytes, const
 }
 
 void* getFromStream(OpList* list) {
-    if (list->stream == nullptr || hasReachedCompressedEnd(list) || !moveStreamTo(list, list->pos))
+    if (list->stream == nullptr || wholeOf<StreamList>(list)->endFound || !moveStreamTo(list, list->pos))
         return nullptr;
     uint8_t bytes[KAL_OP_HEADER];
     if (!readBytes(list, bytes, sizeof bytes)) {
@@ -79,8 +87,11 @@ void* getFromStream(OpList* list) {
         return nullptr;
     }
     const OpHeader header = loadOpHeader(bytes);
-    if (header.type == KAL_OP_END)
+    if (header.type == KAL_OP_END) {
+        // A compressed stream cannot read it again: it is read in one pass.
+        wholeOf<StreamList>(list)->endFound = list->compStream != nullptr;
         return nullptr;
+    }
     void* op = KalCreateOp(header.type, header.size);
     if (op == nullptr) {
         list->status = KAL_ERR_BUFFER;
@@ -95,18 +106,21 @@ void* getFromStream(OpList* list) {
     return op;
 }
 
-void endPutsInStream(OpList* list) {
-    if (list->compStream == nullptr)
-        return;
-    const int16_t status = KalFlushCFile(list->compStream);
-    if (status != KAL_OK && list->status == KAL_OK)
+bool endPutsInStream(OpList* list) {
+    const int16_t status = list->compStream != nullptr ? endWrittenRun(list->compStream) : int16_t(KAL_OK);
+    if (status == KAL_OK)
+        return true;
+    if (list->status == KAL_OK)
         list->status = status;
+    wholeOf<StreamList>(list)->brokeOff = true;
+    return false;
 }
 
 int16_t seekInStream(OpList* list, uint32_t position) {
     if (list->stream == nullptr)
         return list->status;
     list->pos = position;
+    wholeOf<StreamList>(list)->endFound = false;
     return list->stream->seek(list->stream, static_cast<int32_t>(position), KAL_SEEK_START);
 }
 

@@ -1,5 +1,6 @@
 // Putting, getting and seeking: the steps that every kind of list shares, and the choice of the kind.
 #include "oplist/blocks.h"
+#include "oplist/dib.h"
 #include "oplist/file_mode.h"
 #include "oplist/op.h"
 #include "oplist/vmem_mode.h"
@@ -22,6 +23,12 @@ void showToFilter(OpList* list, void* op, uint32_t type, uint32_t size) {
 void endPuts(OpList* list) {
     if (list->putPending == 0)
         return;
+    if (opblock* block = isDibList(list) ? lastUsedBlock(list) : nullptr) {
+        // Rows are put in any order, and read in between.
+        block->offset = wholeOf<Block>(block)->used;
+        list->curBlock = block;
+        list->pos = positionOf(block);
+    }
     KalPutOpData(list, KAL_OP_END, nullptr, 0);
     list->putPending = 0;
     endPutsInStream(list);

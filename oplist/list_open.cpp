@@ -12,7 +12,7 @@ constexpr uint32_t kStreamBuffer = 4096;
 constexpr uint16_t kTempMode = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
 
 int16_t makeRecord(OpList** out) {
-    *out = static_cast<OpList*>(KalAllocSMem(sizeof(OpList)));
+    *out = makeListRecord();
     return *out != nullptr ? KAL_OK : KAL_ERR_MEMORY;
 }
 

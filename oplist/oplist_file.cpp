@@ -35,7 +35,7 @@ int16_t takeItemFile(IOPFILE** out, int16_t status, IFILE* file) {
 
 // A list over the item file's stream, compressed as the format says.
 OpList* makeList(IFILE* file) {
-    auto* list = static_cast<OpList*>(KalAllocSMem(sizeof(OpList)));
+    OpList* list = makeListRecord();
     if (list == nullptr)
         return nullptr;
     list->stream = file->stream;
@@ -51,20 +51,41 @@ void freeList(OpList* list) {
     KalFreeSMem(list);
 }
 
-// Moves ops until `from` ends or either fails.
-void copyOps(OpList* to, OpList* from) {
+// Moves ops until `from` ends or either fails. Whether `to` took all that there were.
+bool copyOps(OpList* to, OpList* from) {
     bool going = true;
     while (void* op = going ? KalGetOp(from) : nullptr) {
         going = KalPutOp(to, op) != KAL_OP_FAILED;
         freeOp(op);
     }
+    return going;
 }
 
-void endLists(IOPFILE* file) {
-    if (file->putList != nullptr)
-        KalClosePutIOpList(file);
+// Ends the list being stored, with the end op that is owed after puts, and by a list that never got any. Whether it can
+// be read back to its end.
+bool endStored(OpList* list) {
+    if (wholeOf<StreamList>(list)->brokeOff)
+        return false;
+    if ((list->putPending == 1 || list->endPos == 0) &&
+        KalPutOpData(list, KAL_OP_END, nullptr, 0) == KAL_OP_FAILED)
+        return false;
+    return endPutsInStream(list);
+}
+
+// Takes the entry of the list being stored out of the index.
+void dropPutEntry(IOPFILE* file) {
+    IFILE* items = file->ifile;
+    if (wholeOf<ListFile>(file)->putNumber + 1 == items->count)
+        items->count--;
+    else
+        setEntryId(putEntryOf(file), KAL_ITEM_FREE);
+}
+
+int16_t endLists(IOPFILE* file) {
+    const int16_t status = file->putList != nullptr ? KalClosePutIOpList(file) : int16_t(KAL_OK);
     if (file->getList != nullptr)
         KalCloseGetIOpList(file);
+    return status;
 }
 
 } // namespace
@@ -123,15 +144,23 @@ int16_t KalClosePutIOpList(IOPFILE* file) {
     OpList* list = file->putList;
     if (list == nullptr)
         return KAL_ERR_SERVICE;
-    // An end op is owed after puts, and also by a list that never got any.
-    if (list->putPending == 1 || list->endPos == 0)
-        KalPutOpData(list, KAL_OP_END, nullptr, 0);
+    IFILE* items = file->ifile;
+    bool stored = endStored(list);
+    int16_t status = stored ? int16_t(KAL_OK) : KalGetOpError(list);
     freeList(list);
+    // The list may stand anywhere; what it stored is all that lies behind its start.
+    if (stored && !seekToEnd(items->stream)) {
+        stored = false;
+        status = items->stream->status;
+    }
     ItemIndex* entry = putEntryOf(file);
-    setEntrySize(file->ifile, entry, logicalPosition(file->ifile->stream) - entryOffset(file->ifile, entry));
+    if (stored)
+        setEntrySize(items, entry, logicalPosition(items->stream) - entryOffset(items, entry));
+    else // without an end it would be read on into what is stored next
+        dropPutEntry(file);
     file->putList = nullptr;
     file->putEntry = nullptr;
-    return KAL_OK;
+    return status;
 }
 
 int16_t KalOpenGetIOpList(IOPFILE* file, uint16_t id, OpList** out) {
@@ -143,7 +172,7 @@ int16_t KalOpenGetIOpList(IOPFILE* file, uint16_t id, OpList** out) {
     OpList* list = makeList(items);
     if (list == nullptr)
         return KAL_ERR_MEMORY;
-    if (!seekDespiteFullDisk(items->stream, entryOffset(items, entry))) {
+    if (!seekToStored(items->stream, entryOffset(items, entry))) {
         freeList(list);
         return items->stream->status;
     }
@@ -167,8 +196,9 @@ int16_t KalPutIOpList(IOPFILE* file, uint16_t id, OpList* source) {
     OpList* list;
     if (const int16_t status = KalOpenPutIOpList(file, id, &list); status != KAL_OK)
         return status;
-    copyOps(list, source);
-    return KalClosePutIOpList(file);
+    const int16_t taken = copyOps(list, source) ? int16_t(KAL_OK) : KalGetOpError(list);
+    const int16_t closed = KalClosePutIOpList(file);
+    return closed != KAL_OK ? closed : taken;
 }
 
 int16_t KalGetIOpList(IOPFILE* file, uint16_t id, OpList* destination) {
@@ -182,17 +212,17 @@ int16_t KalGetIOpList(IOPFILE* file, uint16_t id, OpList* destination) {
 int16_t KalCloseIOpFile(IOPFILE* file) {
     if (file == nullptr)
         return KAL_OK;
-    endLists(file);
-    KalCloseIFile(file->ifile);
+    const int16_t ended = endLists(file);
+    const int16_t closed = KalCloseIFile(file->ifile);
     KalFreeSMem(file);
-    return KAL_OK;
+    return ended != KAL_OK ? ended : closed;
 }
 
 int16_t KalFreeIOpFile(IOPFILE* file) {
     if (file == nullptr)
         return KAL_OK;
-    endLists(file);
-    KalFreeIFile(file->ifile);
+    const int16_t ended = endLists(file);
+    const int16_t freed = KalFreeIFile(file->ifile);
     KalFreeSMem(file);
-    return KAL_OK;
+    return ended != KAL_OK ? ended : freed;
 }

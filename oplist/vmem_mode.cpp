@@ -1,6 +1,7 @@
 #include "oplist/vmem_mode.h"
 
 #include "oplist/blocks.h"
+#include "oplist/dib.h"
 #include "oplist/op.h"
 
 #include <algorithm>
@@ -44,6 +45,19 @@ bool startBlock(OpList* list, uint32_t capacity) {
     return true;
 }
 
+// Whether the bytes fit at the block's offset, if need be in the room that a bitmap's shrunk block then gets back.
+bool hasRoom(OpList* list, opblock* block, uint32_t bytes) {
+    if (fits(block, bytes))
+        return true;
+    const uint32_t capacity = laidOutBytes(list, block);
+    if (capacity <= block->capacity || uint64_t(block->offset) + bytes > capacity)
+        return false;
+    if (block->vmem != nullptr && KalReAllocVMem(block->vmem, capacity) == nullptr)
+        return false;
+    block->capacity = capacity;
+    return true;
+}
+
 // Makes a block current in which `needed` bytes fit at its offset, and which has memory.
 bool findRoom(OpList* list, uint32_t needed, bool withFiller) {
     if (list->status != KAL_OK)
@@ -51,7 +65,7 @@ bool findRoom(OpList* list, uint32_t needed, bool withFiller) {
     if (list->curBlock != nullptr) {
         if (!locate(list))
             return false;
-        while (!fits(list->curBlock, needed)) {
+        while (!hasRoom(list, list->curBlock, needed)) {
             if (withFiller && !leaveFiller(list))
                 return false;
             if (!stepToNextBlock(list)) {
@@ -62,6 +76,24 @@ bool findRoom(OpList* list, uint32_t needed, bool withFiller) {
     }
     if (list->curBlock == nullptr && !startBlock(list, needed))
         return false;
+    return ensureMemory(list, list->curBlock);
+}
+
+// findRoom for a row. Those of a bitmap that is set up go where the layout has room for them and nowhere else.
+bool findRoomForRow(OpList* list, uint32_t rowBytes) {
+    if (!isDibList(list) || !isSetUp(list) || list->status != KAL_OK)
+        return findRoom(list, rowBytes, false);
+    bool found = list->curBlock != nullptr && locate(list);
+    while (found && uint64_t(list->curBlock->offset) + rowBytes > rowSpan(list, list->curBlock))
+        found = stepToNextBlock(list);
+    if (!found) {
+        list->status = KAL_ERR_POSITION;
+        return false;
+    }
+    if (!hasRoom(list, list->curBlock, rowBytes)) {
+        list->status = KAL_ERR_VMEM;
+        return false;
+    }
     return ensureMemory(list, list->curBlock);
 }
 
@@ -84,16 +116,15 @@ uint32_t putInBlocks(OpList* list, const void* first, uint32_t firstBytes, const
     const LockedBlock locked(list, block);
     if (locked.bytes() == nullptr)
         return KAL_OP_FAILED;
-    // The end op of a bitmap list never takes the place of a row that stands there.
-    const bool overRow = isDibList(list) && count == KAL_OP_HEADER &&
-                         block->offset < wholeOf<Block>(block)->used &&
-                         loadOpHeader(static_cast<const uint8_t*>(first)).type == KAL_OP_END;
-    if (!overRow) {
+    // The end op of a bitmap list never takes the place of a row that stands there, and counts for none.
+    const bool isBitmapEnd = isDibList(list) && count == KAL_OP_HEADER &&
+                             loadOpHeader(static_cast<const uint8_t*>(first)).type == KAL_OP_END;
+    if (!isBitmapEnd || block->offset >= wholeOf<Block>(block)->used) {
         uint8_t* place = locked.bytes() + block->offset;
         std::memcpy(place, first, firstBytes);
         if (secondBytes > 0)
             std::memcpy(place + firstBytes, second, secondBytes);
-        noteWritten(block, block->offset + count);
+        noteWritten(block, isBitmapEnd ? 0 : block->offset + count);
     }
     return advance(list, count);
 }
@@ -103,7 +134,7 @@ uint32_t putRow(OpList* list, const void* data, uint32_t count, uint32_t rowByte
         list->status = KAL_ERR_BUFFER;
         return KAL_OP_FAILED;
     }
-    if (!findRoom(list, rowBytes, false))
+    if (!findRoomForRow(list, rowBytes))
         return KAL_OP_FAILED;
     opblock* block = list->curBlock;
     const LockedBlock locked(list, block);
@@ -115,6 +146,7 @@ uint32_t putRow(OpList* list, const void* data, uint32_t count, uint32_t rowByte
     if (count < rowBytes)
         std::memset(place + count, 0, rowBytes - count);
     noteWritten(block, block->offset + rowBytes);
+    list->putPending = 1;
     return advance(list, rowBytes);
 }
 
@@ -167,13 +199,21 @@ int16_t seekInBlocks(OpList* list, uint32_t position) {
 }
 
 void shrinkBlocks(OpList* list) {
-    const uint32_t index = list->endPos / kBlockSpan;
-    opblock* block = index < kNamedBlocks ? findBlock(list, index) : nullptr;
-    if (block == nullptr)
+    const bool isBitmap = isDibList(list);
+    const bool owesEnd = list->putPending != 0;
+    const uint32_t end = owesEnd ? list->pos : list->endPos;
+    const uint32_t index = end / kBlockSpan;
+    opblock* block = isBitmap && owesEnd    ? lastUsedBlock(list)
+                     : index < kNamedBlocks ? findBlock(list, index)
+                                            : nullptr;
+    // The rows of a bitmap's block that is not the last are found by their number in a full one.
+    if (block == nullptr || (isBitmap && nextBlock(block) != nullptr))
         return;
-    uint32_t needed = list->endPos % kBlockSpan + KAL_OP_HEADER;
-    if (isDibList(list)) // rows may stand behind the end op
-        needed = std::max<uint32_t>(needed, wholeOf<Block>(block)->used);
+    // An end op that is still to come is put like every op, with room for one more header behind it.
+    const uint32_t used = wholeOf<Block>(block)->used;
+    uint32_t needed = (isBitmap && owesEnd ? used : end % kBlockSpan) + (owesEnd ? 2 : 1) * KAL_OP_HEADER;
+    if (isBitmap || owesEnd)
+        needed = std::max(needed, used);
     if (block->capacity <= needed)
         return;
     void* const memory =

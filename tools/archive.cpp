@@ -22,12 +22,9 @@ constexpr uint16_t lastId = KAL_ITEM_FREE - 1;
 constexpr uint16_t plainFormat = KAL_ITEMS_WIDE;
 constexpr uint16_t compressedFormat = KAL_ITEMS_WIDE | KAL_IOP_COMPRESSED;
 
-// A reader keeps room for ten entries more than there are.
 constexpr size_t entryBytes = sizeof(ItemIndexWide);
-constexpr size_t mostEntries = KAL_INDEX_ROOM_MAX / entryBytes - 10;
+constexpr uint16_t mostEntries = KAL_ITEMS_MAX_WIDE;
 constexpr uint32_t indexEnd = 4 + mostEntries * entryBytes;
-constexpr uint32_t firstPicture = 32768;
-static_assert(firstPicture >= indexEnd && firstPicture - 104 <= KAL_ITEM_MOVE_MAX);
 
 constexpr uint32_t bufferBytes = 16384;
 
@@ -141,21 +138,13 @@ void Archive::checkSignature() {
 }
 
 void Archive::putSignature() {
+    require(KalReserveItems(lists_->ifile, mostEntries)); // pictures are larger than what moves later
     OpList* list = nullptr;
     require(KalOpenPutIOpList(lists_, signatureId, &list));
     const bool put = KalPutOpData(list, opSignature, signature, sizeof signature) != KAL_OP_FAILED;
     const int16_t status = put ? int16_t{0} : KalGetOpError(list);
-    KalClosePutIOpList(lists_);
-    require(status);
-
-    SFILE* stream = lists_->ifile->stream;
-    const std::vector<uint8_t> padding(firstPicture - stream->pos, 0xFF);
-    const auto bytes = static_cast<uint32_t>(padding.size());
-    if (stream->write(stream, padding.data(), bytes) != static_cast<int32_t>(bytes))
-        fail(statusText(stream->status));
-    auto* entry = reinterpret_cast<uint8_t*>(KalFindItem(lists_->ifile, signatureId));
-    const uint32_t offset = load32({entry, entryBytes}, offsetof(ItemIndexWide, offset));
-    store32(entry + offsetof(ItemIndexWide, size), firstPicture - offset);
+    const int16_t closed = KalClosePutIOpList(lists_);
+    require(status != 0 ? status : closed);
 }
 
 std::vector<ArchiveItem> Archive::items() const {

@@ -18,8 +18,8 @@
 namespace {
 
 constexpr size_t kHeader = 4;
-constexpr size_t kSpareEntries = 10; // a new file has room for these, and a reader adds as many
-constexpr size_t kMostResources = KAL_INDEX_ROOM_MAX / sizeof(ItemIndexNarrow) - kSpareEntries;
+constexpr size_t kSpareEntries = 10; // a new file has room for these
+constexpr size_t kMostResources = KAL_ITEMS_MAX_NARROW;
 
 struct MakeArguments {
     std::string output;
@@ -64,10 +64,8 @@ std::vector<uint8_t> itemFileOf(const std::vector<Resource>& resources) {
     require(KalOpenFile(&memory, nullptr, KAL_MODE_MEMORY | KAL_MODE_CREATE | KAL_MODE_UPDATE, 0) == 0);
     Items items(memory);
     require(items.lay() == 0);
+    require(KalReserveItems(items.file(), static_cast<uint16_t>(resources.size())) == 0);
     size_t end = kHeader + std::max(resources.size(), kSpareEntries) * sizeof(ItemIndexNarrow);
-    const std::vector<uint8_t> room(end);
-    memory->seek(memory, 0, KAL_SEEK_START);
-    require(memory->write(memory, room.data(), uint32_t(end)) == int32_t(end));
     for (const Resource& resource : resources) {
         const auto size = static_cast<uint16_t>(resource.bytes.size());
         ItemIndex* entry = KalAppendItemIndex(items.file());

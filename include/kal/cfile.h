@@ -36,8 +36,8 @@ static_assert(KAL_AT(scfiletag, stream, 0, 0) && KAL_AT(scfiletag, encoder, 4, 8
 // behind KAL_ERR_MEMORY or KAL_ERR_BUFFER. KalFreeCFile ends it.
 KAL_API int16_t KalMakeCFile(scfiletag** out, SFILE* stream);
 
-// Flushes and frees a compressed stream, not the stream under it. 0; a flush that fails is not reported, so a
-// caller that must know flushes first.
+// Ends the run that was written, also where its bytes have left the stream's buffer, and frees the compressed stream, not
+// the stream under it. 0; a failure to end the run is not reported, so a caller that must know flushes first.
 KAL_API int16_t KalFreeCFile(scfiletag* cfile);
 
 // Compresses `count` bytes: continues the run when the stream stands where it stopped, else starts a new one

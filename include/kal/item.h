@@ -15,13 +15,14 @@ inline constexpr uint16_t KAL_ITEMS_WIDE = 0x8000; // 32-bit item sizes
 // The id of a free entry; never an item's.
 inline constexpr uint16_t KAL_ITEM_FREE = 0xFFFF;
 
-// The most bytes that the index of a file may take when it is opened, 10 spare entries included. A file with
-// more entries than these does not open again; who keeps a file keeps to them.
+// The most bytes that the index of a file may take when it is opened, 10 spare entries included, and so the most
+// entries that a file can have.
 inline constexpr uint32_t KAL_INDEX_ROOM_MAX = 32767;
 inline constexpr uint32_t KAL_ITEMS_MAX_NARROW = 4085; // entries of 8 bytes
 inline constexpr uint32_t KAL_ITEMS_MAX_WIDE = 3266;   // entries of 10 bytes
 
-// The largest item that a flush can move out of the growing index's way.
+// The largest item that a flush can move out of the growing index's way. A new file has room for 10 entries. Who stores
+// items larger than this among the first makes room for all entries before: KalReserveItems.
 inline constexpr uint32_t KAL_ITEM_MOVE_MAX = 65535;
 
 #pragma pack(push, 1)
@@ -82,11 +83,13 @@ KAL_API int16_t KalOpenTempIFile(IFILE** out);
 // stream's status when the header could not be read.
 KAL_API int16_t KalMakeIFile(IFILE** out, SFILE* stream, uint16_t format);
 
-// Flushes the index when the stream takes writes, then frees the item file but not the stream. 0.
+// Flushes the index when the stream takes writes, then frees the item file but not the stream. 0, or why the index
+// is still the old one: KalFlushIFile's status, or the stream's when it did not take header or index.
 KAL_API int16_t KalFreeIFile(IFILE* file);
 
-// KalFreeIFile, then the stream is closed. 0. When its last bytes cannot be written the stream is given up
-// all the same; a caller that must know flushes first (KalFlushIFile, KalFlushBuf).
+// KalFreeIFile, then the stream is closed. 0, KalFreeIFile's status, or the stream's when it could not write its last
+// bytes; everything is released all the same. A caller that wants to try again flushes first (KalFlushIFile,
+// KalFlushBuf).
 KAL_API int16_t KalCloseIFile(IFILE* file);
 
 // Writes header and index, after moving the items that stand where the index goes to the stream's end. 0 (the
@@ -95,14 +98,21 @@ KAL_API int16_t KalCloseIFile(IFILE* file);
 // a failure the stored index is the old one and every item can be read where its entry says.
 KAL_API int16_t KalFlushIFile(IFILE* file);
 
+// Makes room for an index of `entries` entries, so that the file can grow to as many whatever is stored in it, and
+// flushes: items of any size that stand in the way move to the stream's end. The room lasts as long as the file.
+// 0; KAL_ERR_BUFFER for more entries than a file can have; KAL_ERR_MEMORY when memory is short; the stream's status
+// when it did not take it all. After a failure the stored index is the old one or the new one and every item can be
+// read where its entry says.
+KAL_API int16_t KalReserveItems(IFILE* file, uint16_t entries);
+
 // The first entry with this id, or null. It stays valid until the next KalAppendItemIndex.
 KAL_API ItemIndex* KalFindItem(IFILE* file, uint16_t id);
 
 // The item's size in bytes, or -1 when there is no such item.
 KAL_API int32_t KalGetItemSize(IFILE* file, uint16_t id);
 
-// Adds an entry at the index's end, its fields for the caller to set. Null when memory is short or the
-// count would pass 16 bits; the index is unchanged then. Earlier entry pointers are no longer valid.
+// Adds an entry at the index's end, its fields for the caller to set. Null when memory is short or the file has
+// KAL_ITEMS_MAX_NARROW (KAL_ITEMS_MAX_WIDE) entries; the index is unchanged then. Earlier entry pointers are no longer valid.
 KAL_API ItemIndex* KalAppendItemIndex(IFILE* file);
 
 // Writes the entry's size in bytes from `data` at the entry's offset. The stream's count.

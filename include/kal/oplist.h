@@ -193,8 +193,9 @@ KAL_API int16_t KalGetOpError(OpList* list);
 // Sets the filter, which must outlive the list or be replaced.
 KAL_API void KalSetOpListFilter(OpList* list, FilterOps& filter);
 
-// Gives back the unused tail of the block that holds the end op; nothing for a list in a stream. Rows that were
-// stored behind it stay.
+// Gives back the unused tail of the block that holds the end op, or will hold the one that is owed; nothing for a list in
+// a stream. What was put stays. Of a bitmap list only the last block is cut; rows behind the cut read as zeros and
+// can be put.
 KAL_API void KalShrinkOpList(OpList* list);
 
 // Makes a copy of a VMem list: the same bytes in blocks of the same sizes, so every position of the source is
@@ -218,19 +219,21 @@ KAL_API int16_t KalCloneOpList(OpList* source, OpList** out);
 KAL_API int16_t KalSetupOpList(OpList* list, uint16_t left, uint16_t top, uint16_t width, uint16_t height,
                                uint16_t bitsPerPixel, uint16_t userWord, uint16_t maxOpBytes);
 
-// Puts the lines of a DIB op. A wider op is clipped; lines that its payload does not hold are not read. The
-// list's position behind them, or KAL_OP_FAILED when the list's status is not 0 (KAL_ERR_POSITION when it has not
-// been set up).
+// Puts the lines of a DIB op, which then owes an end op. A wider op is clipped; lines that its payload does not hold
+// are not read. The list's position behind them, or KAL_OP_FAILED when the list's status is not 0 (KAL_ERR_POSITION when
+// it has not been set up or lines go past the bitmap's last).
 KAL_API uint32_t KalPutDIBOp(OpList* list, void* op);
 
 // The next band of whole lines, as many as `maxOpBytes` allows, as a new DIB op, which the caller frees. Null at
-// the end of the image, when `curLine` goes back to 0 (seek before reading again), or on failure. KalGet24DIBOp is
-// for lists of 24 bits per pixel, to which KalGetDIBOp turns by itself.
+// the end of the image, when `curLine` goes back to 0 (seek before reading again), or on failure, which the list's
+// status tells: KAL_ERR_BUFFER when memory is short or a line takes more than 65,519 bytes, so that it fits no op
+// (KalGetDIBOpData reads it). KalGet24DIBOp is for lists of 24 bits per pixel, to which KalGetDIBOp turns by itself.
 KAL_API void* KalGetDIBOp(OpList* list);
 KAL_API void* KalGet24DIBOp(OpList* list);
 
 // Puts one row of `size` bytes as it is at the list's position, or at the start of the next block when it does
-// not fit in this one. The row's position, or KAL_OP_FAILED.
+// not fit in this one. The row's position, or KAL_OP_FAILED: past the bitmap's last line with KAL_ERR_POSITION in the
+// list's status.
 KAL_API uint32_t KalPutDIBOpData(OpList* list, const void* data, uint32_t size);
 
 // Reads `size` bytes at the list's position, or at the start of the next block when this one has fewer left. 0,
@@ -257,7 +260,9 @@ KAL_API int16_t KalCloneDIBOpList(OpList* source, OpList** out);
 
 // --- Operation-list files ------------------------------------------------------------------------------
 // An item file whose items are lists. At most one list is being stored and one being read at a time; in a
-// compressed file the two may not take turns. Nothing else may be written while a list is being stored.
+// compressed file the two may not take turns. Nothing else may be written while a list is being stored. A file whose first
+// lists are larger than KAL_ITEM_MOVE_MAX cannot grow past 10 of them unless KalReserveItems(file->ifile, ...) made
+// the room before.
 
 #pragma pack(push, 1)
 // The operation-list file; read only for callers. A list or entry that is not there is null.
@@ -291,7 +296,9 @@ KAL_API int16_t KalMakeIOpFile(IOPFILE** out, SFILE* stream, uint16_t format);
 KAL_API int16_t KalOpenPutIOpList(IOPFILE* file, uint16_t id, OpList** out);
 
 // Ends the list being stored: end op, end of the compressed run, size in the index. 0; KAL_ERR_SERVICE when
-// no list is being stored.
+// no list is being stored; else why the list could not be ended, and then there is no item, and what was put is lost: the
+// stream did not take the end, a put to a compressed list stopped in the middle of an op, or its compressed stream
+// could not be made.
 KAL_API int16_t KalClosePutIOpList(IOPFILE* file);
 
 // Starts reading the first item `id`; KalCloseGetIOpList ends it. 0; 1 when there is no such item;
@@ -301,8 +308,9 @@ KAL_API int16_t KalOpenGetIOpList(IOPFILE* file, uint16_t id, OpList** out);
 // Ends the list being read. 0; KAL_ERR_SERVICE when no list is being read.
 KAL_API int16_t KalCloseGetIOpList(IOPFILE* file);
 
-// Stores the ops of `source` from its current position on as item `id`. Statuses as KalOpenPutIOpList.
-// Errors on the way end the copy and are not reported.
+// Stores the ops of `source` from its current position on as item `id`. Statuses as KalOpenPutIOpList and
+// KalClosePutIOpList, or that of the put that ended the copy: the item then holds the ops before. A failure to get an
+// op ends the copy too and stands in the source's status alone.
 KAL_API int16_t KalPutIOpList(IOPFILE* file, uint16_t id, OpList* source);
 
 // Puts the ops of the first item `id` to `destination` at its current position, which then owes an end op.
@@ -310,7 +318,8 @@ KAL_API int16_t KalPutIOpList(IOPFILE* file, uint16_t id, OpList* source);
 KAL_API int16_t KalGetIOpList(IOPFILE* file, uint16_t id, OpList* destination);
 
 // End the operation-list file: the index is written back when the stream takes writes. KalCloseIOpFile closes
-// the stream, KalFreeIOpFile leaves it open. A list still being stored or read is ended first. 0.
+// the stream, KalFreeIOpFile leaves it open. A list still being stored or read is ended first. 0, or the first of
+// the statuses of KalClosePutIOpList and KalCloseIFile (KalFreeIFile); everything is released all the same.
 KAL_API int16_t KalCloseIOpFile(IOPFILE* file);
 KAL_API int16_t KalFreeIOpFile(IOPFILE* file);
 

@@ -1,9 +1,7 @@
-#include "tests/support/faults.h"
-#include "tests/support/files.h"
-#include "tests/support/vector_stream.h"
+// The codec step by step.
+#include "tests/compress/runs.h"
 
 #include <kal/heap.h>
-#include <kal/lzw.h>
 
 namespace {
 
@@ -133,6 +131,10 @@ TEST(LzwSteps, DecodeWhatWasEncodedForAnyRoots) {
             ASSERT_GE(back.size(), characters.size());
             back.resize(characters.size()); // narrow codes may find zeros behind the end code
             EXPECT_EQ(back, characters) << roots << " roots, " << distinct << " characters";
+            if (roots == 256) {
+                const Bytes run = runOf(characters).bytes, steps = encode(roots, characters);
+                EXPECT_TRUE(std::equal(run.begin(), run.end(), steps.begin())) << distinct << " characters";
+            }
         }
     }
 }

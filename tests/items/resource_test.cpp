@@ -118,17 +118,12 @@ TEST_F(Resources, TextsEndWhereTheirItemDoes) {
     std::vector<Bytes> contents;
     for (const auto& each : cases)
         contents.push_back(text(each.bytes));
-    std::string many;
-    for (int i = 0; i < 32767; i++)
-        many += "x\0"s;
-    contents.push_back(text(many)); // 32,767 strings, no empty one behind them
     contents.push_back(text(std::string(65535, 'y')));
     IFILE* file = open(contents);
     HeapBalance balance;
     for (uint16_t i = 0; i < std::size(cases); i++)
         EXPECT_EQ(strings(file, uint16_t(i + 1), cases[i].count), cases[i].strings) << i;
-    EXPECT_EQ(strings(file, uint16_t(std::size(cases) + 1), 32767).size(), 65534u);
-    EXPECT_EQ(strings(file, uint16_t(std::size(cases) + 2), 1).size(), 65536u);
+    EXPECT_EQ(strings(file, uint16_t(std::size(cases) + 1), 1).size(), 65536u);
     char** untouched = nullptr;
     EXPECT_EQ(KalGetSTextResData(file, 99, &untouched), -298);
     withEachAllocationFailing([&](int) {

@@ -1,0 +1,78 @@
+// A coder of runs that shares no line with the library's: slow, and simple enough to be seen to be right.
+#ifndef KAL_TESTS_COMPRESS_RUNS_H
+#define KAL_TESTS_COMPRESS_RUNS_H
+
+#include "tests/support/faults.h"
+#include "tests/support/files.h"
+#include "tests/support/samples.h"
+#include "tests/support/vector_stream.h"
+
+#include <kal/cfile.h>
+
+#include <map>
+#include <random>
+
+inline scfiletag* makeCFile(SFILE* stream) {
+    scfiletag* cfile = nullptr;
+    EXPECT_EQ(KalMakeCFile(&cfile, stream), 0);
+    return cfile;
+}
+
+struct SimpleRun {
+    Bytes bytes;
+    // By code: the bit behind it, and the data bytes in it and all before it.
+    std::vector<std::pair<size_t, size_t>> codes;
+    size_t bits = 0;
+
+    void put(uint32_t code, int width, size_t data) {
+        for (int i = 0; i < width; i++, bits++) {
+            if (bits % 8 == 0)
+                bytes.push_back(0);
+            bytes.back() = uint8_t(bytes.back() | (code >> i & 1) << bits % 8);
+        }
+        codes.emplace_back(bits, data);
+    }
+};
+
+// The run of `data`. The library clears its table when code 4,093 was assigned; others may at any time, or never, when
+// the table stays as it is once it is full.
+inline SimpleRun runOf(const Bytes& data, uint32_t lastCode = 4093) {
+    SimpleRun run;
+    std::map<std::pair<uint32_t, uint8_t>, uint32_t> strings;
+    uint32_t next = 258;
+    int width = 9;
+    int64_t current = -1;
+    run.put(256, width, 0);
+    for (size_t at = 0; at < data.size(); at++) {
+        if (current < 0) {
+            current = data[at];
+            continue;
+        }
+        const std::pair<uint32_t, uint8_t> longer{uint32_t(current), data[at]};
+        if (const auto found = strings.find(longer); found != strings.end()) {
+            current = found->second;
+            continue;
+        }
+        run.put(uint32_t(current), width, at);
+        current = data[at];
+        if (next < 4096) {
+            strings[longer] = next;
+            if (next == 1u << width)
+                width++;
+            next++;
+        }
+        if (next > lastCode) {
+            run.put(data[at], width, at);
+            run.put(256, width, at);
+            strings.clear();
+            next = 258;
+            width = 9;
+            current = -1;
+        }
+    }
+    run.put(current < 0 ? 256 : uint32_t(current), width, data.size());
+    run.put(257, width, data.size());
+    return run;
+}
+
+#endif
