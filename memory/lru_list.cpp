@@ -1,272 +1,125 @@
-#include "memory/lru_list.h"
-
+// The LRU list, and the records of blocks, which are its nodes.
+#include "memory/swap_file.h"
 #include "memory/vmem_manager.h"
-#include "platform/global_memory.h"
-
-#include <kal/heap.h>
 
 #include <algorithm>
 
 namespace {
 
-constexpr uint32_t kIds = 0x10000;
-
-LruNode*& slotOf(LruList* list, const void* handle) {
-    return list->byId[static_cast<uint16_t>(reinterpret_cast<uintptr_t>(handle))];
+// The first node from the head that holds the handle, or null.
+void* nodeOf(VMemManager* manager, void* handle) {
+    if (manager->looseNodes > 0)
+        return KalSPeekList(manager->shown.lruList, KalFindLRUNode, &handle);
+    Record* record = recordOf(manager, handle);
+    return record != nullptr && record->isListed ? record : nullptr;
 }
 
-LruNode* nodeAt(KalNodeHeader* header) {
-    return header != nullptr ? reinterpret_cast<LruNode*>(header + 1) : nullptr;
+void addToList(VMemManager* manager, Record* record) {
+    KalSAddHead(manager->shown.lruList, record);
+    record->isListed = true;
+    if (record->isIn)
+        arrive(manager->arrivals, manager->records, idOf(record->handle));
 }
 
-LruNode* newerThan(LruNode* node) {
-    return static_cast<LruNode*>(KalSPrevNode(node));
+void takeFromList(VMemManager* manager, Record* record) {
+    KalSExtractNode(manager->shown.lruList, record);
+    record->isListed = false;
+    if (record->place != 0)
+        depart(manager->arrivals, record->place);
+    record->place = 0;
 }
 
-bool isLocked(const LruNode* node) {
-    return (GlobalFlags(node->handle) & GMEM_LOCKCOUNT) != 0;
-}
-
-bool isInMemory(const LruNode* node) {
-    return (GlobalFlags(node->handle) & (GMEM_INVALID_HANDLE | GMEM_DISCARDED)) == 0;
-}
-
-// Order of the heap: the longest in memory on top.
-bool isNewer(const LruCandidate& a, const LruCandidate& b) {
-    return a.arrival > b.arrival;
-}
-
-void arrive(LruList* list, LruNode* node) {
-    node->arrival = ++list->arrivals & (UINT64_MAX >> 3);
-}
-
-void popHeap(LruList* list) {
-    list->heap[0].node->queued = 0;
-    std::pop_heap(list->heap, list->heap + list->heapCount, isNewer);
-    list->heapCount--;
-}
-
-void pushHeap(LruList* list, LruNode* node) {
-    node->queued = 1;
-    list->heap[list->heapCount++] = {node->arrival, node};
-    std::push_heap(list->heap, list->heap + list->heapCount, isNewer);
-}
-
-void advanceFrontier(LruList* list) {
-    list->frontier->seen = 1;
-    list->frontier = newerThan(list->frontier);
-}
-
-bool growHeap(LruList* list) {
-    const uint32_t room = list->heapRoom == 0 ? 64 : list->heapRoom * 2;
-    const auto bytes = static_cast<uint32_t>(room * sizeof(LruCandidate));
-    void* heap = list->heap == nullptr ? KalAllocSMem(bytes) : KalReAllocSMem(list->heap, bytes);
-    if (heap == nullptr)
-        return false;
-    list->heap = static_cast<LruCandidate*>(heap);
-    list->heapRoom = room;
-    return true;
-}
-
-void park(LruList* list, LruNode* node) {
-    list->parkedCount += node->parked == 0 ? 1 : 0;
-    node->parked = 1;
-}
-
-void unpark(LruList* list, LruNode* node) {
-    list->parkedCount -= node->parked;
-    node->parked = 0;
-}
-
-// Looks at a candidate: whether its block can go. A locked one is parked on the way.
-bool canGo(LruList* list, LruNode* node) {
-    if (!isInMemory(node))
-        return false;
-    if (isLocked(node)) {
-        park(list, node);
-        return false;
-    }
-    unpark(list, node);
-    return true;
-}
-
-// Takes the top away when its block cannot go, or sinks it when the block has come into memory anew since it was
-// queued. True when it is right where it is.
-bool settleTop(LruList* list) {
-    const LruCandidate top = list->heap[0];
-    const bool inPlace = top.arrival == top.node->arrival;
-    if (inPlace && canGo(list, top.node))
-        return true;
-    popHeap(list);
-    if (!inPlace && top.node->arrival != 0 && top.node->seen != 0 && canGo(list, top.node))
-        pushHeap(list, top.node);
-    return false;
-}
-
-LruNode* spareOrNew(LruList* list) {
-    LruNode* node = list->spare;
-    if (node != nullptr) {
-        list->spare = static_cast<LruNode*>(node->handle);
-        return node;
-    }
-    node = static_cast<LruNode*>(KalSCreateNode(sizeof(LruNode)));
-    if (node != nullptr)
-        list->nodes++;
-    return node;
-}
-
-void freeList(LruList* list) {
-    while (LruNode* node = list->spare) {
-        list->spare = static_cast<LruNode*>(node->handle);
-        KalSDestroyNode(node);
-    }
-    if (list->heap != nullptr)
-        KalFreeSMem(list->heap);
-    if (list->byId != nullptr)
-        KalFreeSMem(list->byId);
+void destroyLoose(VMemManager* manager, void* node) {
+    KalSExtractNode(manager->shown.lruList, node);
+    KalSDestroyNode(node);
+    manager->looseNodes--;
 }
 
 } // namespace
 
-LruNode* findNode(LruList* list, void* handle) {
-    LruNode* node = slotOf(list, handle);
-    if (node != nullptr && node->handle == handle) [[likely]]
-        return node;
-    // Two handles whose low halves are alike are not both live, yet a caller may add what it likes.
-    return static_cast<LruNode*>(KalSPeekList(&list->list, KalFindLRUNode, &handle));
-}
-
-LruNode* addNode(LruList* list, void* handle) {
-    LruNode* node = spareOrNew(list);
-    if (node == nullptr)
-        return nullptr;
-    node->handle = handle;
-    arrive(list, node);
-    node->seen = 0;
-    node->parked = 0;
-    node->queued = 0;
-    KalSAddHead(&list->list, node);
-    slotOf(list, handle) = node;
-    if (list->frontier == nullptr)
-        list->frontier = node;
-    return node;
-}
-
-void removeNode(LruList* list, LruNode* node) {
-    if (list->frontier == node)
-        list->frontier = newerThan(node);
-    LruNode*& slot = slotOf(list, node->handle);
-    if (slot == node)
-        slot = nullptr;
-    unpark(list, node);
-    node->arrival = 0;
-    KalSExtractNode(&list->list, node);
-    node->handle = list->spare;
-    list->spare = node;
-}
-
-LruNode* oldestCandidate(LruList* list) {
-    while (list->heapCount > 0 && !settleTop(list)) {
+Record* addRecord(VMemManager* manager, void* handle, uint32_t size) {
+    const uint16_t id = idOf(handle);
+    Record*& record = manager->records[id];
+    if (record == nullptr) {
+        record = static_cast<Record*>(KalSCreateNode(sizeof(Record)));
+        if (record == nullptr)
+            return nullptr;
+        manager->recordCount++;
     }
-    while (list->frontier != nullptr && !canGo(list, list->frontier))
-        advanceFrontier(list);
-    if (list->heapCount == 0)
-        return list->frontier;
-    const LruCandidate& top = list->heap[0];
-    return list->frontier != nullptr && list->frontier->arrival < top.arrival ? list->frontier : top.node;
+    if (record->handle != nullptr)
+        forget(manager, record); // another task has freed it
+    manager->recordsEnd = std::max<uint32_t>(manager->recordsEnd, id + 1u);
+    record->handle = handle;
+    addToList(manager, record);
+    setSize(manager, record, size);
+    record->used = size;
+    return record;
 }
 
-void dropOldestCandidate(LruList* list, LruNode* node) {
-    if (list->frontier == node)
-        advanceFrontier(list);
-    else if (list->heapCount > 0 && list->heap[0].node == node)
-        popHeap(list);
+void forget(VMemManager* manager, Record* record) {
+    if (record->isListed)
+        takeFromList(manager, record);
+    setSize(manager, record, 0);
+    dropItem(manager->shown.swapFile, idOf(record->handle));
+    record->handle = nullptr;
 }
-
-void parkNode(LruList* list, LruNode* node) {
-    if (node->seen == 0)
-        return; // it will be looked at in its turn
-    arrive(list, node);
-    park(list, node);
-}
-
-void unparkNode(LruList* list, LruNode* node) {
-    if (node->parked == 0)
-        return;
-    unpark(list, node);
-    if (node->queued != 0)
-        return;
-    if (list->heapCount == list->heapRoom && !growHeap(list)) {
-        // No memory to remember it: look at all blocks anew.
-        while (list->heapCount > 0)
-            popHeap(list);
-        list->frontier = nodeAt(list->list.last);
-        return;
-    }
-    pushHeap(list, node);
-}
-
-uint64_t lruListBytes(const LruList* list) {
-    constexpr uint64_t kHeapBlock = 32; // the heap's own part of a block, generously
-    constexpr uint64_t kSlot = 24;      // the block's place in the table of handles
-    return list->nodes * (sizeof(KalNodeHeader) + sizeof(LruNode) + sizeof(LruNode*) + kHeapBlock + kSlot) +
-           list->heapRoom * sizeof(LruCandidate);
-}
-
-// --- The calls ---------------------------------------------------------------------------------------------
 
 int16_t KalOpenLRUVList() {
     VMemManager* manager = currentManager();
-    if (manager == nullptr || manager->state.lruList != nullptr)
+    if (manager == nullptr || manager->shown.lruList != nullptr)
         return KAL_OK;
-    auto* list = static_cast<LruList*>(KalAllocSMem(sizeof(LruList)));
-    if (list == nullptr)
-        return KAL_ERR_BUFFER;
-    list->byId = static_cast<LruNode**>(KalAllocSMem(kIds * sizeof(LruNode*)));
-    if (list->byId == nullptr) {
-        KalFreeSMem(list);
-        return KAL_ERR_BUFFER;
-    }
-    manager->state.lruList = &list->list;
-    return KAL_OK;
+    manager->shown.lruList = KalSCreateList();
+    return manager->shown.lruList != nullptr ? KAL_OK : KAL_ERR_BUFFER;
 }
 
 int16_t KalCloseLRUVList() {
     VMemManager* manager = currentManager();
-    LruList* list = manager != nullptr ? lruListOf(manager) : nullptr;
+    slisthd* list = manager != nullptr ? manager->shown.lruList : nullptr;
     if (list == nullptr)
         return KAL_OK;
-    while (LruNode* newest = nodeAt(list->list.first)) {
-        KalFreeVMem(newest->handle);
-        if (nodeAt(list->list.first) == newest) // not a live block
-            removeNode(list, newest);
+    while (list->first != nullptr) {
+        void* node = list->first + 1;
+        void* handle = *static_cast<void**>(node);
+        if (node != recordOf(manager, handle))
+            destroyLoose(manager, node);
+        KalFreeVMem(handle);
     }
-    freeList(list);
-    manager->state.lruList = nullptr;
-    return KalSDestroyList(&list->list);
+    manager->shown.lruList = nullptr;
+    return KalSDestroyList(list);
 }
 
 int16_t KalAddLRU(void* handle) {
     VMemManager* manager = currentManager();
     if (manager == nullptr)
         return KAL_OK;
-    LruList* list = lruListOf(manager);
-    if (list == nullptr)
+    if (manager->shown.lruList == nullptr)
         return KAL_ERR_LIST;
-    return addNode(list, handle) != nullptr ? KAL_OK : KAL_ERR_BUFFER;
+    if (Record* record = recordOf(manager, handle); record != nullptr && !record->isListed) {
+        addToList(manager, record);
+        return KAL_OK;
+    }
+    auto* node = static_cast<void**>(KalSCreateNode(sizeof handle));
+    if (node == nullptr)
+        return KAL_ERR_BUFFER;
+    *node = handle;
+    manager->looseNodes++;
+    return KalSAddHead(manager->shown.lruList, node);
 }
 
 int16_t KalDeleteLRU(void* handle) {
     VMemManager* manager = currentManager();
-    LruList* list = manager != nullptr ? lruListOf(manager) : nullptr;
-    LruNode* node = list != nullptr ? findNode(list, handle) : nullptr;
-    if (node != nullptr)
-        removeNode(list, node);
+    void* node = manager != nullptr && manager->shown.lruList != nullptr ? nodeOf(manager, handle) : nullptr;
+    if (node == nullptr)
+        return KAL_OK;
+    if (Record* record = recordOf(manager, handle); record == node)
+        takeFromList(manager, record);
+    else
+        destroyLoose(manager, node);
     return KAL_OK;
 }
 
 uint16_t KalFindLRUNode(void* node, void* wanted) {
-    return static_cast<LruNode*>(node)->handle == *static_cast<void**>(wanted) ? 1 : 0;
+    return *static_cast<void**>(node) == *static_cast<void**>(wanted) ? 1 : 0;
 }
 
 int16_t KalLRUNewest(void*) {

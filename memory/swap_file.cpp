@@ -1,10 +1,12 @@
-// Swap files: the extent list, an index of the items by id, and a tree of the free extents beside it.
+// Swap files: the extent list, a table of the items by id, and the list's stretches, by which the first fit is found
+// without a walk over all extents.
 //
-// Callers free an extent by setting its id to 0, and nobody tells the file. So every used extent that was
-// handed out is kept in a list of lent ones, which each write looks through first.
+// A stretch is some hundred extents one behind the other. It knows a size that no free extent in it exceeds, so that
+// a search looks into those stretches alone that may have what it wants, and corrects the size of each in vain. Callers
+// free extents by setting their id to 0, and nobody tells the file: so a search that they ask for looks everywhere.
 #include "memory/swap_file.h"
 
-#include "memory/extents.h"
+#include "memory/record.h"
 #include "paths/task_text.h"
 #include "paths/temp_names.h"
 #include "platform/file_calls.h"
@@ -13,6 +15,7 @@
 #include <kal/heap.h>
 #include <kal/memory.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -20,110 +23,139 @@ namespace {
 constexpr uint32_t kNameSize = 772;
 constexpr uint32_t kIds = 0x10000;
 
-// The record that callers see, and the rest.
-struct SwapFile {
-    vfile record;
-    Extent** byId; // a used extent for each id, or null; one that its caller has freed may still stand here
-    Extent* freeTree;
-    Extent* lent; // the first of the lent extents
-    uint32_t extents;
+constexpr uint32_t kMostInStretch = 256;
+constexpr uint32_t kAnySize = UINT32_MAX;
+
+struct Stretch;
+
+#pragma pack(push, 2)
+struct Extent {
+    vitem shown;
+    Stretch* stretch;
+};
+#pragma pack(pop)
+
+struct Stretch {
+    Extent* first;
+    uint32_t count;
+    uint32_t mostFree; // no free extent here is larger
+    Stretch* next;
 };
 
-SwapFile* whole(vfile* file) {
-    return reinterpret_cast<SwapFile*>(file);
+struct SwapFile {
+    vfile shown;
+    Extent** byId; // where the extent of each id was last, which a caller may have freed
+    Stretch stretches;
+    uint32_t extents;
+    uint32_t writes; // since a search looked everywhere
+};
+
+Extent* extentAt(KalNodeHeader* header) {
+    return reinterpret_cast<Extent*>(header + 1);
 }
 
-const SwapFile* whole(const vfile* file) {
-    return reinterpret_cast<const SwapFile*>(file);
+KalNodeHeader* headerOf(Extent* extent) {
+    return reinterpret_cast<KalNodeHeader*>(extent) - 1;
 }
 
-Extent* lastExtent(const SwapFile* file) {
-    KalNodeHeader* last = file->record.items->last;
-    return last != nullptr ? reinterpret_cast<Extent*>(last + 1) : nullptr;
+// --- Stretches -----------------------------------------------------------------------------------------------
+
+// Cuts a long stretch in two; without memory for that it stays long.
+void split(Stretch* stretch) {
+    auto* rest = static_cast<Stretch*>(KalAllocSMem(sizeof(Stretch)));
+    if (rest == nullptr)
+        return;
+    Extent* extent = stretch->first;
+    for (uint32_t i = 0; i < stretch->count / 2; i++)
+        extent = extentAt(headerOf(extent)->next);
+    *rest = {extent, stretch->count - stretch->count / 2, stretch->mostFree, stretch->next};
+    stretch->count /= 2;
+    stretch->next = rest;
+    for (uint32_t i = 0; i < rest->count; i++, extent = extentAt(headerOf(extent)->next))
+        extent->stretch = rest;
 }
 
-Extent* newExtent(SwapFile* file, uint32_t offset, uint32_t size) {
-    auto* extent = static_cast<Extent*>(KalSCreateNode(sizeof(Extent)));
-    if (extent != nullptr) {
-        extent->item.offset = offset;
-        extent->item.size = size;
-        file->extents++;
+// Notes an extent that now stands in the list behind another of the stretch, or begins it.
+void enter(SwapFile* file, Stretch* stretch, Extent* extent) {
+    if (stretch->count == 0)
+        stretch->first = extent;
+    extent->stretch = stretch;
+    file->extents++;
+    if (++stretch->count > kMostInStretch)
+        split(stretch);
+}
+
+void noteFree(Extent* extent) {
+    extent->stretch->mostFree = std::max<uint32_t>(extent->stretch->mostFree, extent->shown.size);
+}
+
+void lookEverywhere(SwapFile* file) {
+    for (Stretch* stretch = &file->stretches; stretch != nullptr; stretch = stretch->next)
+        stretch->mostFree = kAnySize;
+    file->writes = 0;
+}
+
+// The free extent of the lowest offset that has at least `size` bytes, or null.
+Extent* firstFit(SwapFile* file, uint32_t size) {
+    for (Stretch* stretch = &file->stretches; stretch != nullptr; stretch = stretch->next) {
+        if (stretch->mostFree < size)
+            continue;
+        uint32_t mostFree = 0;
+        Extent* extent = stretch->first;
+        for (uint32_t i = 0; i < stretch->count; i++, extent = extentAt(headerOf(extent)->next)) {
+            if (extent->shown.id != 0)
+                continue;
+            if (extent->shown.size >= size)
+                return extent;
+            mostFree = std::max<uint32_t>(mostFree, extent->shown.size);
+        }
+        stretch->mostFree = mostFree;
     }
+    return nullptr;
+}
+
+// --- Extents -------------------------------------------------------------------------------------------------
+
+Extent* newExtent(uint32_t offset, uint32_t size) {
+    auto* extent = static_cast<Extent*>(KalSCreateNode(sizeof(Extent)));
+    if (extent != nullptr)
+        extent->shown = {0, size, offset};
     return extent;
 }
 
-void lend(SwapFile* file, Extent* extent) {
-    if (extent->indexedId == 0 || extent->lent != 0)
-        return;
-    extent->lent = 1;
-    extent->lower = nullptr;
-    extent->higher = file->lent;
-    if (file->lent != nullptr)
-        file->lent->lower = extent;
-    file->lent = extent;
-}
-
-void takeBack(SwapFile* file, Extent* extent) {
-    if (extent->lent == 0)
-        return;
-    (extent->lower != nullptr ? extent->lower->higher : file->lent) = extent->higher;
-    if (extent->higher != nullptr)
-        extent->higher->lower = extent->lower;
-    extent->lent = 0;
+Extent* find(const SwapFile* file, uint16_t id) {
+    Extent* extent = file->extents > 0 ? file->byId[id] : nullptr;
+    return extent != nullptr && extent->shown.id == id ? extent : nullptr;
 }
 
 void release(SwapFile* file, Extent* extent) {
-    takeBack(file, extent);
-    file->byId[extent->indexedId] = nullptr;
-    extent->indexedId = 0;
-    extent->item.id = 0;
-    addFree(file->freeTree, extent);
+    file->byId[extent->shown.id] = nullptr;
+    extent->shown.id = 0;
+    noteFree(extent);
 }
 
-void claim(SwapFile* file, Extent* extent, uint32_t size, uint16_t id) {
-    extent->item.id = id;
-    extent->item.size = size;
-    extent->indexedId = id;
-    extent->lent = 0;
-    file->byId[id] = extent;
-}
-
-// Takes in what callers have freed.
-void settle(SwapFile* file) {
-    for (Extent* extent = file->lent; extent != nullptr;) {
-        Extent* next = extent->higher;
-        if (extent->item.id == 0)
-            release(file, extent);
-        extent = next;
-    }
-}
-
-Extent* find(const SwapFile* file, uint16_t id) {
-    Extent* extent = file->byId[id];
-    return extent != nullptr && extent->item.id == id ? extent : nullptr;
-}
-
-// Takes `extent` out of the free ones and cuts off what lies behind its first `size` bytes, as a free extent
-// of its own where there is memory for one.
+// Cuts off what lies behind the first `size` bytes of a free extent, as one of its own where there is memory for that.
 void carve(SwapFile* file, Extent* extent, uint32_t size) {
-    removeFree(file->freeTree, extent);
-    const uint32_t left = extent->item.size - size;
-    Extent* remainder = left > 0 ? newExtent(file, extent->item.offset + size, left) : nullptr;
+    const uint32_t left = extent->shown.size - size;
+    Extent* remainder = left > 0 ? newExtent(extent->shown.offset + size, left) : nullptr;
+    extent->shown.size = size;
     if (remainder == nullptr)
         return;
-    KalSInsertNode(file->record.items, extent, remainder);
-    addFree(file->freeTree, remainder);
+    KalSInsertNode(file->shown.items, extent, remainder);
+    enter(file, extent->stretch, remainder);
+    noteFree(remainder);
 }
 
 // A new extent at the file's end, or null.
 Extent* append(SwapFile* file, uint32_t size) {
-    const Extent* last = lastExtent(file);
-    const uint64_t end = last != nullptr ? uint64_t(last->item.offset) + last->item.size : 0;
-    if (end + size > UINT32_MAX)
+    KalNodeHeader* header = file->shown.items->last;
+    const Extent* last = header != nullptr ? extentAt(header) : nullptr;
+    const uint64_t end = last != nullptr ? uint64_t(last->shown.offset) + last->shown.size : 0;
+    Extent* extent = end + size <= UINT32_MAX ? newExtent(static_cast<uint32_t>(end), size) : nullptr;
+    if (extent == nullptr)
         return nullptr;
-    Extent* extent = newExtent(file, static_cast<uint32_t>(end), size);
-    if (extent != nullptr)
-        KalSAddTail(file->record.items, extent);
+    KalSAddTail(file->shown.items, extent);
+    enter(file, last != nullptr ? last->stretch : &file->stretches, extent);
     return extent;
 }
 
@@ -142,7 +174,7 @@ bool makeTemporary(const char* name, void* context) {
 }
 
 int16_t makeFile(SwapFile* file) {
-    char* name = file->record.nameBuf;
+    char* name = file->shown.nameBuf;
     if (taskText(kSlotTempDirectory) == nullptr) {
         constexpr char kTemplate[] = "ZEP.TMP";
         const uint32_t length = GetTempPathA(kNameSize - sizeof kTemplate, name);
@@ -152,37 +184,65 @@ int16_t makeFile(SwapFile* file) {
     }
     HFILE handle = HFILE_ERROR;
     const int16_t status = findUniqueName(name, kNameSize, makeTemporary, &handle);
-    file->record.handle = static_cast<uint32_t>(handle);
+    file->shown.handle = static_cast<uint32_t>(handle);
     if (status != KAL_OK)
         return status;
     return handle != HFILE_ERROR ? int16_t(KAL_OK) : openStatus();
 }
 
 int16_t furnish(SwapFile* file) {
-    file->record.handle = static_cast<uint32_t>(HFILE_ERROR);
-    file->record.items = KalSCreateList();
-    file->record.nameBuf = static_cast<char*>(KalAllocSMem(kNameSize));
+    file->shown.handle = static_cast<uint32_t>(HFILE_ERROR);
+    file->shown.items = KalSCreateList();
+    file->shown.nameBuf = static_cast<char*>(KalAllocSMem(kNameSize));
     file->byId = static_cast<Extent**>(KalAllocSMem(kIds * sizeof(Extent*)));
-    if (file->record.items == nullptr || file->record.nameBuf == nullptr || file->byId == nullptr)
+    if (file->shown.items == nullptr || file->shown.nameBuf == nullptr || file->byId == nullptr)
         return KAL_ERR_MEMORY;
     return makeFile(file);
 }
 
 } // namespace
 
-const vitem* findItem(const vfile* file, uint16_t id) {
-    const Extent* extent = find(whole(file), id);
-    return extent != nullptr ? &extent->item : nullptr;
+const vitem* findItem(vfile* file, uint16_t id) {
+    const Extent* extent = find(wholeOf<SwapFile>(file), id);
+    return extent != nullptr ? &extent->shown : nullptr;
 }
 
 void dropItem(vfile* file, uint16_t id) {
-    if (Extent* extent = find(whole(file), id))
-        release(whole(file), extent);
+    SwapFile* swap = wholeOf<SwapFile>(file);
+    if (Extent* extent = find(swap, id))
+        release(swap, extent);
 }
 
-uint64_t extentListBytes(const vfile* file) {
-    constexpr uint64_t kHeapBlock = 32; // the heap's own part of a block, generously
-    return whole(file)->extents * (sizeof(KalNodeHeader) + sizeof(Extent) + sizeof(Extent*) + kHeapBlock);
+uint64_t extentListBytes(vfile* file) {
+    constexpr uint64_t kExtent = 72; // with its heap block and its place in the table of ids
+    return wholeOf<SwapFile>(file)->extents * kExtent;
+}
+
+int32_t writeItem(vfile* file, const void* data, uint32_t size, uint16_t id) {
+    if (id == 0 || size > INT32_MAX)
+        return 0;
+    SwapFile* swap = wholeOf<SwapFile>(file);
+    if (Extent* old = find(swap, id)) {
+        if (old->shown.size == size)
+            return static_cast<int32_t>(size);
+        release(swap, old);
+    }
+    // What callers freed is not lost for long either: some looks for each write.
+    constexpr uint32_t kLooks = 64;
+    if (++swap->writes * kLooks > swap->extents)
+        lookEverywhere(swap);
+    Extent* extent = firstFit(swap, size);
+    if (extent != nullptr)
+        carve(swap, extent, size);
+    else
+        extent = append(swap, size);
+    if (extent == nullptr)
+        return 0;
+    extent->shown.id = id;
+    swap->byId[id] = extent;
+    if (!seekTo(file, extent->shown.offset))
+        return 0;
+    return KalHWrite(static_cast<HFILE>(file->handle), data, static_cast<int32_t>(size));
 }
 
 int16_t KalOpenTempVFile(vfile** out) {
@@ -192,33 +252,35 @@ int16_t KalOpenTempVFile(vfile** out) {
         return KAL_ERR_MEMORY;
     const int16_t status = furnish(file);
     if (status != KAL_OK)
-        KalCloseVFile(&file->record);
+        KalCloseVFile(shownOf(file));
     else
-        *out = &file->record;
+        *out = shownOf(file);
     return status;
 }
 
 int16_t KalCloseVFile(vfile* file) {
     if (file == nullptr)
         return KAL_OK;
+    SwapFile* swap = wholeOf<SwapFile>(file);
     if (file->handle != static_cast<uint32_t>(HFILE_ERROR))
         _lclose(static_cast<HFILE>(file->handle));
+    while (Stretch* stretch = swap->stretches.next) {
+        swap->stretches.next = stretch->next;
+        KalFreeSMem(stretch);
+    }
     KalSDestroyList(file->items);
     KalFreeSMem(file->nameBuf);
-    KalFreeSMem(whole(file)->byId);
-    KalFreeSMem(file);
+    KalFreeSMem(swap->byId);
+    KalFreeSMem(swap);
     return KAL_OK;
 }
 
 vitem* KalFindVItem(vfile* file, uint16_t id) {
-    SwapFile* swap = whole(file);
+    SwapFile* swap = wholeOf<SwapFile>(file);
     if (id == 0)
-        settle(swap);
-    Extent* extent = id == 0 ? firstFit(swap->freeTree, 0) : find(swap, id);
-    if (extent == nullptr)
-        return nullptr;
-    lend(swap, extent);
-    return &extent->item;
+        lookEverywhere(swap);
+    Extent* extent = id == 0 ? firstFit(swap, 0) : find(swap, id);
+    return extent != nullptr ? &extent->shown : nullptr;
 }
 
 int32_t KalReadVFile(vfile* file, vitem* item, void* destination) {
@@ -230,24 +292,6 @@ int32_t KalReadVFile(vfile* file, vitem* item, void* destination) {
 }
 
 int32_t KalWriteVFile(vfile* file, const void* data, uint32_t size, uint16_t id) {
-    if (id == 0 || size > INT32_MAX)
-        return 0;
-    SwapFile* swap = whole(file);
-    settle(swap);
-    if (Extent* old = find(swap, id)) {
-        if (old->item.size == size)
-            return static_cast<int32_t>(size);
-        release(swap, old);
-    }
-    Extent* extent = firstFit(swap->freeTree, size);
-    if (extent != nullptr)
-        carve(swap, extent, size);
-    else
-        extent = append(swap, size);
-    if (extent == nullptr)
-        return 0;
-    claim(swap, extent, size, id);
-    if (!seekTo(file, extent->item.offset))
-        return 0;
-    return KalHWrite(static_cast<HFILE>(file->handle), data, static_cast<int32_t>(size));
+    lookEverywhere(wholeOf<SwapFile>(file));
+    return writeItem(file, data, size, id);
 }

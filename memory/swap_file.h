@@ -4,13 +4,17 @@
 
 #include <kal/vmem.h>
 
-// The extent of an item, for the moment; KalFindVItem hands one out for good.
-const vitem* findItem(const vfile* file, uint16_t id);
+// The extent of an item, or null.
+const vitem* findItem(vfile* file, uint16_t id);
 
 // Frees the extent of an item, if there is one.
 void dropItem(vfile* file, uint16_t id);
 
+// KalWriteVFile without a look at every extent: one that a caller freed behind the file's back may be overlooked for
+// some writes.
+int32_t writeItem(vfile* file, const void* data, uint32_t size, uint16_t id);
+
 // The memory in bytes that the file's extent list takes.
-uint64_t extentListBytes(const vfile* file);
+uint64_t extentListBytes(vfile* file);
 
 #endif

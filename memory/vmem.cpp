@@ -3,6 +3,7 @@
 
 #include "memory/swap_file.h"
 #include "memory/vmem_manager.h"
+#include "memory/vmem_used.h"
 #include "platform/global_memory.h"
 
 #include <kal/heap.h>
@@ -21,46 +22,6 @@ bool isLive(void* handle) {
     return (GlobalFlags(handle) & GMEM_INVALID_HANDLE) == 0;
 }
 
-// Keeps a block in memory while others are swapped out.
-class Pin {
-public:
-    explicit Pin(void* handle) : handle_(handle), address_(KalLockVMem(handle)) {}
-    ~Pin() {
-        if (address_ != nullptr)
-            KalUnLockVMem(handle_);
-    }
-    Pin(const Pin&) = delete;
-    Pin& operator=(const Pin&) = delete;
-    bool holds() const { return address_ != nullptr; }
-
-private:
-    void* handle_;
-    void* address_;
-};
-
-// Enters a fresh block into list and counters. False when memory is short.
-bool enter(VMemManager* manager, void* handle, uint32_t size) {
-    if (addNode(lruListOf(manager), handle) == nullptr)
-        return false;
-    countResident(manager, size);
-    countUsed(manager, size);
-    return true;
-}
-
-// Takes a block out of list, counters and swap file. A block of another task is left to that.
-void leave(VMemManager* manager, void* handle) {
-    LruNode* node = isLive(handle) ? findNode(lruListOf(manager), handle) : nullptr;
-    if (node == nullptr)
-        return;
-    const uint32_t size = GlobalSize(handle);
-    const vitem* copy = findItem(manager->state.swapFile, itemIdOf(handle));
-    if (size > 0)
-        countNotResident(manager, size);
-    countUsed(manager, -int64_t(size == 0 && copy != nullptr ? copy->size : size));
-    dropItem(manager->state.swapFile, itemIdOf(handle));
-    removeNode(lruListOf(manager), node);
-}
-
 // Half of the largest power of two, up to 2 MiB, of which a block can be had.
 uint32_t probeBlockSize() {
     for (uint32_t size = 0x200000; size > 0; size /= 2)
@@ -72,38 +33,79 @@ uint32_t probeBlockSize() {
 }
 
 int16_t openParts(VMemManager* manager) {
-    int16_t status = KalOpenTempVFile(&manager->state.swapFile);
-    if (status == KAL_OK)
-        status = KalOpenLRUVList();
-    return status;
+    constexpr uint32_t kIds = 0x10000;
+    manager->records = static_cast<Record**>(KalAllocSMem(kIds * sizeof(Record*)));
+    manager->arrivals = static_cast<Arrivals*>(KalAllocSMem(sizeof(Arrivals)));
+    if (manager->records == nullptr || manager->arrivals == nullptr)
+        return KAL_ERR_BUFFER;
+    const int16_t status = KalOpenTempVFile(&manager->shown.swapFile);
+    return status == KAL_OK ? KalOpenLRUVList() : status;
 }
 
-// Resizes a block that is in memory or has no bytes, making room for what it gains. Null on failure.
-void* resize(void* handle, uint32_t size) {
-    for (int tries = 1;; tries++) {
-        if (GlobalReAlloc(handle, size, GMEM_MOVEABLE) != nullptr)
-            return handle;
-        if ((GlobalFlags(handle) & (GMEM_INVALID_HANDLE | GMEM_LOCKCOUNT)) != 0)
-            return nullptr;
-        const Pin pin(handle);
-        VMemManager* manager = currentManager();
-        if (tries == kTries || size == 0 || manager == nullptr || !swapOutSome(manager, size))
-            return nullptr;
+// Resizes a block that is in memory or has no bytes, once what it gains has room. False when memory is short or the
+// block is locked where it cannot grow.
+bool resize(VMemManager* manager, Record* record, uint32_t size) {
+    void* handle = record->handle;
+    const bool isLocked = (GlobalFlags(handle) & GMEM_LOCKCOUNT) != 0;
+    if (!isLocked && size > record->size) {
+        GlobalLock(handle); // it stays while others go
+        makeRoom(manager, size - record->size);
+        GlobalUnlock(handle);
     }
+    if (GlobalReAlloc(handle, size, GMEM_MOVEABLE) == nullptr) {
+        if (isLocked)
+            return false;
+        GlobalLock(handle);
+        swapOutSome(manager, size);
+        GlobalUnlock(handle);
+        if (GlobalReAlloc(handle, size, GMEM_MOVEABLE) == nullptr)
+            return false;
+    }
+    setSize(manager, record, size);
+    record->used = size;
+    dropItem(manager->shown.swapFile, idOf(handle));
+    trimKept(manager);
+    return true;
+}
+
+// Brings a block back that could not be locked, and locks it: its address, or null.
+[[gnu::noinline]] void* restore(void* handle) {
+    for (int tries = 0; tries < kTries; tries++) {
+        VMemManager* manager = currentManager();
+        Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
+        if (record == nullptr || record->size == 0)
+            return nullptr;
+        void* address = record->isIn || bringBack(manager, record) ? GlobalLock(handle) : nullptr;
+        if (tellHandler(manager) && !isLive(handle))
+            return nullptr;
+        if (address != nullptr)
+            return address;
+    }
+    return nullptr;
+}
+
+[[gnu::noinline]] void noteUnlocked(void* handle) {
+    VMemManager* manager = currentManager();
+    const Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
+    if (record != nullptr && record->place != 0)
+        takeBack(manager->arrivals, record->place);
+}
+
+// Notes that bytes of a block changed; how many of its first bytes matter now, tells `used`.
+template <class Used>
+void noteChange(void* handle, Used used) {
+    VMemManager* manager = currentManager();
+    Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
+    if (record == nullptr || !record->isIn)
+        return;
+    record->used = used(record);
+    dropItem(manager->shown.swapFile, idOf(handle));
 }
 
 } // namespace
 
 uint32_t vmemLimit() {
     return limit.load(std::memory_order_relaxed);
-}
-
-void countUsed(VMemManager* manager, int64_t size) {
-    manager->used += static_cast<uint64_t>(size);
-    vmemstate& state = manager->state;
-    state.bytesUsed = static_cast<int32_t>(std::min<uint64_t>(manager->used, INT32_MAX));
-    if (state.bytesUsed > state.bytesPeak)
-        state.bytesPeak = state.bytesUsed;
 }
 
 int16_t KalOpenVMem(uint16_t) {
@@ -120,8 +122,8 @@ int16_t KalOpenVMem(uint16_t) {
     }
     if (vmemLimit() == 0)
         KalSetMaxVMem(KalGetFreeSystemMemory());
-    manager->state.blockSize = probeBlockSize();
-    if (manager->state.blockSize == 0) {
+    manager->shown.blockSize = probeBlockSize();
+    if (manager->shown.blockSize == 0) {
         KalCloseVMem();
         return KAL_ERR_VMEM;
     }
@@ -133,7 +135,11 @@ int16_t KalCloseVMem() {
     if (manager == nullptr)
         return KAL_OK;
     KalCloseLRUVList();
-    const int16_t status = KalCloseVFile(manager->state.swapFile);
+    const int16_t status = KalCloseVFile(manager->shown.swapFile);
+    for (uint32_t id = 0; id < manager->recordsEnd; id++)
+        KalSDestroyNode(manager->records[id]);
+    KalFreeSMem(manager->records);
+    KalFreeSMem(manager->arrivals);
     KalRemoveTaskData(kSlotManager);
     KalFreeSMem(manager);
     trimGlobalMemory(0);
@@ -141,103 +147,82 @@ int16_t KalCloseVMem() {
 }
 
 void* KalAllocVMem(int16_t, uint32_t size) {
-    VMemManager* manager = currentManager();
-    if (manager == nullptr)
-        return nullptr;
-    makeRoom(manager, size);
     void* handle = nullptr;
-    for (int tries = 1;; tries++) {
-        manager = currentManager(); // an error handler may have closed it
-        if (manager == nullptr)
+    for (int tries = 0; tries < kTries && handle == nullptr; tries++) {
+        VMemManager* manager = currentManager();
+        if (manager == nullptr || manager->shown.lruList == nullptr)
             return nullptr;
+        makeRoom(manager, size);
         handle = GlobalAlloc(GMEM_MOVEABLE, size);
-        if (handle != nullptr)
-            break;
-        if (tries == kTries)
+        if (handle == nullptr) {
+            swapOutSome(manager, size);
+        } else if (addRecord(manager, handle, size) == nullptr) {
+            GlobalFree(handle);
+            handle = nullptr;
+        }
+        trimKept(manager);
+        if (tellHandler(manager) && handle != nullptr && !isLive(handle))
             return nullptr;
-        swapOutSome(manager, size);
     }
-    if (!enter(manager, handle, size)) {
-        GlobalFree(handle);
-        return nullptr;
-    }
-    trimKept(manager);
     return handle;
 }
 
 void* KalLockVMem(void* handle) {
     void* address = GlobalLock(handle);
-    if (address != nullptr) [[likely]]
-        return address;
-    VMemManager* manager = currentManager();
-    return manager != nullptr && GlobalFlags(handle) == GMEM_DISCARDED ? restore(manager, handle) : nullptr;
+    return address != nullptr ? address : restore(handle);
 }
 
 int16_t KalUnLockVMem(void* handle) {
-    if (GlobalUnlock(handle) != 0)
-        return KAL_OK;
-    VMemManager* manager = currentManager();
-    LruList* list = manager != nullptr ? lruListOf(manager) : nullptr;
-    if (list == nullptr || list->parkedCount == 0) [[likely]]
-        return KAL_OK;
-    if (LruNode* node = isLive(handle) ? findNode(list, handle) : nullptr)
-        unparkNode(list, node);
+    if (GlobalUnlock(handle) == 0 && passedOver() != 0)
+        noteUnlocked(handle);
     return KAL_OK;
 }
 
 void* KalReAllocVMem(void* handle, uint32_t size) {
-    VMemManager* manager = currentManager();
-    if (manager == nullptr || !isLive(handle) || findNode(lruListOf(manager), handle) == nullptr)
-        return nullptr;
-    {
-        const Pin pin(handle); // a swapped-out block comes back first, and stays while others make room
-        manager = currentManager();
-        if (manager == nullptr || !isLive(handle))
+    for (int tries = 0; tries < kTries; tries++) {
+        if (KalLockVMem(handle) != nullptr) // a swapped-out block comes back first
+            KalUnLockVMem(handle);
+        VMemManager* manager = currentManager();
+        Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
+        if (record == nullptr || manager->shown.lruList == nullptr || record->isIn == (record->size == 0))
             return nullptr;
-        if (!pin.holds() && findItem(manager->state.swapFile, itemIdOf(handle)) != nullptr)
+        const bool isDone = resize(manager, record, size);
+        if (tellHandler(manager) && !isLive(handle))
             return nullptr;
-        const uint32_t oldSize = GlobalSize(handle);
-        if (size > oldSize)
-            makeRoom(manager, size - oldSize);
+        if (isDone)
+            return handle;
+        if (size == 0 || (GlobalFlags(handle) & GMEM_LOCKCOUNT) != 0)
+            return nullptr;
     }
-    if (!isLive(handle))
-        return nullptr;
-    const uint32_t oldSize = GlobalSize(handle);
-    if (resize(handle, size) == nullptr)
-        return nullptr;
-    manager = currentManager();
-    if (manager == nullptr)
-        return nullptr;
-    countNotResident(manager, oldSize);
-    countResident(manager, size);
-    countUsed(manager, int64_t(size) - oldSize);
-    LruNode* node = findNode(lruListOf(manager), handle);
-    if (node != nullptr && oldSize == 0) { // it had nothing to swap out when it was looked at
-        parkNode(lruListOf(manager), node);
-        unparkNode(lruListOf(manager), node);
-    }
-    dropItem(manager->state.swapFile, itemIdOf(handle));
-    trimKept(manager);
-    return handle;
+    return nullptr;
 }
 
 int16_t KalFreeVMem(void* handle) {
     VMemManager* manager = currentManager();
-    if (manager != nullptr)
-        leave(manager, handle);
+    if (Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr)
+        forget(manager, record);
     GlobalFree(handle);
     return KAL_OK;
 }
 
 void KalMarkDirtyVMem(void* handle) {
-    VMemManager* manager = currentManager();
-    if (manager != nullptr && (GlobalFlags(handle) & (GMEM_INVALID_HANDLE | GMEM_DISCARDED)) == 0)
-        dropItem(manager->state.swapFile, itemIdOf(handle));
+    noteChange(handle, [](const Record* record) { return record->size; });
+}
+
+void markUsedVMem(void* handle, uint32_t end) {
+    noteChange(handle, [=](const Record* record) { return std::clamp(end, record->used, record->size); });
+}
+
+void* allocateUnusedVMem(uint32_t size) {
+    void* handle = KalAllocVMem(GMEM_MOVEABLE, size);
+    if (handle != nullptr)
+        recordOf(currentManager(), handle)->used = 0;
+    return handle;
 }
 
 void KalSetVMemErrorHandler(void (*handler)()) {
     if (VMemManager* manager = currentManager())
-        manager->state.errorHandler = handler;
+        manager->shown.errorHandler = handler;
 }
 
 void KalSetVMemTemp(const char* directory) {
@@ -246,17 +231,17 @@ void KalSetVMemTemp(const char* directory) {
 
 int32_t KalMaxVMem() {
     const VMemManager* manager = currentManager();
-    return manager != nullptr ? manager->state.bytesPeak : 0;
+    return manager != nullptr ? manager->shown.bytesPeak : 0;
 }
 
 int32_t KalVMemUsed() {
     const VMemManager* manager = currentManager();
-    return manager != nullptr ? manager->state.bytesUsed : 0;
+    return manager != nullptr ? manager->shown.bytesUsed : 0;
 }
 
 int32_t KalGetVMemSize() {
     const VMemManager* manager = currentManager();
-    return manager != nullptr ? static_cast<int32_t>(manager->state.blockSize) : 0;
+    return manager != nullptr ? static_cast<int32_t>(manager->shown.blockSize) : 0;
 }
 
 void KalSetMaxVMem(uint32_t bytes) {

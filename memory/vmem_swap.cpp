@@ -7,144 +7,168 @@
 
 namespace {
 
-constexpr uint64_t kPage = 4096;
-
 uint64_t inPages(uint32_t size) {
+    constexpr uint64_t kPage = 4096;
     return (size + kPage - 1) / kPage * kPage;
+}
+
+void countResident(VMemManager* manager, uint32_t gone, uint32_t come) {
+    manager->resident += uint64_t(come) - gone;
+    manager->pages += inPages(come) - inPages(gone);
+    manager->shown.bytesResident = static_cast<int32_t>(std::min<uint64_t>(manager->resident, INT32_MAX));
 }
 
 // What the manager holds in memory, for the limit: the resident bytes. Many small blocks need much more than
 // their bytes, though, in records and in parts of pages; past 2 MiB that counts too.
 uint64_t occupied(const VMemManager* manager) {
     constexpr uint64_t kFree = 2 << 20;
-    const uint64_t bookkeeping = lruListBytes(lruListOf(manager)) + extentListBytes(manager->state.swapFile);
-    const uint64_t all = manager->pages + bookkeeping;
+    constexpr uint64_t kRecord =
+        100; // with its heap block and its places in the tables of ids and of handles
+    const uint64_t all =
+        manager->pages + manager->recordCount * kRecord + extentListBytes(manager->shown.swapFile);
     return std::max(manager->resident, all > kFree ? all - kFree : 0);
 }
 
-bool passesLimit(const VMemManager* manager, uint32_t size) {
-    const uint32_t limit = vmemLimit();
-    return limit != 0 && occupied(manager) + size > limit;
+// The unlocked block that has been in memory longest, or null.
+Record* oldestUnlocked(VMemManager* manager) {
+    while (const uint32_t place = oldestPlace(manager->arrivals)) {
+        Record* record = manager->records[manager->arrivals->ids[place]];
+        const uint32_t flags = GlobalFlags(record->handle);
+        if (flags == 0)
+            return record;
+        if ((flags & GMEM_INVALID_HANDLE) != 0)
+            forget(manager, record); // another task has freed it
+        else
+            passOver(manager->arrivals, place);
+    }
+    return nullptr;
 }
 
-const vitem* copyOf(const VMemManager* manager, void* handle) {
-    return findItem(manager->state.swapFile, itemIdOf(handle));
+// A copy of 0 bytes could not be told from none.
+uint32_t copySize(const Record* record) {
+    return std::max(record->used, 1u);
 }
 
-bool hasCopy(const VMemManager* manager, void* handle, uint32_t size) {
-    const vitem* copy = copyOf(manager, handle);
-    return copy != nullptr && copy->size == size;
-}
-
-// Writes a block's bytes to the swap file. An extent that a short write leaves must not be taken for a valid
-// copy.
-bool writeCopy(VMemManager* manager, void* handle, uint32_t size) {
-    const void* bytes = GlobalLock(handle);
-    const int32_t written =
-        bytes != nullptr ? KalWriteVFile(manager->state.swapFile, bytes, size, itemIdOf(handle)) : 0;
-    GlobalUnlock(handle);
+// An extent that a short write leaves must not be taken for a valid copy.
+bool writeCopy(VMemManager* manager, const Record* record) {
+    const uint16_t id = idOf(record->handle);
+    const uint32_t size = copySize(record);
+    const int32_t written = writeItem(manager->shown.swapFile, GlobalLock(record->handle), size, id);
+    GlobalUnlock(record->handle);
     if (written == static_cast<int32_t>(size))
         return true;
-    dropItem(manager->state.swapFile, itemIdOf(handle));
+    dropItem(manager->shown.swapFile, id);
     return false;
 }
 
-// Swaps one block out and gives its memory back to the host. On failure the block stays, and the first time
-// the error handler is told, last of all, since it may do anything.
-bool swapOut(VMemManager* manager, LruNode* node) {
-    void* handle = node->handle;
-    const uint32_t size = GlobalSize(handle);
-    const bool isClean = hasCopy(manager, handle, size);
-    if (isClean || writeCopy(manager, handle, size)) {
-        if (!isClean) // a block that needed no writing says nothing about the disk
-            manager->state.swapFailed = 0;
-        dropOldestCandidate(lruListOf(manager), node);
-        GlobalReAlloc(handle, 0, GMEM_MOVEABLE);
-        countNotResident(manager, size);
-        return true;
+// On failure the block stays, and the first time the error handler is to be told.
+bool swapOut(VMemManager* manager, Record* record) {
+    const vitem* copy = findItem(manager->shown.swapFile, idOf(record->handle));
+    if (copy == nullptr || copy->size != copySize(record)) {
+        const bool isWritten = writeCopy(manager, record);
+        if (!isWritten && manager->shown.swapFailed == 0)
+            manager->mustTell = true;
+        manager->shown.swapFailed = isWritten ? 0 : 1;
+        if (!isWritten)
+            return false;
     }
-    if (manager->state.swapFailed == 0) {
-        manager->state.swapFailed = 1;
-        if (manager->state.errorHandler != nullptr)
-            manager->state.errorHandler();
-    }
-    return false;
+    leaveMemory(manager, record);
+    GlobalReAlloc(record->handle, 0, GMEM_MOVEABLE);
+    return true;
 }
 
-// Fills a block that has memory again from its copy, which stays valid. Locks it; null, with the block out as
-// it was, when the copy cannot be read.
-void* readBack(VMemManager* manager, void* handle, const vitem* copy) {
-    const uint32_t size = copy->size;
-    void* address = GlobalLock(handle);
-    if (KalReadVFile(manager->state.swapFile, const_cast<vitem*>(copy), address) !=
-        static_cast<int32_t>(size)) {
-        GlobalUnlock(handle);
-        GlobalReAlloc(handle, 0, GMEM_MOVEABLE);
-        return nullptr;
-    }
-    countResident(manager, size);
-    if (LruNode* node = findNode(lruListOf(manager), handle))
-        parkNode(lruListOf(manager), node);
-    trimKept(manager);
-    return address;
-}
-
-} // namespace
-
-void countResident(VMemManager* manager, uint32_t size) {
-    manager->resident += size;
-    manager->pages += inPages(size);
-    manager->state.bytesResident = static_cast<int32_t>(std::min<uint64_t>(manager->resident, INT32_MAX));
-}
-
-void countNotResident(VMemManager* manager, uint32_t size) {
-    manager->resident -= size;
-    manager->pages -= inPages(size);
-    manager->state.bytesResident = static_cast<int32_t>(std::min<uint64_t>(manager->resident, INT32_MAX));
-}
-
-void makeRoom(VMemManager* manager, uint32_t size) {
-    while (passesLimit(manager, size)) {
-        LruNode* oldest = oldestCandidate(lruListOf(manager));
+// Swaps out the oldest blocks until no more than `most` bytes are occupied.
+void swapDownTo(VMemManager* manager, uint64_t most) {
+    while (occupied(manager) > most) {
+        Record* oldest = oldestUnlocked(manager);
         if (oldest == nullptr || !swapOut(manager, oldest))
             return;
     }
 }
 
-bool swapOutSome(VMemManager* manager, uint32_t size) {
-    uint64_t gone = 0;
-    while (gone < size) {
-        LruNode* oldest = oldestCandidate(lruListOf(manager));
-        const uint64_t bytes = oldest != nullptr ? GlobalSize(oldest->handle) : 0;
-        if (oldest == nullptr || !swapOut(manager, oldest))
-            return gone > 0;
-        gone += bytes;
+uint64_t lessOrNone(uint64_t from, uint64_t bytes) {
+    return from > bytes ? from - bytes : 0;
+}
+
+} // namespace
+
+void enterMemory(VMemManager* manager, Record* record) {
+    record->isIn = true;
+    countResident(manager, 0, record->size);
+    if (record->isListed)
+        arrive(manager->arrivals, manager->records, idOf(record->handle));
+}
+
+void leaveMemory(VMemManager* manager, Record* record) {
+    record->isIn = false;
+    countResident(manager, record->size, 0);
+    if (record->place != 0)
+        depart(manager->arrivals, record->place);
+    record->place = 0;
+}
+
+void setSize(VMemManager* manager, Record* record, uint32_t size) {
+    manager->used += uint64_t(size) - record->size;
+    vmemstate& shown = manager->shown;
+    shown.bytesUsed = static_cast<int32_t>(std::min<uint64_t>(manager->used, INT32_MAX));
+    if (shown.bytesUsed > shown.bytesPeak)
+        shown.bytesPeak = shown.bytesUsed;
+    if (record->isIn && size > 0) {
+        countResident(manager, record->size, size);
+        record->size = size;
+        return;
     }
-    return true;
+    if (record->isIn)
+        leaveMemory(manager, record);
+    record->size = size;
+    if (size > 0)
+        enterMemory(manager, record);
+}
+
+void makeRoom(VMemManager* manager, uint32_t size) {
+    const uint32_t limit = vmemLimit();
+    if (limit != 0)
+        swapDownTo(manager, lessOrNone(limit, size));
+}
+
+void swapOutSome(VMemManager* manager, uint32_t size) {
+    swapDownTo(manager, lessOrNone(occupied(manager), size));
 }
 
 void trimKept(const VMemManager* manager) {
     const uint32_t limit = vmemLimit();
     const uint64_t inUse = occupied(manager);
     if (limit != 0 && inUse + keptGlobalMemory() > limit)
-        trimGlobalMemory(limit > inUse ? limit - inUse : 0);
+        trimGlobalMemory(lessOrNone(limit, inUse));
 }
 
-void* restore(VMemManager* manager, void* handle) {
-    const vitem* copy = copyOf(manager, handle);
-    if (copy == nullptr)
-        return nullptr;
-    makeRoom(manager, copy->size);
-    constexpr int kTries = 3;
-    for (int tries = 1;; tries++) {
-        // An error handler may have closed the manager, or freed or resized this very block.
-        manager = currentManager();
-        copy = manager != nullptr ? copyOf(manager, handle) : nullptr;
-        if (copy == nullptr || GlobalFlags(handle) != GMEM_DISCARDED)
-            return GlobalLock(handle);
-        if (GlobalReAlloc(handle, copy->size, GMEM_MODIFY | GMEM_MOVEABLE) != nullptr)
-            return readBack(manager, handle, copy);
-        if (tries == kTries || !swapOutSome(manager, copy->size))
-            return nullptr;
+bool bringBack(VMemManager* manager, Record* record) {
+    void* handle = record->handle;
+    vitem* copy = KalFindVItem(manager->shown.swapFile, idOf(handle));
+    if (copy == nullptr || copy->size > record->size)
+        return false;
+    makeRoom(manager, record->size);
+    if (GlobalReAlloc(handle, record->size, GMEM_MODIFY | GMEM_MOVEABLE) == nullptr) {
+        swapOutSome(manager, record->size);
+        if (GlobalReAlloc(handle, record->size, GMEM_MODIFY | GMEM_MOVEABLE) == nullptr)
+            return false;
     }
+    const int32_t got = KalReadVFile(manager->shown.swapFile, copy, GlobalLock(handle));
+    GlobalUnlock(handle);
+    if (got != static_cast<int32_t>(copy->size)) {
+        GlobalReAlloc(handle, 0, GMEM_MOVEABLE);
+        return false;
+    }
+    enterMemory(manager, record);
+    trimKept(manager);
+    return true;
+}
+
+bool tellHandler(VMemManager* manager) {
+    if (!manager->mustTell)
+        return false;
+    manager->mustTell = false;
+    if (manager->shown.errorHandler != nullptr)
+        manager->shown.errorHandler();
+    return true;
 }

@@ -1,8 +1,8 @@
 #include "oplist/blocks.h"
 
-namespace {
+#include "memory/vmem_used.h"
 
-constexpr int16_t kVMemFlags = 2;
+namespace {
 
 uint32_t distance(const opblock* block, uint32_t index) {
     return block->index > index ? block->index - index : index - block->index;
@@ -24,7 +24,7 @@ opblock* appendBlock(OpList* list, uint32_t capacity) {
 
 bool ensureMemory(OpList* list, opblock* block) {
     if (block->vmem == nullptr)
-        block->vmem = KalAllocVMem(kVMemFlags, block->capacity);
+        block->vmem = allocateUnusedVMem(block->capacity);
     if (block->vmem == nullptr)
         list->status = KAL_ERR_VMEM;
     return block->vmem != nullptr;

@@ -1,8 +1,11 @@
 // Copies of VMem lists.
+#include "memory/vmem_used.h"
 #include "oplist/blocks.h"
 #include "oplist/dib.h"
 #include "oplist/op.h"
 #include "oplist/vmem_mode.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -19,8 +22,9 @@ int16_t copyBlock(OpList* clone, OpList* source, opblock* from) {
     const LockedBlock fresh(clone, to);
     if (copied.bytes() == nullptr || fresh.bytes() == nullptr)
         return KAL_ERR_VMEM;
-    std::memcpy(fresh.bytes(), copied.bytes(), from->capacity);
-    KalMarkDirtyVMem(to->vmem);
+    const uint32_t used = std::min<uint32_t>(wholeOf<Block>(from)->used, from->capacity);
+    std::memcpy(fresh.bytes(), copied.bytes(), used);
+    markUsedVMem(to->vmem, used);
     return KAL_OK;
 }
 

@@ -1,5 +1,6 @@
 #include "oplist/vmem_mode.h"
 
+#include "memory/vmem_used.h"
 #include "oplist/blocks.h"
 #include "oplist/dib.h"
 #include "oplist/op.h"
@@ -18,7 +19,7 @@ bool fits(const opblock* block, uint32_t bytes) {
 void noteWritten(opblock* block, uint32_t end) {
     Block* whole = wholeOf<Block>(block);
     whole->used = std::max<uint32_t>(whole->used, end);
-    KalMarkDirtyVMem(block->vmem);
+    markUsedVMem(block->vmem, whole->used);
 }
 
 bool leaveFiller(OpList* list) {
@@ -217,7 +218,7 @@ void shrinkBlocks(OpList* list) {
     if (block->capacity <= needed)
         return;
     void* const memory =
-        block->vmem != nullptr ? KalReAllocVMem(block->vmem, needed) : KalAllocVMem(2, needed);
+        block->vmem != nullptr ? KalReAllocVMem(block->vmem, needed) : allocateUnusedVMem(needed);
     if (memory == nullptr)
         return; // the block is as it was
     block->vmem = memory;

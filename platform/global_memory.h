@@ -4,6 +4,8 @@
 #ifndef KAL_PLATFORM_GLOBAL_MEMORY_H
 #define KAL_PLATFORM_GLOBAL_MEMORY_H
 
+#include "platform/pages.h"
+
 #include <cstdint>
 
 // A 32-bit number: the low half is never 0 and no two live blocks of the process have it alike, the high
@@ -17,12 +19,6 @@ inline constexpr uint32_t GMEM_MODIFY = 0x80; // changes nothing here: every blo
 // Allocates a block, its bytes undefined unless GMEM_ZEROINIT asks for zeros. A block of 0 bytes is born
 // discarded. Null when memory is short or 65,535 blocks are live.
 HGLOBAL GlobalAlloc(uint32_t flags, uint32_t size);
-
-// The block's address, which holds until as many unlocks. Null for a discarded or dead block.
-void* GlobalLock(HGLOBAL block);
-
-// Takes one lock back. Non-zero while locks remain.
-int32_t GlobalUnlock(HGLOBAL block);
 
 // Resizes a block; the same handle, or null with nothing changed when memory is short or the block is dead.
 // A discarded block gets memory, its bytes undefined; size 0 discards an unlocked block. A locked block is
@@ -58,5 +54,55 @@ void trimGlobalMemory(uint64_t most);
 
 // Live blocks of the process, for tests.
 uint32_t liveGlobalBlocks();
+
+// What a handle's low half numbers. Seen here for the two calls that are made most.
+struct GlobalSlot {
+    uint8_t* span;   // null when there is none
+    uint32_t size;   // bytes asked for; 0 while discarded
+    uint32_t handle; // of the live block; else its high half alone, from which the next one counts on
+    uint32_t locks;
+    uint16_t next; // in the list of free slots that this one is in
+    uint8_t spanClass;
+};
+extern GlobalSlot globalSlots[0x10000];
+
+// The address sanitizer does not watch over large blocks, whose marks take long.
+inline constexpr uint8_t kWatchedClasses = 64;
+
+inline void openBlock(const GlobalSlot& slot) {
+    if (slot.spanClass < kWatchedClasses)
+        markUsable(slot.span, slot.size);
+}
+
+// An unlocked block must not be touched.
+inline void closeBlock(const GlobalSlot& slot) {
+    if (slot.spanClass < kWatchedClasses)
+        markUnusable(slot.span, slot.size);
+}
+
+inline GlobalSlot* slotOf(HGLOBAL block) {
+    return &globalSlots[reinterpret_cast<uintptr_t>(block) & 0xFFFF];
+}
+
+// The block's address, which holds until as many unlocks. Null for a discarded or dead block.
+inline void* GlobalLock(HGLOBAL block) {
+    GlobalSlot* slot = slotOf(block);
+    if (slot->handle != reinterpret_cast<uintptr_t>(block) || slot->size == 0)
+        return nullptr;
+    slot->locks++;
+    openBlock(*slot);
+    return slot->span;
+}
+
+// Takes one lock back. Non-zero while locks remain.
+inline int32_t GlobalUnlock(HGLOBAL block) {
+    GlobalSlot* slot = slotOf(block);
+    if (slot->handle != reinterpret_cast<uintptr_t>(block) || slot->locks == 0)
+        return 0;
+    if (--slot->locks != 0)
+        return 1;
+    closeBlock(*slot);
+    return 0;
+}
 
 #endif

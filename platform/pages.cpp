@@ -28,10 +28,16 @@ uint8_t* mapPages(size_t bytes) {
     return static_cast<uint8_t*>(pages);
 }
 
+void wantLargePages(uint8_t* pages, size_t bytes) {
+    hostCalls.madvise(pages, bytes, MADV_HUGEPAGE);
+}
+
 void unmapPages(uint8_t* pages, size_t bytes) {
+    if (bytes == 0)
+        return;
     markUsable(pages, bytes); // the addresses may serve somebody else next
     if (hostCalls.munmap(pages, bytes) != 0)
-        dropPages(pages, bytes);
+        hostCalls.madvise(pages, bytes, MADV_DONTNEED);
 }
 
 uint8_t* remapPages(uint8_t* pages, size_t oldBytes, size_t newBytes) {
@@ -41,8 +47,4 @@ uint8_t* remapPages(uint8_t* pages, size_t oldBytes, size_t newBytes) {
     markUsable(pages, oldBytes);
     markUnusable(static_cast<uint8_t*>(moved), newBytes);
     return static_cast<uint8_t*>(moved);
-}
-
-void dropPages(uint8_t* pages, size_t bytes) {
-    hostCalls.madvise(pages, bytes, MADV_DONTNEED);
 }

@@ -21,13 +21,15 @@ uint32_t pageSize();
 
 // Maps `bytes` of zero-filled memory, marked as unusable. Null when the host has none.
 uint8_t* mapPages(size_t bytes);
+
+// Gives pages back to the host; where it does not take the addresses, their memory alone.
 void unmapPages(uint8_t* pages, size_t bytes);
+
+// Asks the host for pages as large as it has them, which may make more memory resident than is touched.
+void wantLargePages(uint8_t* pages, size_t bytes);
 
 // Resizes a mapping, which may move with all it holds; bytes gained are 0. Null, and no change, on failure.
 uint8_t* remapPages(uint8_t* pages, size_t oldBytes, size_t newBytes);
-
-// Gives the memory of whole pages back to the host; the addresses stay, and read as 0 from then on.
-void dropPages(uint8_t* pages, size_t bytes);
 
 // Whether bytes may be touched, for the address sanitizer; nothing in other builds.
 #ifdef KAL_ADDRESS_SANITIZER

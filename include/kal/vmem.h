@@ -15,7 +15,9 @@
 // A block has an address between lock and unlock only. While the bytes in memory would pass the limit, the
 // unlocked blocks that have been in memory longest go to the swap file, and come back when they are locked.
 // A block's size is the size asked for. A handle that is not a live block is refused everywhere: such calls
-// give null and change nothing.
+// give null and change nothing. The blocks of operation lists (kal/oplist.h) are swapped only as far as ops or rows were
+// put into them, so that a short list in a large block moves few bytes; who changes such a block himself calls
+// KalMarkDirtyVMem, which makes all of it count from then on.
 #ifndef KAL_VMEM_H
 #define KAL_VMEM_H
 
@@ -76,8 +78,8 @@ KAL_API int16_t KalOpenVMem(uint16_t unused);
 KAL_API int16_t KalCloseVMem();
 
 // Allocates a block of `size` bytes, their values undefined; `flags` plays no part, callers pass 2. Swaps out
-// older blocks where the limit asks for it. The handle, or null when memory is short or the manager is not
-// open. KalFreeVMem or KalCloseVMem frees the block.
+// older blocks where the limit asks for it. The handle, or null when memory is short or the manager or its LRU list is
+// not open. KalFreeVMem or KalCloseVMem frees the block.
 KAL_API void* KalAllocVMem(int16_t flags, uint32_t size);
 
 // Locks a block and returns its address, which holds until as many unlocks; brings a swapped-out block back,
@@ -90,7 +92,7 @@ KAL_API int16_t KalUnLockVMem(void* handle);
 
 // Resizes a block, which keeps its handle and what fits of its bytes, and counts as changed. The handle, or
 // null, with the block as it was, when memory is short, the block is locked and has no room to grow where it
-// lies, or the manager is not open. Size 0 is refused for a locked block.
+// lies, or the manager or its LRU list is not open. Size 0 is refused for a locked block.
 KAL_API void* KalReAllocVMem(void* handle, uint32_t size);
 
 // Frees a block, locked or not, also when the manager is not open. Returns 0.
@@ -159,13 +161,15 @@ KAL_API int32_t KalWriteVFile(vfile* file, const void* data, uint32_t size, uint
 // Makes the list; one that is there stays. 0, or KAL_ERR_BUFFER.
 KAL_API int16_t KalOpenLRUVList();
 
-// Frees the block of each node with KalFreeVMem, the newest first, and then the list. Its status.
+// Frees the block of each node with KalFreeVMem, the newest first, and then the list. Its status. Until KalOpenLRUVList no
+// block can be allocated.
 KAL_API int16_t KalCloseLRUVList();
 
-// Adds a handle at the head. 0, or KAL_ERR_BUFFER.
+// Adds a handle at the head. 0; KAL_ERR_BUFFER when memory is short, KAL_ERR_LIST when there is no list.
 KAL_API int16_t KalAddLRU(void* handle);
 
-// Takes the first node from the head that holds the handle out of the list. 0, also when there is none.
+// Takes the first node from the head that holds the handle out of the list. 0, also when there is none. A block taken out
+// is neither swapped out nor freed with the list until KalAddLRU puts it back, and counts until KalFreeVMem.
 KAL_API int16_t KalDeleteLRU(void* handle);
 
 // For KalSPeekList on the list: 1 when the node holds the handle at which `wanted` points, else 0.

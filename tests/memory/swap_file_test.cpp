@@ -1,15 +1,12 @@
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 
-#include "memory/extents.h"
-
 #include <kal/heap.h>
 #include <kal/memory.h>
 #include <kal/path.h>
 #include <kal/vmem.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
@@ -94,10 +91,6 @@ struct Swap {
     }
 };
 
-int heightOf(const Extent* tree) {
-    return tree == nullptr ? 0 : 1 + std::max(heightOf(tree->lower), heightOf(tree->higher));
-}
-
 } // namespace
 
 class SwapFileTest : public FolderTest {};
@@ -174,34 +167,6 @@ TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
         }
         for (const auto& [id, bytes] : model.contents)
             ASSERT_EQ(swap.read(id), bytes);
-    }
-}
-
-TEST_F(SwapFileTest, TheTreeOfFreeExtentsStaysFlat) {
-    constexpr uint32_t kCount = 40000;
-    std::vector<Extent> extents(kCount);
-    std::vector<uint32_t> order(kCount);
-    for (uint32_t i = 0; i < kCount; i++) {
-        extents[i].item = {0, i % 1000 + 1, i * 32768};
-        order[i] = i;
-    }
-    std::mt19937 random(3);
-    for (int round = 0; round < 3; round++) { // from the lowest, from the highest, at random
-        Extent* tree = nullptr;
-        for (uint32_t i : order)
-            addFree(tree, &extents[i]);
-        EXPECT_LT(heightOf(tree), 60) << "round " << round; // a list would have 40,000
-        EXPECT_EQ(firstFit(tree, 1000), &extents[999]);
-        EXPECT_EQ(firstFit(tree, 1001), nullptr);
-        for (uint32_t i : order) {
-            removeFree(tree, &extents[i]);
-            if (i == 999) {
-                EXPECT_NE(firstFit(tree, 1000), &extents[999]);
-            }
-        }
-        EXPECT_EQ(tree, nullptr);
-        round == 0 ? std::reverse(order.begin(), order.end())
-                   : std::shuffle(order.begin(), order.end(), random);
     }
 }
 

@@ -1,60 +1,74 @@
 #include "tests/support/faults.h"
+#include "tests/support/trouble.h"
 #include "tests/support/vmem.h"
 
-#include "memory/vmem_manager.h"
-
+#include <kal/heap.h>
 #include <kal/path.h>
 #include <kal/tagset.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <list>
 #include <random>
-#include <set>
 #include <thread>
 
-class VMemTest : public VMemFixture {};
+class VMemTest : public VMemFixture {
+protected:
+    static const vmemstate& state() { return *static_cast<vmemstate*>(KalGetTaskData(6)); }
+    // Every call with handles that are nobody's: null, a dead one, one that never was.
+    static void callAll(bool isOpen) {
+        int local = 0;
+        void* dead = GlobalAlloc(GMEM_MOVEABLE, 10);
+        GlobalFree(dead);
+        for (void* handle : {static_cast<void*>(nullptr), dead, static_cast<void*>(&local)}) {
+            EXPECT_EQ(KalLockVMem(handle), nullptr);
+            EXPECT_EQ(KalReAllocVMem(handle, 10), nullptr);
+            EXPECT_EQ(KalUnLockVMem(handle) + KalFreeVMem(handle) + KalDeleteLRU(handle), 0);
+            KalMarkDirtyVMem(handle);
+        }
+        EXPECT_EQ(KalLRUNewest(dead) + KalDiscardLRUOldest() + KalVMemUsed(), 0);
+        EXPECT_EQ(KalMaxVMem(), isOpen ? 2097152 : 0);
+        EXPECT_EQ(KalGetVMemSize(), isOpen ? 1048576 : 0);
+        KalSetVMemErrorHandler(nullptr);
+        HGLOBAL loose = GlobalAlloc(GMEM_MOVEABLE, 10);
+        KalFreeVMem(loose);
+        EXPECT_EQ(GlobalFlags(loose), GMEM_INVALID_HANDLE);
+    }
+};
 
-TEST_F(VMemTest, OpensOnceATaskAndCloseFreesWhatIsLeft) {
+TEST_F(VMemTest, EveryCallServesInEveryStateOfTheManager) {
     HeapBalance balance;
+    callAll(false);
     EXPECT_EQ(KalAllocVMem(2, 10), nullptr);
-    EXPECT_EQ(KalReAllocVMem(nullptr, 10), nullptr);
-    EXPECT_EQ(KalLockVMem(nullptr), nullptr);
-    EXPECT_EQ(KalVMemUsed() + KalMaxVMem() + KalGetVMemSize() + KalCloseVMem(), 0);
-    EXPECT_EQ(KalAddLRU(&balance) + KalDeleteLRU(&balance) + KalOpenLRUVList() + KalCloseLRUVList(), 0);
+    EXPECT_EQ(KalAddLRU(&balance) + KalOpenLRUVList() + KalCloseLRUVList() + KalCloseVMem(), 0);
 
     ASSERT_EQ(KalOpenVMem(7), 0);
     EXPECT_EQ(KalOpenVMem(7), -101);
-    EXPECT_EQ(KalGetVMemSize(), 1048576);
-    EXPECT_EQ(KalMaxVMem(), 2097152);
-    EXPECT_EQ(KalVMemUsed(), 0);
-    void* first = KalAllocVMem(2, 1000);
-    void* second = KalAllocVMem(2, 3000);
-    EXPECT_EQ(KalVMemUsed(), 4000);
+    callAll(true);
+    EXPECT_EQ(KalOpenLRUVList(), 0) << "the list that is there stays";
     std::thread([] { // another task knows nothing of it
-        EXPECT_EQ(KalVMemUsed(), 0);
-        EXPECT_EQ(KalOpenVMem(0), 0);
-        EXPECT_EQ(KalCloseVMem(), 0);
+        callAll(false);
+        EXPECT_EQ(KalOpenVMem(0) + KalCloseVMem(), 0);
     })
         .join();
-    KalFreeVMem(first);
-    EXPECT_EQ(KalVMemUsed(), 3000);
-    KalFreeVMem(first); // dead handles are nothing
-    KalMarkDirtyVMem(first);
-    EXPECT_EQ(KalReAllocVMem(first, 50), nullptr);
-    EXPECT_EQ(KalLockVMem(first), nullptr);
-    EXPECT_EQ(KalVMemUsed(), 3000);
-    EXPECT_EQ(KalReAllocVMem(second, 3000000), second);
-    EXPECT_EQ(KalVMemUsed(), 3000000);
-    EXPECT_EQ(KalMaxVMem(), 3000000);
-    EXPECT_EQ(KalCloseVMem(), 0);
-    EXPECT_EQ(KalVMemUsed() + KalMaxVMem(), 0);
-    EXPECT_EQ(KalLockVMem(second), nullptr);
 
-    HGLOBAL loose = GlobalAlloc(GMEM_MOVEABLE, 10); // freed though no manager is open
-    KalFreeVMem(loose);
-    EXPECT_EQ(GlobalSize(loose), 0u);
+    void* unlisted = make(1000, 1);
+    make(3000, 2);
+    KalDeleteLRU(unlisted);
+    EXPECT_EQ(KalCloseLRUVList(), 0); // frees the other
+    EXPECT_EQ(KalVMemUsed(), 1000);
+    expect(unlisted, 1000, 1);
+    EXPECT_EQ(KalReAllocVMem(unlisted, 50), nullptr);
+    EXPECT_EQ(KalAddLRU(unlisted), -801);
+    KalFreeVMem(unlisted);
+    EXPECT_EQ(KalAllocVMem(2, 10), nullptr);
+    callAll(true);
+    EXPECT_EQ(KalCloseLRUVList() + KalOpenLRUVList(), 0);
+    void* block = make(10, 3);
+    EXPECT_EQ(KalVMemUsed(), 10);
+    EXPECT_EQ(KalCloseVMem(), 0);
+    callAll(false);
+    EXPECT_EQ(KalLockVMem(block), nullptr);
 }
 
 TEST_F(VMemTest, ProbesForTheLargestBlockThatCanBeHad) {
@@ -66,302 +80,55 @@ TEST_F(VMemTest, ProbesForTheLargestBlockThatCanBeHad) {
     trimGlobalMemory(0);
     ASSERT_EQ(KalOpenVMem(0), 0);
     EXPECT_EQ(KalGetVMemSize(), 524288);
-    KalCloseVMem();
-    HeapBalance balance;
-    failHeapAllocationsFrom(6); // beyond state, swap file and LRU list nothing can be had
-    EXPECT_LT(KalOpenVMem(0), 0);
-    failHeapAllocation(0);
-    EXPECT_EQ(currentManager(), nullptr);
 }
 
-namespace {
-
-struct Block {
-    void* handle;
-    Bytes bytes;
-    int locks = 0;
-    uint32_t arrived = 0;     // the step in which it came into memory
-    bool arrivalKnown = true; // not for a block that had no bytes at first
-    bool out() const { return !bytes.empty() && GlobalSize(handle) == 0; }
-};
-
-// The manager beside a model of it: every block's bytes, the order of allocation, and what must always hold.
-class ManagerModel {
-public:
-    explicit ManagerModel(uint32_t seed) : random_(seed), seed_(seed) {}
-
-    void step(uint32_t number) {
-        SCOPED_TRACE("seed " + std::to_string(seed_) + " step " + std::to_string(number));
-        const std::set<void*> outBefore = outNow();
-        resized_ = nullptr;
-        step_ = number;
-        switch (random_() % 8) {
-        case 0:
-        case 1:
-            allocate();
-            break;
-        case 2:
-            if (Block* block = any()) {
-                EXPECT_EQ(KalReAllocVMem(block->handle, 0) == nullptr, block->locks > 0);
-                if (block->locks == 0)
-                    block->bytes.clear();
-            }
-            break;
-        case 3:
-            resize(any());
-            break;
-        case 4:
-            lock(any());
-            break;
-        case 5:
-            if (Block* block = any(); block != nullptr && block->locks > 0) {
-                KalUnLockVMem(block->handle);
-                block->locks--;
-            }
-            break;
-        case 6:
-            if (random_() % 2 == 0)
-                free(any());
-            break;
-        default:
-            change(any());
-        }
-        check(outBefore);
-    }
-
-    void checkAllBytes() {
-        for (Block& block : blocks_) {
-            const void* bytes = KalLockVMem(block.handle);
-            ASSERT_EQ(bytes == nullptr, block.bytes.empty());
-            if (bytes != nullptr) {
-                ASSERT_EQ(std::memcmp(bytes, block.bytes.data(), block.bytes.size()), 0);
-            }
-            KalUnLockVMem(block.handle);
-        }
-    }
-
-private:
-    std::set<void*> outNow() const {
-        std::set<void*> out;
-        for (const Block& block : blocks_)
-            if (block.out())
-                out.insert(block.handle);
-        return out;
-    }
-    Block* any() {
-        return blocks_.empty() ? nullptr : &*std::next(blocks_.begin(), long(random_() % blocks_.size()));
-    }
-    uint32_t anySize() { return static_cast<uint32_t>(random_() % 9 == 0 ? 0 : random_() % 30000 + 1); }
-
-    void allocate() {
-        const uint32_t size = anySize();
-        const Block block{KalAllocVMem(2, size), Bytes(size), 0, step_, size > 0};
-        ASSERT_NE(block.handle, nullptr);
-        blocks_.push_back(block);
-        change(&blocks_.back());
-    }
-    void change(Block* block) {
-        if (block == nullptr || block->bytes.empty())
-            return;
-        block->bytes = randomBytes(block->bytes.size(), uint32_t(random_()));
-        void* bytes = KalLockVMem(block->handle);
-        ASSERT_NE(bytes, nullptr);
-        std::memcpy(bytes, block->bytes.data(), block->bytes.size());
-        KalMarkDirtyVMem(block->handle);
-        KalUnLockVMem(block->handle);
-    }
-    void lock(Block* block) {
-        if (block == nullptr || block->bytes.empty())
-            return;
-        const void* bytes = KalLockVMem(block->handle);
-        ASSERT_NE(bytes, nullptr);
-        ASSERT_EQ(std::memcmp(bytes, block->bytes.data(), block->bytes.size()), 0);
-        block->locks++;
-    }
-    void resize(Block* block) {
-        if (block == nullptr)
-            return;
-        const uint32_t size = anySize() + 1;
-        const auto old = block->bytes.size();
-        const bool done = KalReAllocVMem(block->handle, size) == block->handle;
-        resized_ = block->handle;
-        ASSERT_TRUE(done || (block->locks > 0 && size > old)) << "a locked block has no way to grow";
-        if (!done)
-            return;
-        if (old == 0)
-            block->arrivalKnown = false;
-        block->bytes.resize(size);
-        void* bytes = KalLockVMem(block->handle);
-        ASSERT_EQ(std::memcmp(bytes, block->bytes.data(), std::min<size_t>(old, size)), 0);
-        std::memcpy(bytes, block->bytes.data(), size);
-        KalUnLockVMem(block->handle);
-    }
-    void free(Block* block) {
-        if (block == nullptr)
-            return;
-        KalFreeVMem(block->handle);
-        blocks_.remove_if([=](const Block& other) { return &other == block; });
-    }
-
-    void check(const std::set<void*>& outBefore) {
-        const vmemstate& state = currentManager()->state;
-        uint32_t used = 0, resident = 0, locked = 0;
-        uint32_t longest = UINT32_MAX; // when the unlocked block that has been in memory longest arrived
-        uint32_t latestGone = 0;       // when the latest of those that went in this step had arrived
-        KalNodeHeader* node = state.lruList->last;
-        for (Block& block : blocks_) {
-            ASSERT_NE(node, nullptr);
-            ASSERT_EQ(reinterpret_cast<LruNode*>(node + 1)->handle, block.handle)
-                << "the order of allocation";
-            node = node->prev;
-            const auto size = static_cast<uint32_t>(block.bytes.size());
-            used += size;
-            if (block.out()) {
-                ASSERT_EQ(block.locks, 0);
-                vitem* copy =
-                    KalFindVItem(state.swapFile, uint16_t(reinterpret_cast<uintptr_t>(block.handle)));
-                ASSERT_NE(copy, nullptr);
-                ASSERT_EQ(val(copy->size), size);
-                if (!outBefore.contains(block.handle) && block.arrivalKnown)
-                    latestGone = std::max(latestGone, block.arrived);
-                continue;
-            }
-            resident += size;
-            locked += block.locks > 0 ? size : 0;
-            // What was resized or came back in this step stayed while the others went.
-            if (outBefore.contains(block.handle)) {
-                block.arrived = step_;
-                block.arrivalKnown = true;
-            }
-            if (size > 0 && block.locks == 0 && block.handle != resized_ && block.arrivalKnown)
-                longest = std::min(longest, block.arrived);
-        }
-        EXPECT_LE(latestGone, longest) << "a block went before one that had been in memory longer";
-        EXPECT_EQ(node, nullptr);
-        EXPECT_EQ(val(state.bytesUsed), int32_t(used));
-        EXPECT_EQ(val(state.bytesResident), int32_t(resident));
-        EXPECT_LE(resident, std::max(vmemLimit(), locked + 2 * 30001)) << "more is in memory than must be";
-        peak_ = std::max(peak_, used);
-        EXPECT_GE(val(state.bytesPeak), int32_t(peak_));
-        EXPECT_EQ(KalIsSListGood(state.lruList), 1);
-        uint32_t end = 0;
-        for (KalNodeHeader* extent = state.swapFile->items->first; extent != nullptr; extent = extent->next) {
-            auto* item = reinterpret_cast<vitem*>(extent + 1);
-            ASSERT_EQ(val(item->offset), end) << "the extents leave a gap";
-            end += item->size;
-        }
-    }
-
-    std::mt19937 random_;
-    uint32_t seed_;
-    uint32_t step_ = 0;
-    uint32_t peak_ = 0;
-    void* resized_ = nullptr;
-    std::list<Block> blocks_;
-};
-
-} // namespace
-
-TEST_F(VMemTest, CountersOrderAndBytesHoldThroughAnySequence) {
-    HeapBalance balance;
-    for (uint32_t seed = 1; seed <= 4; seed++) {
-        KalSetMaxVMem(seed * 100000);
-        ASSERT_EQ(KalOpenVMem(0), 0);
-        ManagerModel model(seed);
-        for (uint32_t number = 0; number < 800 && !HasFailure(); number++)
-            model.step(number);
-        model.checkAllBytes();
-        EXPECT_EQ(KalCloseVMem(), 0);
-    }
-}
-
-TEST_F(VMemTest, AValidCopyIsNotWrittenAgain) {
-    open(20000);
-    void* first = make(10000, 1);
-    void* second = make(10000, 2);
-    void* third = make(10000, 3); // first goes out
-    EXPECT_EQ(GlobalSize(first), 0u);
-    HostCallCounter host;
-    expect(first, 10000, 1); // second goes out
-    EXPECT_EQ(host.writes(), 1);
-    expect(second, 10000, 2); // third goes out: first has just come back
-    EXPECT_EQ(host.writes(), 2);
-    expect(third, 10000, 3); // first goes again, its copy stands
-    EXPECT_EQ(host.writes(), 2);
-    KalMarkDirtyVMem(first); // it is out: the copy is all there is
-    expect(first, 10000, 1);
-    fill(first, 10000, 4); // changed in memory
-    expect(second, 10000, 2);
-    EXPECT_EQ(host.writes(), 2);
-    expect(third, 10000, 3); // first goes
-    EXPECT_EQ(host.writes(), 3);
-    EXPECT_EQ(KalReAllocVMem(first, 12000), first);
-    expect(first, 10000, 4);
-    expect(third, 10000, 3);
-    void* big = make(50000, 6); // larger than the limit: no refusal
-    expect(big, 50000, 6);
-}
-
-static int handlerCalls;
-
+// The handler is told once, and again only after a write has come through; what cannot be written stays in memory.
 TEST_F(VMemTest, AFullDiskCallsTheHandlerOnceAndLosesNothing) {
-    // Room for a copy of every block: those in memory keep theirs while they are not changed.
-    TinyFileSystem tiny(path("tiny"), 576 << 10);
-    if (!tiny.mounted())
-        GTEST_SKIP() << "this process may not mount";
-    writeFile(path("tiny/filler"), Bytes(384 << 10));
-    KalSetVMemTemp(path("tiny").c_str());
-    handlerCalls = 0;
+    static int calls, room;
+    calls = 0;
+    HostCallGuard guard;
+    hostCalls.write = [](int fd, const void* bytes, size_t count) -> ssize_t {
+        errno = ENOSPC;
+        return room-- > 0 ? ::write(fd, bytes, count) : -1;
+    };
     open(100000);
-    KalSetVMemErrorHandler([] { handlerCalls++; });
+    KalSetVMemErrorHandler([] { calls++; });
     std::vector<void*> blocks;
-    const auto sizeOf = [](size_t number) { return uint32_t(10000 + number % 7); };
-    const auto makeSome = [&](int count) {
-        for (; count > 0; count--)
-            blocks.push_back(make(sizeOf(blocks.size()), uint32_t(blocks.size())));
-    };
-    const auto expectAll = [&] {
-        for (size_t i = 0; i < blocks.size(); i++)
-            expect(blocks[i], sizeOf(i), uint32_t(i));
-    };
-    makeSome(42);
-    const vmemstate& state = currentManager()->state;
-    EXPECT_EQ(handlerCalls, 1);
-    EXPECT_EQ(val(state.swapFailed), 1);
-    EXPECT_GT(val(state.bytesResident), 200000) << "what does not fit the disk stays in memory";
-    expectAll();
-    EXPECT_EQ(handlerCalls, 1);
-    ::unlink(path("tiny/filler").c_str()); // room returns
-    makeSome(1);
-    EXPECT_EQ(val(state.swapFailed), 0);
-    EXPECT_LE(val(state.bytesResident), 100000 + 10006);
-    expectAll();
-    EXPECT_EQ(handlerCalls, 1);
-    makeSome(50);
-    EXPECT_EQ(handlerCalls, 2) << "full once more";
-    expectAll();
-    KalCloseVMem();
-    KalTempPath(nullptr);
+    for (const auto& [writes, told] : {std::pair(1, 1), std::pair(0, 1), std::pair(2, 2), std::pair(50, 2)}) {
+        room = writes;
+        for (int i = 0; i < 12; i++)
+            blocks.push_back(make(10000, uint32_t(blocks.size())));
+        EXPECT_EQ(calls, told) << "with room for " << writes << " writes";
+        EXPECT_EQ(val(state().swapFailed), writes < 50 ? 1 : 0);
+        EXPECT_EQ(val(state().bytesResident) > 100000, writes < 50);
+    }
+    for (size_t i = 0; i < blocks.size(); i++)
+        expect(blocks[i], 10000, uint32_t(i));
+    EXPECT_EQ(calls, 2);
 }
 
 static std::vector<void*> handlerBlocks;
 
 TEST_F(VMemTest, TheHandlerMayFreeBlocksAndEvenClose) {
     HeapBalance balance;
+    HostCallGuard guard;
+    hostCalls.write = [](int, const void*, size_t) {
+        errno = ENOSPC;
+        return ssize_t(-1);
+    };
     for (const bool closes : {false, true}) {
-        HostCallGuard guard;
-        open(20000);
-        handlerBlocks = {make(9000, 1), make(9000, 2)};
-        KalSetVMemErrorHandler(closes ? [] { (void)KalCloseVMem(); } : [] {
+        const auto handler = closes ? [] { (void)KalCloseVMem(); } : [] {
             for (void* block : handlerBlocks)
                 KalFreeVMem(block);
-        });
-        hostCalls.write = [](int, const void*, size_t) {
-            errno = ENOSPC;
-            return ssize_t(-1);
         };
-        EXPECT_EQ(KalAllocVMem(2, 9000) == nullptr, closes);
-        KalCloseVMem();
+        for (const bool grows : {false, true}) {
+            open(20000);
+            handlerBlocks = {make(9000, 1), make(9000, 2)};
+            void* last = make(2000, 3);
+            KalSetVMemErrorHandler(handler);
+            EXPECT_EQ((grows ? KalReAllocVMem(last, 9000) : KalAllocVMem(2, 9000)) == nullptr, closes);
+            KalCloseVMem();
+        }
     }
 }
 
@@ -369,7 +136,6 @@ TEST_F(VMemTest, ABlockThatCannotBeReadBackIsNullAndKeepsItsCopy) {
     open(20000);
     void* first = make(15000, 1);
     make(15000, 2);
-    const int32_t resident = currentManager()->state.bytesResident;
     {
         HostCallGuard guard;
         hostCalls.read = [](int, void*, size_t) {
@@ -378,77 +144,102 @@ TEST_F(VMemTest, ABlockThatCannotBeReadBackIsNullAndKeepsItsCopy) {
         };
         EXPECT_EQ(KalLockVMem(first), nullptr);
         EXPECT_EQ(KalReAllocVMem(first, 20000), nullptr);
+        failHeapAllocationsFrom(1);
+        EXPECT_EQ(KalLockVMem(first), nullptr) << "the tries are bounded";
+        failHeapAllocation(0);
     }
-    EXPECT_LE(val(currentManager()->state.bytesResident), resident);
+    EXPECT_LE(val(state().bytesResident), 15000);
     EXPECT_EQ(KalVMemUsed(), 30000);
-    failHeapAllocationsFrom(1);
-    EXPECT_EQ(KalLockVMem(first), nullptr) << "the tries are bounded";
-    failHeapAllocation(0);
     expect(first, 15000, 1);
 }
 
-TEST_F(VMemTest, NothingLeaksWithEachAllocationFailing) {
-    KalSetMaxVMem(30000);
-    const int met = withEachAllocationFailing([this](int) {
-        if (KalOpenVMem(0) != 0)
-            return;
-        void* blocks[6];
-        for (uint32_t i = 0; i < 6; i++)
-            if ((blocks[i] = KalAllocVMem(2, 10000)) != nullptr)
-                fill(blocks[i], 10000, i);
-        KalReAllocVMem(blocks[1], 14000);
-        for (uint32_t i = 0; i < 6; i++)
-            if (const void* bytes = KalLockVMem(blocks[i]); bytes != nullptr) {
+TEST_F(VMemTest, NothingIsLostOrLeftInTrouble) {
+    KalSetVMemTemp(path("").c_str()); // where the walk sees what a killed process leaves
+    const auto work = [this]() -> int {
+        KalSetMaxVMem(30000);
+        const int16_t status = KalOpenVMem(0);
+        int lost = 0;
+        std::vector<void*> blocks(status == 0 ? 6 : 0);
+        for (uint32_t i = 0; i < blocks.size(); i++)
+            blocks[i] = make(10000, i);
+        if (!blocks.empty())
+            KalReAllocVMem(blocks[1], 14000);
+        for (uint32_t i = 0; i < blocks.size(); i++)
+            if (const void* bytes = KalLockVMem(blocks[i]); bytes == nullptr)
+                lost++;
+            else
                 EXPECT_EQ(std::memcmp(bytes, pattern(10000, i).data(), 10000), 0) << "block " << i;
-            }
-        for (void* block : blocks)
-            KalUnLockVMem(block);
-        make(10000, 9);
-        EXPECT_EQ(KalIsSListGood(currentManager()->state.lruList), 1);
         EXPECT_EQ(KalCloseVMem(), 0);
-    });
-    EXPECT_GT(met, 20);
+        return status != 0 ? status : lost;
+    };
+    walkTrouble(
+        {.run = work, .statuses = {-100, -101, -105, -250, -200 - EIO, -200 - ENOSPC, 1, 2, 3, 4, 5, 6}});
+    KalTempPath(nullptr);
 }
 
 TEST_F(VMemTest, TheLruListServesAnyHandle) {
+    HeapBalance balance;
     open(0);
     int a = 0, b = 0; // no blocks: the list holds what it is given
-    EXPECT_EQ(KalAddLRU(&a) + KalAddLRU(&b) + KalAddLRU(&a), 0);
-    slisthd* list = currentManager()->state.lruList;
+    void* block = make(10, 1);
+    EXPECT_EQ(KalAddLRU(&a) + KalAddLRU(&b) + KalAddLRU(block) + KalAddLRU(&a), 0);
+    slisthd* list = state().lruList;
     void* wanted = &b;
     void* node = KalSPeekList(list, KalFindLRUNode, &wanted);
     ASSERT_NE(node, nullptr);
-    EXPECT_EQ(KalDeleteLRU(&a), 0); // the newer of the two
+    EXPECT_EQ(KalDeleteLRU(&a) + KalDeleteLRU(block), 0); // the newer of two each
     EXPECT_EQ(reinterpret_cast<void*>(list->first + 1), node);
     EXPECT_EQ(KalDeleteLRU(&list), 0) << "not in the list";
-    EXPECT_EQ(KalSCountList(list), 2);
-    EXPECT_EQ(KalDeleteLRU(&a), 0);
-    EXPECT_EQ(KalLRUNewest(&b) + KalDiscardLRUOldest() + KalOpenLRUVList(), 0);
+    EXPECT_EQ(KalSCountList(list), 3);
+    EXPECT_EQ(KalDeleteLRU(&a) + KalDeleteLRU(block), 0);
     EXPECT_EQ(KalSCountList(list), 1);
+    KalFreeVMem(block);
+    failHeapAllocation(1);
+    EXPECT_EQ(KalAddLRU(&a), -105);
+    EXPECT_EQ(KalAddLRU(&a), 0);
+    EXPECT_EQ(KalCloseVMem(), 0);
 }
 
-TEST_F(VMemTest, EveryLiveBlockIsFoundWithoutAWalkAmongSixtyThousand) {
-    open(0);
-    LruList* list = lruListOf(currentManager());
-    std::mt19937 random(1);
-    for (int order = 0; order < 3; order++) { // freed oldest first, newest first, at random
-        std::vector<void*> blocks(60000);
-        for (void*& block : blocks)
-            ASSERT_NE(block = KalAllocVMem(2, 64), nullptr);
-        for (void* block : blocks)
-            ASSERT_EQ(list->byId[itemIdOf(block)]->handle, block);
-        order == 1 ? std::reverse(blocks.begin(), blocks.end()) : void();
-        if (order == 2)
-            std::shuffle(blocks.begin(), blocks.end(), random);
+// Whatever the blocks' size, the process holds little more than the limit and what is locked.
+TEST_F(VMemTest, TheProcessStaysWithinTheLimit) {
+    constexpr uint32_t kLimit = 8 << 20;
+    constexpr uint32_t kSlack = 4 << 20;
+    for (const uint32_t size : {1u << 20, 8948u}) {
+        const uint32_t count = (kSanitized ? 32u << 20 : 128u << 20) / size;
+        std::vector<void*> blocks(count);
+        KalSetVMemTemp("/dev/shm"); // the disk's own speed is not the point
+        open(kLimit);
+        const int64_t before = residentBytes();
+        int64_t most = 0;
+        for (int round = 0; round < 2; round++)
+            for (uint32_t i = 0; i < count; i++) {
+                round == 0 ? void(blocks[i] = make(size, i)) : expect(blocks[i], size, i);
+                if (i % 64 == 0)
+                    most = std::max(most, residentBytes() - before);
+            }
+        EXPECT_EQ(uint32_t(KalVMemUsed()), count * size);
+        std::shuffle(blocks.begin(), blocks.end(), std::mt19937(size));
         for (void* block : blocks)
             KalFreeVMem(block);
         EXPECT_EQ(KalVMemUsed(), 0);
-        EXPECT_EQ(list->list.first, nullptr);
+        if (!kSanitized) {
+            EXPECT_LT(most, kLimit + kSlack) << "blocks of " << size;
+        }
+        // What is kept of freed blocks counts too.
+        for (const uint32_t other : {4096u, 50000u, 9000u, 700000u, 30000u}) {
+            for (uint32_t made = 0; made + other <= kLimit; made += other)
+                blocks.push_back(make(other, made));
+            for (; blocks.size() > count; blocks.pop_back())
+                KalFreeVMem(blocks.back());
+            EXPECT_LE(keptGlobalMemory(), kLimit + kSlack);
+        }
+        KalCloseVMem();
+        EXPECT_EQ(keptGlobalMemory(), 0u);
+        KalTempPath(nullptr);
     }
-    EXPECT_EQ(list->nodes, 60000u) << "nodes are used again";
 }
 
-TEST_F(VMemTest, FreeMemoryKeepsAReserve) {
+TEST_F(VMemTest, TheLimitComesFromTheSettingsOrFromWhatIsFree) {
     HostCallGuard guard;
     hostCalls.open = [](const char* name, int flags, mode_t mode) {
         return ::open(std::strcmp(name, "/proc/meminfo") == 0 ? "meminfo" : name, flags, mode);
@@ -456,23 +247,34 @@ TEST_F(VMemTest, FreeMemoryKeepsAReserve) {
     writeFile("meminfo", bytesOf("MemAvailable: 4000 kB"));
     EXPECT_EQ(KalGetFreeSystemMemory(), 4000u * 1024 - 2200000);
     writeFile("meminfo", bytesOf("MemAvailable: 2000 kB"));
-    EXPECT_EQ(KalGetFreeSystemMemory(), 2000u * 1024);
-    KalSetMaxVMem(0);
-    ASSERT_EQ(KalOpenVMem(0), 0);
-    EXPECT_EQ(vmemLimit(), 2000u * 1024) << "never set, so it is what is free";
-
     for (const char* place : {"KAL_REGISTRY", "XDG_RUNTIME_DIR"})
         ::setenv(place, path("").c_str(), 1);
-    TagSet options;
-    ASSERT_EQ(options.SetPath("Options", 1), 0);
-    KalSetMemManOptions(&options);
-    EXPECT_EQ(vmemLimit(), 2000u * 1024) << "without the tag what is free";
-    writeFile("meminfo", bytesOf("MemAvailable: 3000 kB"));
-    KalSetMemManOptions(&options);
-    EXPECT_EQ(vmemLimit(), 1500000u) << "but no less than this";
-    options.SetTag("VMEMMAX", "4000000");
-    KalSetMemManOptions(&options);
-    EXPECT_EQ(vmemLimit(), 4000000u);
+    {
+        TagSet options;
+        ASSERT_EQ(options.SetPath("Options", 1), 0);
+        // As many bytes as the limit allows stay in memory, and not one more.
+        const auto limitIs = [](uint32_t limit) {
+            ASSERT_EQ(KalOpenVMem(0), 0);
+            for (const uint32_t more : {0u, 1u}) {
+                void* first = make(1000, 1);
+                make(limit - 1000 + more, 2);
+                EXPECT_EQ(GlobalSize(first), more == 0 ? 1000u : 0u) << limit;
+                KalCloseLRUVList();
+                KalOpenLRUVList();
+            }
+            KalCloseVMem();
+        };
+        KalSetMaxVMem(0);
+        limitIs(2000 * 1024);
+        KalSetMemManOptions(&options);
+        limitIs(2000 * 1024);
+        writeFile("meminfo", bytesOf("MemAvailable: 3000 kB"));
+        KalSetMemManOptions(&options);
+        limitIs(1500000);
+        options.SetTag("VMEMMAX", "4000000");
+        KalSetMemManOptions(&options);
+        limitIs(4000000);
+    }
     for (const char* place : {"KAL_REGISTRY", "XDG_RUNTIME_DIR"})
         ::unsetenv(place);
 }

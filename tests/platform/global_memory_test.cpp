@@ -31,87 +31,88 @@ uint32_t randomSize(std::mt19937& random) {
     return static_cast<uint32_t>(random() >> (random() % 20 + 12)); // to 1 MiB, small ones as likely
 }
 
+struct Block {
+    Bytes bytes;
+    uint32_t locks = 0;
+    const void* address = nullptr; // while it is locked
+};
+
 } // namespace
 
-TEST(GlobalMemory, BlocksKeepTheirBytesThroughAnySequence) {
-    HeapBalance balance;
-    std::mt19937 random(11);
-    std::map<HGLOBAL, Bytes> model;
-    std::set<HGLOBAL> dead;
-    for (int step = 0; step < 2000; step++) {
-        auto chosen = model.empty() ? model.end() : std::next(model.begin(), long(random() % model.size()));
-        switch (random() % 4) {
-        case 0: {
-            const uint32_t size = randomSize(random) + 1;
-            HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, size);
-            ASSERT_NE(block, nullptr);
-            ASSERT_NE(lowHalf(block), 0);
-            for (const auto& [other, bytes] : model)
-                ASSERT_NE(lowHalf(other), lowHalf(block));
-            ASSERT_EQ(contentsOf(block), Bytes(size)) << "not all 0 at step " << step;
-            dead.erase(block);
-            model[block] = Bytes(size);
-            break;
-        }
-        case 1:
-            if (chosen == model.end() || chosen->second.empty())
-                break;
-            ASSERT_EQ(contentsOf(chosen->first), chosen->second) << "step " << step;
-            chosen->second = randomBytes(chosen->second.size(), uint32_t(step));
-            std::memcpy(GlobalLock(chosen->first), chosen->second.data(), chosen->second.size());
-            EXPECT_EQ(GlobalUnlock(chosen->first), 0);
-            break;
-        case 2: {
-            if (chosen == model.end())
-                break;
+// Handles, bytes, sizes, locks and addresses beside a model, in a random sequence.
+TEST(GlobalMemory, BlocksKeepBytesLocksAndPlaceThroughAnySequence) {
+    for (uint32_t seed = 1; seed <= 3; seed++) {
+        HeapBalance balance;
+        std::mt19937 random(seed);
+        std::map<HGLOBAL, Block> model;
+        std::set<HGLOBAL> dead;
+        for (int step = 0; step < 1500; step++) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step));
+            const auto chosen = std::next(model.begin(), long(random() % (model.size() + 1)));
             const uint32_t size = random() % 8 == 0 ? 0 : randomSize(random) + 1;
-            ASSERT_EQ(KalGlobalReAlloc(chosen->first, size, GMEM_MOVEABLE), chosen->first);
-            EXPECT_EQ(GlobalSize(chosen->first), size);
-            if (size == 0) { // discarded: a handle without memory
-                EXPECT_EQ(GlobalLock(chosen->first), nullptr);
-                EXPECT_EQ(GlobalFlags(chosen->first), GMEM_DISCARDED);
+            if (chosen == model.end()) {
+                HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, size);
+                ASSERT_NE(lowHalf(block), 0);
+                for (const auto& [other, state] : model)
+                    ASSERT_NE(lowHalf(other), lowHalf(block));
+                ASSERT_FALSE(dead.contains(block)) << "a handle comes back at once";
+                model[block] = {Bytes(size)};
+                continue;
             }
-            chosen->second.resize(size);
-            break;
-        }
-        default:
-            if (chosen == model.end())
+            const auto& [block, state] = *chosen;
+            Block& now = chosen->second;
+            const auto old = static_cast<uint32_t>(now.bytes.size());
+            switch (random() % 5) {
+            case 0:
+            case 1: { // locked, compared, changed
+                void* address = GlobalLock(block);
+                ASSERT_EQ(address == nullptr, old == 0);
+                if (old == 0)
+                    break;
+                ASSERT_TRUE(now.locks == 0 || address == now.address) << "a locked block has moved";
+                ASSERT_EQ(std::memcmp(address, now.bytes.data(), old), 0);
+                now.bytes = randomBytes(old, uint32_t(random()));
+                std::memcpy(address, now.bytes.data(), old);
+                now.address = address;
+                now.locks++;
                 break;
-            EXPECT_EQ(GlobalFree(chosen->first), nullptr);
-            dead.insert(chosen->first);
-            model.erase(chosen);
+            }
+            case 2:
+                now.locks -= now.locks > 0 ? 1 : 0;
+                ASSERT_EQ(GlobalUnlock(block) != 0, now.locks > 0);
+                break;
+            case 3: {
+                const bool isDone = KalGlobalReAlloc(block, size, GMEM_MOVEABLE) == block;
+                const bool hasRoom = size > 0 && size <= (old + 4095) / 4096 * 4096;
+                ASSERT_TRUE(isDone || (now.locks > 0 && !hasRoom));
+                ASSERT_FALSE(isDone && now.locks > 0 && size == 0);
+                now.bytes.resize(isDone ? size : old);
+                break;
+            }
+            default:
+                EXPECT_EQ(GlobalFree(block), nullptr);
+                dead.insert(block);
+                model.erase(chosen);
+                continue;
+            }
+            ASSERT_EQ(GlobalSize(block), now.bytes.size());
+            ASSERT_EQ(GlobalFlags(block), now.locks | (now.bytes.empty() ? GMEM_DISCARDED : 0));
         }
+        dead.insert(nullptr);
+        for (HGLOBAL block : dead) {
+            EXPECT_EQ(GlobalFree(block), block);
+            EXPECT_EQ(GlobalLock(block), nullptr);
+            EXPECT_EQ(GlobalUnlock(block) + int32_t(GlobalSize(block)), 0);
+            EXPECT_EQ(GlobalReAlloc(block, 10, GMEM_MOVEABLE), nullptr);
+            EXPECT_EQ(GlobalFlags(block), GMEM_INVALID_HANDLE);
+        }
+        for (const auto& [block, state] : model)
+            GlobalFree(block);
     }
-    for (HGLOBAL block : dead) {
-        EXPECT_EQ(GlobalFree(block), block);
-        EXPECT_EQ(GlobalLock(block), nullptr);
-        EXPECT_EQ(GlobalSize(block), 0u);
-        EXPECT_EQ(GlobalReAlloc(block, 10, GMEM_MOVEABLE), nullptr);
-        EXPECT_EQ(GlobalFlags(block), GMEM_INVALID_HANDLE);
-    }
-    for (const auto& [block, bytes] : model)
-        GlobalFree(block);
 }
 
-TEST(GlobalMemory, LockedBlocksNeverMove) {
-    HeapBalance balance;
-    HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, 5000);
-    void* address = GlobalLock(block);
-    EXPECT_EQ(GlobalLock(block), address);
-    EXPECT_EQ(GlobalFlags(block), 2u);
-    EXPECT_EQ(GlobalReAlloc(block, 8192, GMEM_MOVEABLE), block) << "there is room up to the page's end";
-    EXPECT_EQ(GlobalReAlloc(block, 500000, GMEM_MOVEABLE), nullptr);
-    EXPECT_EQ(GlobalReAlloc(block, 0, GMEM_MOVEABLE), nullptr);
-    EXPECT_EQ(GlobalSize(block), 8192u);
-    EXPECT_NE(GlobalUnlock(block), 0);
-    EXPECT_EQ(GlobalUnlock(block), 0);
-    EXPECT_EQ(GlobalUnlock(block), 0) << "one unlock too many is nothing";
-    EXPECT_EQ(GlobalReAlloc(block, 500000, GMEM_MOVEABLE), block);
-    GlobalFree(block);
-}
-
-TEST(GlobalMemory, GrowingByStepsSeldomMovesTheBlock) {
-    HeapBalance balance;
+// A block that grows by steps moves seldom, and one that was freed gives its pages to the next.
+TEST(GlobalMemory, PagesAreUsedAgain) {
     HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, 1024);
     int moves = 0;
     const void* before = nullptr;
@@ -119,32 +120,38 @@ TEST(GlobalMemory, GrowingByStepsSeldomMovesTheBlock) {
         ASSERT_EQ(GlobalReAlloc(block, size, GMEM_MOVEABLE), block);
         const void* now = GlobalLock(block);
         GlobalUnlock(block);
-        moves += now != before ? 1 : 0;
-        before = now;
+        moves += now != std::exchange(before, now) ? 1 : 0;
     }
     EXPECT_LT(moves, 40); // half as much again each time
-    GlobalFree(block);
-}
-
-TEST(GlobalMemory, HandsOutTheMemoryFreedLastAndAnotherHandle) {
-    HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, 10000);
-    void* address = GlobalLock(block);
-    GlobalFree(block);
-    const uint64_t kept = keptGlobalMemory();
-    EXPECT_GE(kept, 10000u);
-    HGLOBAL next = GlobalAlloc(GMEM_MOVEABLE, 9000);
-    EXPECT_NE(next, block);
-    EXPECT_EQ(GlobalLock(next), address);
-    EXPECT_LT(keptGlobalMemory(), kept);
-    GlobalFree(next);
     trimGlobalMemory(0);
     EXPECT_EQ(keptGlobalMemory(), 0u);
+    GlobalFree(block);
+    EXPECT_GE(keptGlobalMemory(), 64u << 20);
+    EXPECT_LT(keptGlobalMemory(), 128u << 20);
+    trimGlobalMemory(0);
+
+    block = GlobalAlloc(GMEM_MOVEABLE, 300000);
+    void* address = GlobalLock(block);
+    GlobalUnlock(block);
+    GlobalReAlloc(block, 0, GMEM_MOVEABLE); // discarded
+    HGLOBAL next = GlobalAlloc(GMEM_MOVEABLE, 299000);
+    EXPECT_EQ(GlobalLock(next), address);
+    EXPECT_EQ(keptGlobalMemory(), 0u);
+    GlobalFree(block);
+    GlobalFree(next);
+    std::vector<HGLOBAL> many(700);
+    for (HGLOBAL& one : many)
+        one = GlobalAlloc(GMEM_MOVEABLE, 1 << 20);
+    for (HGLOBAL one : many)
+        GlobalFree(one);
+    EXPECT_LE(keptGlobalMemory(), 512u << 20) << "more than is ever kept";
+    trimGlobalMemory(0);
 }
 
 TEST(GlobalMemory, RunsOutOfHandlesAndOfMemoryCleanly) {
     HeapBalance balance;
     std::vector<HGLOBAL> blocks;
-    for (uint32_t i = 0; i < 3000; i++) // spans of other sizes, for the last handles to be taken from
+    for (uint32_t i = 0; i < 3000; i++) // pages of other sizes, which the last numbers have
         blocks.push_back(GlobalAlloc(GMEM_MOVEABLE, i % 2 == 0 ? 20000 : 300000));
     for (HGLOBAL block : blocks)
         GlobalFree(block);
@@ -152,26 +159,30 @@ TEST(GlobalMemory, RunsOutOfHandlesAndOfMemoryCleanly) {
     while (HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, 100))
         blocks.push_back(block);
     EXPECT_EQ(liveGlobalBlocks(), 65535u);
-    EXPECT_EQ(GlobalReAlloc(blocks[0], 50, GMEM_MOVEABLE), blocks[0]);
-    EXPECT_EQ(GlobalReAlloc(blocks[0], 50000, GMEM_MOVEABLE), nullptr) << "no number for the old memory";
-    EXPECT_EQ(GlobalReAlloc(blocks[0], 0, GMEM_MOVEABLE), blocks[0]);
-    EXPECT_EQ(GlobalReAlloc(blocks[0], 100, GMEM_MOVEABLE), blocks[0]);
+    for (const uint32_t size : {50u, 50000u, 0u, 100u})
+        EXPECT_EQ(GlobalReAlloc(blocks[0], size, GMEM_MOVEABLE), blocks[0]) << size;
     for (HGLOBAL block : blocks)
         GlobalFree(block);
 
     HostCallGuard guard;
-    hostCalls.mmap = [](void*, size_t, int, int, int, off_t) {
+    static bool isShort;
+    isShort = true;
+    hostCalls.mmap = [](void* at, size_t size, int protection, int flags, int fd, off_t offset) {
         errno = ENOMEM;
-        return MAP_FAILED;
+        return std::exchange(isShort, true) ? MAP_FAILED : ::mmap(at, size, protection, flags, fd, offset);
     };
     hostCalls.mremap = [](void*, size_t, size_t, int) { return MAP_FAILED; };
+    HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, 100); // of what is kept
+    EXPECT_GT(keptGlobalMemory(), 0u);
+    EXPECT_EQ(GlobalReAlloc(block, 50 << 20, GMEM_MOVEABLE), nullptr);
+    EXPECT_EQ(GlobalSize(block), 100u);
     EXPECT_EQ(GlobalAlloc(GMEM_MOVEABLE, 50 << 20), nullptr);
-    HGLOBAL block = GlobalAlloc(GMEM_MOVEABLE, 100); // from what is kept
-    if (block != nullptr) {
-        EXPECT_EQ(GlobalReAlloc(block, 50 << 20, GMEM_MOVEABLE), nullptr);
-        EXPECT_EQ(GlobalSize(block), 100u);
-        GlobalFree(block);
-    }
+    EXPECT_EQ(keptGlobalMemory(), 0u) << "what is kept is given up when nothing else helps";
+    isShort = false;
+    HGLOBAL large = GlobalAlloc(GMEM_MOVEABLE, 50 << 20);
+    EXPECT_NE(large, nullptr);
+    GlobalFree(large);
+    GlobalFree(block);
 }
 
 TEST(GlobalMemory, ThreadsShareTheTable) {
