@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr uint32_t kNobody = StretchStrings::kNobody;
+constexpr uint32_t kNoCode = StretchStrings::kNoCode;
 
 // One number a character, spread over all slots: strings of neighbouring codes and characters fall apart.
 constexpr auto spread = [] {
@@ -22,8 +22,9 @@ struct BitWriter {
     uint64_t bits;
     uint32_t count; // of `bits`, fewer than 8
 
-    void put(uint32_t code, uint32_t width) {
-        bits |= static_cast<uint64_t>(code) << count;
+    // One code or several, at most 56 bits.
+    void put(uint64_t codes, uint32_t width) {
+        bits |= codes << count;
         count += width;
         storeLittle<uint64_t>(out, bits);
         out += count >> 3;
@@ -51,42 +52,63 @@ uint32_t lengthOf(const StretchStrings* strings, uint32_t code) {
     return length;
 }
 
-constexpr uint32_t slotOf(uint32_t maker, uint32_t code) {
-    return maker * KAL_LZW_CODES + code;
+// The slot of the string that `prefix` and `character` make, or the empty one where it belongs.
+inline uint32_t findSlot(const StretchStrings* strings, uint32_t prefix, uint32_t character) {
+    const uint32_t wanted = prefix << 8 | character;
+    uint32_t at = prefix ^ spread[character];
+    while (strings->slots[at] != kNoCode && strings->maker[strings->slots[at]] != wanted)
+        [[unlikely]] at = (at + 1) % StretchStrings::kSlots;
+    return at;
 }
 
-// The slot of the string that `wanted` makes, or the empty one where it belongs.
-inline uint32_t* findSlot(uint32_t* slots, uint32_t wanted) {
-    uint32_t at = wanted >> 8 << 2 ^ spread[wanted & 0xFF];
-    while (slots[at] / KAL_LZW_CODES != wanted && slots[at] != kNobody)
-        at = (at + 1) % StretchStrings::kSlots;
-    return &slots[at];
+inline void takeSlot(StretchStrings* strings, uint32_t at, uint32_t code) {
+    strings->slots[at] = static_cast<uint16_t>(code);
+    strings->taken[strings->takenCount++] = static_cast<uint16_t>(at);
 }
 
 void emptySlots(StretchStrings* strings) {
-    std::fill_n(strings->slots, StretchStrings::kSlots, kNobody);
+    for (uint32_t i = 0; i < strings->takenCount; i++)
+        strings->slots[strings->taken[i]] = kNoCode;
+    strings->takenCount = 0;
 }
 
-// Forgets the codes from `next` on.
-void forgetFrom(StretchStrings* strings, uint32_t next) {
-    std::fill(strings->maker + next, strings->maker + KAL_LZW_CODES, kNobody);
+// Forgets the codes from `next` up to `end`, the highest one known.
+void forgetFrom(StretchStrings* strings, uint32_t next, uint32_t end) {
     emptySlots(strings);
-    for (uint32_t code = kFirstCode; code < next; code++) {
+    for (uint32_t code = kFirstCode; code < end; code++) {
         const uint32_t maker = strings->maker[code];
-        if (maker >> 8 >= kRoots)
-            *findSlot(strings->slots, maker) = slotOf(maker, code);
+        if (maker >> 8 < kRoots)
+            strings->pairs[maker] = code < next ? strings->pairs[maker] : uint16_t{0};
+        else if (code < next)
+            takeSlot(strings, findSlot(strings, maker >> 8, maker & 0xFF), code);
     }
+}
+
+// Puts the codes that were written while `next` rose from `first` to `end`.
+void putCodes(const uint16_t* codes, uint32_t first, uint32_t end, BitWriter* writer) {
+    BitWriter out = *writer;
+    for (uint32_t next = first; next < end;) {
+        const uint32_t width = widthFor(next);
+        const uint32_t lastOfWidth = std::min(end, (1u << width) + 1);
+        for (; next + 4 <= lastOfWidth; next += 4) {
+            const uint64_t low = codes[next] | uint32_t{codes[next + 1]} << width;
+            const uint64_t high = codes[next + 2] | uint32_t{codes[next + 3]} << width;
+            out.put(low | high << 2 * width, 4 * width);
+        }
+        for (; next < lastOfWidth; next++)
+            out.put(codes[next], width);
+    }
+    *writer = out;
 }
 
 // Codes the bytes until they are used up or the stretch is full; whole bytes go to `strings->coded`. Returns
 // the end of what was consumed; encoder and writer are moved on.
 const uint8_t* codeStretch(StretchStrings* strings, TAGWRITELZW* encoder, const uint8_t* in,
                            const uint8_t* end, BitWriter* writer) {
-    uint32_t* const maker = strings->maker;
-    BitWriter out = *writer;
+    const uint32_t first = encoder->nextCode;
+    const uint32_t tag = strings->pairTag;
     uint32_t current = encoder->currentCode;
-    uint32_t next = encoder->nextCode;
-    uint32_t width = encoder->codeWidth;
+    uint32_t next = first;
     if (current == kClearCode && in != end)
         current = *in++;
 
@@ -94,32 +116,31 @@ const uint8_t* codeStretch(StretchStrings* strings, TAGWRITELZW* encoder, const 
         const uint32_t character = *in++;
         const uint32_t wanted = current << 8 | character;
         if (current < kRoots) {
-            const uint32_t code = strings->pairs[wanted];
-            if (maker[code] == wanted) {
+            const uint32_t code = strings->pairs[wanted] ^ tag;
+            if (code < KAL_LZW_CODES) {
                 current = code;
                 continue;
             }
-            strings->pairs[wanted] = static_cast<uint16_t>(next);
+            strings->pairs[wanted] = static_cast<uint16_t>(tag | next);
         } else {
-            uint32_t* const slot = findSlot(strings->slots, wanted);
-            if (*slot != kNobody) {
-                current = *slot % KAL_LZW_CODES;
+            const uint32_t at = findSlot(strings, current, character);
+            if (strings->slots[at] != kNoCode) {
+                current = strings->slots[at];
                 continue;
             }
-            *slot = slotOf(wanted, next);
+            takeSlot(strings, at, next);
         }
-        maker[next] = wanted;
-        out.put(current, width);
+        strings->maker[next] = wanted;
+        strings->codes[next] = static_cast<uint16_t>(current);
         current = character;
-        width += next >> width; // one more when this code was a power of two
         next++;
     }
+    putCodes(strings->codes, first, next, writer);
 
     encoder->character = end[-1];
     encoder->currentCode = static_cast<uint16_t>(current);
     encoder->nextCode = static_cast<uint16_t>(next);
-    encoder->codeWidth = static_cast<uint8_t>(width);
-    *writer = out;
+    encoder->codeWidth = static_cast<uint8_t>(widthFor(next));
     return in;
 }
 
@@ -146,7 +167,7 @@ uint32_t stepBack(StretchStrings* strings, TAGWRITELZW* encoder, const Mark& mar
         // The byte whose own code closes a stretch counts only with the clear code behind it.
         const uint32_t length = closing ? 0 : lengthOf(strings, code);
         if ((bit + width) / 8 > accepted) {
-            forgetFrom(strings, next);
+            forgetFrom(strings, next, encoder->nextCode);
             encoder->nextCode = static_cast<uint16_t>(next);
             encoder->codeWidth = static_cast<uint8_t>(width);
             encoder->currentCode = encoder->outputCode = static_cast<uint16_t>(code);
@@ -164,8 +185,12 @@ uint32_t stepBack(StretchStrings* strings, TAGWRITELZW* encoder, const Mark& mar
 } // namespace
 
 void startStretch(StretchStrings* strings, TAGWRITELZW* encoder) {
-    std::fill_n(strings->maker, KAL_LZW_CODES, kNobody);
     emptySlots(strings);
+    strings->pairTag = static_cast<uint16_t>(strings->pairTag + KAL_LZW_CODES);
+    if (strings->pairTag == 0) {
+        std::fill_n(strings->pairs, kRoots * kRoots, uint16_t{0});
+        strings->pairTag = KAL_LZW_CODES;
+    }
     encoder->nextCode = kFirstCode;
     encoder->codeWidth = kFirstWidth;
     encoder->currentCode = encoder->outputCode = kClearCode;

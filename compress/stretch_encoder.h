@@ -6,21 +6,24 @@
 #include "compress/lzw_codes.h"
 #include "platform/little_endian.h"
 
-// The strings of one stretch, found from (string, next character). Pairs of characters have a place each; it
-// counts only if the code there has that maker now, so it is never emptied. Longer strings lie in an open
-// hash.
+// The strings of one stretch, found from (string, next character). Pairs of characters have a place each, which
+// names their stretch too, so that it is emptied only when the 15 names are used up. Longer strings lie in an open
+// hash of codes alone, small enough to stay near the processor; `maker` tells whether a code is the one looked for.
 struct StretchStrings {
-    static constexpr uint32_t kSlotBits = 14;
+    static constexpr uint32_t kSlotBits = 15;
     static constexpr uint32_t kSlots = 1u << kSlotBits;
+    static constexpr uint32_t kNoCode = 0;
     // All codes of a stretch at full width, and room for a whole word at the end.
     static constexpr uint32_t kCodedBytes = KAL_LZW_CODES * kWidestCode / 8 + 8;
 
-    static constexpr uint32_t kNobody = 0xFFFFFFFF;
-
-    uint32_t maker[KAL_LZW_CODES];   // by code: its prefix << 8 | last character, kNobody while it is free
-    uint16_t pairs[kRoots * kRoots]; // by maker of a pair: the code that it had last
-    uint32_t slots[kSlots];          // maker << 12 | code, kNobody while empty
-    uint8_t coded[kCodedBytes];      // the bytes of one hand-over
+    uint32_t maker[KAL_LZW_CODES];   // by code: its prefix << 8 | last character
+    uint16_t pairs[kRoots * kRoots]; // by maker of a pair: `pairTag` | code
+    uint16_t slots[kSlots];          // codes, kNoCode while empty
+    uint16_t taken[KAL_LZW_CODES];   // the slots in use
+    uint16_t takenCount;
+    uint16_t pairTag;              // in the bits above a code's; never 0
+    uint16_t codes[KAL_LZW_CODES]; // by next code: the code that was written when it was the next
+    uint8_t coded[kCodedBytes];    // the bytes of one hand-over
 };
 
 // Empties the strings and sets the encoder to the first code and width, with nothing pending.

@@ -8,8 +8,15 @@ namespace {
 template <class Entry>
 ItemIndex* findEntry(IFILE* file, uint16_t id) {
     uint8_t* entry = entryField(file->index, 0);
-    for (uint32_t left = file->count; left > 0; left--, entry += sizeof(Entry))
-        if (loadLittle<uint16_t>(entry) == id)
+    uint32_t left = file->count;
+    const auto matches = [&](size_t ahead) {
+        return loadLittle<uint16_t>(entry + ahead * sizeof(Entry)) == id;
+    };
+    // Four entries at a time as long as none of them is the one.
+    for (; left >= 4 && !(matches(0) || matches(1) || matches(2) || matches(3)); left -= 4)
+        entry += 4 * sizeof(Entry);
+    for (; left > 0; left--, entry += sizeof(Entry))
+        if (matches(0))
             return reinterpret_cast<ItemIndex*>(entry);
     return nullptr;
 }

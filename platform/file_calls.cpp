@@ -4,6 +4,7 @@
 #include "platform/host_io.h"
 #include "platform/host_path.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -94,6 +95,19 @@ int32_t _hwrite(HFILE file, const void* source, int32_t count) {
     if (count < 0)
         return HFILE_ERROR;
     return static_cast<int32_t>(movedOrBack(file, writeAll(file, source, static_cast<size_t>(count))));
+}
+
+uint32_t _lcopy(HFILE to, HFILE from, uint32_t count) {
+    constexpr uint32_t kOneCall = 1u << 30;
+    uint32_t done = 0;
+    while (done < count) {
+        const ssize_t copied =
+            hostCalls.copy_file_range(from, nullptr, to, nullptr, std::min(count - done, kOneCall), 0);
+        if (copied <= 0)
+            break;
+        done += static_cast<uint32_t>(copied);
+    }
+    return done;
 }
 
 int32_t _llseek(HFILE file, int32_t offset, int origin) {

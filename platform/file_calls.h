@@ -32,6 +32,11 @@ uint32_t _lwrite(HFILE file, const void* source, uint32_t count);
 int32_t _hread(HFILE file, void* destination, int32_t count);
 int32_t _hwrite(HFILE file, const void* source, int32_t count);
 
+// Copies up to `count` bytes from where one file stands to where another does, inside the host, and moves both file
+// pointers. The bytes copied: fewer, or none, where the host cannot, for whatever reason. Reading and writing then go
+// on from there.
+uint32_t _lcopy(HFILE to, HFILE from, uint32_t count);
+
 // Moves the file pointer; an offset from the start is read as unsigned. The new position's 32 bits, or
 // HFILE_ERROR (also for a position past 32 bits, the pointer then where it stood).
 int32_t _llseek(HFILE file, int32_t offset, int origin);

@@ -21,6 +21,8 @@
     CALL(write, ssize_t, (int fd, const void* source, size_t count))                                         \
     CALL(pread, ssize_t, (int fd, void* destination, size_t count, off_t offset))                            \
     CALL(pwrite, ssize_t, (int fd, const void* source, size_t count, off_t offset))                          \
+    CALL(copy_file_range, ssize_t,                                                                           \
+         (int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t count, unsigned flags))           \
     CALL(lseek, off_t, (int fd, off_t offset, int origin))                                                   \
     CALL(fstat, int, (int fd, struct stat* result))                                                          \
     CALL(stat, int, (const char* path, struct stat* result))                                                 \

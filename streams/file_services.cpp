@@ -46,6 +46,10 @@ int16_t copyBlocks(SFILE* to, SFILE* from) {
     void* block = KalAsMuchSMem(&size);
     if (block == nullptr)
         return KAL_ERR_BUFFER;
+    // The host's own copy first; reads and writes do what it leaves, which may be all.
+    const uint32_t copied =
+        _lcopy(static_cast<HFILE>(to->handle), static_cast<HFILE>(from->handle), KAL_NO_POSITION - 1);
+    from->pos = from->osPos = to->pos = to->osPos = copied;
     int32_t got;
     while ((got = from->read(from, block, size)) > 0)
         if (to->write(to, block, static_cast<uint32_t>(got)) != got)

@@ -229,9 +229,8 @@ KAL_API int16_t KalPutStrX(SFILE* stream, const char* text);
 // tight loop calls.
 inline int32_t KalNextChar(SFILE* stream) {
     const uint32_t pos = stream->pos;
-    // A window's buffer may reach past its end, and a fresh buffer's end lie before its start.
-    if (pos - stream->bufStart < stream->bufSize && pos < stream->bufEnd &&
-        stream->getChar != ConstGetDiskChar) {
+    // A position before the buffer's end is in it, where there is one. A window's buffer may reach past its end.
+    if (pos < stream->bufEnd && stream->bufSize != 0 && stream->getChar != ConstGetDiskChar) [[likely]] {
         const uint8_t* next = stream->bufPtr;
         stream->bufPtr = const_cast<uint8_t*>(next + 1);
         stream->pos = pos + 1;
