@@ -108,4 +108,8 @@ TEST_F(Home, PrivateDirectoryFitsOrFails) {
     EXPECT_EQ(KalGetPrivateDir(directory, 300), KAL_OK);
     EXPECT_STREQ(directory, "C:\\home\\u\\.config");
     unsetenv("XDG_CONFIG_HOME");
+    const std::string home = std::getenv("HOME") != nullptr ? std::getenv("HOME") : "";
+    unsetenv("HOME");
+    EXPECT_EQ(KalGetPrivateDir(directory, 300), KAL_ERR_EXAMINE) << "there is none";
+    setenv("HOME", home.c_str(), 1);
 }
