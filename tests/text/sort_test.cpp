@@ -64,6 +64,10 @@ TEST(QSort, MakesTheKnownComparisons) {
     EXPECT_EQ(compared,
               "ab ba ca da ea fa ia ga ha ha bh gh ih eh dh ch bh cb gb ib eb db cb dc gc ic ec dc ec "
               "id gd id ");
+    char halves[] = "5a1b7c2d9e3f8g4h6i"; // parts of one size: the upper comes first
+    compared.clear();
+    KalQSort(halves, 9, 2, compareBytes);
+    EXPECT_EQ(compared, "ab ba ca ia ha da ea ga fa ea fa ge ce ie gi ci gi cg bf hf df df bd ");
     compared.clear();
     KalQSort(array, 9, 2, compareBytes);
     EXPECT_EQ(compared.size(), 8u * 3) << "a sorted array is only looked through";
