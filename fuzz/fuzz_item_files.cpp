@@ -66,6 +66,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     const Bytes bytes(data + 1, data + size);
     VectorStream stream(bytes);
+    stream.file()->mode = 0; // without write access nothing is written back
     Faults ofItems, ofLists;
     const bool wholeItems = KalVerifyIFile(stream.file(), ofItems) == 0;
     stream.rewind();
