@@ -6,6 +6,7 @@
 
 #include <kal/cfile.h>
 #include <kal/stream.h>
+#include <kal/vmem.h>
 
 #include <gif_lib.h>
 #include <tiffio.h>
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <random>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -37,10 +39,11 @@ const Bytes& sample(int64_t kind) {
     return samples[kind];
 }
 
-SFILE* openScratch() {
+SFILE* openScratch(uint16_t backend = 0) {
     SFILE* stream;
-    check(KalOpenFile(&stream, kFile, KAL_MODE_CREATE | KAL_MODE_WRITE, 0) == 0);
-    check(KalSetBuf(stream, 0x10000) == 0);
+    check(KalOpenFile(&stream, kFile, backend | KAL_MODE_CREATE | KAL_MODE_UPDATE, 2 * kBytes) == 0);
+    if (backend == 0)
+        check(KalSetBuf(stream, 0x10000) == 0);
     return stream;
 }
 
@@ -62,8 +65,8 @@ void encode(benchmark::State& state, const Bytes& bytes) {
     stream->close(stream);
 }
 
-void decode(benchmark::State& state, const Bytes& bytes, uint16_t piece) {
-    SFILE* stream = openScratch();
+void decode(benchmark::State& state, const Bytes& bytes, uint16_t piece, uint16_t backend = 0) {
+    SFILE* stream = openScratch(backend);
     writeRun(stream, bytes);
     Bytes back(kBytes);
     for (auto _ : state) {
@@ -280,6 +283,12 @@ void cells() {
         add(decoding, "limit", writeStrings);
         add(decoding + " by 256", "kal",
             [](benchmark::State& state, const Bytes& bytes) { decode(state, bytes, 256); });
+        for (const auto& [name, backend] :
+             {std::pair{"memory", KAL_MODE_MEMORY}, {"VMem", KAL_MODE_VMEM}, {"mapping", KAL_MODE_FILEMAP}})
+            add(decoding + " from a " + name + " stream", "kal",
+                [mode = backend](benchmark::State& state, const Bytes& bytes) {
+                    decode(state, bytes, kPiece, mode);
+                });
     }
 }
 
@@ -287,8 +296,10 @@ void cells() {
 
 int main(int argc, char** argv) {
     cells();
+    check(KalOpenVMem(0) == 0);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     std::remove(kFile);
+    KalCloseVMem();
     return 0;
 }

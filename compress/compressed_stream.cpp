@@ -38,11 +38,6 @@ T* allocate() {
     return static_cast<T*>(KalAllocSMem(sizeof(T)));
 }
 
-void freeIfSet(void* block) {
-    if (block != nullptr)
-        KalFreeSMem(block);
-}
-
 bool continues(const CompressedStream* self, Side side) {
     return self->open && self->side == side && logicalPos(self->shown.stream) == self->shown.runPos;
 }
@@ -188,11 +183,10 @@ private:
     void decodeFromBuffer() {
         if (state_.firstAfterClear)
             return;
-        const uint32_t ahead = bytesAhead(stream_);
-        const uint8_t* const from = stream_->bufPtr;
-        const uint8_t* in = from;
-        decodeInBulk(self_->decoderStrings, &state_, &in, from + ahead, &out_, end_);
-        advance(stream_, static_cast<uint32_t>(in - from));
+        BytesAhead ahead(stream_);
+        const uint8_t* in = ahead.bytes();
+        decodeInBulk(self_->decoderStrings, &state_, &in, in + ahead.count(), &out_, end_);
+        ahead.take(static_cast<uint32_t>(in - ahead.bytes()));
     }
 
     // Makes sure of a whole code in `bits`; false when the stream fails, with what came kept for later.
@@ -248,11 +242,11 @@ int16_t KalFreeCFile(scfiletag* cfile) {
     CompressedStream* const self = wholeOf<CompressedStream>(cfile);
     endWrittenRun(cfile); // also where the stream's buffer was written back meanwhile
     KalDestroyReadLZW(cfile->decoder);
-    freeIfSet(cfile->decoder);
+    KalFreeSMem(cfile->decoder);
     KalDestroyWriteLZW(cfile->encoder);
-    freeIfSet(cfile->expansion);
-    freeIfSet(self->encoderStrings);
-    freeIfSet(self->decoderStrings);
+    KalFreeSMem(cfile->expansion);
+    KalFreeSMem(self->encoderStrings);
+    KalFreeSMem(self->decoderStrings);
     KalFreeSMem(self);
     return KAL_OK;
 }

@@ -3,36 +3,16 @@
 #ifndef KAL_COMPRESS_STREAM_BYTES_H
 #define KAL_COMPRESS_STREAM_BYTES_H
 
-#include <kal/stream.h>
-
-#include <algorithm>
-
-// Memory and VMem streams put the buffer's fields to other use, whatever `bufSize` says.
-inline bool isBuffered(const SFILE* stream) {
-    return stream->bufSize != 0 && (stream->mode & (KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP)) == 0;
-}
+#include "streams/bytes_ahead.h"
 
 // Whether `dirty` tells of every byte put: a buffer of one byte is passed by.
 inline bool keepsDirty(const SFILE* stream) {
-    return isBuffered(stream) && stream->bufSize > 1;
-}
-
-// The bytes that can be taken at `bufPtr` without a call. A window's buffer may reach past its end.
-inline uint32_t bytesAhead(const SFILE* stream) {
-    if (!isBuffered(stream) || stream->getChar == ConstGetDiskChar)
-        return 0;
-    const bool inBuffer = stream->bufStart <= stream->pos && stream->pos < stream->bufEnd;
-    return inBuffer ? stream->bufEnd - stream->pos : 0;
-}
-
-inline void advance(SFILE* stream, uint32_t count) {
-    stream->pos += count;
-    stream->bufPtr += count;
+    return usesBuffer(stream) && stream->bufSize > 1;
 }
 
 // Takes the stream's next byte. False when there is none; `status` of the stream then says why.
 inline bool takeByte(SFILE* stream, uint8_t* byte) {
-    if (bytesAhead(stream) > 0) {
+    if (bytesInBuffer(stream) > 0) {
         *byte = *stream->bufPtr;
         advance(stream, 1);
         return true;
@@ -48,7 +28,7 @@ inline bool takeByte(SFILE* stream, uint8_t* byte) {
 inline uint32_t bytesInOneWrite(const SFILE* stream, uint32_t count) {
     if (stream->write == nullptr || stream->status != KAL_OK)
         return 0;
-    if (!isBuffered(stream))
+    if (!usesBuffer(stream))
         return count;
     const uint32_t at = stream->pos - stream->bufStart;
     const uint32_t filled = stream->bufEnd - stream->bufStart;

@@ -4,17 +4,16 @@
 #include "paths/temp_names.h"
 #include "platform/file_calls.h"
 #include "platform/file_information.h"
+#include "streams/backends.h"
 
 #include <kal/heap.h>
+#include <kal/path.h>
 #include <kal/stream.h>
 
 #include <cstring>
 
 namespace {
 
-constexpr uint32_t kNameSize = 772;
-constexpr uint16_t kCreateTest = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
-constexpr uint16_t kNotDisk = KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP;
 constexpr uint16_t kYearOfDates = 80; // the packed form's first year, less 1900
 
 int16_t tryOpening(const char* path, uint16_t mode) {
@@ -42,7 +41,7 @@ int16_t tryMaking(const char* path) {
 }
 
 bool wouldEmpty(const char* path, uint16_t mode) {
-    return (mode & KAL_MODE_CREATE) != 0 && (mode & kNotDisk) == 0 && _access(path, 0) == 0;
+    return (mode & KAL_MODE_CREATE) != 0 && isDiskMode(mode) && _access(path, 0) == 0;
 }
 
 uint16_t bits(uint16_t word, int low, int count) {
@@ -61,15 +60,15 @@ void KalCloseFileStat(FILESTAT* stat) {
 
 int16_t KalFileStat(const char* path, FILESTAT* stat) {
     const size_t length = path != nullptr ? std::strlen(path) : 0;
-    if (length >= kNameSize)
+    if (length >= KAL_NAME_SIZE)
         return KAL_ERR_SERVICE;
-    auto* name = static_cast<char*>(KalAllocSMem(kNameSize));
+    auto* name = static_cast<char*>(KalAllocSMem(KAL_NAME_SIZE));
     if (name == nullptr)
         return KAL_ERR_MEMORY;
     if (length > 0)
         std::memcpy(name, path, length);
     bool made = false;
-    int16_t status = findUniqueName(name, kNameSize, reserveName, &made);
+    int16_t status = findUniqueName(name, KAL_NAME_SIZE, reserveName, &made);
     if (status == KAL_OK) {
         status = tryReserved(name, made);
         stat->writable = status == KAL_OK ? 1 : 0;
@@ -109,12 +108,12 @@ uint32_t KalGetFileSize(const char* path) {
 }
 
 int16_t KalAccessFile(const char* path, uint16_t mode) {
-    return mode == kCreateTest ? KalExplicitAccessFile(path, mode)
-                               : static_cast<int16_t>(_access(path, mode));
+    return mode == KAL_MODE_NEW_FILE ? KalExplicitAccessFile(path, mode)
+                                     : static_cast<int16_t>(_access(path, mode));
 }
 
 int16_t KalExplicitAccessFile(const char* path, uint16_t mode) {
-    if (mode == kCreateTest)
+    if (mode == KAL_MODE_NEW_FILE)
         return tryMaking(path);
     return tryOpening(path, wouldEmpty(path, mode) ? KAL_MODE_UPDATE : mode);
 }

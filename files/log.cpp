@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr uint16_t kNewFile = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
 constexpr char kEndOfMessage = '\r';
 
 SFILE* logStream;   // null while the file is closed
@@ -97,7 +96,7 @@ int16_t KalGenLogMessName() {
     if (logMessName != nullptr)
         return KAL_OK;
     SFILE* file;
-    int16_t status = KalOpenTempFile(&file, kNewFile, 0);
+    int16_t status = KalOpenTempFile(&file, KAL_MODE_NEW_FILE, 0);
     if (status != KAL_OK)
         return status;
     if (hasNameBlock()) {

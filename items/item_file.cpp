@@ -7,9 +7,6 @@
 
 namespace {
 
-// Mode of a temporary item file; the bit 0x0200 is only carried along.
-constexpr uint16_t kTempMode = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
-
 bool readWhole(SFILE* stream, void* destination, uint32_t count) {
     return stream->read(stream, destination, count) == static_cast<int32_t>(count);
 }
@@ -84,7 +81,7 @@ int16_t KalOpenIFile(IFILE** out, const char* name, uint16_t mode, uint16_t form
 int16_t KalOpenTempIFile(IFILE** out) {
     *out = nullptr;
     SFILE* stream;
-    const int16_t status = KalOpenTempFile(&stream, kTempMode, 0);
+    const int16_t status = KalOpenTempFile(&stream, KAL_MODE_NEW_FILE, 0);
     return status == KAL_OK ? makeOverOwnStream(out, stream, 0) : status;
 }
 

@@ -14,13 +14,13 @@
 
 #include <kal/heap.h>
 #include <kal/memory.h>
+#include <kal/path.h>
 
 #include <algorithm>
 #include <cerrno>
 
 namespace {
 
-constexpr uint32_t kNameSize = 772;
 constexpr uint32_t kIds = 0x10000;
 
 constexpr uint32_t kMostInStretch = 256;
@@ -177,13 +177,13 @@ int16_t makeFile(SwapFile* file) {
     char* name = file->shown.nameBuf;
     if (taskText(kSlotTempDirectory) == nullptr) {
         constexpr char kTemplate[] = "ZEP.TMP";
-        const uint32_t length = GetTempPathA(kNameSize - sizeof kTemplate, name);
-        if (length == 0 || length >= kNameSize - sizeof kTemplate)
+        const uint32_t length = GetTempPathA(KAL_NAME_SIZE - sizeof kTemplate, name);
+        if (length == 0 || length >= KAL_NAME_SIZE - sizeof kTemplate)
             return KAL_ERR_SERVICE;
         std::memcpy(name + length, kTemplate, sizeof kTemplate);
     }
     HFILE handle = HFILE_ERROR;
-    const int16_t status = findUniqueName(name, kNameSize, makeTemporary, &handle);
+    const int16_t status = findUniqueName(name, KAL_NAME_SIZE, makeTemporary, &handle);
     file->shown.handle = static_cast<uint32_t>(handle);
     if (status != KAL_OK)
         return status;
@@ -193,7 +193,7 @@ int16_t makeFile(SwapFile* file) {
 int16_t furnish(SwapFile* file) {
     file->shown.handle = static_cast<uint32_t>(HFILE_ERROR);
     file->shown.items = KalSCreateList();
-    file->shown.nameBuf = static_cast<char*>(KalAllocSMem(kNameSize));
+    file->shown.nameBuf = static_cast<char*>(KalAllocSMem(KAL_NAME_SIZE));
     file->byId = static_cast<Extent**>(KalAllocSMem(kIds * sizeof(Extent*)));
     if (file->shown.items == nullptr || file->shown.nameBuf == nullptr || file->byId == nullptr)
         return KAL_ERR_MEMORY;

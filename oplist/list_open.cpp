@@ -9,7 +9,6 @@
 namespace {
 
 constexpr uint32_t kStreamBuffer = 4096;
-constexpr uint16_t kTempMode = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
 
 int16_t makeRecord(OpList** out) {
     *out = makeListRecord();
@@ -86,7 +85,7 @@ int16_t KalTempOpList(OpList** out, uint16_t flags) {
     }
     list->flags = flags;
     SFILE* stream = nullptr;
-    const int16_t status = KalOpenTempFile(&stream, kTempMode, flags & KAL_OPL_KEEP);
+    const int16_t status = KalOpenTempFile(&stream, KAL_MODE_NEW_FILE, flags & KAL_OPL_KEEP);
     takeStream(list, status, stream);
     return status;
 }

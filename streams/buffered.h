@@ -14,9 +14,8 @@
 #ifndef KAL_STREAMS_BUFFERED_H
 #define KAL_STREAMS_BUFFERED_H
 
-#include <kal/stream.h>
+#include "streams/bytes_ahead.h"
 
-#include <algorithm>
 #include <cstring>
 
 template <class Source>
@@ -28,7 +27,7 @@ public:
             return readStraight(s, out, count, 0);
 
         uint32_t left = count;
-        if (const uint32_t taken = std::min(left, bytesAhead(s)); taken > 0) {
+        if (const uint32_t taken = std::min(left, bytesInBuffer(s)); taken > 0) {
             takeFromBuffer(s, out, taken);
             out += taken;
             left -= taken;
@@ -143,14 +142,6 @@ private:
         s->status = status;
         return 0;
     }
-
-    // Whether there is a buffer and it holds the byte at `pos`. The end of one that nothing was read into yet
-    // may lie before its start.
-    static bool isInBuffer(const SFILE* s, uint32_t pos) {
-        return pos - s->bufStart < s->bufSize && pos < s->bufEnd;
-    }
-
-    static uint32_t bytesAhead(const SFILE* s) { return isInBuffer(s, s->pos) ? s->bufEnd - s->pos : 0; }
 
     static void takeFromBuffer(SFILE* s, uint8_t* out, uint32_t count) {
         const uint8_t* from = s->buf + (s->pos - s->bufStart);

@@ -6,7 +6,6 @@
 #include "streams/buffered.h"
 
 #include <kal/heap.h>
-#include <kal/storage.h>
 
 namespace {
 
@@ -44,11 +43,6 @@ bool giveBuffer(SFILE* stream, uint32_t size) {
     return stream->buf != nullptr || size == 0;
 }
 
-void freeIfSet(void* block) {
-    if (block != nullptr)
-        KalFreeSMem(block);
-}
-
 } // namespace
 
 void setUpDiskStream(SFILE* record, int32_t handle, uint32_t position) {
@@ -74,7 +68,7 @@ int16_t KalSetBuf(SFILE* stream, uint32_t size) {
     if ((stream->mode & (KAL_MODE_FILEMAP | KAL_MODE_VMEM)) != 0)
         return KAL_OK;
     const uint32_t oldSize = stream->bufSize;
-    freeIfSet(stream->buf);
+    KalFreeSMem(stream->buf);
     if (giveBuffer(stream, size))
         return stream->status = KAL_OK;
     giveBuffer(stream, oldSize);
@@ -84,8 +78,8 @@ int16_t KalSetBuf(SFILE* stream, uint32_t size) {
 int16_t KalFlushBuf(SFILE* stream) {
     if (stream == nullptr)
         return KAL_ERR_NULL_STREAM;
-    SFOLE2* storageStream = storageStreamOf(stream);
-    return storageStream != nullptr ? storageStream->KalFlushBuf() : Disk::flush(stream);
+    const Backend* backend = backendOf(stream);
+    return backend != nullptr && backend->flush != nullptr ? backend->flush(stream) : Disk::flush(stream);
 }
 
 int16_t KalSetOffset(SFILE* stream, uint32_t offset) {
@@ -118,9 +112,9 @@ int16_t KalSeekDiskPos(SFILE* stream, int32_t offset, uint32_t origin) {
 int16_t KalCloseDiskFile(SFILE* stream) {
     if (stream->dirty == 1 && stream->tempName == nullptr && Disk::flush(stream) != KAL_OK)
         return stream->status;
-    freeIfSet(stream->buf);
+    KalFreeSMem(stream->buf);
     const bool closed = _lclose(DiskSource::handle(stream)) == 0;
-    freeIfSet(stream->name);
+    KalFreeSMem(stream->name);
     if (stream->tempName != nullptr) {
         _unlink(stream->tempName);
         KalFreeSMem(stream->tempName);

@@ -4,6 +4,7 @@
 #include "paths/temp_names.h"
 #include "platform/file_calls.h"
 #include "platform/file_information.h"
+#include "streams/backends.h"
 
 #include <kal/heap.h>
 #include <kal/memory.h>
@@ -13,11 +14,9 @@
 
 namespace {
 
-constexpr uint32_t kTempNameSize = 772;
 constexpr uint32_t kCopyBlock = 32768;
 constexpr uint32_t kLeastCatBlock = 512;
 constexpr uint8_t kEndOfText = 0x1A;
-constexpr uint16_t kBackends = KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP;
 
 bool sameFile(const SFILE* left, const SFILE* right) {
     BY_HANDLE_FILE_INFORMATION one, other;
@@ -61,14 +60,14 @@ int16_t copyBlocks(SFILE* to, SFILE* from) {
 
 int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep) {
     *out = nullptr;
-    auto* name = static_cast<char*>(KalAllocSMem(kTempNameSize));
+    auto* name = static_cast<char*>(KalAllocSMem(KAL_NAME_SIZE));
     if (name == nullptr)
         return KAL_ERR_MEMORY;
     bool reserved = false;
-    const bool onDisk = (mode & kBackends) == 0;
+    const bool onDisk = isDiskMode(mode);
     const bool reserves = onDisk && (mode & KAL_MODE_CREATE) != 0;
-    int16_t status = reserves ? findUniqueName(name, kTempNameSize, reserveName, &reserved)
-                              : KalGetUnique(name, kTempNameSize);
+    int16_t status = reserves ? findUniqueName(name, KAL_NAME_SIZE, reserveName, &reserved)
+                              : KalGetUnique(name, KAL_NAME_SIZE);
     if (status == KAL_OK && reserves && !reserved) // any file of that name is somebody else's
         status = openStatus();
     if (status == KAL_OK)
@@ -128,7 +127,7 @@ int16_t KalCopyFile(const char* destination, const char* source) {
     if (isSameFile(destination, from))
         status = KAL_ERR_SERVICE;
     else
-        status = KalOpenFile(&to, destination, KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200, 0);
+        status = KalOpenFile(&to, destination, KAL_MODE_NEW_FILE, 0);
     if (status == KAL_OK) {
         status = copyBlocks(to, from);
         to->close(to);

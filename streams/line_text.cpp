@@ -1,5 +1,5 @@
 // Reading lines and writing texts, on any stream.
-#include <kal/stream.h>
+#include "streams/bytes_ahead.h"
 
 #include <algorithm>
 #include <bit>
@@ -40,29 +40,30 @@ uint32_t copyLine(uint8_t* to, const uint8_t* from, uint32_t count) {
     return done;
 }
 
-// The bytes that may be taken straight from the buffer. In a window what lies past its end is not the
-// stream's.
-uint32_t bytesAhead(const SFILE* stream) {
-    uint32_t end = stream->bufEnd;
-    if (stream->getChar == ConstGetDiskChar)
-        end = std::min(end, static_cast<uint32_t>(stream->backData));
-    const bool inBuffer = stream->bufSize != 0 && stream->bufStart <= stream->pos && stream->pos < end;
-    return inBuffer ? end - stream->pos : 0;
-}
-
-void advance(SFILE* stream, uint32_t count) {
-    stream->pos += count;
-    stream->bufPtr += count;
-}
-
 // What a line feed after a carriage return is: part of the same line end.
 void skipLineFeed(SFILE* stream) {
-    if (bytesAhead(stream) > 0) {
-        if (*stream->bufPtr == kLineFeed)
-            advance(stream, 1);
-    } else if (stream->getChar(stream) != kLineFeed && stream->status == KAL_OK) {
-        KalUnGetChar(stream);
+    {
+        BytesAhead ahead(stream);
+        if (ahead.count() > 0) {
+            if (*ahead.bytes() == kLineFeed)
+                ahead.take(1);
+            return;
+        }
     }
+    if (stream->getChar(stream) != kLineFeed && stream->status == KAL_OK)
+        KalUnGetChar(stream);
+}
+
+// Takes up to `room` bytes of a line from those ahead, and the byte that ends it. Under a status that stands from
+// before, and that taking a byte does not clear, the first that ends no line is the last one. The bytes of the line;
+// `ended` is the byte that ended it, or 0.
+uint32_t takeLine(SFILE* stream, uint8_t* out, uint32_t room, uint8_t* ended) {
+    BytesAhead ahead(stream);
+    const uint32_t run = std::min({ahead.count(), room, stream->status == KAL_OK ? room : 1});
+    const uint32_t copied = copyLine(out, ahead.bytes(), run);
+    *ended = copied < run ? ahead.bytes()[copied] : uint8_t(0);
+    ahead.take(copied < run ? copied + 1 : copied);
+    return copied;
 }
 
 } // namespace
@@ -76,35 +77,24 @@ int16_t KalGetStr(SFILE* stream, char* destination, uint32_t size) {
         return KAL_OK;
     auto* out = reinterpret_cast<uint8_t*>(destination);
     for (uint8_t* const last = out + (size - 1); out < last;) {
-        const uint32_t ahead = bytesAhead(stream);
-        uint8_t byte;
-        if (ahead > 0) {
-            // Under a status that stands from before, the first character that ends no line is the last one.
-            const auto room = static_cast<uint32_t>(last - out);
-            const uint32_t run = stream->status == KAL_OK ? std::min(ahead, room) : 1;
-            const uint32_t copied = copyLine(out, stream->bufPtr, run);
-            advance(stream, copied);
-            out += copied;
-            if (copied == run) {
-                if (stream->status != KAL_OK)
-                    return stream->status;
-                continue;
-            }
-            byte = *stream->bufPtr;
-            advance(stream, 1);
-        } else {
-            byte = static_cast<uint8_t>(stream->getChar(stream));
-            if (!endsLine(byte)) {
+        uint8_t ended;
+        const uint32_t taken = takeLine(stream, out, static_cast<uint32_t>(last - out), &ended);
+        out += taken;
+        if (taken == 0 && ended == 0) { // nothing is ahead
+            const auto byte = static_cast<uint8_t>(stream->getChar(stream));
+            if (endsLine(byte))
+                ended = byte;
+            else
                 *out++ = byte;
-                if (stream->status != KAL_OK)
-                    return stream->status;
-                continue;
-            }
         }
-        *out = 0;
-        if (byte == kReturn)
-            skipLineFeed(stream);
-        return KAL_OK;
+        if (ended != 0) {
+            *out = 0;
+            if (ended == kReturn)
+                skipLineFeed(stream);
+            return KAL_OK;
+        }
+        if (stream->status != KAL_OK)
+            return stream->status;
     }
     *out = 0;
     return KAL_OK;

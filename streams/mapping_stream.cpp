@@ -3,6 +3,7 @@
 
 #include "platform/file_mapping.h"
 #include "streams/backends.h"
+#include "streams/bytes_ahead.h"
 
 #include <algorithm>
 #include <cstring>
@@ -38,11 +39,6 @@ uint32_t endOfMap(const SFILE* s) {
 // The bytes from the current one to `end`, which a damaged stored length puts in front of it.
 uint32_t bytesTo(const SFILE* s, uint32_t end) {
     return end > s->pos ? end - s->pos : 0;
-}
-
-void advance(SFILE* s, uint32_t count) {
-    s->pos += count;
-    s->bufPtr += count;
 }
 
 void raiseDataEnd(SFILE* s) {
@@ -109,7 +105,9 @@ SFM::~SFM() {
         CloseHandle(hMapping);
 }
 
-int16_t setUpMappingStream(SFILE* record, const char* name, int32_t size) {
+namespace {
+
+int16_t setUp(SFILE* record, const char* name, int32_t size) {
     auto* map = new SFM(record, name, size != 0 ? size : kDefaultSize);
     const int16_t status = map != nullptr ? map->openStatus : int16_t(KAL_ERR_SERVICE);
     record->backData = reinterpret_cast<uintptr_t>(map);
@@ -120,6 +118,29 @@ int16_t setUpMappingStream(SFILE* record, const char* name, int32_t size) {
     }
     return status;
 }
+
+void look(SFILE* s, PlacedBytes* placed) {
+    if (mapOf(s)->writeOnly == 0)
+        *placed = {s->bufPtr, bytesTo(s, s->bufEnd)};
+}
+
+void take(SFILE* s, uint32_t count) {
+    advance(s, count);
+    s->status = KAL_OK;
+}
+
+} // namespace
+
+extern const Backend mappingBackend;
+constexpr Backend mappingBackend = {
+    .modeBit = KAL_MODE_FILEMAP,
+    .setUp = setUp,
+    .close = KalFMClose,
+    .flush = nullptr,
+    .look = look,
+    .take = take,
+    .letGo = nullptr,
+};
 
 int32_t KalFMRead(SFILE* stream, void* destination, uint32_t count) {
     const uint32_t left = bytesTo(stream, stream->bufEnd);

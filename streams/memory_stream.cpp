@@ -50,9 +50,7 @@ constexpr StreamOperations operations = {
     KalReadMemFile, KalGetMemChar, KalWriteMemFile, KalPutMemChar, KalSeekMemPos, KalCloseMemFile,
 };
 
-} // namespace
-
-int16_t setUpMemoryStream(SFILE* record, const char*, int32_t) {
+int16_t setUp(SFILE* record, const char*, int32_t) {
     installOperations(record, operations);
     setBlock(record, GlobalAlloc(GMEM_MOVEABLE | GMEM_ZEROINIT, kStep));
     if (record->handle != 0)
@@ -61,12 +59,47 @@ int16_t setUpMemoryStream(SFILE* record, const char*, int32_t) {
     return KAL_ERR_GLOBAL;
 }
 
+// Where the bytes that can be read end.
+uint32_t endOfBytes(const SFILE* stream) {
+    return std::min(uint32_t(stream->osPos), GlobalSize(blockOf(stream)));
+}
+
+void look(SFILE* stream, PlacedBytes* placed) {
+    const uint32_t end = endOfBytes(stream);
+    const auto* bytes =
+        stream->pos < end ? static_cast<const uint8_t*>(GlobalLock(blockOf(stream))) : nullptr;
+    if (bytes != nullptr)
+        *placed = {bytes + stream->pos, end - stream->pos, blockOf(stream)};
+}
+
+void take(SFILE* stream, uint32_t count) {
+    stream->pos += count;
+    stream->status = KAL_OK;
+}
+
+void letGo(PlacedBytes* placed) {
+    GlobalUnlock(placed->block);
+}
+
+} // namespace
+
+extern const Backend memoryBackend;
+constexpr Backend memoryBackend = {
+    .modeBit = KAL_MODE_MEMORY,
+    .setUp = setUp,
+    .close = KalCloseMemFile,
+    .flush = nullptr,
+    .look = look,
+    .take = take,
+    .letGo = letGo,
+};
+
 int32_t KalReadMemFile(SFILE* stream, void* destination, uint32_t count) {
     const auto* bytes = static_cast<const uint8_t*>(GlobalLock(blockOf(stream)));
     if (bytes == nullptr)
         return fail(stream);
     const uint32_t pos = stream->pos;
-    const uint32_t end = std::min(uint32_t(stream->osPos), GlobalSize(blockOf(stream)));
+    const uint32_t end = endOfBytes(stream);
     const bool isShort = uint64_t(pos) + count > end;
     if (isShort)
         count = pos < end ? end - pos : 0;

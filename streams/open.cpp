@@ -7,17 +7,20 @@
 
 #include <kal/heap.h>
 
+// Each in its own source.
+extern const Backend memoryBackend, vmemBackend, mappingBackend, storageBackend;
+
 namespace {
 
 // In the order in which their bits are looked at; a mode with none of them is a disk stream.
-constexpr struct {
-    uint16_t modeBit;
-    SetUpBackend setUp;
-} backends[] = {
-    {KAL_MODE_MEMORY, setUpMemoryStream},
-    {KAL_MODE_VMEM, setUpVMemStream},
-    {KAL_MODE_FILEMAP, setUpMappingStream},
-};
+constexpr const Backend* backends[] = {&memoryBackend, &vmemBackend, &mappingBackend, &storageBackend};
+
+const Backend* backendFor(uint16_t mode) {
+    for (const Backend* backend : backends)
+        if ((mode & backend->modeBit) != 0)
+            return backend;
+    return nullptr;
+}
 
 constexpr uint16_t kWriteAccess = KAL_MODE_WRITE | KAL_MODE_UPDATE;
 
@@ -63,8 +66,7 @@ int16_t openDiskStream(SFILE* record, const char* name) {
     if (position == KAL_NO_POSITION || record->name == nullptr) {
         const int16_t status = record->name == nullptr ? KAL_ERR_MEMORY : KAL_ERR_SEEK;
         _lclose(file);
-        if (record->name != nullptr)
-            KalFreeSMem(record->name);
+        KalFreeSMem(record->name);
         KalFreeSMem(record);
         return status;
     }
@@ -74,21 +76,30 @@ int16_t openDiskStream(SFILE* record, const char* name) {
 
 } // namespace
 
+const Backend* backendOf(const SFILE* stream) {
+    for (const Backend* backend : backends)
+        if (stream->close == backend->close)
+            return backend;
+    return nullptr;
+}
+
+bool isDiskMode(uint16_t mode) {
+    return backendFor(mode) == nullptr;
+}
+
+bool isDiskStream(const SFILE* stream) {
+    return stream != nullptr && isDiskMode(stream->mode) && stream->write == KalWriteDiskFile;
+}
+
 int16_t KalOpenFile(SFILE** out, const char* name, uint16_t mode, int32_t size) {
     *out = nullptr;
     auto* record = static_cast<SFILE*>(KalAllocSMem(sizeof(SFILE)));
     if (record == nullptr)
         return KAL_ERR_MEMORY;
     record->mode = mode;
-    for (const auto& backend : backends) {
-        if ((mode & backend.modeBit) == 0)
-            continue;
-        const int16_t status = backend.setUp(record, name, size);
-        if (status == KAL_OK)
-            *out = record;
-        return status;
-    }
-    const int16_t status = openDiskStream(record, name);
+    const Backend* backend = backendFor(mode);
+    const int16_t status =
+        backend != nullptr ? backend->setUp(record, name, size) : openDiskStream(record, name);
     if (status == KAL_OK)
         *out = record;
     return status;

@@ -116,11 +116,6 @@ IStream* streamIn(const OpenedStorage& opened, const char* name, uint16_t mode) 
     return stream;
 }
 
-void freeIfSet(void* block) {
-    if (block != nullptr)
-        KalFreeSMem(block);
-}
-
 } // namespace
 
 SFOLE2::SFOLE2(SFILE** out, IStorage* openStorage, IStream* openStream, uint16_t mode)
@@ -164,9 +159,16 @@ int16_t SFOLE2::KalFlushBuf() {
     return Buffered::flush(owner);
 }
 
-SFOLE2* storageStreamOf(const SFILE* stream) {
-    return stream->close == KalFOLE2Close ? objectOf(stream) : nullptr;
-}
+extern const Backend storageBackend;
+constexpr Backend storageBackend = {
+    .modeBit = 0, // opened by KalOpenFileAsIStream
+    .setUp = nullptr,
+    .close = KalFOLE2Close,
+    .flush = [](SFILE* stream) { return objectOf(stream)->KalFlushBuf(); },
+    .look = nullptr,
+    .take = nullptr,
+    .letGo = nullptr,
+};
 
 int16_t KalOpenFileAsIStream(SFILE** out, const char* fileName, const char* streamName, uint16_t mode) {
     *out = nullptr;
@@ -181,7 +183,7 @@ int16_t KalOpenFileAsIStream(SFILE** out, const char* fileName, const char* stre
         return (*out)->status;
     }
     delete object;
-    freeIfSet(opened.name);
+    KalFreeSMem(opened.name);
     if (stream != nullptr)
         stream->Release();
     opened.storage->Release();
@@ -212,13 +214,13 @@ int16_t KalFOLE2Close(SFILE* stream) {
     SFOLE2* object = objectOf(stream);
     if (stream->dirty == 1 && stream->tempName == nullptr && object->KalFlushBuf() != KAL_OK)
         return stream->status;
-    freeIfSet(stream->buf);
+    KalFreeSMem(stream->buf);
     // What is still to be written is written now, since releasing does not tell whether it could be.
     const bool isWritten = object->storage->Commit(0) == S_OK;
     object->stream->Release();
     object->storage->Release();
     delete object;
-    freeIfSet(stream->name);
+    KalFreeSMem(stream->name);
     KalFreeSMem(stream);
     return isWritten ? KAL_OK : KAL_ERR_CLOSE;
 }

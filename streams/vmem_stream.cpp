@@ -93,9 +93,7 @@ constexpr StreamOperations operations = {
     KalReadVMemFile, KalGetVMemChar, KalWriteVMemFile, KalPutVMemChar, KalSeekVMemPos, KalCloseVMemFile,
 };
 
-} // namespace
-
-int16_t setUpVMemStream(SFILE* record, const char*, int32_t) {
+int16_t setUp(SFILE* record, const char*, int32_t) {
     installOperations(record, operations);
     record->backData = reinterpret_cast<uintptr_t>(KalAllocSMem(sizeof(Entry)));
     if (record->backData == 0) {
@@ -109,6 +107,41 @@ int16_t setUpVMemStream(SFILE* record, const char*, int32_t) {
     return KAL_OK;
 }
 
+// The handle of a block that may be missing, null then.
+void* blockAt(const SFILE* stream, uint32_t block) {
+    return block < blocksOf(stream) ? handleOf(tableOf(stream)[block]) : nullptr;
+}
+
+void look(SFILE* stream, PlacedBytes* placed) {
+    const uint32_t pos = stream->pos;
+    void* handle = pos < stream->bufEnd ? blockAt(stream, pos >> kBlockBits) : nullptr;
+    const auto* bytes = handle != nullptr ? static_cast<const uint8_t*>(KalLockVMem(handle)) : nullptr;
+    if (bytes != nullptr)
+        *placed = {bytes + pos % kBlock, std::min(stream->bufEnd - pos, kBlock - pos % kBlock), handle};
+}
+
+void take(SFILE* stream, uint32_t count) {
+    stream->pos += count;
+    stream->status = KAL_OK;
+}
+
+void letGo(PlacedBytes* placed) {
+    KalUnLockVMem(placed->block);
+}
+
+} // namespace
+
+extern const Backend vmemBackend;
+constexpr Backend vmemBackend = {
+    .modeBit = KAL_MODE_VMEM,
+    .setUp = setUp,
+    .close = KalCloseVMemFile,
+    .flush = nullptr,
+    .look = look,
+    .take = take,
+    .letGo = letGo,
+};
+
 int32_t KalReadVMemFile(SFILE* stream, void* destination, uint32_t count) {
     const uint32_t length = stream->bufEnd;
     const uint32_t ahead = stream->pos < length ? length - stream->pos : 0;
@@ -116,9 +149,9 @@ int32_t KalReadVMemFile(SFILE* stream, void* destination, uint32_t count) {
     const uint32_t moved =
         moveInPieces(stream, std::min(count, ahead),
                      [=](uint32_t block, uint32_t offset, uint32_t done, uint32_t size) -> int16_t {
-                         if (block >= blocksOf(stream) || tableOf(stream)[block] == 0)
+                         void* handle = blockAt(stream, block);
+                         if (handle == nullptr)
                              return KAL_ERR_SHORT_READ;
-                         void* handle = handleOf(tableOf(stream)[block]);
                          const auto* bytes = static_cast<const uint8_t*>(KalLockVMem(handle));
                          if (bytes == nullptr)
                              return KAL_ERR_VMEM;

@@ -1,5 +1,5 @@
 // The constrained window: a stretch of a disk file as a file of its own.
-#include <kal/stream.h>
+#include "streams/backends.h"
 
 namespace {
 
@@ -8,11 +8,6 @@ constexpr uint32_t kFileStart = 3;
 
 uint32_t windowEnd(const SFILE* stream) {
     return static_cast<uint32_t>(stream->backData);
-}
-
-bool isDisk(const SFILE* stream) {
-    constexpr uint16_t others = KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP;
-    return stream != nullptr && (stream->mode & others) == 0 && stream->write == KalWriteDiskFile;
 }
 
 void installReading(SFILE* stream, decltype(SFILE::read) read, decltype(SFILE::getChar) getChar,
@@ -30,7 +25,7 @@ void removeWindow(SFILE* stream) {
 } // namespace
 
 int16_t KalConstrainFile(SFILE* stream, int32_t start, int32_t end) {
-    if (!isDisk(stream))
+    if (!isDiskStream(stream))
         return 1;
     const auto first = static_cast<uint32_t>(start);
     KalSetOffset(stream, first);
@@ -49,7 +44,7 @@ int16_t KalConstrainFile(SFILE* stream, int32_t start, int32_t end) {
 }
 
 void KalUnconstrainFile(SFILE* stream) {
-    if (!isDisk(stream))
+    if (!isDiskStream(stream))
         return;
     KalSetOffset(stream, 0);
     removeWindow(stream);

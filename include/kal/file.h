@@ -41,7 +41,7 @@ KAL_API void KalCloseFileStat(FILESTAT* stat);
 
 // Tells in `stat->writable` whether a file can be made in the directory of `path`, by making one under a free
 // name and deleting it; existing files are not touched. 0. KAL_ERR_MEMORY, or
-// KAL_ERR_SERVICE when no name could be made or the path has 772 characters or more: `stat` is untouched
+// KAL_ERR_SERVICE when no name could be made or the path has KAL_NAME_SIZE characters or more: `stat` is untouched
 // then. Any other status is that of making the file, and `writable` is 0.
 KAL_API int16_t KalFileStat(const char* path, FILESTAT* stat);
 
@@ -57,12 +57,12 @@ KAL_API int16_t KalGetFileDateTimeSize(const char* path, FILEINFO* info);
 KAL_API uint32_t KalGetFileSize(const char* path);
 
 // Tests access. A `mode` of 0 asks whether the file is there, 2 whether it may be written, 4 read, 6 both: 0
-// or -1. KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200 is answered by KalExplicitAccessFile.
+// or -1. KAL_MODE_NEW_FILE is answered by KalExplicitAccessFile.
 KAL_API int16_t KalAccessFile(const char* path, uint16_t mode);
 
 // Opens the file with an open mode of KalOpenFile and closes it at once. The status of the open. Where the
 // mode would empty a file that is there, the file is opened for update instead; a file that the mode
-// KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200 makes is deleted again.
+// KAL_MODE_NEW_FILE makes is deleted again.
 KAL_API int16_t KalExplicitAccessFile(const char* path, uint16_t mode);
 
 // --- Numbered files ----------------------------------------------------------------------------------------

@@ -6,10 +6,10 @@
 #ifndef KAL_LOG_H
 #define KAL_LOG_H
 
-#include <kal/base.h>
+#include <kal/path.h>
 
 // Room for the log file's name, terminating zero included.
-inline constexpr uint32_t KAL_LOG_NAME_SIZE = 772;
+inline constexpr uint32_t KAL_LOG_NAME_SIZE = KAL_NAME_SIZE;
 
 // Appends a message. 0, also when there is no room for it: what waits in the buffer is then tried again with
 // the next message. Else the status of making the name (KalGenLogMessName) or of opening the file; the next

@@ -20,9 +20,10 @@
 #include <kal/stream.h>
 
 // List flags.
-inline constexpr uint16_t KAL_OPL_KEEP = 0x0001;       // keep a temporary list's file after close
-inline constexpr uint16_t KAL_OPL_DIB = 0x1000;        // bitmap rows; only with KAL_OPL_VMEM
-inline constexpr uint16_t KAL_OPL_VMEM = 0x4000;       // in VMem blocks instead of a stream
+inline constexpr uint16_t KAL_OPL_KEEP = 0x0001; // keep a temporary list's file after close
+inline constexpr uint16_t KAL_OPL_DIB = 0x1000;  // bitmap rows; only with KAL_OPL_VMEM
+inline constexpr uint16_t KAL_OPL_VMEM = 0x4000; // in VMem blocks instead of a stream
+inline constexpr uint16_t KAL_OPL_VMEM_DIB = KAL_OPL_VMEM | KAL_OPL_DIB;
 inline constexpr uint16_t KAL_OPL_COMPRESSED = 0x8000; // KalOpenOpList: through a compressed stream
 
 // Format flag of an operation-list file: its items are compressed.
@@ -206,7 +207,7 @@ KAL_API void KalShrinkOpList(OpList* list);
 KAL_API int16_t KalCloneOpList(OpList* source, OpList** out);
 
 // --- Bitmap lists --------------------------------------------------------------------------------------
-// A VMem list (KalTempOpList with 0x5000, then KalSetupOpList) that holds the scan lines of one bitmap, stored
+// A VMem list (KalTempOpList with KAL_OPL_VMEM_DIB, then KalSetupOpList) that holds the scan lines of one bitmap, stored
 // raw in rows that are multiples of 4 bytes. DIB ops put to it (KalPutOp) go to consecutive lines from its
 // position on, and KalGetOp gives them back in bands. Lines are numbered from `top`; a line of a block in which
 // nothing was ever put reads as zeros. The description and line buffer belong to the list, the attachment to the

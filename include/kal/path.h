@@ -16,6 +16,10 @@ inline constexpr uint32_t KAL_DIR_SIZE = 260;  // directory
 inline constexpr uint32_t KAL_FILE_SIZE = 256; // file part
 inline constexpr uint32_t KAL_EXT_SIZE = 256;  // extension
 
+// Room for the names that the library makes or keeps itself, of temporary files and of the log, terminating zero
+// included.
+inline constexpr uint32_t KAL_NAME_SIZE = 772;
+
 // The directory part with its separator ("C:\A\" of C:\A\B.C; ".." and "." stay). Characters stored.
 KAL_API int32_t KalGetDir(const char* path, char* destination, uint32_t size);
 

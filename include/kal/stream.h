@@ -28,6 +28,10 @@ inline constexpr uint16_t KAL_MODE_VMEM = 0x1000;    // in VMem blocks; the name
 inline constexpr uint16_t KAL_MODE_MEMORY = 0x2000;  // in one growing memory block; the name is not used
 inline constexpr uint16_t KAL_MODE_FILEMAP = 0x4000; // in a named mapping that processes share
 
+// What new files are made with: emptied if need be, with buffers filled from the file first. The bit 0x0200 is only
+// carried along.
+inline constexpr uint16_t KAL_MODE_NEW_FILE = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
+
 // Seek origins.
 inline constexpr uint32_t KAL_SEEK_START = 0;   // from the start
 inline constexpr uint32_t KAL_SEEK_CURRENT = 1; // from the current position
@@ -95,7 +99,7 @@ static_assert(KAL_AT(SFILE, handle, 0, 0) && KAL_AT(SFILE, mode, 4, 4) && KAL_AT
 // KAL_ERR_MEMORY, KAL_ERR_OPEN - errno, or the back-end's own status.
 KAL_API int16_t KalOpenFile(SFILE** out, const char* name, uint16_t mode, int32_t size);
 
-// Opens a file under a free name in the temporary directory (see KalTempPath); callers pass the mode 0x0302.
+// Opens a file under a free name in the temporary directory (see KalTempPath); callers pass KAL_MODE_NEW_FILE.
 // The name is reserved by an exclusive create, so no two callers get the same. With `keep` 0 closing deletes
 // the file. Statuses as KalOpenFile; KAL_ERR_SERVICE when no name is free.
 KAL_API int16_t KalOpenTempFile(SFILE** out, uint16_t mode, uint16_t keep);

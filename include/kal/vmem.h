@@ -38,7 +38,7 @@ struct vitem {
 // A swap file.
 struct vfile {
     uint32_t handle; // of the operating system; reads and writes seek from the file's start
-    char* nameBuf;   // 772 bytes: the name under which the file was made, which leads nowhere
+    char* nameBuf;   // KAL_NAME_SIZE bytes: the name under which the file was made, which leads nowhere
     slisthd* items;  // its extents in the order of their offsets, one vitem a node
 };
 

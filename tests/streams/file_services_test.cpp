@@ -20,7 +20,7 @@ protected:
     ~FileServices() override { KalTempPath(nullptr); }
 };
 
-constexpr uint16_t kTemp = KAL_MODE_CREATE | KAL_MODE_UPDATE | 0x0200;
+constexpr uint16_t kTemp = KAL_MODE_NEW_FILE;
 
 } // namespace
 
