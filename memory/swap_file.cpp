@@ -86,7 +86,8 @@ void enter(SwapFile* file, Stretch* stretch, Extent* extent) {
 }
 
 void noteFree(Extent* extent) {
-    extent->stretch->mostFree = std::max<uint32_t>(extent->stretch->mostFree, extent->shown.size);
+    const uint32_t size = extent->shown.size;
+    extent->stretch->mostFree = std::max(extent->stretch->mostFree, size);
 }
 
 void lookEverywhere(SwapFile* file) {
@@ -105,9 +106,10 @@ Extent* firstFit(SwapFile* file, uint32_t size) {
         for (uint32_t i = 0; i < stretch->count; i++, extent = extentAt(headerOf(extent)->next)) {
             if (extent->shown.id != 0)
                 continue;
-            if (extent->shown.size >= size)
+            const uint32_t free = extent->shown.size;
+            if (free >= size)
                 return extent;
-            mostFree = std::max<uint32_t>(mostFree, extent->shown.size);
+            mostFree = std::max(mostFree, free);
         }
         stretch->mostFree = mostFree;
     }
