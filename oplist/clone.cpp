@@ -22,7 +22,8 @@ int16_t copyBlock(OpList* clone, OpList* source, opblock* from) {
     const LockedBlock fresh(clone, to);
     if (copied.bytes() == nullptr || fresh.bytes() == nullptr)
         return KAL_ERR_VMEM;
-    const uint32_t used = std::min<uint32_t>(wholeOf<Block>(from)->used, from->capacity);
+    const uint32_t capacity = from->capacity;
+    const uint32_t used = std::min(wholeOf<Block>(from)->used, capacity);
     std::memcpy(fresh.bytes(), copied.bytes(), used);
     markUsedVMem(to->vmem, used);
     return KAL_OK;
