@@ -48,6 +48,8 @@ kal::Status add(kal::OperationListFile& album, uint16_t id, const kal::Bitmap& p
 int main() {
     const auto manager = kal::VMem::open().value(); // pictures lie in movable memory
     auto album = kal::OperationListFile::create("album.kal").value();
+    if (!album.reserve(1000).ok())
+        return 1;
     for (uint16_t id = 0; id < 6; id += 2) {
         const auto picture = paint(640, 480, uint8_t(id * 40));
         if (!picture || !add(album, id, *picture).ok())

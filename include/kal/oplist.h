@@ -23,7 +23,7 @@
 inline constexpr uint16_t KAL_OPL_KEEP = 0x0001; // keep a temporary list's file after close
 inline constexpr uint16_t KAL_OPL_DIB = 0x1000;  // bitmap rows; only with KAL_OPL_VMEM
 inline constexpr uint16_t KAL_OPL_VMEM = 0x4000; // in VMem blocks instead of a stream
-inline constexpr uint16_t KAL_OPL_VMEM_DIB = KAL_OPL_VMEM | KAL_OPL_DIB;
+inline constexpr uint16_t KAL_OPL_VMEM_DIB = KAL_OPL_VMEM | KAL_OPL_DIB; // a bitmap list
 inline constexpr uint16_t KAL_OPL_COMPRESSED = 0x8000; // KalOpenOpList: through a compressed stream
 
 // Format flag of an operation-list file: its items are compressed.

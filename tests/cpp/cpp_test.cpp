@@ -357,7 +357,7 @@ TEST_F(CppFace, TellsEveryTrouble) {
          .statuses = {KAL_ERR_MEMORY, KAL_ERR_VMEM, KAL_ERR_BUFFER, KAL_ERR_WRITE, KAL_ERR_READ, KAL_ERR_SEEK,
                       KAL_ERR_CLOSE, KAL_ERR_DISK_FULL, KAL_ERR_OPEN - EIO, KAL_ERR_OPEN - ENOSPC},
          .unfinished = {"album", "list"}},
-        kNoMemory);
+        kNoMemory | kHostFails | kDiskFull);
 }
 
 } // namespace

@@ -134,7 +134,7 @@ public:
     // KAL_ERR_FORMAT for another number of bits.
     static Expected<Bitmap> create(uint16_t width, uint16_t height, uint16_t bits) {
         return opened<Bitmap>([&](OpList** out) {
-            int16_t status = KalTempOpList(out, KAL_OPL_VMEM | KAL_OPL_DIB);
+            int16_t status = KalTempOpList(out, KAL_OPL_VMEM_DIB);
             if (status == KAL_OK)
                 status = KalSetupOpList(*out, 0, 0, width, height, bits, 0, UINT16_MAX);
             return status == KAL_OK && (*out)->dib->bitsPerPixel != bits ? int16_t{KAL_ERR_FORMAT} : status;
@@ -222,17 +222,10 @@ public:
                                {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)});
         for (const Colour colour : colours)
             description.insert(description.end(), {colour.blue, colour.green, colour.red, colour.unused});
-        if (const auto put = item->put(descriptionOp, std::as_bytes(std::span(description))); !put)
-            return put.error();
-        uint32_t stored = 0;
-        for (const Op band : *this) {
-            if (const auto put = item->put(band.type, band.bytes); !put)
-                return put.error();
-            stored += number(band.bytes, 6);
-        }
+        const auto put = item->put(descriptionOp, std::as_bytes(std::span(description)));
+        const Status bands = put ? item->putAll(*this) : put.error();
         const Status closed = item->close();
-        // A band for which there is no memory is not told by the list.
-        return !status().ok() ? status() : stored < height() ? Status(KAL_ERR_BUFFER) : closed;
+        return !bands.ok() ? bands : !status().ok() ? status() : closed;
     }
 
     // The picture that item `id` holds. The statuses of OperationListFile::get and create, what went wrong on the way,

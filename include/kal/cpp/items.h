@@ -145,7 +145,9 @@ public:
         return stored(KalAddIFile(get(), bytes.data(), static_cast<uint32_t>(bytes.size()), id), bytes);
     }
 
-    // Writes the index. The status of KalFlushIFile.
+    // Make room for an index of so many entries before large items are stored, or write the index. The statuses of
+    // KalReserveItems and KalFlushIFile.
+    Status reserve(uint16_t entries) { return KalReserveItems(get(), entries); }
     Status flush() { return KalFlushIFile(get()); }
 
 private:

@@ -208,6 +208,9 @@ public:
     }
     using Owner::get;
 
+    // Makes room for an index of so many lists before large ones are stored. The statuses of KalReserveItems.
+    Status reserve(uint16_t lists) { return KalReserveItems(get()->ifile, lists); }
+
     // Stores all ops of a range as item `id`. 0, or what went wrong with the range's list or this file; the item then
     // holds what came through.
     template <class Ops>
