@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,69 +133,6 @@ TEST_F(Mapping, TheDocumentedExampleIsWhatLiesInAMapping) {
     writer->close(writer);
     const View view(name());
     EXPECT_EQ(Bytes(view.bytes(), view.bytes() + 16), hexExample("docs/formats/mapping.md"));
-}
-
-TEST_F(Mapping, RandomOperationsAgreeWithAModel) {
-    constexpr int64_t kSize = 5000;
-    std::mt19937 random(2);
-    for (int round = 0; round < 20; round++) {
-        SFILE* s = openMap(name(std::to_string(round)), kCreate | KAL_MODE_UPDATE, kSize + 4);
-        Bytes model;
-        Bytes mapping(kSize); // also what a seek makes part of the data
-        int64_t pos = 0;
-        for (int step = 0; step < 500; step++) {
-            const auto count = static_cast<uint32_t>(random() % 300);
-            Bytes bytes(300);
-            switch (random() % 5) {
-            case 0: {
-                const int64_t origins[] = {0, pos, static_cast<int64_t>(model.size())};
-                const uint32_t origin = static_cast<uint32_t>(random() % 4);
-                const int32_t offset = static_cast<int32_t>(random() % 7000) - 3000;
-                const int64_t target = origin < 3 ? origins[origin] + offset : -1;
-                const bool inside = target >= 0 && target < kSize;
-                ASSERT_EQ(s->seek(s, offset, origin), inside ? 0 : KAL_ERR_SEEK);
-                pos = inside ? target : pos;
-                break;
-            }
-            case 1: {
-                bytes = randomBytes(count, static_cast<uint32_t>(step));
-                const int64_t fits = std::min<int64_t>(count, kSize - pos);
-                ASSERT_EQ(s->write(s, bytes.data(), count), fits);
-                ASSERT_EQ(val(s->status), fits < count ? KAL_ERR_DISK_FULL : 0);
-                std::copy(bytes.begin(), bytes.begin() + long(fits), mapping.begin() + long(pos));
-                pos += fits;
-                break;
-            }
-            case 2: {
-                const int64_t left = std::min<int64_t>(count, static_cast<int64_t>(model.size()) - pos);
-                ASSERT_EQ(s->read(s, bytes.data(), count), left);
-                ASSERT_TRUE(
-                    std::equal(bytes.begin(), bytes.begin() + long(left), mapping.begin() + long(pos)));
-                pos += left;
-                break;
-            }
-            case 3:
-                ASSERT_EQ(s->putChar(s, '\xFF'), pos < kSize ? 0 : KAL_ERR_DISK_FULL);
-                if (pos < kSize)
-                    mapping[static_cast<size_t>(pos++)] = 0xFF;
-                break;
-            default: {
-                const bool more = pos < static_cast<int64_t>(model.size());
-                ASSERT_EQ(s->getChar(s), more ? mapping[static_cast<size_t>(pos)] : 0);
-                ASSERT_EQ(val(s->status), more ? 0 : KAL_ERR_SHORT_READ);
-                pos += more ? 1 : 0;
-            }
-            }
-            if (pos > static_cast<int64_t>(model.size()))
-                model.resize(static_cast<size_t>(pos));
-            ASSERT_EQ(val(s->pos) - val(s->offset), pos);
-            ASSERT_EQ(val(s->bufEnd) - val(s->offset), model.size());
-        }
-        s->close(s);
-        const View view(name(std::to_string(round)));
-        EXPECT_EQ(view.used(), model.size() + 4);
-        EXPECT_EQ(std::memcmp(view.bytes() + 4, mapping.data(), model.size()), 0);
-    }
 }
 
 TEST_F(Mapping, AScribbledLengthStaysWithinTheMapping) {

@@ -5,8 +5,6 @@
 #include <kal/path.h>
 #include <kal/stream.h>
 
-#include <random>
-
 class VMemStream : public VMemFixture {
 protected:
     static SFILE* openStream() {
@@ -17,66 +15,6 @@ protected:
     static uint32_t* tableOf(const SFILE* stream) { return reinterpret_cast<uint32_t*>(stream->backData); }
     static uint32_t blocksOf(const SFILE* stream) { return KalSizeSMem(tableOf(stream)) / 4; }
 };
-
-TEST_F(VMemStream, AgreesWithTheModelInRandomSequences) {
-    HeapBalance balance;
-    for (uint32_t seed = 1; seed <= 4; seed++) {
-        open(200000); // six of the blocks
-        SFILE* stream = openStream();
-        std::vector<int> model; // as long as the stream; bytes that nobody put are -1
-        uint32_t pos = 0, blocks = 1;
-        std::mt19937 random(seed);
-        for (uint32_t step = 0; step < 800; step++) {
-            SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step));
-            const auto count = static_cast<uint32_t>(random() % 3 == 0 ? random() % 90000 : random() % 300);
-            const uint32_t most = std::min(count, 65535u);
-            switch (random() % 4) {
-            case 0: {
-                const Bytes bytes = randomBytes(count, step);
-                ASSERT_EQ(stream->write(stream, bytes.data(), count), int32_t(most));
-                ASSERT_EQ(val(stream->status), 0);
-                model.resize(std::max<size_t>(model.size(), pos + most), -1);
-                std::copy_n(bytes.begin(), most, model.begin() + pos);
-                pos += most;
-                blocks = most == 0 ? blocks : std::max(blocks, (pos - 1) / 32768 + 1);
-                break;
-            }
-            case 1: {
-                Bytes got(count);
-                const auto ahead = static_cast<uint32_t>(model.size() - pos);
-                ASSERT_EQ(stream->read(stream, got.data(), count), int32_t(std::min(most, ahead)));
-                ASSERT_EQ(val(stream->status), most > ahead ? -255 : 0);
-                for (uint32_t i = 0; i < std::min(most, ahead); i++, pos++)
-                    ASSERT_TRUE(model[pos] < 0 || model[pos] == got[i]) << "at " << pos;
-                break;
-            }
-            case 2: {
-                const int32_t got = stream->getChar(stream);
-                ASSERT_TRUE(pos == model.size() ? got == -255 : model[pos] < 0 || got == model[pos]) << got;
-                pos += got >= 0 ? 1 : 0;
-                break;
-            }
-            default:
-                const auto origin = static_cast<uint32_t>(random() % 3);
-                const auto target = static_cast<uint32_t>(random() % 700000 / (random() % 9 + 1));
-                const auto from = static_cast<int32_t>(origin == 1 ? pos : origin == 2 ? model.size() : 0);
-                ASSERT_EQ(stream->seek(stream, int32_t(target) - from, origin), 0);
-                pos = target;
-                if (target > model.size()) {
-                    model.resize(target, -1);
-                    blocks = std::max(blocks, target / 32768 + 1);
-                }
-            }
-            ASSERT_EQ(val(stream->pos), pos);
-            ASSERT_EQ(val(stream->bufEnd), model.size());
-            ASSERT_EQ(blocksOf(stream), blocks);
-            ASSERT_EQ(uint32_t(KalVMemUsed()), blocks * 32768);
-        }
-        EXPECT_EQ(stream->close(stream), 0);
-        EXPECT_EQ(KalVMemUsed(), 0);
-        KalCloseVMem();
-    }
-}
 
 TEST_F(VMemStream, ATransferTouchesThreeBlocksAtMost) {
     open(0);
@@ -105,6 +43,27 @@ TEST_F(VMemStream, ATransferTouchesThreeBlocksAtMost) {
     EXPECT_EQ(late->close(late), 0);
     EXPECT_EQ(KalOpenFile(&late, nullptr, KAL_MODE_VMEM, 0), -101) << "no manager";
     EXPECT_EQ(late, nullptr);
+}
+
+TEST_F(VMemStream, ASeekMakesWhatOneBeforeCouldNot) {
+    for (const uint32_t again : {100'000u, 200'000u}) { // the same place, or further on
+        open(0);
+        SFILE* stream = openStream();
+        failHeapAllocationsFrom(3); // the table and a block can be had
+        EXPECT_EQ(stream->seek(stream, 100'000, 0), -101);
+        failHeapAllocation(0);
+        EXPECT_EQ(val(stream->pos), 0u);
+        EXPECT_EQ(val(stream->bufEnd), 100'000u) << "longer at once";
+        EXPECT_EQ(stream->seek(stream, int32_t(again), 0), 0);
+        EXPECT_EQ(stream->seek(stream, 0, 0), 0);
+        Bytes whole(100'000);
+        EXPECT_EQ(stream->read(stream, whole.data(), 50'000), 50'000);
+        EXPECT_EQ(stream->read(stream, whole.data(), 50'000), 50'000) << "no block is missing";
+        EXPECT_EQ(stream->seek(stream, INT32_MIN, 0), -105) << "2 GiB is too far";
+        EXPECT_EQ(val(stream->bufEnd), again) << "and makes nothing longer";
+        EXPECT_EQ(stream->close(stream), 0);
+        KalCloseVMem();
+    }
 }
 
 TEST_F(VMemStream, FailuresSayWhichMemoryWasShort) {

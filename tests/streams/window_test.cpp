@@ -9,7 +9,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <unistd.h>
 
 namespace {
@@ -77,41 +76,6 @@ TEST_F(Window, PositionsCountFromItsStart) {
     EXPECT_EQ(pos(), 0u);
     EXPECT_EQ(s->seek(s, 0, 2), 0);
     EXPECT_EQ(pos(), 300u);
-}
-
-TEST_F(Window, RandomReadingMatchesAModel) {
-    const Bytes bytes = randomBytes(3000, 2);
-    writeFile("f", bytes);
-    std::mt19937 engine(4);
-    const auto random = [&] { return uint32_t(engine()); };
-    for (uint32_t bufSize : {0u, 1u, 7u, 512u, 65536u}) {
-        SFILE* s = open("f", 0, bufSize);
-        for (int round = 0; round < 60; round++) {
-            const uint32_t start = random() % 2800;
-            const uint32_t end = start + 1 + random() % (3300 - start); // also past the file's end
-            ASSERT_EQ(KalConstrainFile(s, int32_t(start), int32_t(end)), 0);
-            uint32_t at = start;
-            const uint32_t last = std::min<uint32_t>(end, 3000);
-            for (int step = 0; step < 40; step++) {
-                const uint32_t ahead = at < last ? last - at : 0;
-                if (random() % 3 == 0) {
-                    at = start + random() % (end - start + 1);
-                    ASSERT_EQ(s->seek(s, int32_t(at - start), 0), 0);
-                } else if (random() % 2 != 0) {
-                    Bytes got(random() % 700 + 1);
-                    const uint32_t expected = std::min(uint32_t(got.size()), ahead);
-                    ASSERT_EQ(s->read(s, got.data(), uint32_t(got.size())), int32_t(expected));
-                    ASSERT_EQ(std::memcmp(got.data(), bytes.data() + std::min(at, 3000u), expected), 0);
-                    at += expected;
-                } else {
-                    ASSERT_EQ(step % 2 != 0 ? s->getChar(s) : KalNextChar(s), ahead > 0 ? bytes[at] : -256);
-                    at += ahead > 0;
-                }
-                ASSERT_EQ(pos(), at) << bufSize << ": [" << start << ", " << end << ")";
-            }
-        }
-        close();
-    }
 }
 
 TEST_F(Window, ConstrainingAgainReplacesIt) {
