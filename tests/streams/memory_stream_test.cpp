@@ -66,27 +66,3 @@ TEST(MemoryStream, FailuresLeaveItWhole) {
     EXPECT_EQ(stream->read(stream, &byte, 1), -259);
     stream->close(stream);
 }
-
-TEST(MemoryStream, GrowsToAQuarterGigabyteByLittleWrites) {
-    SFILE* stream = openMemory();
-    const uint32_t size = kSanitized ? 16u << 20 : 256u << 20;
-    const Bytes bytes = randomBytes(100 + 256, 5);
-    int moves = 0;
-    const void* before = nullptr;
-    for (uint32_t written = 0, i = 0; written < size; written += 100, i++) {
-        ASSERT_EQ(stream->write(stream, bytes.data() + i % 256, 100), 100);
-        const void* now = GlobalLock(blockOf(stream));
-        GlobalUnlock(blockOf(stream));
-        moves += now != before ? 1 : 0;
-        before = now;
-    }
-    EXPECT_LT(moves, 50) << "the block is not copied at each step";
-    stream->seek(stream, 0, 0);
-    Bytes got(100);
-    for (uint32_t read = 0, i = 0; read < size; read += 100, i++) {
-        ASSERT_EQ(stream->read(stream, got.data(), 100), 100);
-        ASSERT_EQ(std::memcmp(got.data(), bytes.data() + i % 256, 100), 0) << "at " << read;
-    }
-    stream->close(stream);
-    trimGlobalMemory(0);
-}

@@ -107,23 +107,3 @@ TEST_F(VMemStream, FailuresSayWhichMemoryWasShort) {
     EXPECT_EQ(KalOpenFile(&stream, nullptr, KAL_MODE_VMEM, 0), -101);
     failHeapAllocation(0);
 }
-
-TEST_F(VMemStream, AGigabyteUnderSixteenMegabytesComesBack) {
-    KalSetVMemTemp("/dev/shm");
-    open(16 << 20);
-    SFILE* stream = openStream();
-    const uint32_t pieces = (kSanitized ? 32u << 20 : 1u << 30) / 60000;
-    const Bytes bytes = randomBytes(60000 + 1024, 9);
-    for (uint32_t i = 0; i < pieces; i++)
-        ASSERT_EQ(stream->write(stream, bytes.data() + i % 1021, 60000), 60000) << i;
-    EXPECT_LE(KalMaxVMem(), int32_t(pieces * 60000 + 32768));
-    Bytes got(60000);
-    stream->seek(stream, 0, 0);
-    for (uint32_t i = 0; i < pieces; i++) {
-        ASSERT_EQ(stream->read(stream, got.data(), 60000), 60000) << i;
-        ASSERT_EQ(std::memcmp(got.data(), bytes.data() + i % 1021, 60000), 0) << "piece " << i;
-    }
-    EXPECT_EQ(stream->read(stream, got.data(), 1), 0);
-    EXPECT_EQ(stream->close(stream), 0);
-    KalTempPath(nullptr);
-}
