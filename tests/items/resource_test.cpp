@@ -1,8 +1,7 @@
-// Resources read from item files made here byte for byte.
+// Resources read from item files.
+#include "tests/items/items.h"
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 
-#include <kal/heap.h>
 #include <kal/path.h>
 #include <kal/resource.h>
 
@@ -13,29 +12,24 @@ namespace {
 
 class Resources : public FolderTest {
 protected:
-    ~Resources() override {
-        if (file_ != nullptr)
-            KalCloseRes(file_);
-    }
+    ~Resources() override { EXPECT_EQ(KalCloseRes(file_), 0); }
     // Makes a file of these resources, ids from 1 on, and opens it.
-    IFILE* open(const std::vector<Bytes>& contents, uint16_t format = 0) {
-        IFILE* made = nullptr;
-        EXPECT_EQ(KalOpenIFile(&made, "res", KAL_MODE_CREATE | KAL_MODE_UPDATE, format), 0);
+    IFILE* open(const std::vector<std::string>& contents, uint16_t format = 0) {
+        IFILE* made = openItems(kNew, format);
         for (size_t i = 0; i < contents.size(); i++)
-            KalWriteIFile(made, contents[i].data(), uint32_t(contents[i].size()), uint16_t(i + 1));
+            write(made, uint16_t(i + 1), contents[i]);
         EXPECT_EQ(KalCloseIFile(made), 0);
-        EXPECT_EQ(KalOpenRes(&file_, "res", 0), 0);
-        return file_;
+        return reopen();
     }
-    void close() {
-        EXPECT_EQ(KalCloseRes(file_), 0);
-        file_ = nullptr;
+    IFILE* reopen() {
+        KalCloseRes(file_);
+        EXPECT_EQ(KalOpenRes(&file_, "f", 0), 0);
+        return file_;
     }
     // The first `count` strings of a text resource, a blank after each.
     static std::string strings(IFILE* file, uint16_t id, size_t count) {
         char** texts = nullptr;
-        const int16_t status = KalGetTextResData(file, id, &texts);
-        if (status != 0)
+        if (const int16_t status = KalGetTextResData(file, id, &texts); status != 0)
             return std::to_string(status);
         EXPECT_EQ(KalSizeSMem(texts), count * sizeof(char*)) << "as many as there are strings";
         std::string all;
@@ -44,19 +38,14 @@ protected:
         EXPECT_EQ(KalDestroyTextRes(texts), 0);
         return all;
     }
-    static Bytes text(const std::string& bytes) { return bytesOf(bytes); }
 
-private:
     IFILE* file_ = nullptr;
 };
 
-using Reader = int16_t (*)(IFILE*, uint16_t, void**);
-struct RawCall {
-    Reader read;
-    int16_t noMemory;
-    int16_t empty;
-};
-constexpr RawCall rawCalls[] = {
+const struct {
+    int16_t (*read)(IFILE*, uint16_t, void**);
+    int16_t noMemory, empty;
+} rawCalls[] = {
     {KalReadByteResData, -100, 0},
     {KalReadWordResData, -100, -252},
     {KalReadSByteResData, -105, 0},
@@ -70,37 +59,30 @@ constexpr RawCall rawCalls[] = {
 } // namespace
 
 TEST_F(Resources, DataOfEverySize) {
-    const std::vector<Bytes> contents = {randomBytes(65535, 1), {0x7F}, {}, randomBytes(600, 2)};
-    for (const uint16_t format : std::initializer_list<uint16_t>{0, 0x8000}) {
+    const std::vector<std::string> contents = {std::string(65535, 'x'), "\x7F", "", std::string(600, 'y')};
+    for (const uint16_t format : Words{0, 0x8000}) {
         IFILE* file = open(contents, format);
-        const Bytes before = readFile("res");
-        for (const RawCall& call : rawCalls) {
+        for (const auto& call : rawCalls) {
             HeapBalance balance;
+            void* data = nullptr;
             for (uint16_t id = 1; id <= contents.size(); id++) {
-                const Bytes& content = contents[id - 1u];
-                void* data = nullptr;
+                const std::string& content = contents[id - 1u];
                 EXPECT_EQ(call.read(file, id, &data), content.empty() ? call.empty : 0);
-                ASSERT_NE(data, nullptr);
-                const auto* bytes = static_cast<uint8_t*>(data);
-                EXPECT_EQ(Bytes(bytes, bytes + KalSizeSMem(data)), content);
+                EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)), content);
                 EXPECT_EQ(id % 2 != 0 ? KalDestroyRes(data) : KalDestroySRes(data), 0);
             }
-            void* untouched = &balance;
-            EXPECT_EQ(call.read(file, 99, &untouched), -298);
-            EXPECT_EQ(call.read(file, KAL_ITEM_FREE, &untouched), -298);
-            EXPECT_EQ(untouched, &balance);
+            data = &balance;
+            EXPECT_EQ(call.read(file, 99, &data), -298);
+            EXPECT_EQ(call.read(file, KAL_ITEM_FREE, &data), -298);
+            EXPECT_EQ(data, &balance) << "untouched";
             failHeapAllocation(1);
-            EXPECT_EQ(call.read(file, 1, &untouched), call.noMemory);
-            EXPECT_EQ(untouched, nullptr);
+            EXPECT_EQ(call.read(file, 1, &data), call.noMemory);
+            EXPECT_EQ(data, nullptr);
             failHeapAllocation(0);
         }
-        void* untouched = file;
-        EXPECT_EQ(KalGetRes(file, 99, 2, &untouched), -299);
-        EXPECT_EQ(KalGetSRes(file, 1, 2, &untouched), -299);
-        EXPECT_EQ(untouched, file);
+        EXPECT_EQ(KalGetRes(file, 99, 2, nullptr), -299);
+        EXPECT_EQ(KalGetSRes(file, 1, 2, nullptr), -299);
         EXPECT_EQ(KalDestroyRes(nullptr), -100);
-        close();
-        EXPECT_EQ(readFile("res"), before) << "only read";
     }
 }
 
@@ -111,32 +93,31 @@ TEST_F(Resources, TextsEndWhereTheirItemDoes) {
         size_t count;
         std::string strings;
     } cases[] = {
-        {"a\0bc\0\0"s, 2, "a bc "}, {"\0"s, 1, " "},        {"\0\0"s, 1, " "},      {""s, 1, " "},
-        {"abc"s, 1, "abc "},        {"abc\0"s, 1, "abc "},  {"a\0bc"s, 2, "a bc "}, {"a\0bc\0"s, 2, "a bc "},
-        {"a\0\0b\0\0"s, 1, "a "},   {"\0a\0\0"s, 2, " a "},
+        {"a\0bc\0\0"s, 2, "a bc "},
+        {"\0\0"s, 1, " "},
+        {""s, 1, " "},
+        {"abc"s, 1, "abc "},
+        {"a\0bc\0"s, 2, "a bc "},
+        {"a\0\0b\0\0"s, 1, "a "},
+        {"\0a\0\0"s, 2, " a "},
+        {std::string(65535, 'y'), 1, ""},
     };
-    std::vector<Bytes> contents;
+    std::vector<std::string> contents;
     for (const auto& each : cases)
-        contents.push_back(text(each.bytes));
-    contents.push_back(text(std::string(65535, 'y')));
+        contents.push_back(each.bytes);
     IFILE* file = open(contents);
     HeapBalance balance;
-    for (uint16_t i = 0; i < std::size(cases); i++)
-        EXPECT_EQ(strings(file, uint16_t(i + 1), cases[i].count), cases[i].strings) << i;
-    EXPECT_EQ(strings(file, uint16_t(std::size(cases) + 1), 1).size(), 65536u);
-    char** untouched = nullptr;
-    EXPECT_EQ(KalGetSTextResData(file, 99, &untouched), -298);
+    for (uint16_t i = 0; i < std::size(cases); i++) {
+        const std::string& wanted = cases[i].strings.empty() ? cases[i].bytes + " " : cases[i].strings;
+        EXPECT_EQ(strings(file, uint16_t(i + 1), cases[i].count), wanted) << i;
+    }
+    EXPECT_EQ(strings(file, 99, 1), "-298");
     withEachAllocationFailing([&](int) {
         char** texts = nullptr;
         const int16_t status = KalGetSTextResData(file, 1, &texts);
-        EXPECT_EQ(status == 0, texts != nullptr);
-        if (status == 0) {
-            EXPECT_EQ(KalDestroyTextSRes(texts), 0);
-        } else {
-            EXPECT_EQ(status, -100);
-        }
+        EXPECT_EQ(status, texts != nullptr ? 0 : -100);
+        EXPECT_EQ(KalDestroyTextSRes(texts), status);
     });
-    EXPECT_EQ(KalDestroyTextRes(nullptr), -100);
     char notOurs = 0;
     auto** array = static_cast<char**>(KalAllocSMem(sizeof(char*)));
     array[0] = &notOurs;
@@ -144,43 +125,32 @@ TEST_F(Resources, TextsEndWhereTheirItemDoes) {
     EXPECT_EQ(KalFreeSMem(array), 0);
 }
 
-TEST_F(Resources, AFileThatEndsEarly) {
-    open({randomBytes(50, 1), text(std::string(50, 'x'))});
-    close();
-    std::filesystem::resize_file("res", 144); // ten bytes of the second item
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenRes(&file, "res", 0), 0);
+TEST_F(Resources, AFileThatEndsEarlyAndTheDescribedOne) {
+    open({std::string(50, 'x'), std::string(50, 'x')});
+    std::filesystem::resize_file("f", 144); // ten bytes of the second item
+    IFILE* file = reopen();
     void* data = nullptr;
     EXPECT_EQ(KalReadByteResData(file, 2, &data), -256);
     EXPECT_EQ(KalDestroyRes(data), 0) << "the block is there to be freed";
     EXPECT_EQ(strings(file, 2, 1), std::string(10, 'x') + " ");
-    EXPECT_EQ(KalCloseRes(file), 0);
+    writeFile("f", hexExample("docs/formats/resource-file.md"));
+    file = reopen();
+    EXPECT_EQ(strings(file, 1, 2), "Open Close ");
+    EXPECT_EQ(item(file, 2), "\xCA\xFE");
 }
 
 TEST_F(Resources, TheyAreFoundAlongTheSearchText) {
     std::filesystem::create_directory("home");
-    open({text("here")});
-    close();
-    std::filesystem::rename("res", "home/APP.RES");
+    open({"here"});
+    std::filesystem::copy("f", "home/APP.RES");
+    const Bytes before = readFile("home/APP.RES");
     IFILE* file = nullptr;
     EXPECT_EQ(KalOpenRes(&file, "APP.RES", 0), -202);
     KalSetHome("home\\PROG.EXE");
     ASSERT_EQ(KalOpenRes(&file, "APP.RES", 0), 0);
     EXPECT_EQ(strings(file, 1, 1), "here ");
     EXPECT_EQ(KalCloseRes(file), 0);
+    EXPECT_EQ(readFile("home/APP.RES"), before) << "only read";
     EXPECT_EQ(KalOpenRes(&file, "APP.RES", 5), -650);
     KalSetHome(nullptr);
-}
-
-TEST_F(Resources, TheDescribedExampleReads) {
-    writeFile("res", hexExample("docs/formats/resource-file.md"));
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenRes(&file, "res", 0), 0);
-    EXPECT_EQ(strings(file, 1, 2), "Open Close ");
-    void* data = nullptr;
-    EXPECT_EQ(KalReadByteResData(file, 2, &data), 0);
-    EXPECT_EQ(KalSizeSMem(data), 2u);
-    EXPECT_EQ(std::memcmp(data, "\xCA\xFE", 2), 0);
-    EXPECT_EQ(KalDestroyRes(data), 0);
-    EXPECT_EQ(KalCloseRes(file), 0);
 }
