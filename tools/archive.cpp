@@ -201,7 +201,7 @@ uint16_t Archive::put(const std::function<void(OpList*, uint16_t)>& fill) {
             throw Failure(statusText(KalGetOpError(list)));
         fill(list, id);
     } catch (const Failure& failure) {
-        fail(failure.what());
+        throw failure.of(path_);
     }
     require(finishPut());
     return id;

@@ -40,6 +40,8 @@ public:
     Archive(const Archive&) = delete;
     Archive& operator=(const Archive&) = delete;
 
+    bool compresses() const { return (lists_->ifile->formatFlags & KAL_IOP_COMPRESSED) != 0; }
+
     // The pictures, in the order in which they were stored.
     std::vector<ArchiveItem> pictures() const;
 

@@ -1,9 +1,11 @@
 #include "tools/archive.h"
 #include "tools/command.h"
 #include "tools/failure.h"
-#include "tools/picture.h"
+#include "tools/picture_file.h"
 
 #include <CLI/CLI.hpp>
+
+#include <strings.h>
 
 namespace {
 
@@ -11,18 +13,26 @@ struct Arguments {
     std::string archive;
     uint32_t id = 0;
     std::string output;
-    uint32_t memory = 0;
 };
 
+bool endsInPng(const std::string& path) {
+    return path.size() >= 4 && ::strcasecmp(path.c_str() + path.size() - 4, ".png") == 0;
+}
+
 void extract(const Arguments& arguments) {
-    const MovableMemory memory(arguments.memory);
     const auto archive = Archive::forReading(arguments.archive);
     if (arguments.id >= KAL_ITEM_FREE)
         throw Failure(arguments.archive, "there is no picture " + std::to_string(arguments.id));
     const auto id = static_cast<uint16_t>(arguments.id);
+    const PictureFileAs as = endsInPng(arguments.output) ? PictureFileAs::Png : PictureFileAs::Bmp;
     archive->get(id, [&](OpList* list) {
         OutputFile out(arguments.output);
-        getPicture(list, id, out);
+        std::unique_ptr<PictureFile> file;
+        getPicture(list, id, [&](const PictureForm& form) -> PictureTaker& {
+            file = makePictureFile(out, form, as);
+            return *file;
+        });
+        file->finish();
         out.commit();
     });
 }
@@ -30,11 +40,13 @@ void extract(const Arguments& arguments) {
 } // namespace
 
 void addExtract(CLI::App& program) {
-    CLI::App* command = program.add_subcommand("extract", "Write a picture of an archive as the file it was");
+    CLI::App* command = program.add_subcommand("extract", "Write a picture of an archive as a file again");
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
     command->add_option("ID", arguments->id, "The picture's id, as list shows it")->required();
-    command->add_option("-o,--output", arguments->output, "The file to write")->required();
-    addMemoryOption(command, arguments->memory);
+    command
+        ->add_option("-o,--output", arguments->output,
+                     "The file to write: a PNG file where the name ends in .png, else a BMP file")
+        ->required();
     command->callback([arguments] { extract(*arguments); });
 }

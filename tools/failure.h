@@ -10,8 +10,15 @@
 // One line for the user: what failed, and why.
 class Failure : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
-    Failure(const std::string& what, const std::string& why) : runtime_error(what + ": " + why) {}
+    explicit Failure(const std::string& why) : runtime_error(why) {}
+    Failure(const std::string& what, const std::string& why)
+        : runtime_error(what + ": " + why), named_(true) {}
+
+    // The same, with the name of what failed unless it has one.
+    Failure of(const std::string& what) const { return named_ ? *this : Failure(what, this->what()); }
+
+private:
+    bool named_ = false;
 };
 
 // What a stored picture was to be read from makes no sense; the text says why.

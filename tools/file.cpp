@@ -71,12 +71,10 @@ uint64_t File::size() const {
     return static_cast<uint64_t>(facts.st_size);
 }
 
-std::vector<uint8_t> File::readAt(uint64_t offset, size_t count) const {
-    std::vector<uint8_t> bytes(count);
+size_t File::readUpTo(uint64_t offset, uint8_t* to, size_t count) const {
     size_t done = 0;
     while (done < count) {
-        const ssize_t got =
-            ::pread(handle_, bytes.data() + done, count - done, static_cast<off_t>(offset + done));
+        const ssize_t got = ::pread(handle_, to + done, count - done, static_cast<off_t>(offset + done));
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
@@ -85,8 +83,18 @@ std::vector<uint8_t> File::readAt(uint64_t offset, size_t count) const {
             break;
         done += static_cast<size_t>(got);
     }
-    bytes.resize(done);
+    return done;
+}
+
+std::vector<uint8_t> File::readAt(uint64_t offset, size_t count) const {
+    std::vector<uint8_t> bytes(count);
+    bytes.resize(readUpTo(offset, bytes.data(), count));
     return bytes;
+}
+
+void File::readExactly(uint64_t offset, uint8_t* to, size_t count) const {
+    if (readUpTo(offset, to, count) != count)
+        throw Failure("it grew shorter while it was read");
 }
 
 void File::writeAt(uint64_t offset, ByteView bytes) const {

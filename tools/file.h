@@ -29,10 +29,14 @@ public:
     uint64_t size() const;
     // Up to `count` bytes from `offset`; fewer where the file ends.
     std::vector<uint8_t> readAt(uint64_t offset, size_t count) const;
+    // Fills `to`. The file ending before that is a Failure.
+    void readExactly(uint64_t offset, uint8_t* to, size_t count) const;
     void writeAt(uint64_t offset, ByteView bytes) const;
     void append(ByteView bytes) const;
 
 private:
+    size_t readUpTo(uint64_t offset, uint8_t* to, size_t count) const;
+
     int handle_ = -1;
 };
 

@@ -17,8 +17,9 @@ struct Arguments {
 
 struct Row {
     ArchiveItem item;
-    PictureInfo info;
-    double ratio() const { return static_cast<double>(item.storedBytes) / info.fileBytes; }
+    PictureForm form;
+    const char* kind() const { return form.kind == PictureKind::Bmp ? "bmp" : "png"; }
+    double ratio() const { return static_cast<double>(item.storedBytes) / form.fileBytes; }
 };
 
 template <class... Parts>
@@ -29,26 +30,26 @@ std::string format(const char* pattern, Parts... parts) {
 }
 
 void printTable(const std::vector<Row>& rows) {
-    std::cout << format("%5s  %-7s  %11s  %4s  %-9s  %10s  %10s  %6s\n", "id", "kind", "size", "bits", "rows",
+    std::cout << format("%5s  %-4s  %11s  %4s  %-9s  %10s  %10s  %6s\n", "id", "kind", "size", "bits", "rows",
                         "bytes", "stored", "ratio");
     for (const Row& row : rows) {
-        const BmpLayout& layout = row.info.layout;
-        const std::string size = std::to_string(layout.width) + "x" + std::to_string(layout.height);
-        std::cout << format("%5u  %-7s  %11s  %4u  %-9s  %10u  %10u  %5.1f%%\n", row.item.id, "picture",
-                            size.c_str(), layout.bits, layout.topDown ? "top-down" : "bottom-up",
-                            row.info.fileBytes, row.item.storedBytes, 100 * row.ratio());
+        const PictureForm& form = row.form;
+        const std::string size = std::to_string(form.width) + "x" + std::to_string(form.height);
+        std::cout << format("%5u  %-4s  %11s  %4u  %-9s  %10u  %10u  %5.1f%%\n", row.item.id, row.kind(),
+                            size.c_str(), form.bits, form.topDown ? "top-down" : "bottom-up", form.fileBytes,
+                            row.item.storedBytes, 100 * row.ratio());
     }
 }
 
 void printJson(const std::vector<Row>& rows) {
     std::cout << '[';
     for (const Row& row : rows) {
-        const BmpLayout& layout = row.info.layout;
+        const PictureForm& form = row.form;
         std::cout << (&row == rows.data() ? "\n  " : ",\n  ")
-                  << format(R"({"id": %u, "kind": "picture", "width": %u, "height": %u, "bits": %u, )",
-                            row.item.id, layout.width, layout.height, layout.bits)
+                  << format(R"({"id": %u, "kind": "%s", "width": %u, "height": %u, "bits": %u, )",
+                            row.item.id, row.kind(), form.width, form.height, form.bits)
                   << format(R"("topDown": %s, "bytes": %u, "stored": %u, "ratio": %.4f})",
-                            layout.topDown ? "true" : "false", row.info.fileBytes, row.item.storedBytes,
+                            form.topDown ? "true" : "false", form.fileBytes, row.item.storedBytes,
                             row.ratio());
     }
     std::cout << (rows.empty() ? "]\n" : "\n]\n");
@@ -63,7 +64,7 @@ void list(const Arguments& arguments) {
         try {
             if (!rows.empty() && item.id <= rows.back().item.id) // ids only ever count up
                 throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));
-            archive->get(item.id, [&](OpList* ops) { rows.push_back({item, getPictureInfo(ops, item.id)}); });
+            archive->get(item.id, [&](OpList* ops) { rows.push_back({item, getPictureForm(ops, item.id)}); });
         } catch (const Failure& failure) {
             if (damaged++ == 0)
                 firstDamage = failure.what();

@@ -1,56 +1,48 @@
-// A BMP file as a list of operations, and back.
+// A picture as a list of operations, and back:
 //
-//     headers   the file header and the bitmap header
-//     file      the picture's id, the file's size and checksum
-//     palette   ) the file's parts between headers and rows, each left out where the file has none,
-//     gap       ) and in several operations where it is longer than one holds
-//     padding   the bytes that end each row of the next band, where any of them is not 0
-//     DIB       a band of rows, in the order in which the file has them, numbered from 0
-//     ...
-//     rest      what follows the rows, as palette and gap
+//     form      what the picture is
+//     before    the parts in front of the rows, each in several operations where it is longer than one holds
+//     rows      the rows, filtered one by one, as one sequence of bytes that is cut anywhere
+//     after     the part behind them
+//     end       how many bytes these parts have together, and their checksum
 //
-// On the way the parts lie in movable memory, so a picture may be larger than the memory there is.
+// Or, for programs that play them into a bitmap list, bands of rows in place of `rows`: DIB operations, each with the
+// bytes that pad its rows before it where any of them is not 0. Nothing is ever held whole.
 #ifndef KAL_TOOLS_PICTURE_H
 #define KAL_TOOLS_PICTURE_H
 
-#include "tools/bmp.h"
-#include "tools/file.h"
-#include "tools/output_file.h"
-#include "tools/picture_rows.h"
+#include "tools/ops.h"
+#include "tools/picture_form.h"
 
-#include <optional>
+#include <functional>
 
-struct PictureInfo {
-    BmpLayout layout;
-    uint32_t fileBytes;
-    uint32_t checksum;
+class PictureSource;
+
+// How a picture is stored: in bands where they are asked for, else filtered or not, whichever is smaller for the first
+// rows; not filtered where the archive does not compress.
+struct StoreOptions {
+    std::string name; // of the picture's file, for failures
+    bool bands = false;
+    bool compressed = true;
 };
 
-// A BMP file that was read in one pass.
-class Picture {
+// Puts the picture to the list of picture `id`. Throws a Failure that says why, with the file's name where it is the
+// file's fault: it cannot be read, or its rows do not fit bands.
+void putPicture(PictureSource& source, const StoreOptions& options, OpList* list, uint16_t id);
+
+// Takes what is read of a picture, in this order.
+class PictureTaker {
 public:
-    // Throws a Failure that says why when the file is no BMP that can be stored.
-    explicit Picture(const File& file);
-
-    // Puts the whole file to the list of picture `id`. Throws a Failure that says why.
-    void put(OpList* list, uint16_t id);
-
-private:
-    void read(const File& file, uint32_t start, uint32_t end, uint32_t pieceBytes,
-              const std::function<void(ByteView)>& take);
-
-    PictureInfo info_ = {};
-    std::vector<uint8_t> headers_;
-    MovableList before_; // palette and gap
-    std::optional<PictureRows> rows_;
-    MovableList after_; // rest
+    virtual ~PictureTaker() = default;
+    virtual void part(PicturePart part, ByteView bytes) = 0;
+    virtual void rows(const uint8_t* rows, uint32_t count) = 0;
 };
 
 // Reads the head of the list of picture `id`. Throws Damaged.
-PictureInfo getPictureInfo(OpList* list, uint16_t id);
+PictureForm getPictureForm(OpList* list, uint16_t id);
 
-// Writes the file that the list of picture `id` holds. Throws Damaged, after the last byte at the latest,
-// when it is not the file that was stored.
-void getPicture(OpList* list, uint16_t id, OutputFile& out);
+// Reads the picture whole, for the taker that `start` names once its form is known. Throws Damaged, after the last byte at
+// the latest, when it is not the one that was stored.
+void getPicture(OpList* list, uint16_t id, const std::function<PictureTaker&(const PictureForm&)>& start);
 
 #endif

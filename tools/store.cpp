@@ -2,6 +2,7 @@
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/picture.h"
+#include "tools/picture_source.h"
 #include "tools/progress.h"
 
 #include <CLI/CLI.hpp>
@@ -15,17 +16,21 @@ struct Arguments {
     std::string archive;
     std::vector<std::string> pictures;
     bool plain = false;
-    uint32_t memory = 0;
+    bool dib = false;
 };
 
-Picture readPicture(const std::string& path) {
+uint16_t storeOne(Archive& archive, const std::string& path, bool bands) {
     try {
         const File file = File::openIfThere(path, O_RDONLY);
         if (!file.isOpen())
             throw Failure(hostErrorText(ENOENT));
-        return Picture(file);
+        const auto source = PictureSource::open(file);
+        if (const char* lost = source->whatIsLost())
+            std::cerr << "kal: " << onOneLine(path) << ": " << lost << '\n';
+        const StoreOptions options = {path, bands, archive.compresses()};
+        return archive.put([&](OpList* list, uint16_t id) { putPicture(*source, options, list, id); });
     } catch (const Failure& failure) {
-        throw Failure(path, failure.what());
+        throw failure.of(path);
     }
 }
 
@@ -36,15 +41,13 @@ std::vector<uint16_t> storeAll(const Arguments& arguments) {
     std::vector<uint16_t> ids;
     for (const std::string& path : arguments.pictures) {
         progress.show(ids.size(), path);
-        Picture picture = readPicture(path);
-        ids.push_back(archive->put([&picture](OpList* list, uint16_t id) { picture.put(list, id); }));
+        ids.push_back(storeOne(*archive, path, arguments.dib));
     }
     archive->commit();
     return ids;
 }
 
 void store(const Arguments& arguments) {
-    const MovableMemory memory(arguments.memory);
     // Another process may make the archive at the same time: then these pictures are added to that one.
     for (int attempt = 0; attempt < 3; attempt++) {
         try {
@@ -62,13 +65,12 @@ void store(const Arguments& arguments) {
 
 void addStore(CLI::App& program) {
     CLI::App* command = program.add_subcommand(
-        "store", "Store BMP files in an archive, all or none, and print the id of each");
+        "store", "Store pictures in an archive, all or none, and print the id of each");
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive; made where there is none")->required();
-    command
-        ->add_option("PICTURE", arguments->pictures, "Uncompressed BMP files of 1, 4, 8 or 24 bits per pixel")
-        ->required();
+    command->add_option("PICTURE", arguments->pictures, "BMP and PNG files")->required();
     command->add_flag("--plain", arguments->plain, "Do not compress (a new archive, or one made so)");
-    addMemoryOption(command, arguments->memory);
+    command->add_flag("--dib", arguments->dib,
+                      "Store rows as DIB operations, for programs that play them into a bitmap list");
     command->callback([arguments] { store(*arguments); });
 }
