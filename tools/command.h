@@ -11,6 +11,7 @@ class App;
 void addStore(CLI::App& program);
 void addList(CLI::App& program);
 void addExtract(CLI::App& program);
+void addSheet(CLI::App& program);
 void addResource(CLI::App& program);
 void addCompound(CLI::App& program);
 void addSettings(CLI::App& program);

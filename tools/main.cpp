@@ -18,7 +18,7 @@
 namespace {
 
 // The commands, in the order in which help shows them.
-constexpr void (*commands[])(CLI::App&) = {addStore,    addList,     addExtract,
+constexpr void (*commands[])(CLI::App&) = {addStore,    addList,     addExtract, addSheet,
                                            addSettings, addResource, addCompound};
 
 constexpr int failed = 1;
