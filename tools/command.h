@@ -2,8 +2,6 @@
 #ifndef KAL_TOOLS_COMMAND_H
 #define KAL_TOOLS_COMMAND_H
 
-#include <cstdint>
-
 namespace CLI {
 class App;
 }
@@ -15,8 +13,5 @@ void addSheet(CLI::App& program);
 void addResource(CLI::App& program);
 void addCompound(CLI::App& program);
 void addSettings(CLI::App& program);
-
-// The option that bounds how many MiB of a picture are in memory at a time; `mebibytes` stays 0 without it.
-void addMemoryOption(CLI::App* command, uint32_t& mebibytes);
 
 #endif

@@ -70,14 +70,6 @@ int run(int count, char** arguments) {
 
 } // namespace
 
-void addMemoryOption(CLI::App* command, uint32_t& mebibytes) {
-    command
-        ->add_option(
-            "--memory", mebibytes,
-            "MiB of a picture to hold in memory, the rest in a temporary file (default: what is free)")
-        ->check(CLI::Range(1, 4095));
-}
-
 int main(int count, char** arguments) {
     std::set_terminate(terminateInMain);
     fillStandardStreams();

@@ -20,6 +20,13 @@ struct MadeOp {
     std::vector<uint8_t> bytes;
 };
 
+// Calls `use` with one piece of at most `most` bytes after another.
+template <class Use>
+void forPieces(ByteView bytes, size_t most, Use use) {
+    for (; !bytes.empty(); bytes = bytes.subspan(std::min(bytes.size(), most)))
+        use(bytes.first(std::min(bytes.size(), most)));
+}
+
 // Bytes that the run of `plain` takes.
 uint32_t compressedBytes(ByteView plain) {
     SFILE* stream = nullptr;
@@ -27,9 +34,9 @@ uint32_t compressedBytes(ByteView plain) {
     uint32_t bytes = UINT32_MAX;
     if (KalOpenFile(&stream, "", KAL_MODE_MEMORY | KAL_MODE_UPDATE, 0) == 0 &&
         KalMakeCFile(&run, stream) == 0) {
-        for (; !plain.empty(); plain = plain.subspan(std::min<size_t>(plain.size(), UINT16_MAX)))
-            KalWriteCFile(run, plain.data(),
-                          static_cast<uint16_t>(std::min<size_t>(plain.size(), UINT16_MAX)));
+        forPieces(plain, UINT16_MAX, [run](ByteView piece) {
+            KalWriteCFile(run, piece.data(), static_cast<uint16_t>(piece.size()));
+        });
         KalFlushCFile(run);
         bytes = run->status == 0 ? stream->pos : UINT32_MAX;
     }
@@ -44,22 +51,25 @@ uint32_t compressedBytes(ByteView plain) {
 class Maker {
 public:
     Maker(PictureSource& source, const StoreOptions& options, uint16_t id, Pipe<MadeOp>& pipe)
-        : source_(source), form_(source.form()), options_(options), id_(id), pipe_(pipe) {}
+        : source_(source), form_(source.form()), options_(options), id_(id), pipe_(pipe), bands_(form_),
+          filter_(form_.rowBytes, form_.pixelBytes()) {}
 
     void make() {
+        if (options_.bands && !bands_.fit())
+            throw Failure(
+                "it does not fit DIB operations: a BMP of 1, 4, 8 or 24 bits and of short rows does");
         uint8_t form[formPayload];
         storeForm(form, form_, id_);
         put(opForm, form);
         const auto putPart = [this](PicturePart part, ByteView bytes) {
+            count(bytes);
             const uint16_t type = part == PicturePart::Before         ? opBefore
                                   : part == PicturePart::Transparency ? opTransparency
                                                                       : opAfter;
-            count(bytes);
-            for (; !bytes.empty(); bytes = bytes.subspan(std::min<size_t>(bytes.size(), mostPayload)))
-                put(type, bytes.first(std::min<size_t>(bytes.size(), mostPayload)));
+            forPieces(bytes, mostPayload, [&](ByteView piece) { put(type, piece); });
         };
         source_.before(putPart);
-        options_.bands ? makeBands() : makeRows();
+        makeRows();
         source_.after(putPart);
         uint8_t end[endPayload];
         store32(end, checksum_);
@@ -69,6 +79,8 @@ public:
     }
 
 private:
+    enum class RowsAs { Filtered, Unfiltered, Bands };
+
     void count(ByteView bytes) {
         checksum_ = crc32(bytes, checksum_);
         bytes_ += bytes.size();
@@ -85,6 +97,39 @@ private:
         return rows_;
     }
 
+    void makeRows() {
+        ByteView rows = readRows(sampleBytes);
+        const RowsAs as = choose(rows);
+        uint32_t first = 0;
+        for (;; rows = readRows(rowsAtATime)) {
+            if (as == RowsAs::Bands)
+                putBands(rows, first);
+            else
+                putFiltered(rows, as == RowsAs::Filtered);
+            first = line_;
+            if (line_ == form_.height)
+                break;
+        }
+        if (!op_.empty())
+            pipe_.put({opRows, std::move(op_)});
+    }
+
+    // What makes the first rows smallest.
+    RowsAs choose(ByteView rows) const {
+        if (options_.bands)
+            return RowsAs::Bands;
+        if (!options_.compressed)
+            return RowsAs::Unfiltered;
+        RowFilter with(form_.rowBytes, form_.pixelBytes());
+        RowFilter without(form_.rowBytes, form_.pixelBytes());
+        const uint64_t filteredBytes = compressedBytes(filtered(rows, with, true));
+        const uint64_t unfilteredBytes = compressedBytes(filtered(rows, without, false));
+        const uint64_t bandBytes = bands_.fit() ? compressedBytes(bandOf(rows, 0)) : UINT64_MAX;
+        return bandBytes < std::min(filteredBytes, unfilteredBytes) ? RowsAs::Bands
+               : filteredBytes < unfilteredBytes                    ? RowsAs::Filtered
+                                                                    : RowsAs::Unfiltered;
+    }
+
     std::vector<uint8_t> filtered(ByteView rows, RowFilter& filter, bool filtering) const {
         const size_t lines = rows.size() / form_.rowBytes;
         std::vector<uint8_t> stored(lines * filter.storedBytes());
@@ -93,60 +138,44 @@ private:
         return stored;
     }
 
-    void makeRows() {
-        RowFilter filter(form_.rowBytes, form_.pixelBytes());
-        ByteView rows = readRows(sampleBytes);
-        bool filtering = false;
-        if (options_.compressed) {
-            RowFilter without(form_.rowBytes, form_.pixelBytes());
-            RowFilter with(form_.rowBytes, form_.pixelBytes());
-            filtering =
-                compressedBytes(filtered(rows, with, true)) < compressedBytes(filtered(rows, without, false));
+    // Rows follow one another whatever the operations' limits are.
+    void putFiltered(ByteView rows, bool filtering) {
+        const std::vector<uint8_t> stored = filtered(rows, filter_, filtering);
+        for (ByteView rest = stored; !rest.empty();) {
+            op_.reserve(mostPayload);
+            const ByteView piece = rest.first(std::min<size_t>(rest.size(), mostPayload - op_.size()));
+            op_.insert(op_.end(), piece.begin(), piece.end());
+            rest = rest.subspan(piece.size());
+            if (op_.size() == mostPayload)
+                pipe_.put({opRows, std::exchange(op_, {})});
         }
-        std::vector<uint8_t> op;
-        for (;; rows = readRows(rowsAtATime)) {
-            const std::vector<uint8_t> stored = filtered(rows, filter, filtering);
-            for (ByteView rest = stored; !rest.empty();) {
-                op.reserve(mostPayload);
-                const ByteView piece = rest.first(std::min<size_t>(rest.size(), mostPayload - op.size()));
-                op.insert(op.end(), piece.begin(), piece.end());
-                rest = rest.subspan(piece.size());
-                if (op.size() == mostPayload)
-                    pipe_.put({opRows, std::exchange(op, {})});
-            }
-            if (line_ == form_.height)
-                break;
-        }
-        if (!op.empty())
-            pipe_.put({opRows, std::move(op)});
     }
 
-    void makeBands() {
-        const Bands bands(form_);
-        if (!bands.fit())
-            throw Failure(
-                "it does not fit DIB operations: a BMP of 1, 4, 8 or 24 bits and of short rows does");
-        while (line_ < form_.height) {
-            const uint32_t first = line_;
-            const ByteView rows = readRows(bands.mostLines() * form_.rowBytes);
-            const uint32_t lines = std::min(line_ - first, bands.mostLines());
-            std::vector<uint8_t> band(KAL_DIB_OP_HEADER + size_t{lines} * bands.lineBytes());
-            store16(&band[2], first);
-            store16(&band[4], form_.width);
-            store16(&band[6], lines);
-            band[8] = form_.bits;
-            std::vector<uint8_t> padding(size_t{lines} * bands.paddingBytes());
-            for (uint32_t line = 0; line < lines; line++) {
-                const uint8_t* row = &rows[size_t{line} * form_.rowBytes];
-                bands.toLine(row, &band[KAL_DIB_OP_HEADER + size_t{line} * bands.lineBytes()]);
-                if (!padding.empty())
-                    std::memcpy(&padding[size_t{line} * bands.paddingBytes()], row + bands.carriedBytes(),
-                                bands.paddingBytes());
+    // The payload of a band; its lines are counted by what 16 bits hold.
+    std::vector<uint8_t> bandOf(ByteView rows, uint32_t first) const {
+        const size_t lines = rows.size() / form_.rowBytes;
+        std::vector<uint8_t> band(KAL_DIB_OP_HEADER + lines * bands_.lineBytes());
+        store16(&band[2], first);
+        store16(&band[4], form_.width);
+        store16(&band[6], static_cast<uint32_t>(lines));
+        band[8] = form_.bits;
+        for (size_t line = 0; line < lines; line++)
+            bands_.toLine(&rows[line * form_.rowBytes], &band[KAL_DIB_OP_HEADER + line * bands_.lineBytes()]);
+        return band;
+    }
+
+    void putBands(ByteView rows, uint32_t first) {
+        forPieces(rows, bands_.mostLines() * form_.rowBytes, [&](ByteView piece) {
+            std::vector<uint8_t> padding;
+            for (size_t row = 0; row < piece.size(); row += form_.rowBytes) {
+                const ByteView pad = piece.subspan(row + bands_.carriedBytes(), bands_.paddingBytes());
+                padding.insert(padding.end(), pad.begin(), pad.end());
             }
             if (std::any_of(padding.begin(), padding.end(), [](uint8_t byte) { return byte != 0; }))
                 pipe_.put({opPadding, std::move(padding)});
-            pipe_.put({KAL_OP_DIB, std::move(band)});
-        }
+            pipe_.put({KAL_OP_DIB, bandOf(piece, first)});
+            first += static_cast<uint32_t>(piece.size() / form_.rowBytes);
+        });
     }
 
     PictureSource& source_;
@@ -154,8 +183,11 @@ private:
     const StoreOptions& options_;
     uint16_t id_;
     Pipe<MadeOp>& pipe_;
+    Bands bands_;
+    RowFilter filter_;
     std::vector<uint8_t> rows_;
-    uint32_t line_ = 0; // the next to read
+    std::vector<uint8_t> op_; // the beginning of the next operation
+    uint32_t line_ = 0;       // the next to read
     uint32_t checksum_ = 0;
     uint64_t bytes_ = 0;
 };
