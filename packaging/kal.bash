@@ -7,8 +7,8 @@ _kal() {
     2:resource:*) choices='make list --help' ;;
     2:compound:*) choices='list cat put --help' ;;
     2:settings:*) choices='list get set unset tree --help' ;;
-    *:store:*) choices='--memory --plain --help' ;;
-    *:extract:*) choices='--memory --output --help' ;;
+    *:store:*) choices='--plain --dib --help' ;;
+    *:extract:*) choices='--output --help' ;;
     *:list:* | *:resource:list | *:compound:list | *:settings:list) choices='--json --help' ;;
     *) choices=--help ;;
     esac

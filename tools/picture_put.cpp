@@ -6,7 +6,7 @@
 #include "tools/pipe.h"
 #include "tools/row_filter.h"
 
-#include <cstring>
+#include <new>
 #include <utility>
 
 namespace {
@@ -27,23 +27,24 @@ void forPieces(ByteView bytes, size_t most, Use use) {
         use(bytes.first(std::min(bytes.size(), most)));
 }
 
-// Bytes that the run of `plain` takes.
+// Bytes that the run of `plain` takes. Throws std::bad_alloc.
 uint32_t compressedBytes(ByteView plain) {
     SFILE* stream = nullptr;
     scfiletag* run = nullptr;
-    uint32_t bytes = UINT32_MAX;
-    if (KalOpenFile(&stream, "", KAL_MODE_MEMORY | KAL_MODE_UPDATE, 0) == 0 &&
-        KalMakeCFile(&run, stream) == 0) {
+    uint32_t bytes = 0;
+    if (KalOpenFile(&stream, "", KAL_MODE_MEMORY | KAL_MODE_UPDATE, 0) == 0 && KalMakeCFile(&run, stream) == 0) {
         forPieces(plain, UINT16_MAX, [run](ByteView piece) {
             KalWriteCFile(run, piece.data(), static_cast<uint16_t>(piece.size()));
         });
-        KalFlushCFile(run);
-        bytes = run->status == 0 ? stream->pos : UINT32_MAX;
+        if (run->status == 0 && KalFlushCFile(run) == 0)
+            bytes = stream->pos;
     }
     if (run != nullptr)
         KalFreeCFile(run);
     if (stream != nullptr)
         stream->close(stream);
+    if (bytes == 0)
+        throw std::bad_alloc();
     return bytes;
 }
 

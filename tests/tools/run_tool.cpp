@@ -74,7 +74,7 @@ std::vector<Listed> listed(const std::string& archive) {
         char topDown[6] = "";
         const int found = std::sscanf(
             line.c_str(),
-            R"( {"id": %u, "kind": "picture", "width": %u, "height": %u, "bits": %u, )"
+            R"( {"id": %u, "kind": "%*[a-z]", "width": %u, "height": %u, "bits": %u, )"
             R"("topDown": %5[a-z], "bytes": %u, "stored": %u, "ratio": %lf})",
             &row.id, &row.width, &row.height, &row.bits, topDown, &row.bytes, &row.stored, &row.ratio);
         row.topDown = std::string(topDown) == "true";
