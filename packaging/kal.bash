@@ -3,11 +3,12 @@ _kal() {
     local word=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]-} sub=${COMP_WORDS[2]-} choices=
     COMPREPLY=()
     case $COMP_CWORD:$command:$sub in
-    1:*) choices='store list extract settings resource compound --wait --help --version' ;;
+    1:*) choices='store list extract sheet settings resource compound --wait --help --version' ;;
     2:resource:*) choices='make list --help' ;;
     2:compound:*) choices='list cat put --help' ;;
     2:settings:*) choices='list get set unset tree --help' ;;
     *:store:*) choices='--plain --dib --help' ;;
+    *:sheet:*) choices='--output --columns --size --help' ;;
     *:extract:*) choices='--output --help' ;;
     *:list:* | *:resource:list | *:compound:list | *:settings:list) choices='--json --help' ;;
     *) choices=--help ;;

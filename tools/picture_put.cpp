@@ -32,7 +32,8 @@ uint32_t compressedBytes(ByteView plain) {
     SFILE* stream = nullptr;
     scfiletag* run = nullptr;
     uint32_t bytes = 0;
-    if (KalOpenFile(&stream, "", KAL_MODE_MEMORY | KAL_MODE_UPDATE, 0) == 0 && KalMakeCFile(&run, stream) == 0) {
+    if (KalOpenFile(&stream, "", KAL_MODE_MEMORY | KAL_MODE_UPDATE, 0) == 0 &&
+        KalMakeCFile(&run, stream) == 0) {
         forPieces(plain, UINT16_MAX, [run](ByteView piece) {
             KalWriteCFile(run, piece.data(), static_cast<uint16_t>(piece.size()));
         });
