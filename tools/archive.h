@@ -11,18 +11,13 @@
 #include "tools/file.h"
 
 #include <kal.h>
+#include <kal/cpp/items.h>
 
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
-struct ArchiveItem {
-    uint16_t id;
-    uint32_t offset;
-    uint32_t storedBytes;
-};
 
 // The archive came into being while this process was making one of the same name.
 class ArchiveAppeared : public std::exception {};
@@ -41,7 +36,7 @@ public:
     Archive& operator=(const Archive&) = delete;
 
     // The pictures, in the order in which they were stored.
-    std::vector<ArchiveItem> pictures() const;
+    std::vector<kal::Entry> pictures() const;
 
     // Calls `use` with the list of picture `id`. What it finds Damaged is named.
     void get(uint16_t id, const std::function<void(OpList*)>& use);
@@ -60,7 +55,7 @@ private:
     void closeWithoutWriting();
     void takeBack();
     File& file() { return new_ ? new_->file() : file_; }
-    std::vector<ArchiveItem> items() const;
+    std::vector<kal::Entry> items() const;
     [[noreturn]] void fail(const std::string& why) const;
     void require(int16_t status) const;
 

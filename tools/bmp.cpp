@@ -87,7 +87,7 @@ BmpLayout bmpLayout(ByteView start, uint32_t fileBytes) {
         throw Failure("its pixels would begin behind its end");
     layout.paletteEnd = layout.headersEnd + paletteBytes(info, layout.rowsStart - layout.headersEnd);
 
-    layout.rowBytes = (layout.width * layout.bits + 31) / 32 * 4;
+    layout.rowBytes = KalDIBRowBytes(layout.width, layout.bits);
     const uint64_t rowsEnd = layout.rowsStart + uint64_t{layout.rowBytes} * layout.height;
     if (rowsEnd > fileBytes)
         throw Failure("it ends inside its pixels");

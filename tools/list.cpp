@@ -2,6 +2,7 @@
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/picture.h"
+#include "tools/text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -16,9 +17,9 @@ struct Arguments {
 };
 
 struct Row {
-    ArchiveItem item;
+    kal::Entry item;
     PictureInfo info;
-    double ratio() const { return static_cast<double>(item.storedBytes) / info.fileBytes; }
+    double ratio() const { return static_cast<double>(item.size) / info.fileBytes; }
 };
 
 template <class... Parts>
@@ -36,22 +37,25 @@ void printTable(const std::vector<Row>& rows) {
         const std::string size = std::to_string(layout.width) + "x" + std::to_string(layout.height);
         std::cout << format("%5u  %-7s  %11s  %4u  %-9s  %10u  %10u  %5.1f%%\n", row.item.id, "picture",
                             size.c_str(), layout.bits, layout.topDown ? "top-down" : "bottom-up",
-                            row.info.fileBytes, row.item.storedBytes, 100 * row.ratio());
+                            row.info.fileBytes, row.item.size, 100 * row.ratio());
     }
 }
 
 void printJson(const std::vector<Row>& rows) {
-    std::cout << '[';
+    JsonRows json;
     for (const Row& row : rows) {
         const BmpLayout& layout = row.info.layout;
-        std::cout << (&row == rows.data() ? "\n  " : ",\n  ")
-                  << format(R"({"id": %u, "kind": "picture", "width": %u, "height": %u, "bits": %u, )",
-                            row.item.id, layout.width, layout.height, layout.bits)
-                  << format(R"("topDown": %s, "bytes": %u, "stored": %u, "ratio": %.4f})",
-                            layout.topDown ? "true" : "false", row.info.fileBytes, row.item.storedBytes,
-                            row.ratio());
+        json.add({{"id", std::to_string(row.item.id)},
+                  {"kind", "\"picture\""},
+                  {"width", std::to_string(layout.width)},
+                  {"height", std::to_string(layout.height)},
+                  {"bits", std::to_string(layout.bits)},
+                  {"topDown", layout.topDown ? "true" : "false"},
+                  {"bytes", std::to_string(row.info.fileBytes)},
+                  {"stored", std::to_string(row.item.size)},
+                  {"ratio", format("%.4f", row.ratio())}});
     }
-    std::cout << (rows.empty() ? "]\n" : "\n]\n");
+    json.end();
 }
 
 void list(const Arguments& arguments) {
@@ -59,7 +63,7 @@ void list(const Arguments& arguments) {
     std::vector<Row> rows;
     std::string firstDamage;
     size_t damaged = 0;
-    for (const ArchiveItem& item : archive->pictures()) {
+    for (const kal::Entry& item : archive->pictures()) {
         try {
             if (!rows.empty() && item.id <= rows.back().item.id) // ids only ever count up
                 throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));

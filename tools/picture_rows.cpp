@@ -14,9 +14,8 @@ uint32_t bytesInRow(const BmpLayout& layout) {
     return (layout.width * layout.bits + 7) / 8;
 }
 
-// Bytes of a line in a band: aligned to two bytes, and at 24 bits four bytes a pixel.
 uint32_t bytesInBand(const BmpLayout& layout) {
-    return layout.bits == 24 ? layout.width * 4 : (bytesInRow(layout) + 1) / 2 * 2;
+    return KalDIBLineBytes(layout.width, layout.bits);
 }
 
 // Bytes of a row that a line carries.
