@@ -24,10 +24,6 @@ struct BandHeader {
     uint32_t bitsPerPixel;
 };
 
-uint32_t alignedLine(uint32_t width, uint32_t bitsPerPixel) {
-    return ((width * bitsPerPixel + 15) >> 3) & ~1u;
-}
-
 BandHeader bandHeader(const uint8_t* op) {
     return {loadLittle<uint16_t>(op + 4), loadLittle<uint16_t>(op + 6), op[8]};
 }
@@ -149,7 +145,7 @@ uint32_t KalPutDIBOp(OpList* list, void* op) {
         }
     } else {
         const uint32_t depth = band.bitsPerPixel > 0 ? std::bit_ceil(band.bitsPerPixel) : 0;
-        const uint32_t lineBytes = alignedLine(band.width, depth);
+        const uint32_t lineBytes = KalDIBLineBytes(band.width, depth);
         for (uint32_t left = linesHeld(band.lines, payload, lineBytes); left > 0; left--, line += lineBytes)
             putBandRow(list, line, std::min(lineBytes, rowBytes));
     }
@@ -161,7 +157,7 @@ void* KalGetDIBOp(OpList* list) {
         return nullptr;
     if (list->dib->bitsPerPixel == 24)
         return KalGet24DIBOp(list);
-    const uint32_t lineBytes = alignedLine(list->dib->width, list->dib->bitsPerPixel);
+    const uint32_t lineBytes = KalDIBLineBytes(list->dib->width, list->dib->bitsPerPixel);
     return fillBand(list, makeBand(list, lineBytes), lineBytes,
                     [=](uint8_t* line, const uint8_t* row) { std::memcpy(line, row, lineBytes); });
 }

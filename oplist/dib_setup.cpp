@@ -33,7 +33,7 @@ int16_t layOut(OpList* list) {
 
 int16_t describe(dibinfo* dib, uint16_t bitsPerPixel) {
     dib->bitsPerPixel = usualDepth(bitsPerPixel);
-    const uint32_t rowBytes = ((uint32_t(dib->width) * dib->bitsPerPixel + 31) >> 3) & ~3u;
+    const uint32_t rowBytes = KalDIBRowBytes(dib->width, dib->bitsPerPixel);
     if (rowBytes > UINT16_MAX)
         return KAL_ERR_BUFFER;
     dib->lineBuf = static_cast<uint8_t*>(KalAllocSMem(rowBytes));

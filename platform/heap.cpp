@@ -30,6 +30,12 @@ std::atomic<int64_t> faultCountdown{0};
 std::atomic<bool> faultStays{false};
 std::atomic<bool> faultHappened{false};
 
+std::atomic<uint32_t> failures{0};
+std::nullptr_t noMemory() {
+    failures.fetch_add(1, std::memory_order_relaxed);
+    return nullptr;
+}
+
 uint8_t* rawOf(void* block) {
     return static_cast<uint8_t*>(block) - kHeader;
 }
@@ -69,14 +75,14 @@ bool isWhole(const void* block) {
 
 void* KalAllocSMem(uint32_t size) {
     if (tooLarge(size) || heapFaultDue())
-        return nullptr;
+        return noMemory();
     auto* raw = static_cast<uint8_t*>(std::calloc(1, kHeader + size + sizeof KAL_HEAP_GUARD));
     if (raw == nullptr)
-        return nullptr;
+        return noMemory();
     setSize(raw, size);
     if (!markBlock(raw + kHeader)) {
         std::free(raw);
-        return nullptr;
+        return noMemory();
     }
     return raw + kHeader;
 }
@@ -93,7 +99,7 @@ void* KalReAllocSMem(void* block, uint32_t size) {
         return nullptr;
     const uint32_t oldSize = sizeOf(block);
     if (heapFaultDue())
-        return nullptr;
+        return noMemory();
     const size_t need = kHeader + size + sizeof KAL_HEAP_GUARD;
     if (size >= oldSize && need <= malloc_usable_size(rawOf(block))) {
         std::memset(static_cast<uint8_t*>(block) + oldSize, 0, size - oldSize);
@@ -106,7 +112,7 @@ void* KalReAllocSMem(void* block, uint32_t size) {
     auto* raw = static_cast<uint8_t*>(std::realloc(rawOf(block), withSpare(need, size > oldSize)));
     if (raw == nullptr) {
         markBlock(block);
-        return nullptr;
+        return noMemory();
     }
     if (size > oldSize)
         std::memset(raw + kHeader + oldSize, 0, size - oldSize);
@@ -121,6 +127,10 @@ void* KalReAllocSMem(void* block, uint32_t size) {
         return moved;
     }
     return raw + kHeader;
+}
+
+uint32_t KalFailedSMem() {
+    return failures.load(std::memory_order_relaxed);
 }
 
 uint32_t KalSizeSMem(const void* block) {

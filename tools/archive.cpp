@@ -147,23 +147,14 @@ void Archive::putSignature() {
     require(status != 0 ? status : closed);
 }
 
-std::vector<ArchiveItem> Archive::items() const {
+std::vector<kal::Entry> Archive::items() const {
     const IFILE* file = lists_->ifile;
-    const auto* index = reinterpret_cast<const uint8_t*>(file->index);
-    std::vector<ArchiveItem> found;
-    for (size_t i = 0; i < file->count; i++) {
-        const ByteView entry(index + i * entryBytes, entryBytes);
-        const uint16_t id = load16(entry, offsetof(ItemIndexWide, id));
-        if (id != KAL_ITEM_FREE)
-            found.push_back({id, load32(entry, offsetof(ItemIndexWide, offset)),
-                             load32(entry, offsetof(ItemIndexWide, size))});
-    }
-    return found;
+    return {kal::EntryIterator(file, 0), kal::EntryIterator(file, file->count)};
 }
 
-std::vector<ArchiveItem> Archive::pictures() const {
-    std::vector<ArchiveItem> found = items();
-    std::erase_if(found, [](const ArchiveItem& item) { return item.id == signatureId; });
+std::vector<kal::Entry> Archive::pictures() const {
+    std::vector<kal::Entry> found = items();
+    std::erase_if(found, [](const kal::Entry& item) { return item.id == signatureId; });
     return found;
 }
 
@@ -188,7 +179,7 @@ uint16_t Archive::put(const std::function<void(OpList*, uint16_t)>& fill) {
     if (lists_->ifile->count >= mostEntries)
         fail("it is full: " + std::to_string(mostEntries - 1) + " pictures are the most");
     uint16_t highest = signatureId;
-    for (const ArchiveItem& item : items())
+    for (const kal::Entry& item : items())
         highest = std::max(highest, item.id);
     if (highest == lastId)
         fail("its highest id is the last that there is");

@@ -11,18 +11,13 @@
 #include "tools/file.h"
 
 #include <kal.h>
+#include <kal/cpp/items.h>
 
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
-
-struct ArchiveItem {
-    uint16_t id;
-    uint32_t offset;
-    uint32_t storedBytes;
-};
 
 // The archive came into being while this process was making one of the same name.
 class ArchiveAppeared : public std::exception {};
@@ -43,7 +38,7 @@ public:
     bool compresses() const { return (lists_->ifile->formatFlags & KAL_IOP_COMPRESSED) != 0; }
 
     // The pictures, in the order in which they were stored.
-    std::vector<ArchiveItem> pictures() const;
+    std::vector<kal::Entry> pictures() const;
 
     // Calls `use` with the list of picture `id`. What it finds Damaged is named.
     void get(uint16_t id, const std::function<void(OpList*)>& use);
@@ -62,7 +57,7 @@ private:
     void closeWithoutWriting();
     void takeBack();
     File& file() { return new_ ? new_->file() : file_; }
-    std::vector<ArchiveItem> items() const;
+    std::vector<kal::Entry> items() const;
     [[noreturn]] void fail(const std::string& why) const;
     void require(int16_t status) const;
 

@@ -3,6 +3,7 @@
 #include "tools/failure.h"
 #include "tools/file.h"
 #include "tools/interrupt.h"
+#include "tools/text.h"
 
 #include <kal/compound.h>
 
@@ -67,17 +68,13 @@ void require(HRESULT result, const std::string& what) {
 
 // --- Names -------------------------------------------------------------------------------------------------
 // On the command line they are UTF-8; a control character, with which the names of many streams begin, is `\x`
-// and two hexadecimal digits. `/` stands between a storage and what is in it.
+// and two hexadecimal digits, and a backslash is doubled. `/` stands between a storage and what is in it.
 
 std::string shown(const std::wstring& name) {
     std::string text;
     for (const wchar_t character : name) {
         const auto code = static_cast<uint32_t>(character);
-        char escape[8];
-        if (code < 0x20 || code == 0x7F || code == '\\') {
-            std::snprintf(escape, sizeof escape, "\\x%02X", code);
-            text += escape;
-        } else if (code < 0x80) {
+        if (code < 0x80) {
             text += static_cast<char>(code);
         } else {
             const int more = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
@@ -86,7 +83,7 @@ std::string shown(const std::wstring& name) {
                 text += static_cast<char>(0x80 | (code >> (6 * k) & 0x3F));
         }
     }
-    return text;
+    return escaped(text);
 }
 
 std::wstring meant(const std::string& text) {
@@ -100,6 +97,8 @@ std::wstring meant(const std::string& text) {
         if (lead == '\\' && text[at] == 'x' && isDigit(at + 1) && isDigit(at + 2)) {
             code = static_cast<unsigned>(std::stoul(text.substr(at + 1, 2), nullptr, 16));
             at += 3;
+        } else if (lead == '\\' && text[at] == '\\') {
+            at++;
         }
         const int more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC0 ? 1 : 0;
         if (more > 0)
@@ -109,16 +108,6 @@ std::wstring meant(const std::string& text) {
         name += static_cast<wchar_t>(code);
     }
     return name;
-}
-
-std::string json(const std::string& shownName) {
-    std::string text;
-    for (const char c : shownName) {
-        if (c == '"' || c == '\\')
-            text += '\\';
-        text += c;
-    }
-    return text;
 }
 
 // --- Files -------------------------------------------------------------------------------------------------
@@ -216,22 +205,20 @@ void list(const Arguments& arguments) {
     const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
     std::vector<Element> elements;
     gather(file.root(), "", 0, elements);
-    const char* separator = "[\n  ";
-    for (const Element& element : elements) {
-        const char* kind = element.isStream ? "stream" : "storage";
-        if (arguments.json) {
-            std::cout << separator << R"({"name": ")" << json(element.name) << R"(", "kind": ")" << kind
-                      << R"(", "bytes": )" << element.bytes << '}';
-            separator = ",\n  ";
-        } else {
-            char line[64];
-            std::snprintf(line, sizeof line, "%-7s  %10llu  ", kind,
-                          static_cast<unsigned long long>(element.bytes));
-            std::cout << line << element.name << '\n';
-        }
+    if (arguments.json) {
+        JsonRows rows;
+        for (const Element& element : elements)
+            rows.add({{"name", jsonText(element.name, Encoding::Utf8)},
+                      {"kind", element.isStream ? "\"stream\"" : "\"storage\""},
+                      {"bytes", std::to_string(element.bytes)}});
+        return rows.end();
     }
-    if (arguments.json)
-        std::cout << (elements.empty() ? "[]\n" : "\n]\n");
+    for (const Element& element : elements) {
+        char line[64];
+        std::snprintf(line, sizeof line, "%-7s  %10llu  ", element.isStream ? "stream" : "storage",
+                      static_cast<unsigned long long>(element.bytes));
+        std::cout << line << element.name << '\n';
+    }
 }
 
 void cat(const Arguments& arguments) {

@@ -2,6 +2,7 @@
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/picture.h"
+#include "tools/text.h"
 
 #include <CLI/CLI.hpp>
 
@@ -16,10 +17,10 @@ struct Arguments {
 };
 
 struct Row {
-    ArchiveItem item;
+    kal::Entry item;
     PictureForm form;
     const char* kind() const { return form.kind == PictureKind::Bmp ? "bmp" : "png"; }
-    double ratio() const { return static_cast<double>(item.storedBytes) / form.fileBytes; }
+    double ratio() const { return static_cast<double>(item.size) / form.fileBytes; }
 };
 
 template <class... Parts>
@@ -37,22 +38,25 @@ void printTable(const std::vector<Row>& rows) {
         const std::string size = std::to_string(form.width) + "x" + std::to_string(form.height);
         std::cout << format("%5u  %-4s  %11s  %4u  %-9s  %10u  %10u  %5.1f%%\n", row.item.id, row.kind(),
                             size.c_str(), form.bits, form.topDown ? "top-down" : "bottom-up", form.fileBytes,
-                            row.item.storedBytes, 100 * row.ratio());
+                            row.item.size, 100 * row.ratio());
     }
 }
 
 void printJson(const std::vector<Row>& rows) {
-    std::cout << '[';
+    JsonRows json;
     for (const Row& row : rows) {
         const PictureForm& form = row.form;
-        std::cout << (&row == rows.data() ? "\n  " : ",\n  ")
-                  << format(R"({"id": %u, "kind": "%s", "width": %u, "height": %u, "bits": %u, )",
-                            row.item.id, row.kind(), form.width, form.height, form.bits)
-                  << format(R"("topDown": %s, "bytes": %u, "stored": %u, "ratio": %.4f})",
-                            form.topDown ? "true" : "false", form.fileBytes, row.item.storedBytes,
-                            row.ratio());
+        json.add({{"id", std::to_string(row.item.id)},
+                  {"kind", jsonText(row.kind(), Encoding::Utf8)},
+                  {"width", std::to_string(form.width)},
+                  {"height", std::to_string(form.height)},
+                  {"bits", std::to_string(form.bits)},
+                  {"topDown", form.topDown ? "true" : "false"},
+                  {"bytes", std::to_string(form.fileBytes)},
+                  {"stored", std::to_string(row.item.size)},
+                  {"ratio", format("%.4f", row.ratio())}});
     }
-    std::cout << (rows.empty() ? "]\n" : "\n]\n");
+    json.end();
 }
 
 void list(const Arguments& arguments) {
@@ -60,7 +64,7 @@ void list(const Arguments& arguments) {
     std::vector<Row> rows;
     std::string firstDamage;
     size_t damaged = 0;
-    for (const ArchiveItem& item : archive->pictures()) {
+    for (const kal::Entry& item : archive->pictures()) {
         try {
             if (!rows.empty() && item.id <= rows.back().item.id) // ids only ever count up
                 throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));

@@ -70,7 +70,7 @@ Bands::Bands(const PictureForm& form) : width_(form.width), wide_(form.bits == 2
            form.height <= UINT16_MAX;
     if (!fit_)
         return;
-    lineBytes_ = wide_ ? form.width * 4 : (form.width * form.bits + 15) / 16 * 2;
+    lineBytes_ = KalDIBLineBytes(form.width, form.bits);
     carriedBytes_ = wide_ ? form.width * 3 : lineBytes_;
     paddingBytes_ = form.rowBytes - carriedBytes_;
     mostLines_ = mostBandBytes / lineBytes_;

@@ -3,6 +3,9 @@
 #include "tools/failure.h"
 #include "tools/output_file.h"
 #include "tools/resource_script.h"
+#include "tools/text.h"
+
+#include <kal/cpp/items.h>
 
 #include <CLI/CLI.hpp>
 
@@ -111,29 +114,14 @@ std::vector<std::string> stringsOf(const std::string& bytes) {
     return readable && at + 1 == bytes.size() ? strings : std::vector<std::string>{};
 }
 
-std::string jsonString(const std::string& text) {
-    std::string result = "\"";
-    for (char c : text) {
-        char code[8];
-        const auto byte = static_cast<uint8_t>(c);
-        if (byte >= ' ' && byte < 0x7F && c != '"' && c != '\\') {
-            result += c;
-        } else { // single-byte characters have the numbers of the first 256 of all characters
-            std::snprintf(code, sizeof code, "\\u%04x", byte);
-            result += code;
-        }
-    }
-    return result + '"';
-}
-
 struct Row {
     uint16_t id;
     std::string bytes;
     std::vector<std::string> strings;
 };
 
-std::string join(const std::vector<std::string>& strings, const char* between,
-                 std::string (*write)(const std::string&)) {
+template <class Write>
+std::string join(const std::vector<std::string>& strings, const char* between, Write write) {
     std::string all;
     for (const std::string& string : strings)
         all += (&string == strings.data() ? "" : between) + write(string);
@@ -151,15 +139,16 @@ void printTable(const std::vector<Row>& rows) {
 }
 
 void printJson(const std::vector<Row>& rows) {
-    std::cout << '[';
+    JsonRows json;
+    const auto text = [](const std::string& string) { return jsonText(string, Encoding::Bytes); };
     for (const Row& row : rows) {
-        std::cout << (&row == rows.data() ? "\n  " : ",\n  ") << "{\"id\": " << row.id
-                  << ", \"bytes\": " << row.bytes.size();
-        if (!row.strings.empty())
-            std::cout << ", \"text\": [" << join(row.strings, ", ", jsonString) << ']';
-        std::cout << '}';
+        const std::string id = std::to_string(row.id), bytes = std::to_string(row.bytes.size());
+        if (row.strings.empty())
+            json.add({{"id", id}, {"bytes", bytes}});
+        else
+            json.add({{"id", id}, {"bytes", bytes}, {"text", '[' + join(row.strings, ", ", text) + ']'}});
     }
-    std::cout << (rows.empty() ? "]\n" : "\n]\n");
+    json.end();
 }
 
 // The item file at `path`, open for reading.
@@ -194,19 +183,16 @@ Row readRow(IFILE* file, uint16_t id) {
 
 void list(const ListArguments& arguments) {
     const auto items = openItems(arguments.file);
-    const IFILE* file = items->file();
-    const size_t entryBytes =
-        (file->formatFlags & KAL_ITEMS_WIDE) != 0 ? sizeof(ItemIndexWide) : sizeof(ItemIndexNarrow);
-    const auto* index = reinterpret_cast<const uint8_t*>(file->index);
     std::vector<Row> rows;
-    std::set<uint16_t> seen{KAL_ITEM_FREE};
+    std::set<uint16_t> seen;
     std::string damage;
-    for (size_t i = 0; i < file->count; i++) {
-        const uint16_t id = load16({index + i * entryBytes, entryBytes}, 0);
-        if (!seen.insert(id).second) // free, or hidden by an earlier one
+    IFILE* const file = items->file();
+    for (auto entry = kal::EntryIterator(file, 0); entry != kal::EntryIterator(file, file->count); ++entry) {
+        const uint16_t id = (*entry).id;
+        if (!seen.insert(id).second) // hidden by an earlier one
             continue;
         try {
-            rows.push_back(readRow(items->file(), id));
+            rows.push_back(readRow(file, id));
         } catch (const Failure& failure) {
             damage = damage.empty() ? failure.what() : damage;
         }

@@ -183,18 +183,3 @@ std::vector<Resource> readResourceScript(const std::string& path) {
     }
     return resources;
 }
-
-std::string quoted(const std::string& text) {
-    constexpr char digits[] = "0123456789ABCDEF";
-    std::string result = "\"";
-    for (char c : text) {
-        const auto byte = static_cast<uint8_t>(c);
-        if (c == '"' || c == '\\')
-            result += {'\\', c};
-        else if (byte >= ' ' && byte < 0x7F)
-            result += c;
-        else
-            result += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
-    }
-    return result + '"';
-}

@@ -24,7 +24,4 @@ inline constexpr size_t kLargestResource = 65535;
 // Reads a script and the files that it names. Throws a Failure that names the script and the line.
 std::vector<Resource> readResourceScript(const std::string& path);
 
-// A string as a script writes it, quotes included.
-std::string quoted(const std::string& text);
-
 #endif

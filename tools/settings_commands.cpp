@@ -1,13 +1,14 @@
 // kal settings: looks at and mends what tag sets keep.
 #include "tools/command.h"
 #include "tools/failure.h"
+#include "tools/text.h"
 
 #include <CLI/CLI.hpp>
 
-#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <vector>
 
 namespace {
@@ -91,51 +92,29 @@ std::vector<Entry> entriesOf(TagSet& set) {
     return entries;
 }
 
-// A value on a line of its own, so that no line end or control character in it is taken for the list's.
-std::string quoted(const std::string& text) {
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string line;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '\\' || byte < ' ' || byte == 0x7F)
-            line += c == '\\' ? "\\\\" : std::string("\\x") + digits[byte >> 4] + digits[byte & 15];
-        else
-            line += c;
-    }
-    return line;
-}
-
-// Settings have no character set: what is not ASCII is shown as its byte.
-std::string jsonText(const std::string& text) {
-    std::string json = "\"";
-    for (const char c : text) {
-        char escaped[8];
-        if (c == '"' || c == '\\')
-            json += '\\';
-        if (c >= ' ' && c <= '~')
-            json += c;
-        else
-            json +=
-                (std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(c)), escaped);
-    }
-    return json + '"';
-}
-
 void printEntries(const std::vector<Entry>& entries) {
     for (const Entry& entry : entries)
-        std::cout << quoted(entry.name) << " = " << quoted(entry.value) << '\n';
+        std::cout << escaped(entry.name) << " = " << escaped(entry.value) << '\n';
 }
 
 void printJson(const std::vector<Entry>& entries) {
-    std::cout << '[';
+    JsonRows rows;
     for (const Entry& entry : entries)
-        std::cout << (&entry == entries.data() ? "\n  " : ",\n  ") << "{\"tag\": " << jsonText(entry.name)
-                  << ", \"value\": " << jsonText(entry.value) << '}';
-    std::cout << (entries.empty() ? "]\n" : "\n]\n");
+        rows.add({{"tag", jsonText(entry.name, Encoding::Bytes)},
+                  {"value", jsonText(entry.value, Encoding::Bytes)}});
+    rows.end();
+}
+
+// What the library calls missing may be what it had no memory for.
+void requireMemory() {
+    if (KalFailedSMem() != 0)
+        throw std::bad_alloc();
 }
 
 void requireSet(const std::string& path) {
-    if (!OpenedSet::exists(path))
+    const bool exists = OpenedSet::exists(path);
+    requireMemory();
+    if (!exists)
         throw Failure("settings " + path, "there is no such set");
 }
 
@@ -150,6 +129,7 @@ void list(const Arguments& arguments) {
         for (const Entry& pattern : entriesOf(*patterns))
             entries.push_back(pattern);
     }
+    requireMemory();
     arguments.json ? printJson(entries) : printEntries(entries);
 }
 
@@ -158,7 +138,9 @@ void get(const Arguments& arguments) {
     OpenedSet set(arguments.path);
     if ((*set).GetTag(arguments.tag.c_str(), nullptr, 0) != KAL_OK)
         throw Failure("settings " + arguments.path, "there is no tag " + arguments.tag);
-    std::cout << valueOf(*set, arguments.tag) << '\n';
+    const std::string value = valueOf(*set, arguments.tag);
+    requireMemory();
+    std::cout << value << '\n';
 }
 
 void write(const Arguments& arguments, const char* value) {
@@ -174,14 +156,18 @@ void set(const Arguments& arguments) {
     write(arguments, arguments.value.c_str());
     // A name that no tag can have is not written, and the library does not tell.
     OpenedSet opened(arguments.path);
-    if (!holds(*opened, arguments.tag))
+    const bool is = holds(*opened, arguments.tag);
+    requireMemory();
+    if (!is)
         throw Failure("settings " + arguments.path, "no tag can be named " + arguments.tag);
 }
 
 void unset(const Arguments& arguments) {
     requireSet(arguments.path);
     OpenedSet opened(arguments.path);
-    if (!holds(*opened, arguments.tag))
+    const bool is = holds(*opened, arguments.tag);
+    requireMemory();
+    if (!is)
         throw Failure("settings " + arguments.path, "there is no tag " + arguments.tag);
     write(arguments, nullptr);
 }
@@ -191,11 +177,12 @@ void printTree(const std::string& path, const std::string& indent) {
     {
         OpenedSet set(path);
         entries = entriesOf(*set);
+        requireMemory();
     }
     for (const Entry& entry : entries) {
-        std::cout << indent << quoted(entry.name);
+        std::cout << indent << escaped(entry.name);
         if (!entry.value.empty())
-            std::cout << " = " << quoted(entry.value);
+            std::cout << " = " << escaped(entry.value);
         std::cout << '\n';
         const std::string below = path.empty() ? entry.name : path + "\\" + entry.name;
         if (below.size() + std::strlen(KAL_SETTINGS_ROOT) < size_t(KAL_TAG_PATH_SIZE))

@@ -87,7 +87,7 @@ private:
     std::vector<uint8_t> pixels_;
 };
 
-void drawPicture(Band& band, uint32_t column, Archive& archive, const ArchiveItem& item, uint32_t size) {
+void drawPicture(Band& band, uint32_t column, Archive& archive, const kal::Entry& item, uint32_t size) {
     band.label(column, 0, "#" + std::to_string(item.id));
     std::optional<Thumbnail> picture;
     try {
@@ -106,7 +106,7 @@ void drawPicture(Band& band, uint32_t column, Archive& archive, const ArchiveIte
 
 void sheet(const Arguments& arguments) {
     const auto archive = Archive::forReading(arguments.archive);
-    const std::vector<ArchiveItem> pictures = archive->pictures();
+    const std::vector<kal::Entry> pictures = archive->pictures();
     const auto count = static_cast<uint32_t>(pictures.size());
     if (count == 0)
         throw Failure(arguments.archive, "it has no pictures");

@@ -20,6 +20,10 @@ KAL_API int16_t KalFreeSMem(void* block);
 // KalFreeSMem refuses it; the old block then stays as it was.
 KAL_API void* KalReAllocSMem(void* block, uint32_t size);
 
+// How often calls of small memory have failed in this process for want of memory. A caller that must know whether
+// an answer such as "there is none" (TagSearch, TagSet::GetTag) was one of these compares two counts.
+KAL_API uint32_t KalFailedSMem();
+
 // The usable size of a block in bytes: what was asked for. 0 for anything that is not a live block.
 KAL_API uint32_t KalSizeSMem(const void* block);
 

@@ -131,6 +131,15 @@ static_assert(KAL_AT(OpList, stream, 0, 0) && KAL_AT(OpList, compStream, 4, 8) &
 // aligned; a 24-bit pixel takes 4 bytes, the last not used.
 inline constexpr uint32_t KAL_DIB_OP_HEADER = 12;
 
+// Bytes of a line in a DIB op, and of a row as a bitmap list stores it, which is 32-bit aligned with three bytes to a
+// 24-bit pixel.
+inline constexpr uint32_t KalDIBLineBytes(uint32_t width, uint32_t bitsPerPixel) {
+    return bitsPerPixel == 24 ? width * 4 : ((width * bitsPerPixel + 15) >> 3) & ~1u;
+}
+inline constexpr uint32_t KalDIBRowBytes(uint32_t width, uint32_t bitsPerPixel) {
+    return ((width * bitsPerPixel + 31) >> 3) & ~3u;
+}
+
 // Allocates an op with `size` payload bytes, all 0 (the low 16 bits of type and size count). Null when memory
 // is short. The caller frees it with KalFreeSMem(KalOpBlock(op)).
 KAL_API void* KalCreateOp(uint32_t type, uint32_t size);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <random>
 
 namespace {
@@ -197,36 +196,33 @@ TEST_F(Compound, RandomChangesAgreeWithAModel) {
 
 // --- The directory -------------------------------------------------------------------------------------
 
-struct Entry {
+// Walks the tree below an entry of a directory: its names are in the format's order (`before` is the one before), no
+// red entry is below a red one, and each way down has as many black ones. Gives that number.
+int blackOnTheWay(const Bytes& directory, uint32_t index, bool belowRed, std::u16string& before,
+                  size_t& met) {
+    if (index == 0xFFFFFFFF)
+        return 0;
+    const size_t at = index * size_t(128);
+    EXPECT_LT(at, directory.size());
+    const bool black = directory[at + 67] == 1;
+    EXPECT_TRUE(black || !belowRed);
+    const int left = blackOnTheWay(directory, word(directory, at + 68), !black, before, met);
     std::u16string name;
-    bool black;
-    uint32_t left, right, child;
-};
-
-// The entries of a file whose directory is one chain in the FAT that the header names (small files).
-std::vector<Entry> entriesOf(const Bytes& file) {
-    std::vector<Entry> entries;
-    const auto next = [&file](uint32_t sector) {
-        return word(file, (word(file, 76 + sector / 128 * 4) + 1) * 512 + sector % 128 * 4);
-    };
-    for (uint32_t sector = word(file, 48); sector < 0xFFFFFFFA; sector = next(sector))
-        for (size_t at = (sector + 1) * size_t(512); at < (sector + 2) * size_t(512); at += 128) {
-            Entry entry = {
-                {}, file[at + 67] == 1, word(file, at + 68), word(file, at + 72), word(file, at + 76)};
-            for (size_t unit = 0; unit + 2 < size_t(file[at + 64]); unit += 2)
-                entry.name += static_cast<char16_t>(file[at + unit] | file[at + unit + 1] << 8);
-            entries.push_back(entry);
-        }
-    return entries;
+    for (size_t unit = 0; unit + 2 < size_t(directory[at + 64]);
+         unit += 2) // the names differ by capitals alone
+        name += static_cast<char16_t>(std::toupper(directory[at + unit]) | directory[at + unit + 1] << 8);
+    EXPECT_LT(std::pair(before.size(), before), std::pair(name.size(), name));
+    before = name;
+    met++;
+    EXPECT_EQ(left, blackOnTheWay(directory, word(directory, at + 72), !black, before, met));
+    return left + (black ? 1 : 0);
 }
 
 TEST_F(Compound, TheDirectoryIsARedBlackTreeInTheFormatsOrder) {
     std::mt19937 random(3);
-    std::vector<std::wstring> names;
-    for (int i = 0; i < 2000; i++)
+    std::vector<std::wstring> names = {L"\u00C9t\u00E9", L"\u0436", L"\U0001F600", std::wstring(31, L'n')};
+    for (int i = 0; i < 700; i++)
         names.push_back((i % 2 != 0 ? L"stream " : L"STREAM Nr. ") + std::to_wstring(i));
-    names.insert(names.end(),
-                 {L"\u00C9t\u00E9", L"\u0436", L"\u0416\u0416", L"\U0001F600", std::wstring(31, L'n')});
     std::shuffle(names.begin(), names.end(), random);
     Ref<IStorage> storage;
     Ref<IStream> stream;
@@ -244,37 +240,19 @@ TEST_F(Compound, TheDirectoryIsARedBlackTreeInTheFormatsOrder) {
     stream.reset();
     storage.reset();
 
-    const std::vector<Entry> entries = entriesOf(readFile("many.ole"));
+    const Bytes file = readFile("many.ole");
+    Bytes directory; // a chain in the FAT that the header names
+    for (uint32_t sector = word(file, 48); sector < 0xFFFFFFFA;
+         sector = word(file, (word(file, 76 + sector / 128 * 4) + 1) * 512 + sector % 128 * 4))
+        directory.insert(directory.end(), file.begin() + (sector + 1) * 512,
+                         file.begin() + (sector + 2) * 512);
+    std::u16string before;
     size_t met = 0;
-    const Entry* before = nullptr;
-    const std::function<int(uint32_t, bool, int)> blackHeight = [&](uint32_t index, bool redAbove,
-                                                                    int depth) -> int {
-        if (index == 0xFFFFFFFF)
-            return 0;
-        EXPECT_LT(index, entries.size());
-        EXPECT_LT(depth, 24);
-        const Entry& entry = entries[index];
-        EXPECT_TRUE(entry.black || !redAbove) << "red below red";
-        const int left = blackHeight(entry.left, !entry.black, depth + 1);
-        if (before != nullptr) {
-            EXPECT_LE(before->name.size(), entry.name.size());
-        }
-        before = &entry;
-        met++;
-        EXPECT_EQ(left, blackHeight(entry.right, !entry.black, depth + 1)) << "black heights";
-        return left + (entry.black ? 1 : 0);
-    };
-    EXPECT_TRUE(entries[entries[0].child].black);
-    blackHeight(entries[0].child, false, 0);
+    blackOnTheWay(directory, word(directory, 76), true, before, met);
     EXPECT_EQ(met, names.size());
-
-    ASSERT_EQ(openFile("many.ole", STGM_READ | STGM_SHARE_DENY_WRITE, storage), S_OK);
-    for (const std::wstring& name : names)
-        EXPECT_EQ(openStream(storage.get(), name, stream, STGM_READ), S_OK);
-    Streams olefile;
-    if (readByOlefile("many.ole", olefile)) {
-        EXPECT_EQ(olefile.size(), names.size());
-    }
+    Streams found;
+    EXPECT_TRUE(readStreams("many.ole", found));
+    EXPECT_EQ(found.size(), names.size());
 }
 
 // --- Large files and large sectors ---------------------------------------------------------------------
@@ -332,17 +310,15 @@ TEST_F(Compound, FilesOfLargeSectorsAreReadAndWritten) {
 TEST_F(Compound, AStreamReachesTwoGibibytes) {
     if (std::getenv("KAL_TEST_LARGE") == nullptr)
         GTEST_SKIP() << "takes 2 GiB of disk; set KAL_TEST_LARGE";
-    constexpr uint64_t kLimit = 0x80000000;
+    constexpr int64_t kLimit = 0x80000000;
     Ref<IStorage> storage;
     Ref<IStream> stream;
     ASSERT_EQ(createFile("huge.ole", storage), S_OK);
     ASSERT_EQ(makeStream(storage.get(), L"huge", stream), S_OK);
     uint32_t count = 0;
-    ASSERT_EQ(stream->Seek(int64_t(kLimit) - 3, STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(stream->Seek(kLimit - 3, STREAM_SEEK_SET, nullptr), S_OK);
     ASSERT_EQ(stream->Write("12345", 5, &count), S_OK);
     EXPECT_EQ(count, 3u) << "no further than the version's limit";
-    ASSERT_EQ(stream->Seek(1 << 30, STREAM_SEEK_SET, nullptr), S_OK);
-    ASSERT_EQ(stream->Write("middle", 6, &count), S_OK);
     stream.reset();
     storage.reset();
     ASSERT_EQ(openFile("huge.ole", kUpdate, storage), S_OK);
@@ -350,12 +326,7 @@ TEST_F(Compound, AStreamReachesTwoGibibytes) {
     char text[8] = {};
     ASSERT_EQ(stream->Seek(-4, STREAM_SEEK_END, nullptr), S_OK);
     ASSERT_EQ(stream->Read(text, 8, &count), S_OK);
-    EXPECT_EQ(std::string(text, count), std::string("\0"
-                                                    "123",
-                                                    4));
-    ASSERT_EQ(stream->Seek(1 << 30, STREAM_SEEK_SET, nullptr), S_OK);
-    ASSERT_EQ(stream->Read(text, 6, &count), S_OK);
-    EXPECT_EQ(std::string(text, 6), "middle");
+    EXPECT_EQ(std::string(text, count), std::string("\000123", 4));
 }
 
 // --- Sharing ---------------------------------------------------------------------------------------------

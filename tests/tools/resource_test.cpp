@@ -62,7 +62,7 @@ TEST_F(ResourceTool, TheLibraryReadsWhatItMade) {
         << table;
     EXPECT_NE(table.find("    7      2  text \"\"\n"), std::string::npos);
     const std::string json = kalSucceeds({"resource", "list", "--json", "out.res"});
-    EXPECT_NE(json.find(R"("a \u0022b\u0022 \u005c A\u000a", "\u00e4")"), std::string::npos);
+    EXPECT_NE(json.find(R"("a \"b\" \\ A\u000a", "\u00e4")"), std::string::npos);
 }
 
 TEST_F(ResourceTool, WrongScriptsAreNamedByTheirLineAndLeaveTheOldFile) {

@@ -17,10 +17,10 @@ TEST_F(Settings, AreListedChangedAndRemoved) {
     EXPECT_EQ(kalSucceeds({"settings", "get", "Maker\\App", "COLOUR"}), "blue\n");
     EXPECT_EQ(kalSucceeds({"settings", "get", "Maker\\App", "abc"}), "pattern\n");
     EXPECT_EQ(kalSucceeds({"settings", "list", "MAKER\\APP"}),
-              "Colour = blue\nLong = " + longText + "\nodd\\x0aname = a\\x09b\\\\\xe4\"\nA?C = pattern\n");
+              "Colour = blue\nLong = " + longText + "\nodd\\x0Aname = a\\x09b\\\\\xe4\"\nA?C = pattern\n");
     EXPECT_EQ(kalSucceeds({"settings", "tree"}),
               "Maker\n  App\n    Colour = blue\n    Long = " + longText +
-                  "\n    odd\\x0aname = a\\x09b\\\\\xe4\"\n    Wildcards\n      A?C = pattern\n");
+                  "\n    odd\\x0Aname = a\\x09b\\\\\xe4\"\n    Wildcards\n      A?C = pattern\n");
     kalSucceeds({"settings", "unset", "Maker\\App", "long"});
     kalSucceeds({"settings", "unset", "Maker\\App", "colour"});
     EXPECT_EQ(kalSucceeds({"settings", "list", "--json", "Maker\\App"}),
