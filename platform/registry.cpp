@@ -72,7 +72,7 @@ void dropIfIdle(RegistryStore* store) {
 void watchForks() {
     static const int watched = pthread_atfork([] { registryLock.lock(); }, [] { registryLock.unlock(); },
                                               [] {
-                                                  registryForks++;
+                                                  RegistryLog::forks++;
                                                   registryLock.unlock();
                                               });
     static_cast<void>(watched);
@@ -281,7 +281,7 @@ int32_t RegCloseKey(HKEY key) {
 uint64_t registryState(HKEY key) {
     const std::lock_guard guard(registryLock);
     const OpenKey* open = openKeyOf(key);
-    return open != nullptr && open->store->refresh() == 0 ? registryChanges : 0;
+    return open != nullptr && open->store->refresh() == 0 ? RegistryLog::changes : 0;
 }
 
 void forgetRegistry() {

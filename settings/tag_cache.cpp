@@ -13,6 +13,8 @@ constexpr uint32_t kMostValueSize = 4096;
 
 } // namespace
 
+std::atomic<uint32_t> TagCache::chainChanges;
+
 char* TagCache::makePath(const char* path) {
     const size_t size = std::strlen(path) + 1;
     void* block = KalAllocSMem(static_cast<uint32_t>(sizeof(TagCache) + size));

@@ -9,6 +9,7 @@
 #ifndef KAL_SETTINGS_TAG_CACHE_H
 #define KAL_SETTINGS_TAG_CACHE_H
 
+#include <atomic>
 #include <cstdint>
 
 struct CachedTag {
@@ -26,6 +27,9 @@ struct CachedTag {
 
 class TagCache {
 public:
+    // Grows with every change of how sets are linked to each other, or opened.
+    static std::atomic<uint32_t> chainChanges;
+
     // A path with an empty cache; null when memory is short.
     static char* makePath(const char* path);
     static void freePath(char* path); // null too

@@ -1,4 +1,5 @@
 // Sets layered over each other.
+#include "settings/tag_cache.h"
 #include "settings/tag_keys.h"
 
 #include <kal/tagset.h>
@@ -20,14 +21,14 @@ void TagSet::Link(TagSet* above, TagSet* below) {
     for (TagSet* set = below; set != nullptr; set = set->lastChild)
         if (set == above)
             return;
-    chainChanges++;
+    TagCache::chainChanges++;
     above->lastChild = below;
     below->parent = above;
     below->SetTag(kParentTag, above->path, nullptr);
 }
 
 void TagSet::Unlink(TagSet*& link) {
-    chainChanges++;
+    TagCache::chainChanges++;
     link = nullptr;
 }
 

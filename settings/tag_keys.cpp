@@ -3,8 +3,6 @@
 #include <cstdio>
 #include <cstring>
 
-std::atomic<uint32_t> chainChanges;
-
 namespace {
 
 char upperCase(char c) {

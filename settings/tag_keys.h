@@ -6,7 +6,6 @@
 
 #include <kal/tagset.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -41,8 +40,5 @@ char* loadValue(HKEY key);
 
 // With all that is below them.
 void deleteSubkeys(HKEY key);
-
-// Grows with every change of how sets are linked to each other, or opened.
-extern std::atomic<uint32_t> chainChanges;
 
 #endif

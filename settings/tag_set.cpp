@@ -47,7 +47,7 @@ TagSet::~TagSet() {
 }
 
 void TagSet::Close() {
-    chainChanges++;
+    TagCache::chainChanges++;
     if (hKey != nullptr) {
         if (hWildKey != nullptr)
             RegCloseKey(hWildKey);
@@ -106,17 +106,16 @@ int16_t TagSet::SetTempPath() {
     char counterTag[KAL_TAG_PATH_SIZE];
     std::snprintf(counterTag, sizeof counterTag, "%sNextTemp", rootPath);
     for (int draw = 0; draw < kMostDraws; draw++) {
-        hKey = HKEY_CLASSES_ROOT; // so that the counter's tag counts from there
+        const HKEY counter = makeKey(HKEY_CLASSES_ROOT, counterTag, persistent != 0);
         char number[kTagNameSize] = "";
-        if (const HKEY counter = openKey(hKey, counterTag)) {
-            readValue(counter, nullptr, number, sizeof number - 1);
-            RegCloseKey(counter);
-        }
+        readValue(counter, nullptr, number, sizeof number - 1);
         if (number[0] == 0)
             std::strcpy(number, "0");
         char next[40];
         _itoa(static_cast<int>(static_cast<uint32_t>(std::atoi(number)) + 1), next, 10);
-        SetRawTag(counterTag, next, nullptr);
+        RegSetValueExA(counter, nullptr, 0, REG_SZ, reinterpret_cast<const uint8_t*>(next),
+                       static_cast<uint32_t>(std::strlen(next) + 1));
+        RegCloseKey(counter);
 
         char fresh[kTagNameSize + 8];
         std::snprintf(fresh, sizeof fresh, "Temp\\%s", number);
@@ -146,7 +145,7 @@ bool TagSet::GetKnownTag(const char* tag, char* buffer, int size, int16_t* statu
     if (state == 0)
         return false;
     TagCache& cache = TagCache::of(path);
-    const uint64_t links = chainChanges;
+    const uint64_t links = TagCache::chainChanges;
     CachedTag* known = cache.find(tag, state + links);
     if (known == nullptr) {
         HKEY key = FindTag(tag);
@@ -162,7 +161,7 @@ bool TagSet::GetKnownTag(const char* tag, char* buffer, int size, int16_t* statu
             // What another process changed meanwhile is not kept.
             if (hasValue && RegQueryValueExA(key, nullptr, nullptr, nullptr, known->value(), &valueSize) != 0)
                 known->state = 0;
-            else if (valueSize != known->size || registryState(hKey) + chainChanges != known->state)
+            else if (valueSize != known->size || registryState(hKey) + TagCache::chainChanges != known->state)
                 known->state = 0;
         }
         RegCloseKey(key);

@@ -21,8 +21,8 @@ struct RegistryLog::Header {
     std::atomic<uint32_t> committed;
 };
 
-uint64_t registryChanges;
-int registryForks;
+uint64_t RegistryLog::changes;
+int RegistryLog::forks;
 
 namespace {
 
@@ -139,8 +139,8 @@ int RegistryLog::open() {
 int RegistryLog::attach() {
     detach();
     tree_.forget(index_);
-    registryChanges++;
-    forks_ = registryForks;
+    changes++;
+    forks_ = forks;
     seen_ = 0;
     end_ = kHeaderBytes;
     lookAt_ = kShortLog;
@@ -180,7 +180,7 @@ int RegistryLog::read() {
         int error = got.failed ? errno : 0;
         RegistryRecord record;
         for (uint32_t used = 0; error == 0 && record.load(header_->number, bytes + used, got.count - used);) {
-            registryChanges++;
+            changes++;
             if (!tree_.apply(index_, record))
                 error = ENOMEM;
             else
@@ -234,7 +234,7 @@ bool RegistryLog::isMostlyPast() {
 
 int RegistryLog::lock() {
     for (;;) {
-        const bool isMine = header_ != nullptr && forks_ == registryForks;
+        const bool isMine = header_ != nullptr && forks_ == forks;
         int error = !isMine ? kOtherFile : setLock(fd_, LOCK_EX) ? checkFile() : errno;
         if (error == 0)
             error = read();
@@ -274,7 +274,7 @@ int RegistryLog::append(const RegistryRecord& record) {
     if (error != 0)
         return error;
     publish(end_ + bytes);
-    registryChanges++;
+    changes++;
     if (tree_.apply(index_, record)) // else it is read when memory is there
         seen_ = end_ += bytes;
     return 0;

@@ -35,6 +35,11 @@ public:
     // With the lock held. The record is everybody's when this returns 0.
     int append(const RegistryRecord& record);
 
+    // Grows whenever this process learns of a change in any log.
+    static uint64_t changes;
+    // How often this process is the child of a fork. A child shares its parent's open files and so the locks on them.
+    static int forks;
+
 private:
     struct Header;
 
@@ -63,11 +68,5 @@ private:
     uint32_t end_ = 0;    // of what was read
     uint32_t lookAt_ = 0; // the length at which to ask how much of the log is of the past
 };
-
-// Grows whenever this process learns of a change in any log.
-extern uint64_t registryChanges;
-
-// How often this process is the child of a fork. A child shares its parent's open files and so the locks on them.
-extern int registryForks;
 
 #endif

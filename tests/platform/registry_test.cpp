@@ -38,8 +38,7 @@ TEST_F(Registry, KeepsEveryNameApartAsItWasSpelled) {
     EXPECT_EQ(textOf("A/B", top), "value of a/b");
     EXPECT_EQ(textOf("\xc4", top), "value of \xc4");
     EXPECT_EQ(subkeysOf(top), (std::vector<std::string>{" ", "%40", ".", "..", "@a", "a\n", "a ", "a/b", "aa",
-                                                        "CON", std::string(255, 'x'), "~", "\xc4",
-                                                        "\xe4z"}))
+                                                        "CON", std::string(255, 'x'), "~", "\xc4", "\xe4z"}))
         << "in the order of the names in small letters";
     char name[4];
     EXPECT_EQ(RegEnumKeyA(top, 9, name, 3), ERROR_MORE_DATA);
