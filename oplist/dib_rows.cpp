@@ -59,7 +59,8 @@ bool findRow(OpList* list, uint32_t rowBytes) {
         return false;
     }
     const auto room = [&](const opblock* block) {
-        return std::max<uint32_t>(block->capacity, rowSpan(list, block));
+        const uint32_t capacity = block->capacity; // by value: its place in the record is not aligned
+        return std::max(capacity, rowSpan(list, block));
     };
     while (uint64_t(list->curBlock->offset) + rowBytes > room(list->curBlock))
         if (!stepToNextBlock(list)) {

@@ -43,6 +43,7 @@
     CALL(readdir, dirent*, (DIR * listing))                                                                  \
     CALL(closedir, int, (DIR * listing))                                                                     \
     CALL(ftruncate, int, (int fd, off_t length))                                                             \
+    CALL(fsync, int, (int fd))                                                                               \
     CALL(fallocate, int, (int fd, int mode, off_t offset, off_t count))                                      \
     CALL(flock, int, (int fd, int operation))                                                                \
     CALL(shm_open, int, (const char* name, int flags, mode_t mode))                                          \

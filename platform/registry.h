@@ -1,7 +1,7 @@
 // The registry: a tree of keys that hold values, shared by every process of the user.
 //
-// Every call returns 0 or one of the codes below. A handle names a key, not the folder that holds it: a key
-// that is deleted behind a handle is missing for it, and there again once somebody makes it anew.
+// Every call returns 0 or one of the codes below. A handle names a key, not what is in it: a key that is deleted
+// behind a handle is missing for it, and there again once somebody makes it anew.
 #ifndef KAL_PLATFORM_REGISTRY_H
 #define KAL_PLATFORM_REGISTRY_H
 
@@ -32,19 +32,19 @@ inline constexpr int32_t ERROR_BAD_PATHNAME = 161; // an empty component in a ke
 inline constexpr int32_t ERROR_FILENAME_EXCED_RANGE = 206;
 inline constexpr int32_t ERROR_MORE_DATA = 234;
 inline constexpr int32_t ERROR_NO_MORE_ITEMS = 259;
-inline constexpr int32_t ERROR_REGISTRY_IO_FAILED = 1016; // the tree of folders cannot be reached
+inline constexpr int32_t ERROR_REGISTRY_IO_FAILED = 1016; // the registry's file cannot be reached
 
 // The largest value that can be set.
 inline constexpr uint32_t kMostValueBytes = 1 << 20;
 
 // `subKey` is a path of names with `\` between them, compared without regard to (ASCII) case; one `\` at its
-// end is let through. The caller closes every handle that it gets. Reserved words, access and security are
-// ignored.
+// end is let through. A name has at most 255 bytes, a path 4,095. The caller closes every handle that it gets.
+// Reserved words, classes, access and security are ignored.
 
-// Opens a key, or makes it with the keys on the way to it. A new key appears to others with its first value
-// or at the next other call about it, whichever comes first, and at once when `disposition` is given, which
-// tells which it was: so a key and its value come into being in one step, and of two makers one is told that
-// it was first.
+// Opens a key, or makes it with the keys on the way to it. A new key appears with its first value or at the
+// next other call with this handle, whichever comes first, and at once when `disposition` is given, which tells
+// which it was: so a key and its value come into being in one step, and of two makers one is told that it was
+// first.
 int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t reserved, const char* className,
                         uint32_t options, uint32_t access, const void* security, HKEY* result,
                         uint32_t* disposition);
@@ -67,13 +67,17 @@ int32_t RegEnumKeyA(HKEY key, uint32_t index, char* name, uint32_t nameSize);
 // Deletes a key with its values. ERROR_ACCESS_DENIED when it has subkeys.
 int32_t RegDeleteKeyA(HKEY key, const char* subKey);
 
-// The class of the key and the number of its subkeys; any of the pointers may be null. The other questions of
-// this call are not answered: their pointers must be null.
-int32_t RegQueryInfoKeyA(HKEY key, char* className, uint32_t* classSize, uint32_t* reserved,
-                         uint32_t* subKeys, uint32_t* mostSubKeyLength, uint32_t* mostClassLength,
-                         uint32_t* values, uint32_t* mostValueNameLength, uint32_t* mostValueBytes,
-                         uint32_t* securityBytes, void* lastWriteTime);
+// The same with all that is below it, in one step.
+int32_t RegDeleteTreeA(HKEY key, const char* subKey);
 
 int32_t RegCloseKey(HKEY key);
+
+// No call of the platform: a number that stays while nothing changes in the registry that the key lies in, whatever
+// process changes it, so that what was read can be kept. 0 when that is not known.
+uint64_t registryState(HKEY key);
+
+// Gives back what this process knows of the registry, which the next call reads again, unless a handle is open. For
+// tests.
+void forgetRegistry();
 
 #endif

@@ -1,4 +1,5 @@
 // Sets layered over each other.
+#include "settings/tag_cache.h"
 #include "settings/tag_keys.h"
 
 #include <kal/tagset.h>
@@ -20,9 +21,15 @@ void TagSet::Link(TagSet* above, TagSet* below) {
     for (TagSet* set = below; set != nullptr; set = set->lastChild)
         if (set == above)
             return;
+    TagCache::chainChanges++;
     above->lastChild = below;
     below->parent = above;
     below->SetTag(kParentTag, above->path, nullptr);
+}
+
+void TagSet::Unlink(TagSet*& link) {
+    TagCache::chainChanges++;
+    link = nullptr;
 }
 
 TagSet* TagSet::CreateChild() {
@@ -36,14 +43,14 @@ void TagSet::SetChild(TagSet* child) {
     if (child != nullptr)
         Link(this, child);
     else
-        lastChild = nullptr;
+        Unlink(lastChild);
 }
 
 void TagSet::SetParent(TagSet* newParent) {
     if (newParent != nullptr)
         Link(newParent, this);
     else
-        parent = nullptr;
+        Unlink(parent);
 }
 
 TagSet* TagSet::GetParent() {
@@ -56,7 +63,7 @@ TagSet* TagSet::GetLastChild() {
 
 void TagSet::DestroyChild() {
     delete lastChild;
-    lastChild = nullptr;
+    Unlink(lastChild);
 }
 
 void TagSet::ForTags(KalTagCallback callback, void* context) {
@@ -70,15 +77,21 @@ int TagSet::FuseTag(TagSet* set, const char* tag, void*) {
     if (sameName(tag, kParentTag))
         return 1;
     const char* value = set->GetTempTag(tag);
-    char* whole = nullptr;
-    if (value != nullptr &&
-        *value == 0) // longer than a result buffer, or there is none, as in the patterns' key
-        value = whole = loadSubkey(set->hKey, tag);
-    if (value != nullptr)
+    // "" stands for a value longer than a result buffer; or there is none, as in the patterns' key.
+    if (value != nullptr && *value == 0)
+        set->FuseKey(set->hKey, tag);
+    else if (value != nullptr)
         set->parent->SetRawTag(tag, value, nullptr);
-    if (whole != nullptr)
-        KalFreeSMem(whole);
     return 1;
+}
+
+void TagSet::FuseKey(void* above, const char* name) {
+    const HKEY key = openKey(above, name);
+    char* value = key != nullptr ? loadValue(key) : nullptr;
+    if (value != nullptr)
+        parent->SetRawTag(name, value, nullptr);
+    KalFreeSMem(value);
+    RegCloseKey(key);
 }
 
 void TagSet::FusePatterns() {
@@ -86,10 +99,7 @@ void TagSet::FusePatterns() {
     if (WildKey() == nullptr)
         return;
     for (uint32_t i = 0; RegEnumKeyA(hWildKey, i, name, sizeof name) == ERROR_SUCCESS; i++)
-        if (char* value = loadSubkey(hWildKey, name)) {
-            parent->SetRawTag(name, value, nullptr);
-            KalFreeSMem(value);
-        }
+        FuseKey(hWildKey, name);
 }
 
 int16_t TagSet::FuseWithParent() {
@@ -101,11 +111,8 @@ int16_t TagSet::FuseWithParent() {
 }
 
 int16_t TagSet::ClearTags() {
-    if (WildKey() != nullptr) {
-        deleteSubkeys(hWildKey);
-        RegCloseKey(hWildKey);
-        hWildKey = nullptr;
-    }
+    RegCloseKey(hWildKey);
+    hWildKey = nullptr;
     deleteSubkeys(hKey);
     return KAL_OK;
 }

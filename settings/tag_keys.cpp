@@ -54,51 +54,35 @@ HKEY openKey(HKEY above, const char* name) {
     return key;
 }
 
-bool readSubkey(HKEY above, const char* name, char* buffer, int size, const char* valueName) {
-    const HKEY key = openKey(above, name);
-    if (key == nullptr)
-        return false;
+void readValue(HKEY key, const char* valueName, char* buffer, int size) {
     const uint32_t room = size > 0 ? static_cast<uint32_t>(size) : 0;
     uint32_t got = room;
     const int32_t code = RegQueryValueExA(key, valueName, nullptr, nullptr, bytesOf(buffer), &got);
     // A value that somebody else stored need not end in a zero.
     if (code == ERROR_SUCCESS && buffer != nullptr && got < room)
         buffer[got] = 0;
-    RegCloseKey(key);
-    return true;
 }
 
-char* loadSubkey(HKEY above, const char* name) {
-    const HKEY key = openKey(above, name);
-    if (key == nullptr)
-        return nullptr;
-    char* text = nullptr;
+char* loadValue(HKEY key) {
     uint32_t size = 0;
+    char* text = nullptr;
     // Another process may make the value larger between the two questions.
     int32_t code = RegQueryValueExA(key, nullptr, nullptr, nullptr, nullptr, &size);
     do {
-        if (text != nullptr)
-            KalFreeSMem(text);
+        KalFreeSMem(text);
         text = code == ERROR_SUCCESS || code == ERROR_MORE_DATA ? static_cast<char*>(KalAllocSMem(size + 1))
                                                                 : nullptr;
         if (text != nullptr)
             code = RegQueryValueExA(key, nullptr, nullptr, nullptr, bytesOf(text), &size);
     } while (text != nullptr && code == ERROR_MORE_DATA);
-    RegCloseKey(key);
-    if (text != nullptr && code != ERROR_SUCCESS) {
-        KalFreeSMem(text);
-        return nullptr;
-    }
-    return text;
+    if (code == ERROR_SUCCESS)
+        return text;
+    KalFreeSMem(text);
+    return nullptr;
 }
 
 void deleteSubkeys(HKEY key) {
-    uint32_t count = 0;
-    if (RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &count, nullptr, nullptr, nullptr, nullptr, nullptr,
-                         nullptr, nullptr) != ERROR_SUCCESS)
-        return;
     char name[kTagNameSize];
-    while (count-- > 0) // from the last one, so that those to come keep their index
-        if (RegEnumKeyA(key, count, name, sizeof name) == ERROR_SUCCESS)
-            RegDeleteKeyA(key, name);
+    for (uint32_t kept = 0; RegEnumKeyA(key, kept, name, sizeof name) == ERROR_SUCCESS;)
+        kept += RegDeleteTreeA(key, name) != ERROR_SUCCESS;
 }

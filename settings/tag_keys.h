@@ -31,13 +31,14 @@ bool matchesPattern(const char* stored, const char* tag);
 HKEY makeKey(HKEY above, const char* name, bool persistent, uint32_t* disposition = nullptr);
 HKEY openKey(HKEY above, const char* name);
 
-// Reads a value of a subkey into `buffer`, ended by a zero where there is room for it. False when the subkey
-// does not open; whether there is such a value, and whether it fits, is not reported.
-bool readSubkey(HKEY above, const char* name, char* buffer, int size, const char* valueName);
+// Reads a value of a key into `buffer`, ended by a zero where there is room for it. Whether there is such a value,
+// and whether it fits, is not reported.
+void readValue(HKEY key, const char* valueName, char* buffer, int size);
 
-// A subkey's default value, whole, as a block of small memory; null when there is none.
-char* loadSubkey(HKEY above, const char* name);
+// A key's default value, whole, as a block of small memory; null when there is none.
+char* loadValue(HKEY key);
 
+// With all that is below them.
 void deleteSubkeys(HKEY key);
 
 #endif

@@ -1,4 +1,5 @@
 // A set by itself: opening, temporary sets, and tags read and written through a chain of sets.
+#include "settings/tag_cache.h"
 #include "settings/tag_keys.h"
 
 #include "platform/c_text.h"
@@ -15,12 +16,14 @@ namespace {
 // How often a number that another process took is drawn again.
 constexpr int kMostDraws = 1 << 16;
 
-char* copyOf(const char* text) {
-    const size_t size = std::strlen(text) + 1;
-    auto* copy = static_cast<char*>(std::malloc(size));
-    if (copy != nullptr)
-        std::memcpy(copy, text, size);
-    return copy;
+// As a reading of the registry gives a value.
+void copyValue(CachedTag& tag, char* buffer, int size) {
+    const uint32_t room = size > 0 ? static_cast<uint32_t>(size) : 0;
+    if (buffer == nullptr || tag.size > room)
+        return;
+    std::memcpy(buffer, tag.value(), tag.size);
+    if (tag.size < room)
+        buffer[tag.size] = 0;
 }
 
 } // namespace
@@ -44,25 +47,24 @@ TagSet::~TagSet() {
 }
 
 void TagSet::Close() {
+    TagCache::chainChanges++;
     if (hKey != nullptr) {
         if (hWildKey != nullptr)
             RegCloseKey(hWildKey);
         hWildKey = nullptr;
-        if (persistent == 0)
-            ClearTags();
         RegCloseKey(hKey);
         SetKeyName name;
         if (persistent == 0 && path != nullptr && name.join(rootPath, path))
-            RegDeleteKeyA(HKEY_CLASSES_ROOT, name.text);
+            RegDeleteTreeA(HKEY_CLASSES_ROOT, name.text);
     }
     hKey = nullptr;
-    std::free(path);
+    TagCache::freePath(path);
     path = nullptr;
 }
 
 int16_t TagSet::Open(const char* newPath, int newPersistent) {
-    char* copy =
-        newPath != nullptr ? copyOf(newPath) : nullptr; // before closing: it may be the set's own path
+    // Before closing: it may be the set's own path.
+    char* copy = newPath != nullptr ? TagCache::makePath(newPath) : nullptr;
     Close();
     path = copy;
     persistent = newPersistent;
@@ -104,19 +106,21 @@ int16_t TagSet::SetTempPath() {
     char counterTag[KAL_TAG_PATH_SIZE];
     std::snprintf(counterTag, sizeof counterTag, "%sNextTemp", rootPath);
     for (int draw = 0; draw < kMostDraws; draw++) {
-        hKey = HKEY_CLASSES_ROOT; // so that the counter's tag counts from there
+        const HKEY counter = makeKey(HKEY_CLASSES_ROOT, counterTag, persistent != 0);
         char number[kTagNameSize] = "";
-        readSubkey(hKey, counterTag, number, sizeof number - 1, nullptr);
+        readValue(counter, nullptr, number, sizeof number - 1);
         if (number[0] == 0)
             std::strcpy(number, "0");
         char next[40];
         _itoa(static_cast<int>(static_cast<uint32_t>(std::atoi(number)) + 1), next, 10);
-        SetRawTag(counterTag, next, nullptr);
+        RegSetValueExA(counter, nullptr, 0, REG_SZ, reinterpret_cast<const uint8_t*>(next),
+                       static_cast<uint32_t>(std::strlen(next) + 1));
+        RegCloseKey(counter);
 
         char fresh[kTagNameSize + 8];
         std::snprintf(fresh, sizeof fresh, "Temp\\%s", number);
-        std::free(path);
-        path = copyOf(fresh);
+        TagCache::freePath(path);
+        path = TagCache::makePath(fresh);
         persistent = 0;
         hKey = nullptr;
         SetKeyName name;
@@ -130,46 +134,104 @@ int16_t TagSet::SetTempPath() {
         RegCloseKey(hKey); // somebody else drew the number too
         hKey = nullptr;
     }
-    std::free(path);
+    TagCache::freePath(path);
     path = nullptr;
     return KAL_ERR_TAG_KEY;
 }
 
+// What is known of a tag, else what is found out and then kept. False when nothing can be kept.
+bool TagSet::GetKnownTag(const char* tag, char* buffer, int size, int16_t* status) {
+    const uint64_t state = path != nullptr && tag != nullptr ? registryState(hKey) : 0;
+    if (state == 0)
+        return false;
+    TagCache& cache = TagCache::of(path);
+    const uint64_t links = TagCache::chainChanges;
+    CachedTag* known = cache.find(tag, state + links);
+    if (known == nullptr) {
+        HKEY key = FindTag(tag);
+        if (key == nullptr)
+            key = FindPattern(tag);
+        uint32_t valueSize = 0;
+        const bool hasValue = key != nullptr && RegQueryValueExA(key, nullptr, nullptr, nullptr, nullptr,
+                                                                 &valueSize) == ERROR_SUCCESS;
+        known = cache.keep(tag, state + links, valueSize);
+        if (known != nullptr) {
+            known->found = key != nullptr;
+            known->hasValue = hasValue;
+            // What another process changed meanwhile is not kept.
+            if (hasValue && RegQueryValueExA(key, nullptr, nullptr, nullptr, known->value(), &valueSize) != 0)
+                known->state = 0;
+            else if (valueSize != known->size || registryState(hKey) + TagCache::chainChanges != known->state)
+                known->state = 0;
+        }
+        RegCloseKey(key);
+        if (known == nullptr || known->state == 0)
+            return false;
+    }
+    *status = known->found ? int16_t(KAL_OK) : int16_t(KAL_ERR_TAG_MISSING);
+    if (known->hasValue)
+        copyValue(*known, buffer, size);
+    return true;
+}
+
 int16_t TagSet::GetTag(const char* tag, char* buffer, int size, const char* valueName) {
     TagSet* deepest = Deepest();
-    const int16_t status = deepest->GetRawTag(tag, buffer, size, valueName);
+    int16_t status;
+    if ((valueName == nullptr || *valueName == 0) && deepest->GetKnownTag(tag, buffer, size, &status))
+        return status;
+    status = deepest->GetRawTag(tag, buffer, size, valueName);
     return status == KAL_OK ? status : deepest->GetWildTag(tag, buffer, size, valueName);
 }
 
-int16_t TagSet::GetRawTag(const char* tag, char* buffer, int size, const char* valueName) {
-    for (TagSet* set = this; set != nullptr; set = set->parent) {
+// The open key of the first set that has the tag; null when none has. FindPattern() looks among the patterns.
+void* TagSet::FindTag(const char* tag) {
+    HKEY key = nullptr;
+    for (TagSet* set = this; set != nullptr && key == nullptr; set = set->parent) {
         set->GetReady();
-        if (readSubkey(set->hKey, tag, buffer, size, valueName))
-            return KAL_OK;
+        key = openKey(set->hKey, tag);
     }
-    return KAL_ERR_TAG_MISSING;
+    return key;
+}
+
+void* TagSet::FindPattern(const char* tag) {
+    char name[kTagNameSize];
+    for (TagSet* set = this; set != nullptr && tag != nullptr; set = set->parent) {
+        if (set->WildKey() == nullptr)
+            continue;
+        if (const HKEY key = openKey(set->hWildKey, tag))
+            return key;
+        for (uint32_t i = 0; RegEnumKeyA(set->hWildKey, i, name, sizeof name) == ERROR_SUCCESS; i++)
+            if (matchesPattern(name, tag))
+                if (const HKEY key = openKey(set->hWildKey, name))
+                    return key;
+    }
+    return nullptr;
+}
+
+namespace {
+
+int16_t readAndClose(HKEY key, char* buffer, int size, const char* valueName) {
+    if (key == nullptr)
+        return KAL_ERR_TAG_MISSING;
+    readValue(key, valueName, buffer, size);
+    RegCloseKey(key);
+    return KAL_OK;
+}
+
+} // namespace
+
+int16_t TagSet::GetRawTag(const char* tag, char* buffer, int size, const char* valueName) {
+    return readAndClose(FindTag(tag), buffer, size, valueName);
+}
+
+int16_t TagSet::GetWildTag(const char* tag, char* buffer, int size, const char* valueName) {
+    return readAndClose(FindPattern(tag), buffer, size, valueName);
 }
 
 void* TagSet::WildKey() {
     if (hWildKey == nullptr)
         hWildKey = openKey(hKey, kPatternsKey);
     return hWildKey;
-}
-
-int16_t TagSet::GetWildTag(const char* tag, char* buffer, int size, const char* valueName) {
-    if (tag == nullptr)
-        return KAL_ERR_TAG_MISSING;
-    char name[kTagNameSize];
-    for (TagSet* set = this; set != nullptr; set = set->parent) {
-        if (set->WildKey() == nullptr)
-            continue;
-        if (readSubkey(set->hWildKey, tag, buffer, size, valueName))
-            return KAL_OK;
-        for (uint32_t i = 0; RegEnumKeyA(set->hWildKey, i, name, sizeof name) == ERROR_SUCCESS; i++)
-            if (matchesPattern(name, tag) && readSubkey(set->hWildKey, name, buffer, size, valueName))
-                return KAL_OK;
-    }
-    return KAL_ERR_TAG_MISSING;
 }
 
 int16_t TagSet::SetTag(const char* tag, const char* value, const char* valueName) {
@@ -192,15 +254,15 @@ int16_t TagSet::SetRawTag(const char* tag, const char* value, const char* valueN
     const int length = std::snprintf(name, sizeof name, "%s%s", folder, tag);
     if (length < 0 || static_cast<size_t>(length) >= sizeof name)
         return KAL_OK; // no key can have that name
+    if (value == nullptr || *value == 0) {
+        RegDeleteKeyA(hKey, name);
+        return KAL_OK;
+    }
     const HKEY key = makeKey(hKey, name, persistent != 0);
     if (key == nullptr)
         return KAL_OK;
-    int32_t code = ERROR_SUCCESS;
-    if (value != nullptr && *value != 0)
-        code = RegSetValueExA(key, valueName, 0, REG_SZ, reinterpret_cast<const uint8_t*>(value),
-                              static_cast<uint32_t>(std::strlen(value) + 1));
-    else
-        RegDeleteKeyA(hKey, name);
+    const int32_t code = RegSetValueExA(key, valueName, 0, REG_SZ, reinterpret_cast<const uint8_t*>(value),
+                                        static_cast<uint32_t>(std::strlen(value) + 1));
     RegCloseKey(key);
     return code == ERROR_SUCCESS ? int16_t(KAL_OK) : int16_t(KAL_ERR_TAG_WRITE);
 }

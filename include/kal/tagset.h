@@ -94,7 +94,7 @@ public:
     // KAL_ERR_TAG_PARENT when there is none.
     int16_t FuseWithParent();
 
-    // Removes the set's tags and patterns; the set's key stays. Always 0.
+    // Removes the set's tags and patterns, and all else below its key, which stays. Always 0.
     int16_t ClearTags();
 
 protected:
@@ -117,9 +117,14 @@ private:
     KAL_LOCAL int16_t Open(const char* path, int persistent);
     KAL_LOCAL TagSet* Deepest();
     KAL_LOCAL static void Link(TagSet* parent, TagSet* child);
+    KAL_LOCAL static void Unlink(TagSet*& link);
     KAL_LOCAL static int FuseTag(TagSet* set, const char* tag, void* context);
+    KAL_LOCAL void FuseKey(void* above, const char* name);
     KAL_LOCAL void FusePatterns();
     KAL_LOCAL void* WildKey();
+    KAL_LOCAL void* FindTag(const char* tag);
+    KAL_LOCAL void* FindPattern(const char* tag);
+    KAL_LOCAL bool GetKnownTag(const char* tag, char* buffer, int size, int16_t* status);
 
     const char* rootPath;
     char* path;         // owned

@@ -1,271 +1,206 @@
 #include "platform/registry/keys.h"
 
-#include "platform/heap_faults.h"
+#include <kal/heap.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <new>
 
 namespace {
 
-constexpr uint32_t kFewestBuckets = 1024;
-
-void* allocate(size_t size) {
-    return heapFaultDue() ? nullptr : std::malloc(size);
+unsigned char folded(char c) {
+    return static_cast<unsigned char>(c >= 'A' && c <= 'Z' ? c | 0x20 : c);
 }
 
-char* copyText(const char* text) {
-    const size_t size = std::strlen(text) + 1;
-    auto* copy = static_cast<char*>(allocate(size));
-    if (copy != nullptr)
-        std::memcpy(copy, text, size);
-    return copy;
+int order(RegistryText a, RegistryText b) {
+    for (uint32_t i = 0; i < a.length && i < b.length; i++)
+        if (a.text[i] != b.text[i])
+            if (const int difference = folded(a.text[i]) - folded(b.text[i]))
+                return difference;
+    return a.length < b.length ? -1 : a.length > b.length;
 }
 
-// FNV-1a; others who write the tree count with it too.
-constexpr uint32_t kPathHashStart = 2166136261u;
-uint32_t pathHash(uint32_t hash, const char* text) {
-    for (; *text != 0; text++)
-        hash = (hash ^ static_cast<uint8_t>(*text)) * 16777619u;
-    return hash;
+// Takes the first name off a path.
+RegistryText nextName(RegistryText& path) {
+    const auto* end = static_cast<const char*>(std::memchr(path.text, '\\', path.length));
+    const auto length = end != nullptr ? static_cast<uint32_t>(end - path.text) : path.length;
+    const RegistryText name = {path.text, length};
+    path = {path.text + length + (end != nullptr), path.length - length - (end != nullptr)};
+    return name;
 }
 
-uint64_t hashBelow(const KeyNode& parent, const FoldedName& name) {
-    uint64_t hash = parent.hash;
-    for (uint32_t i = 0; i < name.wordCount; i++) {
-        hash = (hash ^ name.words[i]) * 0x9E3779B97F4A7C15u;
-        hash ^= hash >> 29;
+// Where the name stands, or would stand, among the subkeys.
+uint32_t placeOf(const KeyNode& above, RegistryText name, bool* found) {
+    uint32_t first = 0, end = above.count;
+    // A log that was written anew tells its keys in order: each comes behind the last one.
+    if (end != 0 && order(name, above.below[end - 1]->name()) > 0)
+        first = end;
+    while (first < end) {
+        const uint32_t middle = first + (end - first) / 2;
+        const int side = order(name, above.below[middle]->name());
+        if ((*found = side == 0))
+            return middle;
+        (side < 0 ? end : first) = middle + (side > 0);
     }
-    return hash;
+    *found = false;
+    return first;
 }
 
-bool isNamed(KeyNode& node, const FoldedName& name) {
-    for (uint32_t i = 0; i < name.wordCount; i++)
-        if (node.words()[i] != name.words[i])
-            return false;
-    return node.nameLength == name.length;
+KeyNode* add(KeyNode& above, uint32_t place, RegistryText name) {
+    if (above.count * sizeof(KeyNode*) == KalSizeSMem(above.below)) {
+        const auto bytes = static_cast<uint32_t>((above.count < 4 ? 4 : above.count * 2) * sizeof(KeyNode*));
+        void* moved = above.below != nullptr ? KalReAllocSMem(above.below, bytes) : KalAllocSMem(bytes);
+        if (moved == nullptr)
+            return nullptr;
+        above.below = static_cast<KeyNode**>(moved);
+    }
+    auto* key = static_cast<KeyNode*>(KalAllocSMem(static_cast<uint32_t>(sizeof(KeyNode) + name.length)));
+    if (key == nullptr)
+        return nullptr;
+    key->nameLength = static_cast<uint8_t>(name.length);
+    std::memcpy(key + 1, name.text, name.length);
+    std::memmove(&above.below[place + 1], &above.below[place], (above.count - place) * sizeof(KeyNode*));
+    above.count++;
+    return above.below[place] = key;
 }
+
+bool setValue(KeyNode& key, LogIndex log, const RegistryRecord& record) {
+    const auto bytes = static_cast<uint32_t>(sizeof(KeyValue)) + record.name.length + record.size;
+    KeyValue** link = &key.values;
+    while (*link != nullptr && ((*link)->log != log || order(record.name, (*link)->name()) != 0))
+        link = &(*link)->next;
+    KeyValue* const old = *link;
+    KeyValue* const value = KalSizeSMem(old) == bytes ? old : static_cast<KeyValue*>(KalAllocSMem(bytes));
+    if (value == nullptr)
+        return false;
+    *value = {old != nullptr ? old->next : nullptr, record.type, record.size, log,
+              static_cast<uint8_t>(record.name.length)};
+    *link = value;
+    copyBytes(value + 1, record.name.text, record.name.length);
+    copyBytes(reinterpret_cast<char*>(value + 1) + record.name.length, record.data, record.size);
+    if (old != value)
+        KalFreeSMem(old);
+    return true;
+}
+
+// Takes back what a log said of a key and all below it. Whether no log has the key any more; it is freed then.
+bool drop(KeyNode& key, LogIndex log) {
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < key.count; i++)
+        if (!drop(*key.below[i], log))
+            key.below[kept++] = key.below[i];
+    key.count = kept;
+    for (KeyValue** link = &key.values; *link != nullptr;) {
+        KeyValue* const value = *link;
+        if (value->log == log) {
+            *link = value->next;
+            KalFreeSMem(value);
+        } else {
+            link = &value->next;
+        }
+    }
+    key.in[log] = false;
+    const bool gone = !key.in[kPersistent] && !key.in[kVolatile];
+    if (gone) {
+        KalFreeSMem(key.below);
+        KalFreeSMem(&key);
+    }
+    return gone;
+}
+
+// Goes over all that a log says, in order.
+struct Packing {
+    LogIndex log;
+    uint32_t logNumber;
+    uint8_t* at;
+    uint64_t bytes;
+    char path[kMostPathBytes + 1];
+
+    void say(const RegistryRecord& record) {
+        if (at != nullptr)
+            record.store(logNumber, at + bytes);
+        bytes += record.bytes();
+    }
+
+    // A key that has neither values nor subkeys is told by itself.
+    void keysBelow(const KeyNode& above, uint32_t pathLength) {
+        for (uint32_t i = 0; i < above.count; i++) {
+            const KeyNode& key = *above.below[i];
+            if (!key.in[log])
+                continue;
+            const uint64_t start = bytes;
+            const uint32_t length = pathLength + key.nameLength;
+            std::memcpy(path + pathLength, key.name().text, key.nameLength);
+            for (const KeyValue* value = key.values; value != nullptr; value = value->next)
+                if (value->log == log)
+                    say({RecordKind::value,
+                         {path, length},
+                         value->name(),
+                         value->type,
+                         value->data(),
+                         value->size});
+            path[length] = '\\';
+            keysBelow(key, length + 1);
+            if (bytes == start)
+                say({RecordKind::key, {path, length}});
+        }
+    }
+};
 
 } // namespace
 
-FoldedName::FoldedName(const char* path) : length(0) {
-    auto* text = reinterpret_cast<char*>(words);
-    for (char c; length <= kMostFileName && (c = path[length]) != 0 && c != '\\'; length++)
-        text[length] = foldedCharacter(c);
-    wordCount = length / 8 + 1;
-    for (uint32_t i = length; i < wordCount * 8; i++)
-        text[i] = 0;
+const KeyValue* KeyNode::value(RegistryText wanted) const {
+    const KeyValue* found = nullptr;
+    for (const KeyValue* value = values; value != nullptr; value = value->next)
+        if ((found == nullptr || value->log == kPersistent) && order(wanted, value->name()) == 0)
+            found = value;
+    return found;
 }
 
-bool replaceText(char*& owned, const char* text) {
-    char* copy = text != nullptr ? copyText(text) : nullptr;
-    if (text != nullptr && copy == nullptr)
-        return false;
-    std::free(owned);
-    owned = copy;
-    return true;
+KeyTree::~KeyTree() {
+    forget(kPersistent);
+    forget(kVolatile);
+    KalFreeSMem(top_.below);
 }
 
-void SubkeyList::drop(Entry& entry) {
-    std::free(entry.name);
-    std::free(entry.spelling);
+const KeyNode* KeyTree::find(RegistryText path) const {
+    const KeyNode* key = &top_;
+    for (bool found = true; path.length != 0;) {
+        const uint32_t place = placeOf(*key, nextName(path), &found);
+        if (!found)
+            return nullptr;
+        key = key->below[place];
+    }
+    return key;
 }
 
-bool SubkeyList::setSpelling(uint32_t index, const char* spelling) {
-    return replaceText(entries_[index].spelling, spelling);
-}
-
-bool SubkeyList::add(const char* name) {
-    if (count_ == room_) {
-        const uint32_t room = room_ == 0 ? 16 : room_ * 2;
-        void* moved = heapFaultDue() ? nullptr : std::realloc(entries_, room * sizeof(Entry));
-        if (moved == nullptr)
+bool KeyTree::apply(LogIndex log, const RegistryRecord& record) {
+    const bool makes = record.kind != RecordKind::deleted;
+    KeyNode* key = &top_;
+    for (RegistryText path = record.path; path.length != 0;) {
+        const RegistryText name = nextName(path);
+        bool found;
+        const uint32_t place = placeOf(*key, name, &found);
+        if (!found && !makes)
+            return true;
+        KeyNode* const next = found ? key->below[place] : add(*key, place, name);
+        if (next == nullptr)
             return false;
-        entries_ = static_cast<Entry*>(moved);
-        room_ = room;
+        if (makes)
+            next->in[log] = true;
+        else if (path.length == 0 && drop(*next, log))
+            std::memmove(&key->below[place], &key->below[place + 1],
+                         (--key->count - place) * sizeof(KeyNode*));
+        key = next;
     }
-    char* copy = copyText(name);
-    if (copy == nullptr)
-        return false;
-    entries_[count_++] = {copy, nullptr};
-    return true;
+    return record.kind != RecordKind::value || setValue(*key, log, record);
 }
 
-void SubkeyList::order() {
-    std::sort(entries_, entries_ + count_,
-              [](const Entry& a, const Entry& b) { return std::strcmp(a.name, b.name) < 0; });
-    uint32_t kept = 0;
-    for (uint32_t i = 0; i < count_; i++) {
-        if (kept > 0 && std::strcmp(entries_[kept - 1].name, entries_[i].name) == 0)
-            drop(entries_[i]);
-        else
-            entries_[kept++] = entries_[i];
-    }
-    count_ = kept;
+void KeyTree::forget(LogIndex log) {
+    drop(top_, log);
+    top_.in[log] = true;
 }
 
-void SubkeyList::remove(const char* name) {
-    Entry* const end = entries_ + count_;
-    Entry* const found = std::lower_bound(entries_, end, name, [](const Entry& entry, const char* n) {
-        return std::strcmp(entry.name, n) < 0;
-    });
-    if (found == end || std::strcmp(found->name, name) != 0)
-        return;
-    drop(*found);
-    std::copy(found + 1, end, found);
-    count_--;
-}
-
-void SubkeyList::clear() {
-    for (uint32_t i = 0; i < count_; i++)
-        drop(entries_[i]);
-    std::free(entries_);
-    entries_ = nullptr;
-    count_ = room_ = 0;
-}
-
-KeyTable::~KeyTable() {
-    for (uint32_t b = 0; b < bucketCount_; b++)
-        while (KeyNode* node = buckets_[b]) {
-            buckets_[b] = node->nextInBucket;
-            free(node);
-        }
-    if (top_ != nullptr)
-        free(top_);
-    std::free(buckets_);
-}
-
-void KeyTable::free(KeyNode* node) {
-    std::free(node->className);
-    std::free(node->spelling);
-    node->~KeyNode();
-    std::free(node);
-}
-
-KeyNode* KeyTable::make(KeyNode* parent, const FoldedName& name, uint64_t hash, int* error) {
-    FileName folder;
-    *error = ENAMETOOLONG;
-    if (!toFolderName(name.text(), name.length, folder))
-        return nullptr;
-    *error = ENOMEM;
-    const size_t folderSize = std::strlen(folder.text) + 1;
-    void* block = allocate(sizeof(KeyNode) + name.wordCount * sizeof(uint64_t) + folderSize);
-    if (block == nullptr)
-        return nullptr;
-    *error = 0;
-    auto* node = new (block) KeyNode();
-    node->parent = parent;
-    node->hash = hash;
-    node->nameLength = static_cast<uint16_t>(name.length);
-    std::memcpy(node->words(), name.words, name.wordCount * sizeof(uint64_t));
-    std::memcpy(node->folderName(), folder.text, folderSize);
-    node->pathHash = kPathHashStart;
-    if (parent != nullptr) {
-        parent->users++;
-        node->pathHash = pathHash(
-            parent->parent != nullptr ? pathHash(parent->pathHash, "/") : parent->pathHash, folder.text);
-    }
-    node->slot = 1 + node->pathHash % (kChangeCounters - 1);
-    return node;
-}
-
-KeyNode* KeyTable::top() {
-    int error;
-    if (top_ == nullptr)
-        top_ = make(nullptr, FoldedName(""), 0, &error);
-    return top_;
-}
-
-bool KeyTable::grow() {
-    const uint32_t wanted = bucketCount_ == 0 ? kFewestBuckets : bucketCount_ * 2;
-    auto** fresh = heapFaultDue() ? nullptr : static_cast<KeyNode**>(std::calloc(wanted, sizeof(KeyNode*)));
-    if (fresh == nullptr)
-        return bucketCount_ != 0;
-    for (uint32_t b = 0; b < bucketCount_; b++)
-        while (KeyNode* node = buckets_[b]) {
-            buckets_[b] = node->nextInBucket;
-            KeyNode*& bucket = fresh[node->hash & (wanted - 1)];
-            node->nextInBucket = bucket;
-            bucket = node;
-        }
-    std::free(buckets_);
-    buckets_ = fresh;
-    bucketCount_ = wanted;
-    return true;
-}
-
-KeyNode* KeyTable::child(KeyNode* parent, const FoldedName& name, int* error) {
-    if (name.length > kMostFileName) {
-        *error = ENAMETOOLONG;
-        return nullptr;
-    }
-    const uint64_t hash = hashBelow(*parent, name);
-    if (bucketCount_ != 0)
-        for (KeyNode* node = buckets_[hash & (bucketCount_ - 1)]; node != nullptr; node = node->nextInBucket)
-            if (node->hash == hash && node->parent == parent && isNamed(*node, name))
-                return node;
-    if (count_ >= bucketCount_ && !grow()) {
-        *error = ENOMEM;
-        return nullptr;
-    }
-    KeyNode* node = make(parent, name, hash, error);
-    if (node == nullptr)
-        return nullptr;
-    KeyNode*& bucket = buckets_[hash & (bucketCount_ - 1)];
-    node->nextInBucket = bucket;
-    bucket = node;
-    count_++;
-    return node;
-}
-
-void KeyTable::trim() {
-    if (count_ < trimAt_)
-        return;
-    // A node keeps its parent in use, so each round frees one level more.
-    for (bool freed = true; freed;) {
-        freed = false;
-        for (uint32_t b = 0; b < bucketCount_; b++)
-            for (KeyNode** link = &buckets_[b]; *link != nullptr;) {
-                KeyNode* node = *link;
-                if (node->users != 0 || node->pending) {
-                    link = &node->nextInBucket;
-                    continue;
-                }
-                *link = node->nextInBucket;
-                node->parent->users--;
-                free(node);
-                count_--;
-                freed = true;
-            }
-    }
-    trimAt_ = std::max(trimAt_, count_ * 2); // where all are in use, looking again at once frees none
-}
-
-void KeyTable::forgetAll() {
-    for (uint32_t b = 0; b < bucketCount_; b++)
-        for (KeyNode* node = buckets_[b]; node != nullptr; node = node->nextInBucket)
-            node->known = node->subkeysKnown = false;
-    if (top_ != nullptr)
-        top_->known = top_->subkeysKnown = false;
-}
-
-bool pathOf(KeyNode* node, KeyPath& path) {
-    size_t length = 0;
-    for (KeyNode* n = node; n->parent != nullptr; n = n->parent)
-        length += std::strlen(n->folderName()) + 1;
-    path.length = length == 0 ? 0 : length - 1;
-    path.text[0] = 0;
-    if (length > sizeof path.text)
-        return false;
-    // From the end to the start; each component writes its `/` or the terminating zero behind it.
-    char* place = path.text + length;
-    for (KeyNode* n = node; n->parent != nullptr; n = n->parent) {
-        const size_t part = std::strlen(n->folderName());
-        place -= part + 1;
-        std::memcpy(place, n->folderName(), part);
-        place[part] = n == node ? 0 : '/';
-    }
-    return true;
+uint64_t KeyTree::pack(LogIndex log, uint32_t logNumber, uint8_t* at) const {
+    Packing packing = {log, logNumber, at, 0, {}};
+    packing.keysBelow(top_, 0);
+    return packing.bytes;
 }

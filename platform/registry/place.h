@@ -8,13 +8,12 @@ struct RegistryPlace {
     char persistent[PATH_MAX]; // $KAL_REGISTRY, else a folder of the user's data; empty when there is neither
     char runtime[PATH_MAX];    // $XDG_RUNTIME_DIR, else /dev/shm: what a start of the machine empties
 
+    RegistryPlace();
     bool operator==(const RegistryPlace& other) const;
 };
 
-RegistryPlace registryPlace();
-
-// The folder of the volatile tree: its name holds the user's number and a mark of the persistent folder,
-// which is there already if it can be. False when it does not fit.
-bool volatileFolder(const RegistryPlace& place, char (&folder)[PATH_MAX]);
+// The folder of the volatile log: its name holds the user's number and a mark of the persistent folder,
+// which is there already if it can be. Empty when it does not fit.
+void volatileFolder(const RegistryPlace& place, char (&folder)[PATH_MAX]);
 
 #endif

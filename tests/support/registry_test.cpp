@@ -8,12 +8,14 @@
 namespace fs = std::filesystem;
 
 RegistryTest::RegistryTest() : FolderTest(kInMemory) {
+    forgetRegistry();
     fs::create_directory(path("runtime"));
     setenv("KAL_REGISTRY", persistentTree().c_str(), 1);
     setenv("XDG_RUNTIME_DIR", path("runtime").c_str(), 1);
 }
 
 RegistryTest::~RegistryTest() {
+    forgetRegistry();
     unsetenv("KAL_REGISTRY");
     unsetenv("XDG_RUNTIME_DIR");
 }
@@ -88,4 +90,17 @@ std::vector<std::string> subkeysOf(const std::string& key) {
     auto names = subkeysOf(opened);
     RegCloseKey(opened);
     return names;
+}
+
+std::string dumpRegistry(HKEY key) {
+    std::string text;
+    for (const auto& name : subkeysOf(key)) {
+        text += name + "=" + textOf(name, key) + "{";
+        HKEY below = nullptr;
+        if (RegOpenKeyExA(key, name.c_str(), 0, KEY_ALL_ACCESS, &below) == 0)
+            text += dumpRegistry(below);
+        RegCloseKey(below);
+        text += "}";
+    }
+    return text;
 }

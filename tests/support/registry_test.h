@@ -35,5 +35,7 @@ int32_t setText(const std::string& key, const std::string& text, uint32_t option
 std::string textOf(const std::string& key, HKEY above = HKEY_CLASSES_ROOT);
 std::vector<std::string> subkeysOf(HKEY key);
 std::vector<std::string> subkeysOf(const std::string& key);
+// All keys below one, with their values.
+std::string dumpRegistry(HKEY key = HKEY_CLASSES_ROOT);
 
 #endif

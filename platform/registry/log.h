@@ -1,0 +1,72 @@
+// One log of changes: a file that only grows, shared by every process, and what it says kept in a tree of keys.
+// docs/formats/registry.md shows the file.
+//
+// The file's first page is mapped. Its word `committed` tells how far the log goes, and by its top bit that another
+// file takes this one's place. A writer holds the flock, writes behind the end and then stores the word; a reader
+// that finds the word as it last saw it knows everything. Calls give 0 or an error of the host.
+#ifndef KAL_PLATFORM_REGISTRY_LOG_H
+#define KAL_PLATFORM_REGISTRY_LOG_H
+
+#include "platform/registry/keys.h"
+
+class RegistryLog {
+public:
+    // The folder's name must outlive the log. Nothing is opened yet.
+    RegistryLog(KeyTree& tree, LogIndex index, const char* folder)
+        : tree_(tree), index_(index), folder_(folder) {}
+    RegistryLog(const RegistryLog&) = delete;
+    RegistryLog& operator=(const RegistryLog&) = delete;
+    ~RegistryLog() { detach(); }
+
+    // Opens the file where it could not be had yet, or is gone from its folder.
+    void look();
+
+    // 0, or why nothing is known of what the file says; and why nothing can be added to it.
+    int readable() const { return header_ != nullptr ? 0 : error_; }
+    int writable() const;
+
+    // Makes the tree say what the log says now. One load where it does already.
+    int refresh();
+
+    // Takes the lock and refreshes. The log is written anew when most of it is of the past, or its end makes no
+    // sense: behind that nothing may be added.
+    int lock();
+    void unlock();
+    // With the lock held. The record is everybody's when this returns 0.
+    int append(const RegistryRecord& record);
+
+    // Grows whenever this process learns of a change in any log.
+    static uint64_t changes;
+    // How often this process is the child of a fork. A child shares its parent's open files and so the locks on them.
+    static int forks;
+
+private:
+    struct Header;
+
+    int openOwn(int folder, const char* name, int flags);
+    int open();
+    int attach();
+    void detach();
+    int checkFile();
+    bool isMostlyPast();
+    int read();
+    int rewrite();
+    uint32_t word() const;
+    void publish(uint32_t word);
+
+    KeyTree& tree_;
+    const LogIndex index_;
+    const char* const folder_;
+    bool writable_ = false;
+    bool damaged_ = false;
+    int folderFd_ = -1;
+    int fd_ = -1;
+    int error_ = 0; // why the log is not attached
+    int forks_ = 0; // when the file was opened
+    Header* header_ = nullptr;
+    uint32_t seen_ = 0;   // the word when the log was last read
+    uint32_t end_ = 0;    // of what was read
+    uint32_t lookAt_ = 0; // the length at which to ask how much of the log is of the past
+};
+
+#endif
