@@ -20,24 +20,6 @@ protected:
 
 } // namespace
 
-TEST_F(DiskStream, EndsOfReadsHaveTheirStatuses) {
-    writeFile("f", randomBytes(1000, 1));
-    SFILE* s = open("f", 0);
-    Bytes bytes(2000);
-    s->seek(s, 996, 0);
-    EXPECT_EQ(s->read(s, bytes.data(), 10), 4);
-    EXPECT_EQ(val(s->status), -255);
-    EXPECT_EQ(s->read(s, bytes.data(), 10), 0);
-    EXPECT_EQ(val(s->status), -256);
-    EXPECT_EQ(s->getChar(s), -256);
-    s->seek(s, 500, 0);
-    EXPECT_EQ(s->getChar(s) >= 0, true); // fills the buffer with all 500
-    s->seek(s, 997, 0);
-    EXPECT_EQ(s->read(s, bytes.data(), 10), 3) << "three from the buffer, then the end";
-    EXPECT_EQ(val(s->status), -256);
-    EXPECT_EQ(s->close(s), 0);
-}
-
 TEST_F(DiskStream, RoomInTheBufferCostsNoHostCall) {
     writeFile("f", randomBytes(2000, 4));
     HostCallCounter counter;

@@ -2,7 +2,6 @@
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 
-#include <kal/item.h>
 #include <kal/storage.h>
 #include <kal/stream.h>
 #include <kal/vmem.h>
@@ -100,25 +99,6 @@ TEST_F(Window, ConstrainingAgainReplacesIt) {
     }
 }
 
-TEST_F(Window, WritesAreTheDisksAndTheEndStillHoldsForReading) {
-    writeFile("f", Bytes(100, '.'));
-    for (uint16_t mode : {KAL_MODE_WRITE, KAL_MODE_UPDATE}) {
-        SFILE* s = open("f", mode);
-        EXPECT_EQ(KalConstrainFile(s, 10, 20), 0);
-        EXPECT_EQ(s->write(s, "abcdefghijklm", 13), 13);
-        EXPECT_EQ(s->seek(s, 8, 0), 0);
-        char line[20];
-        EXPECT_EQ(KalGetStr(s, line, sizeof line), -256);
-        EXPECT_STREQ(line, "ij");
-        EXPECT_EQ(s->seek(s, 9, 0), 0);
-        EXPECT_EQ(s->putChar(s, 'J'), 0);
-        EXPECT_EQ(KalGetStr(s, line, sizeof line), -256);
-        EXPECT_STREQ(line, "");
-        close();
-        EXPECT_EQ(readFile("f"), bytesOf("..........abcdefghiJklm" + std::string(77, '.')));
-    }
-}
-
 TEST_F(Window, OnlyDiskStreamsTakeIt) {
     ASSERT_EQ(KalOpenVMem(0), 0);
     constexpr uint16_t mode = KAL_MODE_CREATE | KAL_MODE_UPDATE;
@@ -138,32 +118,6 @@ TEST_F(Window, OnlyDiskStreamsTakeIt) {
     }
     EXPECT_EQ(KalConstrainFile(nullptr, 1, 5), 1);
     KalCloseVMem();
-}
-
-TEST_F(Window, AnItemFileInsideALargerFile) {
-    IFILE* items = nullptr;
-    ASSERT_EQ(KalOpenIFile(&items, "items", KAL_MODE_CREATE | KAL_MODE_UPDATE, 0), 0);
-    std::vector<Bytes> contents;
-    for (uint16_t id = 0; id < 30; id++) {
-        contents.push_back(randomBytes(id * 97u, id));
-        KalWriteIFile(items, contents.back().data(), uint32_t(contents.back().size()), id);
-    }
-    EXPECT_EQ(KalCloseIFile(items), 0);
-    const Bytes inner = readFile("items");
-    Bytes outer = randomBytes(777, 5);
-    outer.insert(outer.end(), inner.begin(), inner.end());
-    outer.resize(outer.size() + 1000, 0xEE);
-    writeFile("outer", outer);
-    SFILE* s = open("outer", 0);
-    EXPECT_EQ(KalConstrainFile(s, 777, int32_t(777 + inner.size())), 0);
-    ASSERT_EQ(KalMakeIFile(&items, s, 0), 0);
-    for (uint16_t id = 30; id-- > 0;) {
-        Bytes whole(contents[id].size());
-        EXPECT_EQ(KalReadIFile(items, whole.data(), 100'000, id), whole.size());
-        EXPECT_EQ(whole, contents[id]);
-    }
-    EXPECT_EQ(KalFreeIFile(items), 0);
-    EXPECT_EQ(readFile("outer"), outer);
 }
 
 TEST_F(Window, FarFromTheStart) {
