@@ -32,7 +32,10 @@ std::span<const std::byte> bytesIn(const std::string& text) {
 class CppFace : public RegistryTest {
 protected:
     CppFace() : manager_(kal::VMem::open(1 << 20)) {}
-    ~CppFace() override { KalSetMaxVMem(0); }
+    ~CppFace() override {
+        KalSetMaxVMem(0);
+        forgetRegistry(); // whose tree a process keeps
+    }
     HeapBalance balance_;
     kal::Expected<kal::VMem> manager_;
 };
