@@ -200,7 +200,7 @@ public:
             return Unexpected{KAL_ERR_FORMAT};
         const uint32_t first = number(band.bytes, 2);
         const uint32_t count = number(band.bytes, 6);
-        const size_t line = bits() == 24 ? width() * size_t{4} : (width() * size_t{bits()} + 15) / 16 * 2;
+        const size_t line = KalDIBLineBytes(width(), bits());
         if (number(band.bytes, 4) != width() || number(band.bytes, 8) % 256 != bits() ||
             first + count > height() || count == 0 || band.bytes.size() - KAL_DIB_OP_HEADER < count * line)
             return Unexpected{KAL_ERR_FORMAT};

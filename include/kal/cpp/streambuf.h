@@ -196,9 +196,10 @@ public:
     }
 
 private:
-    // What the standard asks of a stream buffer.
+    // What the standard asks of a stream buffer. The two that serve a whole buffer are not inlined: into code that
+    // reads a buffer of another kind a compiler may put them on a guess, and then warns of what it put there.
 
-    int_type underflow() override {
+    [[gnu::noinline]] int_type underflow() override {
         if (gptr() < egptr())
             return traits_type::to_int_type(*gptr());
         if (!drain())
@@ -208,7 +209,7 @@ private:
         return count > 0 ? traits_type::to_int_type(buffer_[0]) : traits_type::eof();
     }
 
-    int_type overflow(int_type c) override {
+    [[gnu::noinline]] int_type overflow(int_type c) override {
         stopReading();
         if (!drain())
             return traits_type::eof();
