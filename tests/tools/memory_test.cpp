@@ -16,6 +16,7 @@ const struct {
     Arguments result;
 } kCommands[] = {{{"list", "a.kal"}, {}},
                  {{"extract", "a.kal", "1", "-o", "out"}, {}},
+                 {{"sheet", "a.kal", "-o", "out"}, {}},
                  {{"store", "a.kal", "p.bmp"}, {"list", "a.kal"}},
                  {{"store", "new.kal", "p.bmp"}, {"list", "new.kal"}},
                  {{"compound", "list", "c.ole"}, {}},
@@ -24,6 +25,8 @@ const struct {
                  {{"compound", "put", "new.ole", "s", "p.bmp"}, {"compound", "list", "new.ole"}},
                  {{"resource", "make", "new.res", "script"}, {"resource", "list", "new.res"}},
                  {{"resource", "list", "r.res"}, {}},
+                 {{"settings", "list", "Maker\\App"}, {}},
+                 {{"settings", "tree"}, {}},
                  {{"settings", "get", "Maker\\App", "Tag"}, {}}};
 
 struct State {
