@@ -119,7 +119,7 @@ struct Call {
     void settle() {
         bool isNew;
         if (error == 0 && open != nullptr && open->pending) {
-            error = store->create(path, open->home, &isNew);
+            error = store->write({RecordKind::key, path}, open->home, &isNew);
             open->pending = error != 0;
         }
     }
@@ -181,7 +181,8 @@ int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t, const char*, uin
     bool isNew = call.error == 0 && call.key() == nullptr;
     const bool pending = isNew && disposition == nullptr;
     if (isNew)
-        call.error = pending ? call.store->mayCreate(home) : call.store->create(call.path, home, &isNew);
+        call.error = pending ? call.store->mayCreate(home)
+                             : call.store->write({RecordKind::key, call.path}, home, &isNew);
     if (call.error != 0)
         return codeOf(call.error);
     if (disposition != nullptr)
@@ -237,7 +238,7 @@ int32_t RegSetValueExA(HKEY key, const char* name, uint32_t, uint32_t type, cons
         return codeOf(call.error);
     call.open->pending = false; // a key whose first value fails does not appear without it
     return codeOf(
-        call.store->setValue({RecordKind::value, call.path, value, type, data, size}, call.open->home));
+        call.store->write({RecordKind::value, call.path, value, type, data, size}, call.open->home, nullptr));
 }
 
 int32_t RegEnumKeyA(HKEY key, uint32_t index, char* name, uint32_t nameSize) {

@@ -26,38 +26,24 @@ LogIndex RegistryStore::logOf(RegistryText path, LogIndex home) const {
     return key == nullptr ? home : key->in[kPersistent] ? kPersistent : kVolatile;
 }
 
-int RegistryStore::lockFor(RegistryText path, LogIndex home, LogIndex* index) {
+int RegistryStore::write(const RegistryRecord& record, LogIndex home, bool* isNew) {
     for (;;) {
-        *index = logOf(path, home);
-        if (const int error = logs_[*index].lock())
-            return error;
-        // Another process may have made the key persistent.
-        const int error = refresh();
-        if (error == 0 && logOf(path, home) == *index)
-            return 0;
-        logs_[*index].unlock();
+        const LogIndex index = logOf(record.path, home);
+        int error = logs_[index].lock();
         if (error != 0)
             return error;
+        // Another process may have made the key persistent.
+        error = refresh();
+        const bool isThere = logOf(record.path, home) == index;
+        const bool isMissing = keys_.find(record.path) == nullptr;
+        if (error == 0 && isThere && (isNew == nullptr || isMissing))
+            error = logs_[index].append(record);
+        logs_[index].unlock();
+        if (isNew != nullptr)
+            *isNew = isMissing;
+        if (error != 0 || isThere)
+            return error;
     }
-}
-
-int RegistryStore::create(RegistryText path, LogIndex home, bool* isNew) {
-    LogIndex index;
-    if (const int error = lockFor(path, home, &index))
-        return error;
-    *isNew = keys_.find(path) == nullptr;
-    const int error = *isNew ? logs_[index].append({RecordKind::key, path}) : 0;
-    logs_[index].unlock();
-    return error;
-}
-
-int RegistryStore::setValue(const RegistryRecord& value, LogIndex home) {
-    LogIndex index;
-    if (const int error = lockFor(value.path, home, &index))
-        return error;
-    const int error = logs_[index].append(value);
-    logs_[index].unlock();
-    return error;
 }
 
 int RegistryStore::remove(RegistryText path, bool withSubkeys) {

@@ -23,15 +23,14 @@ public:
     // 0 where keys can be made in that log.
     int mayCreate(LogIndex log) const { return logs_[log].writable(); }
 
-    // `home` takes a key that is not there. `*isNew` tells whether it was not.
-    int create(RegistryText path, LogIndex home, bool* isNew);
-    int setValue(const RegistryRecord& value, LogIndex home);
+    // Adds a record that makes a key or a value. `home` takes a key that is not there; `*isNew`, unless null, tells
+    // whether it was not, and then a key that was there is left alone.
+    int write(const RegistryRecord& record, LogIndex home, bool* isNew);
     // With all below it. ENOTEMPTY when it has subkeys that must not go too.
     int remove(RegistryText path, bool withSubkeys);
 
 private:
     LogIndex logOf(RegistryText path, LogIndex home) const;
-    int lockFor(RegistryText path, LogIndex home, LogIndex* index);
 
     RegistryPlace place_;
     KeyTree keys_;

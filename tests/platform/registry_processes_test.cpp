@@ -6,6 +6,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sys/file.h>
 #include <unistd.h>
 
 using RegistryProcesses = RegistryTest;
@@ -206,6 +207,8 @@ TEST_F(RegistryProcesses, LogsAreWrittenAnewBesideReadersAndWriters) {
     constexpr int kWriters = 4, kRounds = 400;
     setText("0", "0");
     const auto numberIn = [](int key) { return std::atoi(textOf(std::to_string(key)).c_str()); };
+    HKEY held = makeTestKey("0");
+    const uint64_t state = registryState(held);
     std::vector<pid_t> writers;
     for (int w = 0; w < kWriters; w++)
         writers.push_back(startProcess([&] {
@@ -222,10 +225,12 @@ TEST_F(RegistryProcesses, LogsAreWrittenAnewBesideReadersAndWriters) {
             }
             return 0;
         }));
-    HKEY held = makeTestKey("0");
-    const uint64_t state = registryState(held);
     for (const pid_t writer : writers)
         EXPECT_EQ(endOf(writer), 0) << "1: a write failed; 2: an older value came back";
+    char text[3000] = "";
+    uint32_t size = sizeof text;
+    EXPECT_EQ(RegQueryValueExA(held, nullptr, nullptr, nullptr, reinterpret_cast<uint8_t*>(text), &size), 0);
+    EXPECT_EQ(std::atoi(text), kRounds) << "a handle from before goes on with the new file";
     for (int w = 0; w < kWriters; w++)
         EXPECT_EQ(numberIn(w), kRounds);
     EXPECT_NE(registryState(held), state);
@@ -233,4 +238,34 @@ TEST_F(RegistryProcesses, LogsAreWrittenAnewBesideReadersAndWriters) {
     RegCloseKey(held);
     EXPECT_LT(readFile(persistentTree() + "/log").size(), 80000u);
     EXPECT_EQ(filesIn(persistentTree()), std::vector<std::string>{"log"});
+}
+
+TEST_F(RegistryProcesses, AChildOfAForkWaitsForItsParent) {
+    static int toChild[2], toParent[2];
+    ASSERT_EQ(pipe(toChild) + pipe(toParent), 0);
+    setText("a", "old"); // the child inherits the open files
+    const pid_t child = startProcess([] {
+        int32_t code = 0;
+        const HostCallGuard guard;
+        hostCalls.flock = [](int fd, int operation) { return ::flock(fd, operation | LOCK_NB); };
+        bool done = read(toChild[0], &code, sizeof code) == sizeof code;
+        code = setText("a", "child");
+        done = write(toParent[1], &code, sizeof code) == sizeof code && done;
+        return done ? 0 : 1;
+    });
+    {
+        const HostCallGuard guard;
+        static int32_t code = 0; // of a write of the child while the parent is at its own
+        hostCalls.pwrite = [](int fd, const void* bytes, size_t count, off_t at) {
+            EXPECT_EQ(write(toChild[1], &code, sizeof code), ssize_t(sizeof code));
+            EXPECT_EQ(read(toParent[0], &code, sizeof code), ssize_t(sizeof code));
+            return ::pwrite(fd, bytes, count, at);
+        };
+        EXPECT_EQ(setText("a", "parent"), 0);
+        EXPECT_NE(code, 0) << "the child shared its parent's lock";
+    }
+    EXPECT_EQ(endOf(child), 0);
+    EXPECT_EQ(textOf("a"), "parent");
+    for (const int end : {toChild[0], toChild[1], toParent[0], toParent[1]})
+        close(end);
 }

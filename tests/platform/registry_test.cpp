@@ -171,17 +171,10 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
     RegDeleteTreeA(HKEY_CLASSES_ROOT, "A");
     note();
     const Bytes whole = readFile(log);
-    const auto before = [&](size_t end) {
+    const auto before = [&](size_t place) { // what the records that end there or earlier say
         std::string state;
         for (const auto& [length, dump] : states)
-            if (length <= end)
-                state = dump;
-        return state;
-    };
-    const auto stateAt = [&](size_t record) { // before the record that holds the byte
-        std::string state;
-        for (const auto& [length, dump] : states)
-            if (length <= record)
+            if (length <= place)
                 state = dump;
         return state;
     };
@@ -194,11 +187,11 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
         ASSERT_EQ(textOf("Next"), "works");
         Bytes flipped = whole;
         flipped[at] ^= 0x10;
-        ASSERT_EQ(firstKeyAfter(log, flipped), stateAt(at)) << "byte " << at << " flipped";
+        ASSERT_EQ(firstKeyAfter(log, flipped), before(at)) << "byte " << at << " flipped";
         ASSERT_EQ(setText("Next", "works"), 0);
         RegDeleteKeyA(HKEY_CLASSES_ROOT, "Next");
         forgetRegistry();
-        ASSERT_EQ(dumpRegistry(), stateAt(at));
+        ASSERT_EQ(dumpRegistry(), before(at));
     }
     for (size_t at = 0; at < 20; at++)
         for (const int bit : {0x01, 0x10, 0x80}) {
