@@ -170,6 +170,22 @@ TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
     }
 }
 
+// A caller who walks the list tells nobody.
+TEST_F(SwapFileTest, AnExtentFreedInTheListTakesTheNextWrite) {
+    Swap swap;
+    for (uint16_t id = 1; id <= 600; id++)
+        swap.write(id, Bytes(10));
+    for (const int at : {450, 20, 599}) {
+        KalNodeHeader* header = swap.file->items->first;
+        for (int i = 0; i < at; i++)
+            header = header->next;
+        reinterpret_cast<vitem*>(header + 1)->id = 0;
+        const auto id = static_cast<uint16_t>(1000 + at);
+        swap.write(id, Bytes(10));
+        EXPECT_EQ(val(KalFindVItem(swap.file, id)->offset), uint32_t(at) * 10);
+    }
+}
+
 TEST_F(SwapFileTest, IsPrivateNamelessAndWhereItIsToldToBe) {
     HeapBalance balance;
     for (const bool named : {false, true}) {

@@ -72,6 +72,12 @@ public:
         KalNodeHeader* node = state->lruList->last;
         for (const Block& block : blocks_) {
             ASSERT_EQ(GlobalSize(block.handle), block.isIn ? block.bytes.size() : 0) << "in memory or not";
+            const vitem* copy =
+                KalFindVItem(state->swapFile, uint16_t(reinterpret_cast<uintptr_t>(block.handle)));
+            ASSERT_EQ(copy != nullptr, block.hasCopy);
+            if (copy != nullptr) {
+                ASSERT_EQ(val(copy->size), std::max<size_t>(block.used, 1)) << "no more than what matters";
+            }
             if (!block.isListed)
                 continue;
             ASSERT_NE(node, nullptr);
