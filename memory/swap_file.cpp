@@ -173,7 +173,8 @@ int32_t writeItem(vfile* file, const void* data, uint32_t size, uint16_t id) {
             return static_cast<int32_t>(size);
         release(swap, old);
     }
-    swap->mostFree[swap->turn++ % (swap->end / kPiece + 1)] = kAnySize;
+    swap->turn = swap->turn < swap->end / kPiece ? swap->turn + 1 : 0;
+    swap->mostFree[swap->turn] = kAnySize;
     vitem* extent = firstFit(swap, size);
     if (extent != nullptr)
         carve(swap, extent, size);
