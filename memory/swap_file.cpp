@@ -60,9 +60,10 @@ vitem* firstFit(SwapFile* file, uint32_t size) {
              extent = nextOf(extent)) {
             if (extent->id != 0)
                 continue;
-            if (extent->size >= size)
+            const uint32_t free = extent->size;
+            if (free >= size)
                 return extent;
-            mostFree = std::max<uint32_t>(mostFree, extent->size);
+            mostFree = std::max(mostFree, free);
         }
         if (!file->isLent[piece])
             file->mostFree[piece] = mostFree;
@@ -78,8 +79,9 @@ vitem* find(const SwapFile* file, uint16_t id) {
 void release(SwapFile* file, vitem* extent) {
     file->byId[extent->id] = nullptr;
     extent->id = 0;
+    const uint32_t free = extent->size;
     uint32_t& mostFree = file->mostFree[pieceOf(extent)];
-    mostFree = std::max<uint32_t>(mostFree, extent->size);
+    mostFree = std::max(mostFree, free);
 }
 
 // A new free extent behind another, or at the end. Null when memory is short.
