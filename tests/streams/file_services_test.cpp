@@ -112,6 +112,9 @@ TEST_F(FileServices, CatAppendsPiecesWithoutTheirEndMark) {
     ASSERT_EQ(KalOpenFile(&s, "all", KAL_MODE_APPEND, 0), KAL_OK); // onto itself
     EXPECT_EQ(KalFileCat(s, "all") | s->close(s), KAL_OK);
     EXPECT_EQ(readFile("all").size(), 2 * twice.size());
+    ASSERT_EQ(KalOpenFile(&s, "all", KAL_MODE_CREATE | KAL_MODE_WRITE, 0), KAL_OK);
+    EXPECT_EQ(KalFileCat(s, "/proc/self/stat") | s->close(s), KAL_OK) << "which knows no length";
+    EXPECT_FALSE(readFile("all").empty());
 }
 
 // Whether the host copies all, none, or a part and then no more.

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <random>
 #include <unistd.h>
@@ -18,20 +19,15 @@
 namespace {
 
 constexpr int kNobodys = -1; // a byte that nobody put: whatever the memory held
-constexpr uint32_t kPiece = 60'000;
 
 struct Kind {
     const char* name;
-    uint16_t mode = 0; // the bit that chooses it
-    bool compound = false;
-    int endStatus = KAL_ERR_END; // of a read that finds nothing
-    int endChar = KAL_ERR_END;   // what get-character gives there
-    int refusedSeek = KAL_ERR_SEEK;
-    uint32_t mostAtOnce = UINT32_MAX;           // bytes in one call
-    uint32_t capacity = KAL_NO_POSITION - 1;    // where positions end
-    uint32_t first = 0;                         // where the bytes of the test start
-    uint32_t base = 0;                          // base offset
-    uint32_t window = 0;                        // its end
+    uint16_t mode; // the bit that chooses it
+    bool compound;
+    int endStatus, endChar; // of a read that finds nothing, and what get-character gives there
+    int refusedSeek;
+    uint32_t mostAtOnce, capacity,
+        first; // bytes in one call, where positions end, where the bytes of the test start
     bool buffered() const { return mode == 0; } // and without a buffer it is the file that holds the bytes
     bool onDisk() const { return mode == 0 && !compound; }
     bool isMemory() const { return mode == KAL_MODE_MEMORY; }
@@ -39,36 +35,22 @@ struct Kind {
     bool isMapping() const { return mode == KAL_MODE_FILEMAP; }
 };
 
+constexpr int kEnd = KAL_ERR_END, kShort = KAL_ERR_SHORT_READ;
+constexpr uint32_t kAny = UINT32_MAX, kLast = KAL_NO_POSITION - 1;
 constexpr Kind kKinds[] = {
-    {.name = "disk", .base = 100},
-    {.name = "disk, last positions", .first = 0xFFFFF000, .base = 0xFFFFF064},
-    {.name = "window", .base = 100, .window = 1600},
-    {.name = "window at 2 GiB", .first = 0x7FFFFF9C, .base = 0x80000000, .window = 0x80000500},
-    {.name = "compound", .compound = true},
-    {.name = "memory",
-     .mode = KAL_MODE_MEMORY,
-     .endStatus = KAL_ERR_SHORT_READ,
-     .endChar = KAL_ERR_SHORT_READ},
-    {.name = "VMem",
-     .mode = KAL_MODE_VMEM,
-     .endStatus = KAL_ERR_SHORT_READ,
-     .endChar = KAL_ERR_SHORT_READ,
-     .refusedSeek = KAL_ERR_BUFFER,
-     .mostAtOnce = 65535},
-    {.name = "mapping",
-     .mode = KAL_MODE_FILEMAP,
-     .endStatus = KAL_ERR_SHORT_READ,
-     .endChar = 0,
-     .capacity = 5000},
+    {"disk", 0, false, kEnd, kEnd, KAL_ERR_SEEK, kAny, kLast, 0},
+    {"disk at 2 GiB", 0, false, kEnd, kEnd, KAL_ERR_SEEK, kAny, kLast, 0x7FFFFE00},
+    {"disk at 4 GiB", 0, false, kEnd, kEnd, KAL_ERR_SEEK, kAny, kLast, 0xFFFFF000},
+    {"compound", 0, true, kEnd, kEnd, KAL_ERR_SEEK, kAny, kLast, 0},
+    {"memory", KAL_MODE_MEMORY, false, kShort, kShort, KAL_OK, kAny, kLast, 0},
+    {"VMem", KAL_MODE_VMEM, false, kShort, kShort, KAL_ERR_BUFFER, 65535, kLast, 0},
+    {"mapping", KAL_MODE_FILEMAP, false, kShort, 0, KAL_ERR_SEEK, kAny, 5000, 0},
 };
 
 class Model : public FolderTest {
 protected:
     Model() : FolderTest(kInMemory) {}
-    ~Model() override {
-        KalCloseVMem();
-        KalSetMaxVMem(0);
-    }
+    ~Model() override { KalSetMaxVMem(0); }
 
     void run(const Kind& kind, uint16_t mode, uint16_t later, uint32_t bufSize, uint32_t seed) {
         kind_ = &kind;
@@ -84,7 +66,8 @@ protected:
 
 private:
     void session(uint16_t mode, uint32_t bufSize) {
-        ASSERT_NO_FATAL_FAILURE(open(mode, bufSize));
+        ASSERT_NO_FATAL_FAILURE(open(mode));
+        ASSERT_EQ(KalFlushBuf(s_) | KalSetBuf(s_, bufSize), KAL_OK);
         for (int i = 0; i < 100; i++) {
             SCOPED_TRACE(::testing::Message() << "mode " << mode << " step " << i);
             ASSERT_NO_FATAL_FAILURE(step());
@@ -93,52 +76,48 @@ private:
         close();
     }
 
-    void open(uint16_t mode, uint32_t bufSize) {
+    void open(uint16_t mode) {
         const std::string name = kind_->isMapping() ? "model" + std::to_string(getpid()) : "f";
-        const bool creates = (mode & KAL_MODE_CREATE) != 0;
-        const bool appends = (mode & KAL_MODE_APPEND) != 0;
+        const bool creates = (mode & KAL_MODE_CREATE) != 0, appends = (mode & KAL_MODE_APPEND) != 0;
         const uint16_t access = mode & (KAL_MODE_WRITE | KAL_MODE_UPDATE);
-        const bool twoWays = kind_->onDisk() || kind_->isMemory() || kind_->isVMem();
+        const bool twoWays = !kind_->compound && !kind_->isMapping();
         reads_ = twoWays || (mode & KAL_MODE_WRITE) == 0;
-        writes_ = kind_->onDisk() ? access != 0 || appends : twoWays || access != 0;
+        writes_ = access != 0 || (kind_->onDisk() ? appends : twoWays);
+        base_ = window_ = 0;
         if (kind_->isMapping() && !creates) {
             capacity_ = uint32_t(bytes_.size());
             if (writes_)
                 bytes_.clear();
         }
-        ASSERT_EQ(kind_->compound ? KalOpenFileAsIStream(&s_, name.c_str(), "s", mode)
-                                  : KalOpenFile(&s_, name.c_str(), kind_->mode | mode, 5004),
-                  KAL_OK);
         pos_ = appends && kind_->buffered() ? end() : 0;
-        const bool adds = appends && access == 0 && kind_->buffered();
-        ASSERT_EQ(val(s_->mode), kind_->mode | mode | (adds ? KAL_MODE_WRITE : 0));
+        if (kind_->onDisk() && !appends && below(4) == 0) {
+            ASSERT_EQ(KalMakeSFile(&s_, ::open("f", O_RDWR | (creates ? O_CREAT | O_TRUNC : 0), 0600)),
+                      KAL_OK);
+            ASSERT_EQ(s_->write(s_, "x", 1), KAL_ERR_WRITE) << "until the mode allows it";
+            ASSERT_TRUE(s_->mode == 0 && s_->name == nullptr);
+            s_->mode = mode;
+            s_->status = KAL_OK;
+        } else {
+            ASSERT_EQ(kind_->compound ? KalOpenFileAsIStream(&s_, name.c_str(), "s", mode)
+                                      : KalOpenFile(&s_, name.c_str(), kind_->mode | mode, 5004),
+                      KAL_OK);
+            const bool adds = appends && access == 0 && kind_->buffered();
+            ASSERT_EQ(val(s_->mode), kind_->mode | mode | (adds ? KAL_MODE_WRITE : 0));
+            ASSERT_EQ(kind_->buffered() ? std::string(s_->name) : name, name);
+        }
         ASSERT_TRUE(s_->status == KAL_OK && s_->dirty == 0 && s_->tempName == nullptr);
         if (kind_->buffered()) {
-            ASSERT_STREQ(val(s_->name), "f");
             ASSERT_TRUE(s_->osPos == pos_ && s_->bufStart == pos_ && s_->offset == 0 &&
                         s_->bufPtr == s_->buf);
-            ASSERT_EQ(val(s_->bufSize), kind_->compound ? 0u : 512u);
-            ASSERT_EQ(val(s_->bufEnd), kind_->compound ? KAL_NO_POSITION : 0);
+            ASSERT_TRUE(kind_->compound ? s_->bufSize == 0 && s_->bufEnd == KAL_NO_POSITION
+                                        : s_->bufSize == 512 && s_->bufEnd == 0);
         }
         ASSERT_NO_FATAL_FAILURE(check());
-        if (kind_->base > 0) {
-            if (creates) {
-                ASSERT_EQ(s_->seek(s_, int32_t(pos_ = kind_->first), 3), KAL_OK);
-                write(kind_->window > 0 ? kind_->window + 300 - pos_ : kind_->base - pos_);
-                ASSERT_EQ(KalFlushBuf(s_), KAL_OK);
-            }
-            if (kind_->window > 0) {
-                ASSERT_EQ(KalConstrainFile(s_, int32_t(kind_->base), int32_t(kind_->window)), 0);
-                pos_ = kind_->base;
-            } else
-                ASSERT_EQ(KalSetOffset(s_, kind_->base), KAL_OK);
-            if (pos_ < kind_->first) {
-                ASSERT_EQ(s_->seek(s_, 0, KAL_SEEK_START), KAL_OK);
-                pos_ = kind_->base;
-            }
+        if (pos_ < kind_->first) {
+            ASSERT_EQ(s_->seek(s_, int32_t(pos_ = kind_->first), 3), KAL_OK);
+            if (creates)
+                write(700);
         }
-        ASSERT_EQ(KalSetBuf(s_, bufSize), KAL_OK);
-        check();
     }
 
     void step() {
@@ -173,12 +152,12 @@ private:
                 ASSERT_EQ(KalFlushBuf(s_), KAL_OK);
                 ASSERT_EQ(KalSetBuf(s_, below(700)), KAL_OK);
             }
-            if (!kind_->onDisk()) { // what takes no window stays as it was
-                const SFILE before = *s_;
-                ASSERT_EQ(KalConstrainFile(s_, 1, 5), 1);
-                KalUnconstrainFile(s_);
-                ASSERT_EQ(std::memcmp(&before, s_, sizeof before), 0);
-            }
+            if (kind_->onDisk())
+                return constrain();
+            const SFILE before = *s_;
+            ASSERT_EQ(KalConstrainFile(s_, 1, 5), 1);
+            KalUnconstrainFile(s_);
+            ASSERT_EQ(std::memcmp(&before, s_, sizeof before), 0) << "what takes no window stays as it was";
         }
     }
 
@@ -211,7 +190,7 @@ private:
             ASSERT_EQ(s_->seek(s_, 0, KAL_SEEK_START), KAL_OK);
             length_ = std::max(length_, std::exchange(pos_, 0u));
             while (pos_ < end())
-                ASSERT_NO_FATAL_FAILURE(read(kPiece));
+                ASSERT_NO_FATAL_FAILURE(read(60'000));
             read(1);
         }
         ASSERT_EQ(s_->close(s_), KAL_OK);
@@ -252,9 +231,7 @@ private:
     // Where the bytes end, and where reading does.
     uint32_t end() const { return kind_->first + uint32_t(bytes_.size()); }
     uint32_t readEnd() const {
-        if (kind_->isMemory())
-            return std::min(length_, block_);
-        return kind_->window > 0 ? std::min(end(), kind_->window) : end();
+        return std::min(window_ > 0 ? window_ : kAny, kind_->isMemory() ? std::min(length_, block_) : end());
     }
     uint32_t ahead() const { return pos_ < readEnd() ? readEnd() - pos_ : 0; }
     int byteAt(uint32_t pos) const { return pos < end() ? bytes_[pos - kind_->first] : kNobodys; }
@@ -287,12 +264,16 @@ private:
         const uint32_t most = std::min(count, kind_->mostAtOnce);
         const uint32_t got = std::min(most, ahead());
         const uint32_t fromBuffer = held();
+        const bool isThere = kind_->onDisk() && s_->osPos == pos_ && s_->dirty == 0; // the host's pointer
+        const int64_t seeks = HostCallCounter::seeks();
         const int64_t calls = HostCallCounter::all();
         ASSERT_EQ(s_->read(s_, bytes.data(), count), int32_t(got)) << "of " << count;
         ASSERT_TRUE(count > fromBuffer || count == 0 || HostCallCounter::all() == calls);
+        ASSERT_TRUE(!isThere || HostCallCounter::seeks() == seeks);
         const bool whole = got == most && (!kind_->isMemory() || pos_ + got <= readEnd());
-        const bool hostEnds = kind_->buffered() && kind_->window == 0 && got == fromBuffer;
-        const int early = got == 0 ? kind_->endStatus : hostEnds ? KAL_ERR_END : KAL_ERR_SHORT_READ;
+        const bool isCut = window_ > 0 && (pos_ >= window_ || count > window_ - pos_);
+        const bool hostEnds = kind_->buffered() && !isCut && got == fromBuffer;
+        const int early = got == 0 ? kind_->endStatus : hostEnds ? kEnd : kShort;
         ASSERT_EQ(val(s_->status), whole ? KAL_OK : early);
         expectBytes(bytes.data(), got);
     }
@@ -303,7 +284,7 @@ private:
         const bool isEnd = ahead() == 0;
         const int got = below(2) == 0 ? s_->getChar(s_) : KalNextChar(s_);
         const auto byte = uint8_t(got);
-        if (!isEnd && got == byte)
+        if (!isEnd && got == byte && (kind_->buffered() || s_->status == KAL_OK))
             return expectBytes(&byte, 1);
         ASSERT_TRUE(isEnd && got == kind_->endChar && s_->status == kind_->endStatus) << got;
     }
@@ -396,31 +377,44 @@ private:
         s_->status = KAL_OK;
     }
 
+    // A window, a base offset alone, or the whole file again.
+    void constrain() {
+        ASSERT_EQ(KalFlushBuf(s_), KAL_OK);
+        window_ = base_ = 0;
+        if (below(3) == 0)
+            return KalUnconstrainFile(s_);
+        base_ = kind_->first + below(uint32_t(bytes_.size()) + 1);
+        const uint32_t end = base_ + std::min(below(2000), kLast - base_) - 300;
+        ASSERT_EQ(KalConstrainFile(s_, int32_t(base_), int32_t(end)), 0);
+        if (int32_t(end) > int32_t(base_)) {
+            window_ = end;
+            pos_ = base_;
+        }
+    }
+
     void seek() {
-        const bool backwards = kind_->window > 0; // from a window's end one goes back
-        const uint32_t length = kind_->isMemory()   ? std::max(length_, pos_)
-                                : kind_->window > 0 ? kind_->window
-                                                    : end();
+        const bool backwards = window_ > 0; // from a window's end one goes back
+        const uint32_t length = window_ > 0 ? window_ : kind_->isMemory() ? std::max(length_, pos_) : end();
+        const uint32_t most = window_ > 0 ? window_ : std::min(length, kLast - 200) + 200;
         uint32_t origin = below(4);
-        uint32_t target = kind_->first + below(std::min(length, KAL_NO_POSITION - 200) + 200 - kind_->first);
-        target = kind_->window > 0 ? std::min(target, kind_->window) : target;
+        uint32_t target = kind_->first + below(most - kind_->first + 1);
         if (below(8) == 0 && pos_ > kind_->first) { // a character back
             origin = KAL_SEEK_CURRENT;
             target = pos_ - 1;
+        } else if (const uint32_t edge = below(2) == 0 ? s_->bufEnd : s_->osPos;
+                   below(8) == 0 && kind_->onDisk() && kind_->first <= edge && edge <= most) {
+            target = edge;
         } else if (below(5) == 0 && !kind_->isMemory()) // that goes anywhere
             target = below(2) == 0        ? KAL_NO_POSITION
-                     : kind_->window > 0  ? kind_->window + 1
+                     : window_ > 0        ? window_ + 1
                      : kind_->isVMem()    ? 0x80000000
                      : kind_->isMapping() ? capacity_
                                           : KAL_NO_POSITION;
-        const uint32_t from = origin == KAL_SEEK_CURRENT                      ? pos_
-                              : origin == KAL_SEEK_END                        ? length
-                              : origin == KAL_SEEK_START || kind_->window > 0 ? kind_->base
-                                                                              : 0;
-        const bool refused = target == KAL_NO_POSITION || (kind_->window > 0 && target > kind_->window) ||
+        const bool refused = target == KAL_NO_POSITION || (window_ > 0 && target > window_) ||
                              (kind_->isVMem() && target >= 0x80000000) ||
                              (kind_->isMapping() && (origin == 3 || target >= capacity_));
-        const auto distance = int32_t(target - from);
+        const uint32_t from[] = {base_, pos_, length, window_ > 0 ? base_ : 0};
+        const auto distance = int32_t(target - from[origin]);
         const int before = s_->status;
         const bool inBuffer = s_->bufSize > 0 && s_->bufStart <= target && target < s_->bufEnd;
         const int64_t calls = HostCallCounter::all();
@@ -443,7 +437,7 @@ private:
 
     // A disk file's stream stands nowhere then, others where they stood.
     void afterRefusedSeek() {
-        if (!kind_->buffered() || kind_->window > 0) {
+        if (!kind_->buffered() || window_ > 0) {
             s_->status = KAL_OK;
             return;
         }
@@ -496,7 +490,7 @@ private:
     bool reads_ = false, writes_ = false;
     std::mt19937 random_;
     std::vector<int> bytes_;
-    uint32_t pos_ = 0, capacity_ = 0;
+    uint32_t pos_ = 0, capacity_ = 0, base_ = 0, window_ = 0; // a window's end, or 0
     uint32_t length_ = 0, block_ = 0; // of a memory stream: what it says, and its block
 };
 
