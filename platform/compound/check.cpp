@@ -17,10 +17,10 @@ public:
 
     // Calls `onClash(owner before)` for each unit that has one; false when units are no units of the space.
     template <class OnClash>
-    bool take(Run run, uint32_t owner, OnClash onClash) {
-        if (run.first > count() || run.count > count() - run.first)
+    bool take(Span span, uint32_t owner, OnClash onClash) {
+        if (span.first > count() || span.count > count() - span.first)
             return false;
-        for (uint32_t unit = run.first; unit < run.first + run.count; unit++) {
+        for (uint32_t unit = span.first; unit < span.first + span.count; unit++) {
             if (owners_[unit] != kNobody)
                 onClash(owners_[unit]);
             owners_[unit] = owner;
@@ -46,9 +46,9 @@ public:
     }
 
 private:
-    bool takeForTables(Run run, uint32_t owner) {
+    bool takeForTables(Span span, uint32_t owner) {
         bool clash = false;
-        return sectors_.take(run, owner, [&clash](uint32_t) { clash = true; }) && !clash;
+        return sectors_.take(span, owner, [&clash](uint32_t) { clash = true; }) && !clash;
     }
 
     // Sectors of the tables are marked as such, or they would be given out as free ones.
@@ -62,7 +62,7 @@ private:
     bool takeTables() {
         const MiniSectors& mini = file_.miniSectors();
         const auto take = [this](const Chain& chain, uint32_t owner) {
-            return chain.everyRun([this, owner](Run run) { return takeForTables(run, owner); });
+            return chain.everySpan([this, owner](Span span) { return takeForTables(span, owner); });
         };
         return take(file_.directory().chain(), kTables) && take(mini.tableChain(), kTables) &&
                take(mini.container(), kMiniStream) && takeMarked(file_.sectors().fatSectors(), kFatSector) &&
@@ -91,8 +91,8 @@ private:
         const bool isCutShort = chain.byteCount() >= size;
         if (ends && !good && (isCutShort || chain.unitCount() == 0 || chain.first() >= owners.count()))
             directory.setData(entry, kEndOfChain, size);
-        good = chain.everyRun([&](Run run) {
-            return owners.take(run, entry, [&](uint32_t before) {
+        good = chain.everySpan([&](Span span) {
+            return owners.take(span, entry, [&](uint32_t before) {
                 good = false;
                 // What lies in a stream's sectors may as well be the small streams as that one.
                 clashesWithMiniStream_ = clashesWithMiniStream_ || before == kMiniStream;

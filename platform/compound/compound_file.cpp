@@ -9,23 +9,6 @@ constexpr uint16_t kMinor = 0x3E;
 constexpr uint32_t kSmallShift = 9;  // version 3
 constexpr uint32_t kLargeShift = 12; // version 4
 
-HRESULT resultOf(HostFile::Result result) {
-    switch (result) {
-    case HostFile::Result::ok:
-        return S_OK;
-    case HostFile::Result::missing:
-        return STG_E_FILENOTFOUND;
-    case HostFile::Result::exists:
-        return STG_E_FILEALREADYEXISTS;
-    case HostFile::Result::shared:
-        return STG_E_SHAREVIOLATION;
-    case HostFile::Result::full:
-        return STG_E_MEDIUMFULL;
-    default:
-        return STG_E_ACCESSDENIED;
-    }
-}
-
 void makeHeader(uint8_t* header) {
     std::memcpy(header, kSignature, sizeof kSignature);
     store16(header + kMinorVersion, kMinor);
@@ -65,7 +48,7 @@ CompoundFile* CompoundFile::create(const char* hostPath, bool replace, HRESULT& 
         result = STG_E_INSUFFICIENTMEMORY;
         return nullptr;
     }
-    result = resultOf(file->host_.create(hostPath, replace));
+    result = file->host_.create(hostPath, replace);
     if (result == S_OK && !(file->start() && file->flush() == S_OK)) {
         file->host_.abandon(hostPath);
         result = STG_E_MEDIUMFULL;
@@ -82,7 +65,7 @@ CompoundFile* CompoundFile::open(const char* hostPath, bool writable, HRESULT& r
         result = STG_E_INSUFFICIENTMEMORY;
         return nullptr;
     }
-    result = resultOf(file->host_.open(hostPath, writable));
+    result = file->host_.open(hostPath, writable);
     if (result == S_OK && !(file->load() && (!writable || findDamage(*file))))
         result = STG_E_DOCFILECORRUPT;
     if (result == S_OK)

@@ -24,7 +24,7 @@ bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
 }
 
 bool MiniSectors::flush(uint8_t* header) {
-    if (!window_.flush())
+    if (!buffer_.flush())
         return false;
     const uint32_t shift = tableChain_.space().unitShift();
     for (uint32_t index = 0; index < table.pageCount();) {
@@ -49,11 +49,11 @@ void MiniSectors::freeReleased() {
 }
 
 Moved MiniSectors::read(uint64_t offset, void* destination, size_t count) {
-    return window_.read(offset, destination, count);
+    return buffer_.read(offset, destination, count);
 }
 
 Moved MiniSectors::write(uint64_t offset, const void* source, size_t count) {
-    return window_.write(offset, source, count);
+    return buffer_.write(offset, source, count);
 }
 
 bool MiniSectors::makeFree(uint32_t count) {

@@ -2,15 +2,15 @@
 #ifndef KAL_PLATFORM_COMPOUND_MINI_SECTORS_H
 #define KAL_PLATFORM_COMPOUND_MINI_SECTORS_H
 
+#include "platform/compound/buffer.h"
 #include "platform/compound/chain.h"
 #include "platform/compound/sectors.h"
-#include "platform/compound/window.h"
 
 namespace compound {
 
 class MiniSectors final : public Space {
 public:
-    explicit MiniSectors(Sectors& sectors) : tableChain_(sectors), container_(sectors), window_(container_) {
+    explicit MiniSectors(Sectors& sectors) : tableChain_(sectors), container_(sectors), buffer_(container_) {
         unitShift_ = kMiniShift;
     }
 
@@ -40,7 +40,7 @@ private:
     Chain tableChain_; // the mini FAT's sectors
     Chain container_;
     bool whole_ = true;
-    Window window_; // what goes in and out of the container
+    Buffer buffer_; // what goes in and out of the container
 };
 
 } // namespace compound

@@ -13,7 +13,7 @@
 namespace compound {
 
 // Units that follow one another.
-struct Run {
+struct Span {
     uint32_t first = 0;
     uint32_t count = 0;
 };
@@ -29,16 +29,16 @@ public:
     uint32_t freeCount() const { return freeCount_; }
 
     uint32_t next(uint32_t unit) const { return load32(bytes_.data() + size_t(unit) * 4); }
-    // Chains the run's units, which are not none, the last one to `next`.
-    void link(Run run, uint32_t next);
-    // Gives each unit of the run one value, which is not kFree.
-    void mark(Run run, uint32_t value);
-    void release(Run run);
+    // Chains the span's units, which are not none, the last one to `next`.
+    void link(Span span, uint32_t next);
+    // Gives each unit of the span one value, which is not kFree.
+    void mark(Span span, uint32_t value);
+    void release(Span span);
     // Makes the units that were released free. The directory in the file no longer leads to them.
     void freeReleased();
 
     // The first free units from `from` on that follow one another, at most `most`. A count of 0: none.
-    Run findFree(uint32_t from, uint32_t most);
+    Span findFree(uint32_t from, uint32_t most);
 
     // Appends pages of free units.
     bool grow(uint32_t pages);
@@ -61,7 +61,7 @@ private:
     enum State : uint8_t { kFresh, kStored, kReleased }; // kStored: in use in the file's table
     void store(uint32_t unit, uint32_t value);
     void setFree(uint32_t unit);
-    void setDirty(Run run);
+    void setDirty(Span span);
 
     Array<uint8_t> bytes_;
     Array<uint8_t> dirty_;  // a flag a page
