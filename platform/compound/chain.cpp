@@ -36,7 +36,7 @@ bool Chain::load(uint32_t first) {
         uint32_t next;
         do {
             next = table.next(unit);
-            if (next == kFree)
+            if (next == kFree || next == kKept)
                 break;
             span.count++;
             unit = next;
@@ -47,7 +47,7 @@ bool Chain::load(uint32_t first) {
             pieces_.shrink(0);
             return false;
         }
-        if (next == kFree)
+        if (next == kFree || next == kKept)
             break;
     }
     return true;
@@ -102,15 +102,15 @@ void Chain::cutTo(uint32_t units) {
         return;
     AllocationTable& table = space_->table;
     while (unitCount() > units) {
-        Piece& last = pieces_.back();
-        const uint32_t keep = units > last.before ? units - last.before : 0;
-        table.release({last.span.first + keep, last.span.count - keep});
-        last.span.count = keep;
+        Piece& end = pieces_.back();
+        const uint32_t keep = units > end.before ? units - end.before : 0;
+        table.release({end.span.first + keep, end.span.count - keep});
+        end.span.count = keep;
         if (keep == 0)
             pieces_.shrink(pieces_.size() - 1);
     }
     if (!pieces_.empty())
-        table.link({pieces_.back().span.first + pieces_.back().span.count - 1, 1}, kEndOfChain);
+        table.link({last(), 1}, kEndOfChain);
     recent_ = 0;
 }
 

@@ -12,12 +12,17 @@ public:
     explicit Chain(Space& space) : space_(&space) {}
     void swap(Chain& other);
 
-    // Follows the chain from `first`. A chain that leads out of the space or into a free unit is cut there.
+    // Follows the chain from `first`. A chain that leads out of the space or into a free or kept unit is cut there.
     // False when it never ends, or memory is short; the chain is empty then.
     bool load(uint32_t first);
 
     Space& space() const { return *space_; }
     uint32_t first() const { return pieces_.empty() ? kEndOfChain : pieces_[0].span.first; }
+    // Of a chain that is not empty.
+    uint32_t last() const {
+        const Span& span = pieces_[pieces_.size() - 1].span;
+        return span.first + span.count - 1;
+    }
     uint32_t unitCount() const;
     uint64_t byteCount() const { return uint64_t(unitCount()) << space_->unitShift(); }
 

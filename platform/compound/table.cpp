@@ -97,17 +97,37 @@ void AllocationTable::loaded() {
         setClean(page);
 }
 
+void AllocationTable::keep(uint32_t unit) {
+    if (unit < size() && next(unit) == kFree)
+        mark({unit, 1}, kKept);
+}
+
+void AllocationTable::keepFree() {
+    for (uint32_t unit = 0; freeCount_ > 0; unit++)
+        keep(unit);
+    placed_ = size();
+}
+
+void AllocationTable::keepPage(uint32_t index) {
+    for (uint32_t i = 0; i < perPage(); i++)
+        store32(page(index) + size_t(i) * 4, kKept);
+}
+
 void AllocationTable::endLooseChains(uint32_t limit) {
+    placed_ = limit;
     for (uint32_t unit = 0; unit < size(); unit++) {
         const uint32_t after = next(unit);
-        if (after < kMaxSector && (after >= std::min(limit, size()) || next(after) == kFree))
+        if (after < kMaxSector && after >= limit)
             link({unit, 1}, kEndOfChain);
+        else
+            keep(after);
     }
 }
 
 uint32_t AllocationTable::usedEnd() const {
     uint32_t end = size();
-    while (end > 0 && (next(end - 1) == kFree || states_[end - 1] == kReleased))
+    while (end > 0 && (next(end - 1) == kFree || states_[end - 1] == kReleased ||
+                       (next(end - 1) == kKept && end > placed_)))
         end--;
     return end;
 }

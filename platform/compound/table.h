@@ -37,6 +37,12 @@ public:
     // Makes the units that were released free. The directory in the file no longer leads to them.
     void freeReleased();
 
+    // What a damaged file may still have something in is kept: the unit, if it is free, all that are free, all of a page
+    // that cannot be trusted. Such a page is never written.
+    void keep(uint32_t unit);
+    void keepFree();
+    void keepPage(uint32_t index);
+
     // The first free units from `from` on that follow one another, at most `most`. A count of 0: none.
     Span findFree(uint32_t from, uint32_t most);
 
@@ -47,13 +53,14 @@ public:
     bool allocatePages(uint32_t pages);
     uint8_t* page(uint32_t index) { return bytes_.data() + size_t(index) * pageSize_; }
     void loaded();
-    // Ends each chain where it leads to a free unit or to one from `limit` on, which have no place: another
-    // stream may come to own those.
+    // Keeps the free units that chains lead to, and ends chains that lead to units from `limit` on, which have no place:
+    // another stream may come to own those.
     void endLooseChains(uint32_t limit);
 
-    // One past the last unit that is neither free nor released.
+    // One past the last unit that is neither free nor released, and that has a place if it is kept.
     uint32_t usedEnd() const;
 
+    void setAllDirty() { std::fill(dirty_.begin(), dirty_.end(), uint8_t(1)); }
     bool isDirty(uint32_t page) const { return dirty_[page] != 0; }
     void setClean(uint32_t page);
 
@@ -70,6 +77,7 @@ private:
     uint32_t freeCount_ = 0;
     uint32_t releasedCount_ = 0;
     uint32_t firstFree_ = 0; // no unit before it is free
+    uint32_t placed_ = 0;    // kept units from here on have no place
 };
 
 } // namespace compound
