@@ -58,15 +58,17 @@ uint32_t offsetOf(IFILE* file, uint16_t id) {
 
 TEST_F(ItemFormat, NewFilesAndExpectedFormats) {
     EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0), KAL_ERR_OPEN - ENOENT);
-    EXPECT_EQ(tryOpen(kNew, 0x0123), KAL_OK);
-    EXPECT_EQ(readFile("f"), itemFile(0x0123, {}, 84)) << "with room for ten entries";
+    IFILE* file = openItems(kNew, 0x0123);
+    KalFlushBuf(file->stream);
+    EXPECT_EQ(readFile("f"), itemFile(0x0123, {}, 84)) << "at once, with room for ten entries";
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
     EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0x8123), KAL_ERR_FORMAT);
     for (const auto& [mode, size] : {std::pair<uint16_t, size_t>{0, 4}, {KAL_MODE_UPDATE, 84}}) {
         writeFile("f", itemFile(1, {}));
         EXPECT_EQ(tryOpen(mode, 1), KAL_OK);
         EXPECT_EQ(readFile("f").size(), size);
     }
-    IFILE* file = openItems(kNew, KAL_ITEMS_WIDE);
+    file = openItems(kNew, KAL_ITEMS_WIDE);
     EXPECT_EQ(write(file, 0x1234, "hello") + write(file, 7, "x"), 6u);
     EXPECT_EQ(KalCloseIFile(file), KAL_OK);
     const Bytes before = readFile("f");
@@ -184,15 +186,18 @@ TEST_F(ItemFormat, RewritesTakeTheSmallestFreeExtentAndAdditionsGrowInPlace) {
                  {'a', 5, 1, 0, 184},       {'w', 7, 0, 0, 1064},    {'w', 3, 300, 300, 664},
                  {'a', 3, 150, 150, 664},   {'a', 3, 65086, 0, 664}, {'a', 3, 65085, 65085, 664},
                  {'w', 9, 65539, 3, 66199}, {'w', kFree, 1, 0, 0},   {'a', kFree, 1, 0, 0}};
-    IFILE* file = openItems(kNew, 0);
-    for (const auto& [what, id, size, taken, offset] : steps) {
-        const std::string bytes(size, what);
-        EXPECT_EQ((what == 'w' ? KalWriteIFile : KalAddIFile)(file, bytes.data(), size, id), taken) << id;
-        EXPECT_EQ(offsetOf(file, id), offset) << id << " of " << size;
+    for (const uint16_t mode : Words{0, KAL_MODE_MEMORY}) {
+        IFILE* file = openItems(kNew | mode, 0);
+        for (const auto& [what, id, size, taken, offset] : steps) {
+            const std::string bytes(size, what);
+            EXPECT_EQ((what == 'w' ? KalWriteIFile : KalAddIFile)(file, bytes.data(), size, id), taken) << id;
+            EXPECT_EQ(offsetOf(file, id), offset) << id << " of " << size;
+        }
+        EXPECT_EQ(item(file, 3), std::string(300, 'w') + std::string(65235, 'a'));
+        EXPECT_EQ(file->capacity, 10);
+        EXPECT_EQ(file->count, 8) << "free entries keep their place and are taken again";
+        EXPECT_EQ(KalCloseIFile(file), KAL_OK);
     }
-    EXPECT_EQ(item(file, 3), std::string(300, 'w') + std::string(65235, 'a'));
-    EXPECT_EQ(file->count, 8) << "free entries keep their place and are taken again";
-    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
 }
 
 // The lowest first, where all follow the longest; those without bytes behind all others; and none that stands where the
@@ -270,8 +275,8 @@ TEST_F(ItemFormat, AFullDiskLeavesTheOldItemsAndTheCloseSaysSo) {
     EXPECT_EQ(write(file, 10, std::string(61, 'k')), 61u);
     FileSizeLimit larger(readFile("f").size() + 10);
     for (uint16_t id = 0; id < 9; id++) {
-        EXPECT_EQ(KalFlushIFile(file), KAL_ERR_DISK_FULL) << "and none where it grows to";
         EXPECT_EQ(item(file, id), std::string(20, char('a' + id)));
+        EXPECT_EQ(KalFlushIFile(file), KAL_ERR_DISK_FULL) << "and none where it grows to";
     }
     larger.lift();
     EXPECT_EQ(KalFlushIFile(file), KAL_OK) << "with room again the index goes in";
