@@ -62,7 +62,7 @@ vitem* firstFit(SwapFile* file, uint32_t size) {
                 continue;
             if (extent->size >= size)
                 return extent;
-            mostFree = std::max<uint32_t>(mostFree, extent->size);
+            mostFree = std::max(mostFree, uint32_t(extent->size));
         }
         if (!file->isLent[piece])
             file->mostFree[piece] = mostFree;
@@ -79,7 +79,7 @@ void release(SwapFile* file, vitem* extent) {
     file->byId[extent->id] = nullptr;
     extent->id = 0;
     uint32_t& mostFree = file->mostFree[pieceOf(extent)];
-    mostFree = std::max<uint32_t>(mostFree, extent->size);
+    mostFree = std::max(mostFree, uint32_t(extent->size));
 }
 
 // A new free extent behind another, or at the end. Null when memory is short.
