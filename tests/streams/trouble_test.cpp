@@ -60,7 +60,9 @@ int use(const Open& open, uint32_t bufSize, uint32_t size) {
 int useVMem() {
     if (KalOpenVMem(0) != KAL_OK)
         return KAL_ERR_VMEM;
+    const uint32_t blocks = liveGlobalBlocks();
     const int status = use(file("", KAL_MODE_VMEM), 0, 50'000);
+    EXPECT_EQ(liveGlobalBlocks(), blocks) << "a closed stream keeps no block";
     KalCloseVMem();
     return status;
 }
