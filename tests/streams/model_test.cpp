@@ -142,9 +142,8 @@ private:
                 expectStored();
             return;
         default:
-            if (below(5) == 0) { // another buffer now and then
-                ASSERT_EQ(KalFlushBuf(s_) | KalSetBuf(s_, below(700)), KAL_OK);
-            }
+            if (below(5) == 0)
+                setBuf(below(700));
             if (kind_->onDisk())
                 return constrain();
             const SFILE before = *s_;
@@ -171,6 +170,18 @@ private:
             ASSERT_EQ(uint32_t(::lseek(int(s_->handle), 0, SEEK_CUR)), val(s_->osPos))
                 << "the host's pointer";
         }
+    }
+
+    // Without memory for it the old size stays.
+    void setBuf(uint32_t size) {
+        const uint32_t oldSize = s_->bufSize;
+        ASSERT_EQ(KalFlushBuf(s_), KAL_OK);
+        const bool fails = size > 0 && below(2) == 0 && !kind_->isVMem() && !kind_->isMapping();
+        failHeapAllocation(fails ? 1 : 0);
+        const int status = KalSetBuf(s_, size);
+        failHeapAllocation(0);
+        ASSERT_EQ(status, fails ? KAL_ERR_BUFFER : KAL_OK);
+        ASSERT_TRUE(!kind_->buffered() || s_->bufSize == (fails ? oldSize : size));
     }
 
     void close() {
