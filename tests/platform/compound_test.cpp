@@ -134,14 +134,15 @@ TEST_F(Compound, RandomChangesAgreeWithAModelAndOtherReaders) {
         // The last file grows until its table of sectors has tables of its own.
         Model model(name, static_cast<uint32_t>(name.back()), name == names.back() ? 3 << 20 : 70000);
         EXPECT_TRUE(name != "made.ole" || model.streams() == made);
-        readers = expectOthersRead(name, model.streams());
-        for (int session = 0; session < 25; session++) {
+        if (name.find(' ') == name.npos)
+            expectOthersRead(name, model.streams());
+        for (int session = 0; session < 16; session++) {
             SCOPED_TRACE(::testing::Message() << name << ", session " << session);
             model.session();
             model.expectSame();
             ASSERT_FALSE(HasFailure());
         }
-        expectOthersRead(name, model.streams());
+        readers = expectOthersRead(name, model.streams());
         EXPECT_FALSE(HasFailure()) << name;
     }
     EXPECT_GT(std::filesystem::file_size(names.back()), 15500000u);
