@@ -13,13 +13,16 @@ namespace fs = std::filesystem;
 using Effect = HostCallTrap::Effect;
 using Files = std::map<std::string, Bytes>;
 
+// Folders end with a slash.
 Files filesOfTest() {
     Files files;
-    if (!testFolder().empty())
-        for (const auto& entry : fs::recursive_directory_iterator(testFolder()))
-            files[entry.path().lexically_relative(testFolder()).string() +
-                  (entry.is_directory() ? "/" : "")] =
-                entry.is_regular_file() ? readFile(entry.path()) : Bytes();
+    if (testFolder().empty())
+        return files;
+    for (const auto& entry : fs::recursive_directory_iterator(testFolder())) {
+        const std::string name = entry.path().lexically_relative(testFolder());
+        files[name + (entry.is_directory() ? "/" : "")] =
+            entry.is_regular_file() ? readFile(entry.path()) : Bytes();
+    }
     return files;
 }
 
