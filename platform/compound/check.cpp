@@ -6,8 +6,7 @@ namespace {
 
 constexpr uint32_t kNobody = 0;
 constexpr uint32_t kTables = 0xFFFFFFFF; // the owner of FAT, directory and the like
-constexpr uint32_t kMini =
-    0xFFFFFFFE; // the owner of the mini FAT's sectors and of those in which mini sectors lie
+constexpr uint32_t kMini = 0xFFFFFFFE;   // the owner of the mini FAT and of what mini sectors lie in
 // A stream is an owner by its entry's number, which is never 0.
 
 // Who owns each unit of a space.
