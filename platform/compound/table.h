@@ -7,7 +7,7 @@
 #ifndef KAL_PLATFORM_COMPOUND_TABLE_H
 #define KAL_PLATFORM_COMPOUND_TABLE_H
 
-#include "platform/compound/array.h"
+#include "platform/array.h"
 #include "platform/compound/format.h"
 
 namespace compound {
