@@ -38,6 +38,12 @@ TEST_F(ListFile, AStoredListIsAnItemOfItsOpsAndTheEndOp) {
     EXPECT_EQ(load(file, 1), ops);
     EXPECT_EQ(KalCloseIOpFile(file) | KalCloseIOpFile(nullptr) | KalFreeIOpFile(nullptr), KAL_OK);
     EXPECT_EQ(filesIn("."), std::vector<std::string>{"f"});
+    IFILE* items = openItems(kNew, 0);
+    OpList* made = KalMakeOpList(items);
+    ASSERT_TRUE(made != nullptr && KalMakeOpList(nullptr) == nullptr);
+    EXPECT_TRUE(made->stream == items->stream && made->flags == items->mode && made->putPending == 1);
+    KalFreeIFile(items);
+    close(made);
 }
 
 // Lists as users store them, among reads, flushes and reopening; the first of an id counts.
