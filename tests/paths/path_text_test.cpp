@@ -90,7 +90,9 @@ TEST_F(TempNames, NamesCountOnFromTheTemplateWhereTheyFit) {
         EXPECT_EQ(unique(piece[0], uint32_t(std::stoi(piece[1]))), piece[2]) << row;
     }
     EXPECT_EQ(unique(std::string(300, 'd') + "\\A.B", 772), "KAL_ERR_SERVICE");
-    EXPECT_EQ(KalGetUnique(nullptr, 10), KAL_ERR_SERVICE);
+    Room tooSmall(2, "A.B");
+    EXPECT_EQ(KalGetUnique(tooSmall.data(), 2) | KalGetUnique(nullptr, 10), KAL_ERR_SERVICE);
+    EXPECT_EQ(tooSmall.text(), "A.B");
     std::filesystem::create_directory("sub");
     for (const char* directory : {"sub", "sub\\", ""}) {
         const HeapBalance balance;
