@@ -94,6 +94,7 @@ TEST_F(MessageLog, WithoutMemoryNothingIsLeftBehind) {
                       const bool met = heapFaultHappened();
                       failHeapAllocation(0);
                       EXPECT_TRUE(status == KAL_OK || status == KAL_ERR_MEMORY) << status;
+                      EXPECT_EQ(liveHeapBlocks(), status == KAL_OK ? 1u : 0u);
                       EXPECT_EQ(filesIn(".").size(), status == KAL_OK ? 1u : 0u) << "there once it is named";
                       std::filesystem::remove("ZEP0.TMP");
                       log(met ? Steps{"=log"} : Steps{"=log", "A"});

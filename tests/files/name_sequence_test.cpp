@@ -50,6 +50,9 @@ TEST_F(NameSequence, NumbersGoIntoTheExtensionOrTheBaseName) {
     EXPECT_EQ(sequence(deep, 2), "KAL_ERR_SERVICE " + deep) << "never another directory";
     EXPECT_EQ(sequence(deep.substr(1), 2), deep.substr(1, 260) + ".002");
     EXPECT_EQ(increment(deep), deep);
+    const std::string a(255, 'A'); // as long as a name can be
+    EXPECT_EQ(sequence(a + ".TIF", 2, 900), "AAAAAAA2.TIF");
+    EXPECT_EQ(increment(a), a.substr(1) + "2");
 }
 
 TEST_F(NameSequence, NamesAndTextsCountUp) {

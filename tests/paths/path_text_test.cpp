@@ -1,4 +1,5 @@
 // Paths as text, and the names that are made of them.
+#include "paths/temp_names.h"
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
 #include "tests/support/room.h"
@@ -103,6 +104,15 @@ TEST_F(TempNames, NamesCountOnFromTheTemplateWhereTheyFit) {
         failHeapAllocation(0);
         EXPECT_EQ(KalGetTaskData(3), nullptr);
     }
+    const size_t open = filesIn("/proc/self/fd").size();
+    for (const std::string name : {"ZEP.TMP", "none\\A.B"}) { // taken by making it, or told by errno why not
+        Room room(772, name);
+        bool made = false;
+        EXPECT_EQ(findUniqueName(room.data(), 772, reserveName, &made), KAL_OK);
+        EXPECT_EQ(made, name == "ZEP.TMP");
+    }
+    EXPECT_TRUE(fileExists("ZEP1.TMP"));
+    EXPECT_EQ(filesIn("/proc/self/fd").size(), open);
     static std::string last;
     HostCallGuard guard;
     hostCalls.access = [](const char* path, int) { return last = path, 0; };
