@@ -144,8 +144,7 @@ uint32_t putRow(OpList* list, const void* data, uint32_t count, uint32_t rowByte
     uint8_t* place = locked.bytes() + block->offset;
     if (count > 0)
         std::memcpy(place, data, count);
-    if (count < rowBytes)
-        std::memset(place + count, 0, rowBytes - count);
+    std::memset(place + count, 0, rowBytes - count);
     noteWritten(block, block->offset + rowBytes);
     list->putPending = 1;
     return advance(list, rowBytes);
