@@ -106,28 +106,24 @@ TEST(GlobalMemory, PagesAreUsedAgain) {
     }
     EXPECT_LT(moves, 40) << "half as much again each time";
     trimGlobalMemory(0);
-    GlobalFree(block);
+    GlobalReAlloc(block, 0, GMEM_MOVEABLE); // discarded
     EXPECT_GE(keptGlobalMemory(), 64u << 20);
     EXPECT_LT(keptGlobalMemory(), 128u << 20);
-    trimGlobalMemory(0);
-    EXPECT_EQ(keptGlobalMemory(), 0u);
-    block = GlobalAlloc(GMEM_MOVEABLE, 300000);
-    const void* address = addressOf(block);
-    GlobalReAlloc(block, 0, GMEM_MOVEABLE); // discarded
-    HGLOBAL next = GlobalAlloc(GMEM_MOVEABLE, 299000);
-    EXPECT_EQ(addressOf(next), address);
-    EXPECT_EQ(keptGlobalMemory(), 0u);
     GlobalFree(block);
-    GlobalFree(next);
     trimGlobalMemory(0);
     std::vector<HGLOBAL> many(700);
     for (HGLOBAL& one : many)
         one = GlobalAlloc(GMEM_MOVEABLE, 1 << 20);
-    for (HGLOBAL one : many)
-        GlobalFree(one);
+    const void* last = addressOf(many.back());
+    std::reverse(many.begin(), many.end());
+    std::for_each(many.begin(), many.end(), GlobalFree);
     EXPECT_EQ(keptGlobalMemory(), sizeof(void*) == 4 ? 128u << 20 : 512u << 20) << "the most that is kept";
     trimGlobalMemory(1 << 20);
     EXPECT_EQ(keptGlobalMemory(), 1u << 20);
+    block = GlobalAlloc(GMEM_MOVEABLE, (1 << 20) - 5000);
+    EXPECT_EQ(addressOf(block), last) << "what was freed first is the last that is left";
+    EXPECT_EQ(keptGlobalMemory(), 0u);
+    GlobalFree(block);
 }
 
 TEST(GlobalMemory, RunsOutOfHandlesAndOfMemoryCleanly) {
