@@ -58,6 +58,12 @@ KalNodeHeader* headerOf(Extent* extent) {
     return reinterpret_cast<KalNodeHeader*>(extent) - 1;
 }
 
+// Null behind the last one.
+Extent* nextOf(Extent* extent) {
+    KalNodeHeader* const next = headerOf(extent)->next;
+    return next != nullptr ? extentAt(next) : nullptr;
+}
+
 // --- Stretches -----------------------------------------------------------------------------------------------
 
 // Cuts a long stretch in two; without memory for that it stays long.
@@ -67,11 +73,11 @@ void split(Stretch* stretch) {
         return;
     Extent* extent = stretch->first;
     for (uint32_t i = 0; i < stretch->count / 2; i++)
-        extent = extentAt(headerOf(extent)->next);
+        extent = nextOf(extent);
     *rest = {extent, stretch->count - stretch->count / 2, stretch->mostFree, stretch->next};
     stretch->count /= 2;
     stretch->next = rest;
-    for (uint32_t i = 0; i < rest->count; i++, extent = extentAt(headerOf(extent)->next))
+    for (uint32_t i = 0; i < rest->count; i++, extent = nextOf(extent))
         extent->stretch = rest;
 }
 
@@ -103,7 +109,7 @@ Extent* firstFit(SwapFile* file, uint32_t size) {
             continue;
         uint32_t mostFree = 0;
         Extent* extent = stretch->first;
-        for (uint32_t i = 0; i < stretch->count; i++, extent = extentAt(headerOf(extent)->next)) {
+        for (uint32_t i = 0; i < stretch->count; i++, extent = nextOf(extent)) {
             if (extent->shown.id != 0)
                 continue;
             const uint32_t free = extent->shown.size;
