@@ -13,7 +13,7 @@ inline constexpr size_t kBitmapBytes = 14; // of an input, that describe it
 class BitmapList {
 public:
     explicit BitmapList(Input& input) {
-        static const bool opened = (KalSetMaxVMem(8 << 20), KalOpenVMem(0) == KAL_OK);
+        static const bool opened = (KalSetMaxVMem(64 << 20), KalOpenVMem(0) == KAL_OK);
         require(opened && KalTempOpList(&list, KAL_OPL_VMEM_DIB) == KAL_OK, "a bitmap list can be made");
         list->blockSize = 64u + input.word() / 4;
         const uint16_t left = input.word(), top = input.word(), width = input.word(), height = input.word();
@@ -43,7 +43,8 @@ public:
         }
         OpList* copy = nullptr;
         KalSeekOp(list, 0);
-        KalCloneDIBOpList(list, &copy);
+        if (list->dib->height < 500) // a copy goes through every row
+            KalCloneDIBOpList(list, &copy);
         KalCloseOpList(copy);
     }
 

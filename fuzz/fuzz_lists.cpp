@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr uint32_t kEnough = 1 << 18; // bytes of one list: a few hundred bytes can hold more
+constexpr uint32_t kEnough = 1 << 14; // bytes of one list: a few hundred bytes can hold more
 constexpr size_t kHead = kBitmapBytes + 4;
 
 struct Faults : FaultSink {

@@ -16,16 +16,14 @@ namespace memoryHost {
 
 namespace {
 
-constexpr off_t kDisk = 4 << 20; // the most bytes of a file
+constexpr off_t kDisk = 200 << 10; // the most bytes of a file
 
+// What is mapped of a file stays where it is: its bytes have room to grow, or its size never changes, and then nothing but
+// its bytes can be touched.
 struct Node {
     bool isFolder = false;
     nlink_t links = 1;
     Bytes bytes = {};
-    // A view of the file's start has an allocation of its own, of exactly its size, so that a touch beyond it is seen.
-    std::unique_ptr<uint8_t[]> view = {};
-    size_t viewed = 0;
-    int views = 0;
 };
 struct Open {
     std::shared_ptr<Node> node;
@@ -70,25 +68,13 @@ int openFile(const std::string& path, int flags) {
     return fd;
 }
 
-// What moves goes through the view where there is one.
-uint8_t* byteAt(Node& node, size_t at) {
-    return at < node.viewed ? &node.view[at] : node.bytes.data() + at;
-}
-template <class Move>
-ssize_t moveAt(Node& node, size_t count, off_t offset, Move move) {
-    const auto at = static_cast<size_t>(offset);
-    for (size_t done = 0, step; done < count; done += step) {
-        step = at + done < node.viewed ? std::min(count - done, node.viewed - at - done) : count - done;
-        move(byteAt(node, at + done), done, step);
-    }
-    return static_cast<ssize_t>(count);
-}
 ssize_t readAt(int fd, void* to, size_t count, off_t offset) {
-    Node& node = nodeOf(fd);
-    const size_t left = node.bytes.size() - std::min(node.bytes.size(), static_cast<size_t>(offset));
-    return moveAt(node, std::min(count, left), offset, [=](const uint8_t* from, size_t done, size_t step) {
-        std::memcpy(static_cast<uint8_t*>(to) + done, from, step);
-    });
+    const Bytes& bytes = nodeOf(fd).bytes;
+    const size_t at = std::min(static_cast<size_t>(offset), bytes.size());
+    count = std::min(count, bytes.size() - at);
+    if (count > 0)
+        std::memcpy(to, &bytes[at], count);
+    return static_cast<ssize_t>(count);
 }
 int resize(int fd, off_t size, bool shrinks) {
     Bytes& bytes = nodeOf(fd).bytes;
@@ -99,15 +85,12 @@ int resize(int fd, off_t size, bool shrinks) {
     return 0;
 }
 ssize_t writeAt(int fd, const void* from, size_t count, off_t offset) {
-    if (count == 0)
-        return 0;
     count = std::min(count, static_cast<size_t>(std::max<off_t>(kDisk - offset, 0)));
     if (count == 0)
         return fail<ssize_t>(ENOSPC);
     resize(fd, offset + static_cast<off_t>(count), false);
-    return moveAt(nodeOf(fd), count, offset, [=](uint8_t* to, size_t done, size_t step) {
-        std::memcpy(to, static_cast<const uint8_t*>(from) + done, step);
-    });
+    std::memcpy(&nodeOf(fd).bytes[static_cast<size_t>(offset)], from, count);
+    return static_cast<ssize_t>(count);
 }
 
 int describe(const Node& node, struct stat* result) {
@@ -122,6 +105,11 @@ int describe(const Node& node, struct stat* result) {
 int describeNamed(const std::string& path, struct stat* result) {
     const auto found = nodes.find(path);
     return found == nodes.end() ? fail(ENOENT) : result == nullptr ? 0 : describe(*found->second, result);
+}
+
+bool isAddressOfFile(const void* at) {
+    const auto holds = [at](const auto& node) { return node.second.node->bytes.data() == at; };
+    return std::any_of(opened.begin(), opened.end(), holds);
 }
 
 int makeFolder(const std::string& path) {
@@ -147,44 +135,16 @@ int rename(const std::string& from, const std::string& to) {
     return 0;
 }
 
-void* map(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
-    if (fd < 0)
-        return ::mmap(address, size, protection, flags, fd, offset);
-    Node& node = nodeOf(fd);
-    require(offset == 0 && (node.views == 0 || node.viewed == size), "views of a file are alike");
-    if (node.views++ == 0) {
-        node.view = std::make_unique<uint8_t[]>(size);
-        node.viewed = size;
-        node.bytes.resize(std::max(node.bytes.size(), size));
-        std::memcpy(node.view.get(), node.bytes.data(), size);
-    }
-    return node.view.get();
-}
-int unmap(void* address, size_t size) {
-    const auto end = [=](const std::shared_ptr<Node>& node) {
-        if (node->view.get() != address || --node->views > 0)
-            return node->view.get() == address;
-        std::memcpy(node->bytes.data(), address, size);
-        node->view.reset();
-        node->viewed = 0;
-        return true;
-    };
-    for (const auto& [path, node] : nodes)
-        if (end(node))
-            return 0;
-    for (const auto& [fd, open] : opened) // a file without a name
-        if (end(open.node))
-            return 0;
-    return ::munmap(address, size);
-}
-
 } // namespace
 
 void start() {
     nodes.clear();
     hostCalls.open = [](const char* path, int flags, mode_t) { return openFile(path, flags); };
     hostCalls.openat = [](int folder, const char* path, int flags, mode_t) {
-        return openFile(pathAt(folder, path), flags);
+        const int fd = openFile(pathAt(folder, path), flags);
+        if (fd >= 0)
+            nodeOf(fd).bytes.reserve(kDisk);
+        return fd;
     };
     hostCalls.shm_open = [](const char* name, int flags, mode_t) { return openFile(name, flags); };
     hostCalls.close = [](int fd) { return opened.erase(fd) == 1 ? 0 : fail(EBADF); };
@@ -231,8 +191,10 @@ void start() {
     hostCalls.fallocate = [](int fd, int, off_t at, off_t count) { return resize(fd, at + count, false); };
     hostCalls.fsync = [](int) { return 0; };
     hostCalls.flock = [](int, int) { return 0; };
-    hostCalls.mmap = map;
-    hostCalls.munmap = unmap;
+    hostCalls.mmap = [](void* at, size_t size, int protection, int flags, int fd, off_t offset) -> void* {
+        return fd < 0 ? ::mmap(at, size, protection, flags, fd, offset) : nodeOf(fd).bytes.data();
+    };
+    hostCalls.munmap = [](void* at, size_t size) { return isAddressOfFile(at) ? 0 : ::munmap(at, size); };
     hostCalls.copy_file_range = [](int, off64_t*, int, off64_t*, size_t, unsigned) {
         return fail<ssize_t>(ENOSYS);
     };
@@ -250,7 +212,7 @@ void setContent(const std::string& path, const Bytes& bytes) {
 
 uint8_t* mapped(const std::string& path) {
     const auto found = nodes.find(path);
-    return found != nodes.end() ? found->second->view.get() : nullptr;
+    return found != nodes.end() ? found->second->bytes.data() : nullptr;
 }
 
 void countBlocks() {
