@@ -92,7 +92,7 @@ void* getFromStream(OpList* list) {
         wholeOf<StreamList>(list)->endFound = list->compStream != nullptr;
         return nullptr;
     }
-    void* op = KalCreateOp(header.type, header.size);
+    void* op = createOpToFill(header.type, header.size);
     if (op == nullptr) {
         list->status = KAL_ERR_BUFFER;
         return nullptr;

@@ -172,7 +172,7 @@ void* getFromBlocks(OpList* list) {
         // A header that runs past the block was never put.
         if (header.type == KAL_OP_END || !fits(block, KAL_OP_HEADER + header.size))
             return nullptr;
-        void* op = KalCreateOp(header.type, header.size);
+        void* op = createOpToFill(header.type, header.size);
         if (op == nullptr) {
             list->status = KAL_ERR_BUFFER;
             return nullptr;

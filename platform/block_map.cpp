@@ -1,5 +1,7 @@
 #include "platform/block_map.h"
 
+#include "platform/one_thread.h"
+
 #include <atomic>
 #include <bit>
 #include <cstdlib>
@@ -60,19 +62,31 @@ Bit find(const void* address, bool make) {
     return {&leaf->words[bit / 64], uint64_t(1) << (bit % 64)};
 }
 
+// Sets or clears a bit, and tells what it was. One thread alone does without a locked instruction, which would wait
+// for all that it has written before.
+bool put(const Bit& bit, bool isSet) {
+    uint64_t word = bit.word->load(std::memory_order_relaxed);
+    if (isOneThread())
+        bit.word->store(isSet ? word | bit.mask : word & ~bit.mask, std::memory_order_relaxed);
+    else
+        word = isSet ? bit.word->fetch_or(bit.mask, std::memory_order_relaxed)
+                     : bit.word->fetch_and(~bit.mask, std::memory_order_relaxed);
+    return (word & bit.mask) != 0;
+}
+
 } // namespace
 
 bool markBlock(const void* address) {
     const Bit bit = find(address, true);
     if (bit.word == nullptr)
         return false;
-    bit.word->fetch_or(bit.mask, std::memory_order_relaxed);
+    put(bit, true);
     return true;
 }
 
 bool unmarkBlock(const void* address) {
     const Bit bit = find(address, false);
-    return bit.word != nullptr && (bit.word->fetch_and(~bit.mask, std::memory_order_relaxed) & bit.mask) != 0;
+    return bit.word != nullptr && put(bit, false);
 }
 
 bool isBlock(const void* address) {

@@ -36,7 +36,7 @@ uint16_t read(scfiletag* cfile, Bytes& to, size_t count) {
 } // namespace
 
 TEST_P(RunModel, WritesTheSimpleCodersBytesAndReadsThem) {
-    for (uint32_t seed = 1; seed <= 6; seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 6; seed != end; seed++) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed);
         std::mt19937 random(seed);
         SFILE* stream = nullptr;

@@ -132,7 +132,7 @@ TEST_F(SwapFileTest, TheFormatPagesExampleIsTrue) {
 
 TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
     HeapBalance balance;
-    for (uint32_t seed = 1; seed <= 4; seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 4; seed != end; seed++) {
         Swap swap;
         SwapModel model;
         std::mt19937 random(seed);

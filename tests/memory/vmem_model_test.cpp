@@ -239,7 +239,7 @@ class VMemModelTest : public VMemFixture {};
 
 TEST_F(VMemModelTest, CountersOrderAndBytesHoldThroughAnySequence) {
     HeapBalance balance;
-    for (uint32_t seed = 1; seed <= 6; seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 6; seed != end; seed++) {
         open(100000);
         for (int i = 0; i < 130700; i++) // the row of arrivals comes to its end in the midst of the sequence
             KalFreeVMem(KalAllocVMem(2, 1));

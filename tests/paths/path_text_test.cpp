@@ -1,68 +1,69 @@
+// Paths as text, and the names that are made of them.
+#include "tests/support/faults.h"
+#include "tests/support/files.h"
+#include "tests/support/room.h"
+
+#include <kal/heap.h>
 #include <kal/path.h>
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
+#include <filesystem>
 
 namespace {
 
 using Part = int32_t (*)(const char*, char*, uint32_t);
 
-std::string part(Part get, const char* path, uint32_t size = 260) {
-    std::string room(size + 2, '#');
+std::string part(Part get, const char* path, uint32_t size) {
+    Room room(size);
     const int32_t length = get(path, room.data(), size);
-    EXPECT_EQ(room[size], '#') << "wrote past the destination";
-    if (size == 0)
-        return room.substr(0, 1);
-    EXPECT_EQ(std::strlen(room.c_str()), size_t(length));
-    return room.c_str();
+    EXPECT_EQ(size_t(length), size == 0 ? 0 : room.text().size());
+    return room.text();
 }
+
+class TempNames : public FolderTest {
+protected:
+    ~TempNames() override { KalTempPath(nullptr); }
+    static std::string unique(const std::string& given, uint32_t size) {
+        Room name(size, given);
+        const int16_t status = KalGetUnique(name.data(), size);
+        return status == KAL_OK ? name.text() : std::to_string(status);
+    }
+};
 
 } // namespace
 
-TEST(PathText, SplitsEveryForm) {
-    const struct {
-        const char *path, *directory, *file, *extension;
-    } cases[] = {
-        {"C:\\APP\\BIN\\X.EXE", "C:\\APP\\BIN\\", "X", "EXE"},
-        {"C:X.EXE", "C:", "X", "EXE"},
-        {"\\X.EXE", "\\", "X", "EXE"},
-        {":X.EXE", "", ":X", "EXE"},
-        {"..", "..", "", ""},
-        {".", ".", "", ""},
-        {"", "", "", ""},
-        {"\\", "\\", "", ""},
-        {"C:\\A\\NAME.TAR.GZ", "C:\\A\\", "NAME", "GZ"},
-        {"C:\\A.D\\NAME", "C:\\A.D\\", "NAME", ""},
-        {"NAME.", "", "NAME", ""},
-        {".PROFILE", "", "", ""},
-        {"A\\.B", "A\\", "", "B"},
-        {"a/b.c", "", "a/b", "c"},
-    };
+TEST(PathText, EveryFormIsSplitAndCutToEveryRoom) {
+    const char* const cases[][4] = {{"C:\\APP\\BIN\\X.EXE", "C:\\APP\\BIN\\", "X", "EXE"},
+                                    {"C:\\A\\NAME.TAR.GZ", "C:\\A\\", "NAME", "GZ"},
+                                    {"C:\\A.D\\NAME", "C:\\A.D\\", "NAME", ""},
+                                    {"C:X.EXE", "C:", "X", "EXE"},
+                                    {"\\X.EXE", "\\", "X", "EXE"},
+                                    {":X.EXE", "", ":X", "EXE"},
+                                    {"..", "..", "", ""},
+                                    {".", ".", "", ""},
+                                    {"", "", "", ""},
+                                    {nullptr, "", "", ""},
+                                    {"\\", "\\", "", ""},
+                                    {"NAME.", "", "NAME", ""},
+                                    {".PROFILE", "", "", ""},
+                                    {"A\\.B", "A\\", "", "B"},
+                                    {"a/b.c", "", "a/b", "c"}};
+    const Part parts[] = {KalGetDir, KalGetFile, KalGetExt};
     for (const auto& each : cases) {
-        EXPECT_EQ(part(KalGetDir, each.path), each.directory) << each.path;
-        EXPECT_EQ(part(KalGetFile, each.path), each.file) << each.path;
-        EXPECT_EQ(part(KalGetExt, each.path), each.extension) << each.path;
+        for (uint32_t size = 0; size < 20; size++)
+            for (size_t i = 0; i < 3; i++)
+                EXPECT_EQ(part(parts[i], each[0], size),
+                          std::string(each[i + 1]).substr(0, size - (size > 0)));
+        Room directory(KAL_DIR_SIZE), file(KAL_FILE_SIZE), extension(KAL_EXT_SIZE);
+        EXPECT_EQ(KalSplitPath(each[0], directory.data(), file.data(), extension.data()), KAL_OK);
+        EXPECT_EQ(directory.text() + "|" + file.text() + "|" + extension.text(),
+                  each[1] + std::string("|") + each[2] + "|" + each[3]);
     }
-    char directory[KAL_DIR_SIZE], file[KAL_FILE_SIZE], extension[KAL_EXT_SIZE];
-    EXPECT_EQ(KalSplitPath("C:\\A\\B.C", directory, file, extension), KAL_OK);
-    EXPECT_EQ(std::string(directory) + "|" + file + "|" + extension, "C:\\A\\|B|C");
+    Room directory(KAL_DIR_SIZE), file(KAL_FILE_SIZE), extension(KAL_EXT_SIZE);
     const std::string deep =
         std::string(300, 'd') + "\\" + std::string(300, 'f') + "." + std::string(300, 'e');
-    EXPECT_EQ(KalSplitPath(deep.c_str(), directory, file, extension), KAL_OK);
-    EXPECT_EQ(std::strlen(directory) + std::strlen(file) + std::strlen(extension), 259u + 255 + 255);
-}
-
-TEST(PathText, CutsWhatDoesNotFit) {
-    EXPECT_EQ(part(KalGetDir, "C:\\APP\\X", 5), "C:\\A");
-    EXPECT_EQ(part(KalGetFile, "LONGNAME.X", 5), "LONG");
-    EXPECT_EQ(part(KalGetExt, "X.LONGEXT", 3), "LO");
-    for (Part get : {KalGetDir, KalGetFile, KalGetExt}) {
-        EXPECT_EQ(part(get, "C:\\A\\B.C", 1), "");
-        EXPECT_EQ(part(get, "C:\\A\\B.C", 0), "#") << "left alone";
-        EXPECT_EQ(part(get, nullptr), "");
-    }
+    KalSplitPath(deep.c_str(), directory.data(), file.data(), extension.data());
+    EXPECT_EQ(directory.text() + file.text() + extension.text(),
+              std::string(259, 'd') + std::string(255, 'f') + std::string(255, 'e'));
 }
 
 TEST(PathText, DefaultExtensionsAreAddedWhereNoneIs) {
@@ -71,11 +72,11 @@ TEST(PathText, DefaultExtensionsAreAddedWhereNoneIs) {
                                     {"A.D\\B", "TXT", "A.D\\B.TXT"}, {"", "TXT", ".TXT"},
                                     {"README", nullptr, "README."}};
     for (const auto& [given, extension, expected] : cases) {
-        char path[300];
-        std::strcpy(path, given);
-        EXPECT_EQ(KalDefaultExt(path, extension), path);
-        EXPECT_STREQ(path, expected);
+        Room path(std::strlen(expected) + 1, given);
+        EXPECT_EQ(KalDefaultExt(path.data(), extension), path.data());
+        EXPECT_EQ(path.text(), expected);
     }
+    EXPECT_EQ(KalDefaultExt(nullptr, "TXT"), nullptr);
 }
 
 TEST(PathText, SearchCandidatesFollowTheText) {
@@ -86,10 +87,54 @@ TEST(PathText, SearchCandidatesFollowTheText) {
     for (const auto& [text, name, expected] : cases) {
         std::string found;
         for (const char* rest = text; rest != nullptr;) {
-            char candidate[600];
-            rest = KalNextPathFile(candidate, rest, name);
-            found += candidate + std::string("|");
+            Room candidate(600);
+            rest = KalNextPathFile(candidate.data(), rest, name);
+            found += candidate.text() + "|";
         }
         EXPECT_EQ(found, expected);
     }
+}
+
+TEST_F(TempNames, TheTemporaryDirectoryGetsItsSeparator) {
+    const char* const cases[][2] = {{"C:\\TMP", "C:\\TMP\\"}, {"C:\\TMP\\", "C:\\TMP\\"}, {"", ""}};
+    for (const auto& [given, kept] : cases) {
+        const HeapBalance balance;
+        EXPECT_EQ(KalTempPath(given), KAL_OK);
+        EXPECT_STREQ(static_cast<char*>(KalGetTaskData(3)), kept);
+        failHeapAllocation(1);
+        EXPECT_EQ(KalTempPath("X"), KAL_ERR_MEMORY);
+        failHeapAllocation(0);
+        EXPECT_EQ(KalGetTaskData(3), nullptr);
+    }
+}
+
+TEST_F(TempNames, NamesCountOnFromTheTemplateWhereTheyFit) {
+    const struct {
+        std::string given;
+        uint32_t size;
+        const char* name;
+    } cases[] = {{"", 11, ".\\ZEP1.TMP"},
+                 {"", 10, "-250"}, // the template fits, no candidate does
+                 {"", 9, "-250"},
+                 {"ABCDEFGHIJ.X", 772, "ABCDEFG0.X"},
+                 {"TENTAKEN.X", 772, "TENTAK10.X"},
+                 {"AB", 772, "AB0."},
+                 {"sub\\A.B", 772, "sub\\A0.B"},
+                 {"A.B", 4, "-250"},
+                 {"A.B", 5, "A0.B"},
+                 {"A.B", 0, "-250"},
+                 {std::string(300, 'd') + "\\A.B", 772, "-250"}}; // never cut to another directory
+    writeFile("ZEP0.TMP", {});
+    for (int i = 0; i < 10; i++)
+        writeFile("TENTAKE" + std::to_string(i) + ".X", {});
+    for (const auto& [given, size, name] : cases)
+        EXPECT_EQ(unique(given, size), name) << given << " in " << size;
+    EXPECT_EQ(KalGetUnique(nullptr, 10), KAL_ERR_SERVICE);
+    std::filesystem::create_directory("sub");
+    EXPECT_EQ(KalTempPath("sub"), KAL_OK);
+    EXPECT_EQ(unique("", 772), "sub\\ZEP0.TMP");
+    static std::string last;
+    HostCallGuard guard;
+    hostCalls.access = [](const char* path, int) { return last = path, 0; };
+    EXPECT_EQ(unique("A.B", 772) + last, "-250A32766.B") << "all names taken";
 }

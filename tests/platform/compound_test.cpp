@@ -182,7 +182,7 @@ private:
 };
 
 TEST_F(Compound, RandomChangesAgreeWithAModel) {
-    for (uint32_t seed = 1; seed <= 4; seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 4; seed != end; seed++) {
         Model model(seed);
         for (int session = 0; session < 25 && !HasFailure(); session++) {
             SCOPED_TRACE(::testing::Message() << "seed " << seed << ", session " << session);

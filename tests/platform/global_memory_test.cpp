@@ -41,7 +41,7 @@ struct Block {
 
 // Handles, bytes, sizes, locks and addresses beside a model, in a random sequence.
 TEST(GlobalMemory, BlocksKeepBytesLocksAndPlaceThroughAnySequence) {
-    for (uint32_t seed = 1; seed <= 3; seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 3; seed != end; seed++) {
         HeapBalance balance;
         std::mt19937 random(seed);
         std::map<HGLOBAL, Block> model;
