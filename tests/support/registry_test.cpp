@@ -1,5 +1,7 @@
 #include "tests/support/registry_test.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <sys/wait.h>
@@ -44,10 +46,11 @@ int endOf(pid_t process) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-HKEY makeTestKey(const std::string& name, uint32_t option, HKEY above) {
+HKEY makeTestKey(const std::string& name, uint32_t option) {
     HKEY key = nullptr;
-    EXPECT_EQ(
-        RegCreateKeyExA(above, name.c_str(), 0, "string", option, KEY_ALL_ACCESS, nullptr, &key, nullptr), 0)
+    EXPECT_EQ(RegCreateKeyExA(HKEY_CLASSES_ROOT, name.c_str(), 0, "string", option, KEY_ALL_ACCESS, nullptr,
+                              &key, nullptr),
+              0)
         << name;
     return key;
 }
@@ -76,31 +79,66 @@ std::string textOf(const std::string& key, HKEY above) {
     return code == 0 ? std::string(text.c_str()) : "(no value)";
 }
 
-std::vector<std::string> subkeysOf(HKEY key) {
-    std::vector<std::string> names;
-    char name[260];
-    for (uint32_t i = 0; RegEnumKeyA(key, i, name, sizeof name) == 0; i++)
-        names.emplace_back(name);
-    return names;
-}
-
-std::vector<std::string> subkeysOf(const std::string& key) {
-    HKEY opened = nullptr;
-    RegOpenKeyExA(HKEY_CLASSES_ROOT, key.c_str(), 0, KEY_ALL_ACCESS, &opened);
-    auto names = subkeysOf(opened);
-    RegCloseKey(opened);
-    return names;
-}
-
 std::string dumpRegistry(HKEY key) {
     std::string text;
-    for (const auto& name : subkeysOf(key)) {
-        text += name + "=" + textOf(name, key) + "{";
+    char name[260];
+    for (uint32_t i = 0; RegEnumKeyA(key, i, name, sizeof name) == 0; i++) {
         HKEY below = nullptr;
-        if (RegOpenKeyExA(key, name.c_str(), 0, KEY_ALL_ACCESS, &below) == 0)
-            text += dumpRegistry(below);
+        EXPECT_EQ(RegOpenKeyExA(key, name, 0, KEY_ALL_ACCESS, &below), 0) << name;
+        text += name + ("=" + textOf(name, key)) + "{" + dumpRegistry(below) + "}";
         RegCloseKey(below);
-        text += "}";
     }
     return text;
+}
+
+namespace {
+
+std::string folded(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](char c) { return char(std::tolower(c)); });
+    return text;
+}
+
+} // namespace
+
+void KeyModel::set(const std::string& path, const std::string& value) {
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+        end = path.find('\\', start);
+        keys_.try_emplace(folded(path.substr(0, end)), Key{path.substr(start, end - start), "(no value)"});
+    }
+    keys_[folded(path)].value = value;
+}
+
+void KeyModel::erase(const std::string& path) {
+    std::erase_if(keys_, [way = folded(path) + "\\"](const auto& key) {
+        return (key.first + "\\").rfind(way, 0) == 0;
+    });
+}
+
+std::string KeyModel::at(const std::string& path) const {
+    const auto found = keys_.find(folded(path));
+    return found != keys_.end() ? found->second.value : "(no key)";
+}
+
+std::vector<std::string> KeyModel::below(const std::string& path) const {
+    const std::string way = path.empty() ? "" : folded(path) + "\\";
+    std::vector<std::string> names;
+    for (const auto& [whole, key] : keys_)
+        if (whole.rfind(way, 0) == 0 && whole.find('\\', way.size()) == std::string::npos)
+            names.push_back(key.name);
+    return names;
+}
+
+std::string KeyModel::dump(const std::string& above) const {
+    std::string text;
+    for (const std::string& name : below(above)) {
+        const std::string path = (above.empty() ? "" : above + "\\") + name;
+        text += name + "=" + at(path) + "{" + dump(path) + "}";
+    }
+    return text;
+}
+
+void KeyModel::cover(const KeyModel& other) {
+    for (const auto& [path, key] : other.keys_)
+        if (key.value != "(no value)" || keys_.count(path) == 0)
+            keys_[path] = key;
 }
