@@ -1,7 +1,5 @@
 #include "tests/support/registry_test.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <sys/wait.h>
@@ -71,12 +69,13 @@ std::string textOf(const std::string& key, HKEY above) {
     HKEY opened = nullptr;
     if (RegOpenKeyExA(above, key.c_str(), 0, KEY_ALL_ACCESS, &opened) != 0)
         return "(no key)";
-    std::string text(70000, '\0');
-    auto size = static_cast<uint32_t>(text.size());
+    static char text[70000];
+    uint32_t size = sizeof text - 1;
     const int32_t code =
-        RegQueryValueExA(opened, nullptr, nullptr, nullptr, reinterpret_cast<uint8_t*>(text.data()), &size);
+        RegQueryValueExA(opened, nullptr, nullptr, nullptr, reinterpret_cast<uint8_t*>(text), &size);
     RegCloseKey(opened);
-    return code == 0 ? std::string(text.c_str()) : "(no value)";
+    text[code == 0 ? size : 0] = 0;
+    return code == 0 ? text : "(no value)";
 }
 
 std::string dumpRegistry(HKEY key) {
@@ -91,54 +90,42 @@ std::string dumpRegistry(HKEY key) {
     return text;
 }
 
-namespace {
-
-std::string folded(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](char c) { return char(std::tolower(c)); });
-    return text;
-}
-
-} // namespace
-
 void KeyModel::set(const std::string& path, const std::string& value) {
-    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
-        end = path.find('\\', start);
-        keys_.try_emplace(folded(path.substr(0, end)), Key{path.substr(start, end - start), "(no value)"});
-    }
-    keys_[folded(path)].value = value;
+    for (size_t end = path.find('\\'); end != std::string::npos; end = path.find('\\', end + 1))
+        keys_.try_emplace(path.substr(0, end), "(no value)");
+    keys_[path] = value;
 }
 
 void KeyModel::erase(const std::string& path) {
-    std::erase_if(keys_, [way = folded(path) + "\\"](const auto& key) {
-        return (key.first + "\\").rfind(way, 0) == 0;
-    });
+    for (const std::string& name : below(path))
+        erase(path + "\\" + name);
+    keys_.erase(path);
 }
 
 std::string KeyModel::at(const std::string& path) const {
-    const auto found = keys_.find(folded(path));
-    return found != keys_.end() ? found->second.value : "(no key)";
+    const auto found = keys_.find(path);
+    return found != keys_.end() ? found->second : "(no key)";
 }
 
 std::vector<std::string> KeyModel::below(const std::string& path) const {
-    const std::string way = path.empty() ? "" : folded(path) + "\\";
+    const std::string way = path.empty() ? "" : path + "\\";
     std::vector<std::string> names;
-    for (const auto& [whole, key] : keys_)
-        if (whole.rfind(way, 0) == 0 && whole.find('\\', way.size()) == std::string::npos)
-            names.push_back(key.name);
+    for (auto at = keys_.lower_bound(way);
+         at != keys_.end() && strncasecmp(at->first.c_str(), way.c_str(), way.size()) == 0; at++)
+        if (at->first.find('\\', way.size()) == std::string::npos)
+            names.push_back(at->first.substr(way.size()));
     return names;
 }
 
-std::string KeyModel::dump(const std::string& above) const {
+std::string KeyModel::dump(const std::string& way) const {
     std::string text;
-    for (const std::string& name : below(above)) {
-        const std::string path = (above.empty() ? "" : above + "\\") + name;
-        text += name + "=" + at(path) + "{" + dump(path) + "}";
-    }
+    for (const std::string& name : below(way.substr(0, way.size() - !way.empty())))
+        text += name + "=" + at(way + name) + "{" + dump(way + name + "\\") + "}";
     return text;
 }
 
 void KeyModel::cover(const KeyModel& other) {
-    for (const auto& [path, key] : other.keys_)
-        if (key.value != "(no value)" || keys_.count(path) == 0)
-            keys_[path] = key;
+    for (const auto& [path, value] : other.keys_)
+        if (value != "(no value)" || keys_.count(path) == 0)
+            keys_[path] = value;
 }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <strings.h>
 #include <sys/types.h>
 
 class RegistryTest : public FolderTest {
@@ -43,15 +44,17 @@ public:
     void erase(const std::string& path);                         // with all that is below it
     std::string at(const std::string& path) const;               // as textOf()
     std::vector<std::string> below(const std::string& path) const;
-    std::string dump(const std::string& above = "") const; // as dumpRegistry()
+    std::string dump(const std::string& way = "") const; // as dumpRegistry()
     // Adds keys, and values where these have one.
     void cover(const KeyModel& other);
 
 private:
-    struct Key {
-        std::string name, value;
+    struct Before {
+        bool operator()(const std::string& a, const std::string& b) const {
+            return strcasecmp(a.c_str(), b.c_str()) < 0;
+        }
     };
-    std::map<std::string, Key> keys_; // by their paths in small letters
+    std::map<std::string, std::string, Before> keys_;
 };
 
 #endif
