@@ -291,6 +291,11 @@ TEST_F(CompoundTrouble, OneDamagedNumberDamagesWhatItIsOf) {
                 continue;
             }
             ASSERT_EQ(openFile("bad.ole", kUpdate, storage), S_OK);
+            if (is('e')) {
+                EXPECT_EQ(resize(storage.get(), L"b", 4990), S_OK);
+                EXPECT_EQ(storage->Commit(0), S_OK);
+                EXPECT_GE(readFile("bad.ole").size(), whole.size()) << "its end is cut off";
+            }
             Streams expected;
             for (const auto& [name, size] : sizes) {
                 const bool isNew = name[1] != 0, readable = is(name[0] - 32);
@@ -310,7 +315,6 @@ TEST_F(CompoundTrouble, OneDamagedNumberDamagesWhatItIsOf) {
                     bytes.clear();
             EXPECT_TRUE(found == expected);
             const Bytes after = readFile("bad.ole");
-            EXPECT_TRUE(!is('e') || after.size() >= whole.size()) << "its end is cut off";
             for (const size_t index : {1, 2, 4, 5}) {
                 uint32_t sector = is('`' + wchar_t(index)) || is('@' + wchar_t(index))
                                       ? word(whole, entry(index, 116))
