@@ -113,7 +113,7 @@ TEST(LzwSteps, CodeAndDecodeForAnyRoots) {
     for (const uint16_t roots : Words{2, 3, 4, 5, 16, 100, 255, 256, 510, 511, 1000, 4094})
         for (const uint32_t distinct : {1u, 2u, 7u, 256u}) {
             SCOPED_TRACE(::testing::Message() << roots << " roots, " << distinct << " characters");
-            Bytes characters = randomBytes(6000, roots * 31 + distinct);
+            Bytes characters = randomBytes(4500, roots * 31 + distinct);
             for (auto& character : characters)
                 character = uint8_t(character % std::min<uint32_t>(distinct, roots));
             EXPECT_EQ(encode(roots, characters), runOf(characters, kNever, roots == 2 ? 4 : roots).bytes);

@@ -135,7 +135,7 @@ TEST_F(RunModel, WritesTheSimpleCodersBytesAndReadsThem) {
 // Room runs out, and somebody else writes, again and again. What the stream took in a call that failed is lost for the
 // run; where it took nothing the run goes on.
 TEST(Run, GoesOnWhereNothingMovedAndStartsAnewElsewhere) {
-    const Bytes data = randomBytes(30'000, 1);
+    const Bytes data = randomBytes(20'000, 1);
     VectorStream stream;
     SFILE* file = stream.file();
     scfiletag* cfile = makeCFile(file);
