@@ -490,9 +490,9 @@ TEST_F(Model, AllKindsAgreeInRandomSequences) {
         const HeapBalance balance;
         KalSetMaxVMem(200'000); // six blocks of a stream, so that others are swapped out
         ASSERT_EQ(KalOpenVMem(0), KAL_OK);
-        for (uint32_t seed = 0; seed < 60; seed++) {
-            const uint16_t mode = seed % 2 == 0 ? KAL_MODE_UPDATE : KAL_MODE_WRITE,
-                           later = kLater[seed / 2 % 6];
+        for (uint32_t seed = firstSeed(), end = seed + 60; seed != end; seed++) {
+            const uint16_t mode = seed % 2 == 0 ? KAL_MODE_UPDATE : KAL_MODE_WRITE;
+            const uint16_t later = kLater[seed / 2 % 6];
             const uint32_t bufSize = kBufSizes[seed % 5];
             SCOPED_TRACE(::testing::Message() << kind.name << ", buffer " << bufSize << ", created with "
                                               << mode << ", then " << later << ", seed " << seed);
