@@ -46,6 +46,8 @@ Bytes encode(uint16_t roots, const Bytes& characters) {
     put(endCode);
     encoder->codeWidth = 7;
     put(0);
+    encoder->currentCode = KAL_LZW_CODES; // no code
+    EXPECT_EQ(KalFindString(encoder), 0);
     EXPECT_EQ(KalDestroyWriteLZW(encoder), KAL_OK);
     return stream.bytes;
 }
@@ -135,6 +137,7 @@ TEST(LzwSteps, RefuseWhatCannotBeHeld) {
     const HeapBalance balance;
     for (const auto& [roots, fault] : {std::pair<uint16_t, int>{256, 1}, {4095, 0}, {0xFFFF, 0}}) {
         auto* encoder = static_cast<TAGWRITELZW*>(KalAllocSMem(sizeof(TAGWRITELZW)));
+        std::memset(encoder, 0xAA, sizeof *encoder);
         readlzw decoder = {};
         readlzw_q quick = {};
         failHeapAllocationsFrom(fault);
