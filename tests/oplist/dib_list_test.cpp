@@ -33,7 +33,7 @@ protected:
         rowBytes_ = KalDIBRowBytes(width_, depth_);
         const uint32_t whole = rowBytes_ * height_ + 36,
                        part = rowBytes_ * (1 + below(20)) + below(rowBytes_);
-        const uint32_t blockSize = seed % 5 == 0 ? whole : part;
+        const uint32_t blockSize = seed % 5 == 0 ? whole : seed % 7 == 0 && rowBytes_ > 8 ? rowBytes_ : part;
         perBlock_ = blockSize < whole ? blockSize / rowBytes_ : height_ + 1u;
         most_ = uint16_t(KalDIBLineBytes(width_, depth_) * 4 / 3 + 8 + below(3000));
         list_ = openBitmap(width_, height_, depth_, blockSize, most_, top_);
@@ -83,7 +83,11 @@ protected:
         } else if (what < 5) {
             const auto lines = uint16_t(1 + below(std::min<uint32_t>(9, height_ - line)));
             const Op band = bandOf(line, width_, lines, depth_, uint32_t(random_()));
-            ASSERT_NE(putOp(list_, band), KAL_OP_FAILED);
+            void* op = KalCreateOp(KAL_OP_DIB, uint32_t(band.payload.size()));
+            std::memcpy(op, band.payload.data(), band.payload.size());
+            ASSERT_NE((what == 3 ? KalPutDIBOp : KalPutOp)(list_, op), KAL_OP_FAILED);
+            ASSERT_EQ(val(list_->putPending), 1);
+            KalFreeSMem(KalOpBlock(op));
             for (uint32_t i = 0; i < lines; i++)
                 wasPut(line + i, rowOf(&band.payload[KAL_DIB_OP_HEADER + i * KalDIBLineBytes(width_, depth_)],
                                        width_, depth_, rowBytes_));
@@ -207,6 +211,7 @@ TEST_F(DibList, ListsThatAreNotSetUpAndLayoutsThatCannotBeAreRefused) {
     EXPECT_EQ(KalGetOp(list), nullptr);
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 65535, 2, 24, 0, 1000), KAL_ERR_BUFFER) << "a row past 16 bits";
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 100, 2, 8, 0, 1000), KAL_ERR_VMEM) << "a row longer than a block";
+    EXPECT_EQ(KalCloneDIBOpList(list, &clone), KAL_ERR_POSITION);
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 10, 2, 8, 0, 1000), KAL_OK) << "and can be set up after all";
     list->dib->attachment = KalAllocSMem(6);
     std::strcpy(static_cast<char*>(val(list->dib->attachment)), "notes");

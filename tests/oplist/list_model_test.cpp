@@ -158,6 +158,11 @@ TEST_F(List, BlocksPastThoseThatPositionsNameAreReadInOrder) {
         ASSERT_NE(KalPutOpData(list, 7, &i, sizeof i), KAL_OP_FAILED);
     KalSeekOp(list, 0);
     EXPECT_EQ(restOf(list).size(), 35000u);
+    const Bytes row((1 << 20) + 1);
+    EXPECT_NE(KalPutOpData(list, KAL_OP_ROW, row.data(), 1 << 20), KAL_OP_FAILED);
+    EXPECT_EQ(KalPutOpData(list, KAL_OP_ROW, row.data(), (1 << 20) + 1), KAL_OP_FAILED) << "past a position";
+    EXPECT_EQ(val(list->status), KAL_ERR_BUFFER);
+    list->status = KAL_OK;
     EXPECT_EQ(KalSeekOp(list, INT32_MIN), KAL_ERR_POSITION);
     close(list, KAL_ERR_POSITION);
 }
@@ -183,6 +188,17 @@ TEST_F(List, CompressedListsEndTheirRunWhateverTheBufferHolds) {
         }
         close(list);
     }
+}
+
+TEST_F(List, ARunThatCouldNotEndIsToldForGood) {
+    OpList* list = open(kNew | KAL_OPL_COMPRESSED);
+    KalSetBuf(list->stream, 0);
+    EXPECT_EQ(putOp(list, kOps[0]), 0u);
+    FileSizeLimit limit(readFile("f").size());
+    KalSeekOp(list, 0);
+    limit.lift();
+    list->stream->status = KAL_OK;
+    close(list, KAL_ERR_DISK_FULL);
 }
 
 TEST_F(List, TemporaryListsGoOrStay) {
