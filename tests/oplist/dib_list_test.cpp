@@ -206,10 +206,11 @@ TEST_F(DibList, OpsOfOtherSizesAreBoundedAndThoseThatFitNoneAreTold) {
 }
 
 TEST_F(DibList, ListsThatAreNotSetUpAndLayoutsThatCannotBeAreRefused) {
-    OpList *list = openBitmap(0, 0, 0, 64), *clone = nullptr;
+    OpList *list = openBitmap(0, 0, 0, 20), *clone = nullptr;
     EXPECT_EQ(KalSeekOp(list, 0) | KalSeekDIBScanLineOffset(list, 5, 0), KAL_OK);
     EXPECT_EQ(KalGetOp(list), nullptr);
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 65535, 2, 24, 0, 1000), KAL_ERR_BUFFER) << "a row past 16 bits";
+    EXPECT_EQ(KalSetupOpList(list, 0, 0, 0, 2, 8, 0, 1000), KAL_ERR_BUFFER) << "rows without bytes";
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 100, 2, 8, 0, 1000), KAL_ERR_VMEM) << "a row longer than a block";
     EXPECT_EQ(KalCloneDIBOpList(list, &clone), KAL_ERR_POSITION);
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 10, 2, 8, 0, 1000), KAL_OK) << "and can be set up after all";
