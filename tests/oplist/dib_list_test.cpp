@@ -37,6 +37,7 @@ protected:
         perBlock_ = blockSize < whole ? blockSize / rowBytes_ : height_ + 1u;
         most_ = uint16_t(KalDIBLineBytes(width_, depth_) * 4 / 3 + 8 + below(3000));
         list_ = openBitmap(width_, height_, depth_, blockSize, most_, top_);
+        EXPECT_EQ(list_->blockCount == 1, blockSize >= whole);
         rows_.assign(height_, Bytes());
         last_ = 0;
     }

@@ -174,7 +174,7 @@ TEST_F(List, CompressedListsEndTheirRunWhateverTheBufferHolds) {
             ops = {{9, Bytes(65535, 'x')}, {9, randomBytes(65535, 1)}};
         OpList* list = open(kNew | KAL_OPL_COMPRESSED);
         for (const Op& op : ops)
-            ASSERT_NE(putOp(list, op), KAL_OP_FAILED);
+            ASSERT_NE((size % 2 == 0 ? putOp : putOpData)(list, op), KAL_OP_FAILED);
         KalFlushBuf(list->stream);
         for (int round = 0; round < 3; round++) {
             if (round == 1 || size % 2 == 0) {
@@ -203,6 +203,7 @@ TEST_F(List, ARunThatCouldNotEndIsToldForGood) {
 
 TEST_F(List, TemporaryListsGoOrStay) {
     for (const auto& [asked, flags] : {std::pair{KAL_OPL_DIB | KAL_OPL_COMPRESSED, KAL_OPL_COMPRESSED},
+                                       {KAL_OPL_VMEM, KAL_OPL_VMEM},
                                        {KAL_OPL_VMEM | KAL_OPL_KEEP, KAL_OPL_KEEP}}) {
         OpList* list = nullptr;
         ASSERT_EQ(KalTempOpList(&list, uint16_t(asked)), KAL_OK);
