@@ -9,7 +9,8 @@ void MiniSectors::start() {
 bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
     start();
     // A chain that makes no sense stays empty: the small streams are then lost, the others not.
-    const bool chained = tableChain_.load(load32(header + kFirstMiniFat)) & container_.load(firstOfContainer);
+    const bool tableChained = tableChain_.load(load32(header + kFirstMiniFat));
+    const bool chained = container_.load(firstOfContainer) && tableChained;
     const uint32_t pages = tableChain_.unitCount();
     if (!table.allocatePages(pages))
         return false;

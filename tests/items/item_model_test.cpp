@@ -78,7 +78,7 @@ protected:
 } // namespace
 
 TEST_F(ItemModel, RandomSequencesMatchAndAnotherReaderFindsTheSame) {
-    for (uint32_t seed = 1; seed <= 24 && !HasFailure(); seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 24; seed != end && !HasFailure(); seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const HeapBalance balance;
         const uint16_t format = seed % 2 != 0 ? 0x0001 : 0x8001, where = seed % 4 < 2 ? 0 : KAL_MODE_MEMORY;

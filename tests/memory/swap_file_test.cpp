@@ -114,7 +114,7 @@ TEST_F(SwapFileTest, TheFormatPagesExampleIsTrue) {
 // look at every extent, and found in the list for callers.
 TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
     HeapBalance balance;
-    for (uint32_t seed = 1; seed <= 6; seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 6; seed != end; seed++) {
         Swap swap;
         SwapModel model;
         std::mt19937 random(seed);

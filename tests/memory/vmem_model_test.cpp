@@ -210,7 +210,7 @@ class VMemModelTest : public VMemFixture {};
 
 TEST_F(VMemModelTest, CountersOrderAndBytesHoldThroughAnySequence) {
     HeapBalance balance;
-    for (uint32_t seed = 1; seed <= 6; seed++) {
+    for (uint32_t seed = firstSeed(), end = seed + 6; seed != end; seed++) {
         open(100000);
         Model model(seed);
         {

@@ -65,6 +65,11 @@ std::vector<std::string> filesIn(const std::string& folder) {
     return names;
 }
 
+uint32_t firstSeed() {
+    const char* number = std::getenv("KAL_TEST_SEED");
+    return number != nullptr ? static_cast<uint32_t>(std::strtoul(number, nullptr, 10)) : 1;
+}
+
 Bytes randomBytes(size_t count, uint32_t seed) {
     std::mt19937 random(seed);
     Bytes bytes(count);
