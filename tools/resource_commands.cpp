@@ -153,10 +153,8 @@ void printJson(const std::vector<Row>& rows) {
 
 // The item file at `path`, open for reading.
 std::unique_ptr<Items> openItems(const std::string& path) {
-    try {
-        File file = File::openIfThere(path, O_RDONLY);
-        if (!file.isOpen())
-            throw Failure(hostErrorText(ENOENT));
+    return named(path, [&] {
+        File file = File::toRead(path);
         SFILE* stream = nullptr;
         require(KalMakeSFile(&stream, file.handle()) == 0);
         file.release();
@@ -166,9 +164,7 @@ std::unique_ptr<Items> openItems(const std::string& path) {
         if (status != 0)
             throw Failure("not a resource file");
         return items;
-    } catch (const Failure& failure) {
-        throw Failure(path, failure.what());
-    }
+    });
 }
 
 Row readRow(IFILE* file, uint16_t id) {
@@ -185,22 +181,14 @@ void list(const ListArguments& arguments) {
     const auto items = openItems(arguments.file);
     std::vector<Row> rows;
     std::set<uint16_t> seen;
-    std::string damage;
+    Failures damage;
     IFILE* const file = items->file();
-    for (auto entry = kal::EntryIterator(file, 0); entry != kal::EntryIterator(file, file->count); ++entry) {
-        const uint16_t id = (*entry).id;
-        if (!seen.insert(id).second) // hidden by an earlier one
-            continue;
-        try {
-            rows.push_back(readRow(file, id));
-        } catch (const Failure& failure) {
-            damage = damage.empty() ? failure.what() : damage;
-        }
-    }
+    for (auto entry = kal::EntryIterator(file, 0); entry != kal::EntryIterator(file, file->count); ++entry)
+        if (const uint16_t id = (*entry).id; seen.insert(id).second) // an earlier one hides it
+            damage.collect([&] { rows.push_back(readRow(file, id)); });
     // What can be read is listed even where some cannot.
     arguments.json ? printJson(rows) : printTable(rows);
-    if (!damage.empty())
-        throw Failure(arguments.file, damage);
+    named(arguments.file, [&] { damage.end(); });
 }
 
 } // namespace
@@ -211,11 +199,14 @@ void addResource(CLI::App& program) {
 
     CLI::App* making = command->add_subcommand("make", "Make a resource file from a script");
     auto makeArguments = std::make_shared<MakeArguments>();
-    making->add_option("OUT", makeArguments->output, "The resource file; one that is there is replaced")
+    making
+        ->add_option("OUT", makeArguments->output,
+                     "The resource file; one that is there is replaced; - is standard output")
         ->required();
     making
         ->add_option("SCRIPT", makeArguments->script,
-                     "Lines of: ID text \"STRING\" ..., or ID file PATH (from the script's folder)")
+                     "Lines of: ID text \"STRING\" ..., or ID file PATH (from the script's folder); - is "
+                     "standard input")
         ->required();
     making->callback([makeArguments] { make(*makeArguments); });
 

@@ -2,6 +2,7 @@
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/label.h"
+#include "tools/manners.h"
 #include "tools/png_file.h"
 #include "tools/thumbnail.h"
 
@@ -98,7 +99,7 @@ void drawPicture(Band& band, uint32_t column, Archive& archive, const kal::Entry
             });
         });
     } catch (const Failure& failure) {
-        std::fprintf(stderr, "kal: %s\n", onOneLine(failure.what()).c_str());
+        tell(failure.what());
         return band.drawCross(column);
     }
     band.draw(column, *picture);
@@ -140,7 +141,8 @@ void addSheet(CLI::App& program) {
         "sheet", "Draw all pictures of an archive, small, with id and size, in one PNG file");
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    command->add_option("-o,--output", arguments->output, "The PNG file to write")->required();
+    command->add_option("-o,--output", arguments->output, "The PNG file to write; - is standard output")
+        ->required();
     command
         ->add_option("--columns", arguments->columns,
                      "Pictures side by side (default: as many as below one another)")
