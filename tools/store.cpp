@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <iostream>
+#include <map>
 #include <thread>
 
 namespace {
@@ -75,16 +76,26 @@ std::vector<Stored> storeAll(const Arguments& arguments) {
     return stored;
 }
 
+// A line a reason.
+void tellWhatIsLost(const std::vector<Stored>& stored, const std::vector<std::string>& paths) {
+    std::map<std::string, std::vector<size_t>> reasons;
+    for (size_t i = 0; i < stored.size(); i++)
+        if (stored[i].lost != nullptr)
+            reasons[stored[i].lost].push_back(i);
+    for (const auto& [reason, pictures] : reasons) {
+        const size_t more = pictures.size() - 1;
+        tell(paths[pictures[0]] + (more > 0 ? " and " + std::to_string(more) + " more: " : ": ") + reason);
+    }
+}
+
 void store(const Arguments& arguments) {
     // Another process may make the archive at the same time: then these pictures are added to that one.
     for (int attempt = 0; attempt < 3; attempt++) {
         try {
             const std::vector<Stored> stored = storeAll(arguments);
-            for (size_t i = 0; i < stored.size(); i++) {
+            for (size_t i = 0; i < stored.size(); i++)
                 std::cout << stored[i].id << '\t' << arguments.pictures[i] << '\n';
-                if (stored[i].lost != nullptr)
-                    tell(arguments.pictures[i] + ": " + stored[i].lost);
-            }
+            tellWhatIsLost(stored, arguments.pictures);
             return;
         } catch (const ArchiveAppeared&) {
         }
