@@ -2,14 +2,15 @@
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/in_order.h"
+#include "tools/manners.h"
 #include "tools/picture_file.h"
+#include "tools/progress.h"
 
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
 #include <iostream>
 #include <strings.h>
-#include <thread>
 
 namespace {
 
@@ -19,7 +20,7 @@ struct Arguments {
     std::string output;
     bool all = false;
     bool png = false;
-    size_t jobs = std::max(1U, std::thread::hardware_concurrency());
+    size_t jobs = 1;
 };
 
 bool endsInPng(const std::string& path) {
@@ -34,11 +35,14 @@ std::string nameIn(const std::string& folder, uint32_t id, bool png) {
 std::string extractOne(Archive& archive, uint32_t id, const Arguments& arguments, bool toFolder) {
     std::string path = arguments.output;
     archive.get(id, [&](OpList* list) {
+        std::optional<Progress> progress;
         std::optional<OutputFile> out;
         std::unique_ptr<PictureFile> file;
         getPicture(list, static_cast<uint16_t>(id), [&](const PictureForm& form) -> PictureTaker& {
             if (toFolder)
                 path = nameIn(arguments.output, id, arguments.png || form.kind == PictureKind::Png);
+            else
+                progress.emplace(form.fileBytes);
             out.emplace(path);
             file = makePictureFile(
                 *out, form, arguments.png || endsInPng(path) ? PictureFileAs::Png : PictureFileAs::Bmp);
@@ -57,6 +61,7 @@ void extractToFolder(const Arguments& arguments, const std::vector<uint32_t>& id
         Failures failures;
     };
     Failures failures;
+    const Progress progress(0);
     inOrder(
         ids.size(), arguments.jobs,
         [&](size_t i, size_t end) {
@@ -91,7 +96,14 @@ void extract(const Arguments& arguments) {
 } // namespace
 
 void addExtract(CLI::App& program) {
-    CLI::App* command = program.add_subcommand("extract", "Write pictures of an archive as files again");
+    CLI::App* command = addCommand(
+        program,
+        {"extract", "Write pictures of an archive as files again",
+         R"(A file that is there is replaced once the picture is known to be whole. Of several pictures those that cannot be had are told of, and the others written.
+
+Example:
+  kal extract pictures.kal 2 -o hill.bmp
+  kal extract --all pictures.kal -o folder)"});
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
     CLI::Option* ids = command->add_option("ID", arguments->ids, "The pictures' ids, as list shows them");
@@ -100,11 +112,11 @@ void addExtract(CLI::App& program) {
         ->add_option(
             "-o,--output", arguments->output,
             "The file to write, a PNG file where the name ends in .png, else a BMP file; - is standard "
-            "output; of a folder the files ID.bmp or ID.png, as they were stored")
-        ->required();
+            "output; into a folder go the files ID.bmp and ID.png, as they were stored")
+        ->required()
+        ->option_text("FILE");
     command->add_flag("--png", arguments->png, "Write PNG files, whatever the name");
-    command->add_option("-j,--jobs", arguments->jobs, "Pictures at a time (default: one a processor)")
-        ->check(CLI::Range(1, 256));
+    addJobs(command, arguments->jobs);
     command->callback([arguments, ids, all] {
         if (ids->empty() && all->empty())
             throw CLI::RequiredError("ID");

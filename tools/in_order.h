@@ -2,7 +2,10 @@
 #ifndef KAL_TOOLS_IN_ORDER_H
 #define KAL_TOOLS_IN_ORDER_H
 
+#include "tools/interrupt.h"
+
 #include <algorithm>
+#include <chrono>
 #include <deque>
 #include <future>
 
@@ -15,6 +18,8 @@ void inOrder(size_t count, size_t jobs, Make make, Use use) {
     for (size_t next = 0; next < count || !made.empty();) {
         for (; next < count && made.size() < jobs; next += step)
             made.push_back(std::async(std::launch::async, make, next, std::min(count, next + step)));
+        while (made.front().wait_for(std::chrono::milliseconds(100)) != std::future_status::ready)
+            throwIfInterrupted();
         use(made.front().get());
         made.pop_front();
     }

@@ -79,7 +79,7 @@ void expectRefusals(const std::vector<Refusal>& refusals) {
 }
 
 void runScript(const std::string& script) {
-    const std::string start = R"(
+    const std::string start = R"sh(
 PATH=${KAL_TOOL%/*}:$PATH
 fails() {
     local status=0
@@ -87,7 +87,7 @@ fails() {
     cat err >&2
     [ $status = $1 ] && grep -qF -- "$2" err && [ "$(grep -c '^kal: ' err)$(wc -l <err)" = 11 ] && rm err
 }
-)";
+)sh";
     setenv("KAL_TOOL", KAL_TOOL, 1);
     const Outcome outcome = RunningTool({"-euxo", "pipefail", "-c", start + script}, "/bin/bash").wait();
     EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
