@@ -112,11 +112,8 @@ std::wstring meant(const std::string& text) {
 
 // --- Files -------------------------------------------------------------------------------------------------
 
-File openRegular(const std::string& path, int flags) {
-    File file = named(path, [&] { return File::openIfThere(path, flags); });
-    if (!file.isOpen())
-        throw Failure(path, "there is no such file");
-    return file;
+File openToRead(const std::string& path) {
+    return named(path, [&] { return File::toRead(path); });
 }
 
 // A compound file by the host's own name: the storage is told of the open file, so that no letter of the name
@@ -126,7 +123,7 @@ public:
     // Waits for one that is in use.
     CompoundFile(const std::string& path, File file, uint32_t mode) : file_(std::move(file)) {
         HRESULT result = S_OK;
-        waitUntil([&] {
+        waitUntil(path, [&] {
             result = StgOpenStorage(name().c_str(), nullptr, mode, nullptr, 0, &raw_);
             return result != STG_E_SHAREVIOLATION;
         });
@@ -202,7 +199,7 @@ void gather(IStorage* storage, const std::string& prefix, int depth, std::vector
 }
 
 void list(const Arguments& arguments) {
-    const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
+    const CompoundFile file(arguments.file, openToRead(arguments.file), kReading);
     std::vector<Element> elements;
     gather(file.root(), "", 0, elements);
     Rows rows({{"name", nullptr}, {"kind", "kind"}, {"bytes", "bytes"}, {nullptr, "name"}});
@@ -215,7 +212,7 @@ void list(const Arguments& arguments) {
 }
 
 void cat(const Arguments& arguments) {
-    const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
+    const CompoundFile file(arguments.file, openToRead(arguments.file), kReading);
     const std::string what = arguments.file + ": " + arguments.stream;
     inStorageOf(file.root(), arguments.stream, [&what](IStorage* storage, const std::wstring& name) {
         IStream* raw;
@@ -235,15 +232,12 @@ void cat(const Arguments& arguments) {
 
 void write(IStream* stream, const File& input, uint64_t bytes, const std::string& what) {
     const Progress progress(bytes);
-    for (uint64_t done = 0; done < bytes;) {
-        throwIfInterrupted();
-        const auto piece = input.readAt(done, kPiece);
+    input.forPieces(0, bytes, [&](ByteView piece) {
         uint32_t written = 0;
         require(stream->Write(piece.data(), static_cast<uint32_t>(piece.size()), &written), what);
-        if (written < piece.size() || piece.empty())
-            throw Failure(what, "no room, or the input became shorter");
-        done += written;
-    }
+        if (written < piece.size())
+            throw Failure(what, reasonOf(STG_E_MEDIUMFULL));
+    });
 }
 
 // Whatever ends this early, the file stays as it was.
@@ -263,7 +257,7 @@ void putInto(IStorage* root, const Arguments& arguments, const File& input, uint
 }
 
 void put(const Arguments& arguments) {
-    const File input = openRegular(arguments.input, O_RDONLY);
+    const File input = openToRead(arguments.input);
     const uint64_t bytes = input.size();
     if (bytes > kLongestStream)
         throw Failure(arguments.input, "too long for a stream");
@@ -319,5 +313,6 @@ Example:
   kal compound put letter.doc Notes notes.txt)"},
         put);
     putting->add_option("STREAM", arguments->stream, streamHelp)->required();
-    putting->add_option("INPUT", arguments->input, "The file with the stream's bytes")->required();
+    putting->add_option("INPUT", arguments->input, "The file with the stream's bytes; - is standard input")
+        ->required();
 }

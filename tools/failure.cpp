@@ -15,3 +15,8 @@ std::string onOneLine(std::string text) {
         c = onOneLine(c);
     return text;
 }
+
+void Failures::end() const {
+    if (count_ > 0)
+        throw Failure(count_ == 1 ? first_ : first_ + " (and " + std::to_string(count_ - 1) + " more)");
+}

@@ -157,7 +157,7 @@ void addSheet(CLI::App& program) {
   kal sheet pictures.kal -o sheet.png)"});
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    command->add_option("-o,--output", arguments->output, "The PNG file to write")
+    command->add_option("-o,--output", arguments->output, "The PNG file to write; - is standard output")
         ->required()
         ->option_text("FILE");
     command
