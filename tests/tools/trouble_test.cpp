@@ -14,7 +14,8 @@
 
 namespace {
 
-class Trouble : public RegistryTest {};
+class ShortMemory : public RegistryTest {};
+class Trouble : public FolderTest {};
 
 class Environment {
 public:
@@ -25,7 +26,7 @@ private:
     const char* name_;
 };
 
-TEST_F(Trouble, OfMemoryIsToldOrDoesNoHarm) {
+TEST_F(ShortMemory, IsToldOrDoesNoHarm) {
     if (slowBuild)
         GTEST_SKIP() << "the sanitizer has an allocator of its own";
     writeFile("p.bmp", makeBmp({40, 30, 8}, 1));
@@ -110,7 +111,7 @@ rm a.kal c.ole ids *.bmp
 TEST_F(Trouble, OfALockIsWaitedFor) {
     writeFile("p.bmp", makeBmp({40, 30, 8}));
     kalSucceeds({"store", "a.kal", "p.bmp"});
-    const int handle = ::open("a.kal", O_RDWR);
+    const int handle = ::open("a.kal", O_RDWR | O_CLOEXEC);
     ASSERT_EQ(::flock(handle, LOCK_EX), 0);
     expectFailure(kal({"list", "a.kal", "--wait", "0"}), 1, "a.kal: in use");
     RunningTool waits({"store", "a.kal", "p.bmp"});
@@ -167,7 +168,7 @@ TEST_F(Trouble, OfAFileSystemThatWantsNamesIsOvercome) {
     const Environment preload("LD_PRELOAD", KAL_TROUBLE), named("KAL_NO_UNNAMED", "1");
     for (const char* left : {".a.kal.kal-1-0", ".out.kal-99-3", ".other.kal-1-0"})
         writeFile(left, bytesOf("left behind"));
-    const int handle = ::open(".out.kal-1-0", O_RDWR | O_CREAT, 0600);
+    const int handle = ::open(".out.kal-1-0", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(::flock(handle, LOCK_EX), 0); // its program lives
     kalSucceeds({"store", "-j", "2", "a.kal", "p.bmp", "p.bmp"});
     for (int i = 0; i < 2; i++)
