@@ -27,35 +27,10 @@ constexpr uint16_t mostEntries = KAL_ITEMS_MAX_WIDE;
 
 constexpr uint32_t bufferBytes = 16384;
 
-// Whether the open file is the one of this name.
-bool isAt(const std::string& path, const File& file) {
-    struct stat open = {}, there = {};
-    return ::fstat(file.handle(), &open) == 0 && ::stat(path.c_str(), &there) == 0 &&
-           open.st_ino == there.st_ino && open.st_dev == there.st_dev;
-}
-
-// Opens and locks the archive; not open when there is none. While this process waits another may take it away or
-// put another in its place. A file system without locks goes without.
-File openLocked(const std::string& path, int flags, int lockKind) {
-    return named(path, [&] {
-        File file = File::openIfThere(path, flags);
-        while (file.isOpen()) {
-            if (!waitUntil(path, [&] {
-                    return ::flock(file.handle(), lockKind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
-                }))
-                throw Failure("in use");
-            if (isAt(path, file))
-                break;
-            file = File::openIfThere(path, flags);
-        }
-        return file;
-    });
-}
-
 } // namespace
 
 bool Archive::open(int flags, int lockKind) {
-    file_ = openLocked(path_, flags, lockKind);
+    file_ = File::openLocked(path_, flags, lockKind);
     if (!file_.isOpen())
         return false;
     lay(flags == O_RDONLY ? 0 : KAL_MODE_WRITE, 0);
@@ -138,7 +113,9 @@ void Archive::lay(uint16_t mode, uint16_t format) {
         stream->close(stream);
         if (status == KAL_ERR_MEMORY) // KAL_ERR_BUFFER says as well that the index makes no sense
             require(status);
-        fail(mode & KAL_MODE_CREATE ? statusText(status) : "not a picture archive");
+        if (mode & KAL_MODE_CREATE)
+            fail(statusText(status));
+        throw Damaged(path_, "not a picture archive");
     }
 }
 
@@ -155,7 +132,7 @@ void Archive::checkSignature() {
         KalCloseGetIOpList(lists_);
     }
     if (!right)
-        fail("not a picture archive");
+        throw Damaged(path_, "not a picture archive");
 }
 
 // Pictures are larger than what a growing index moves out of its way.

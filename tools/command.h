@@ -14,6 +14,7 @@ void addStat(CLI::App& program);
 void addDump(CLI::App& program); // and cat
 void addSheet(CLI::App& program);
 void addResource(CLI::App& program);
+void addCheck(CLI::App& program);
 void addCompound(CLI::App& program);
 void addSettings(CLI::App& program);
 

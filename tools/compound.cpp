@@ -5,6 +5,7 @@
 #include "tools/interrupt.h"
 #include "tools/manners.h"
 #include "tools/progress.h"
+#include "tools/recover.h"
 #include "tools/rows.h"
 
 #include <kal/compound.h>
@@ -277,7 +278,85 @@ void put(const Arguments& arguments) {
     throw Failure(arguments.file, hostErrorText(EEXIST));
 }
 
+// The new file, unlike what is read, must not fail.
+struct CannotWrite {
+    HRESULT why;
+};
+void requireWritten(HRESULT result) {
+    if (result < 0 && result != STG_E_INVALIDNAME)
+        throw CannotWrite{result};
+    require(result, "its name");
+}
+
+// Gives all bytes of a stream, piece by piece.
+template <class Use>
+void forPieces(IStorage* root, const Element& element, Use use) {
+    inStorageOf(root, element.name, [&](IStorage* storage, const std::wstring& name) {
+        IStream* raw;
+        require(storage->OpenStream(name.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &raw), "it");
+        const StreamPtr stream(raw);
+        std::vector<char> piece(std::min<uint64_t>(kPiece, element.bytes));
+        uint32_t got;
+        for (uint64_t done = 0; done < element.bytes; done += got) {
+            throwIfInterrupted();
+            require(stream->Read(piece.data(), static_cast<uint32_t>(piece.size()), &got), "it");
+            if (got == 0)
+                throw Failure("its bytes end early");
+            Progress::add(got);
+            use(piece.data(), got);
+        }
+    });
+}
+
+// A stream is read whole before any of it is written.
+void copyElement(IStorage* from, IStorage* to, const Element& element) {
+    if (element.isStream)
+        forPieces(from, element, [](const char*, uint32_t) {});
+    inStorageOf(to, element.name, [&](IStorage* storage, const std::wstring& name) {
+        if (!element.isStream) {
+            IStorage* made;
+            requireWritten(storage->CreateStorage(name.c_str(), kUpdate, 0, 0, &made));
+            return made->Release();
+        }
+        IStream* made;
+        requireWritten(storage->CreateStream(name.c_str(), kUpdate | STGM_CREATE, 0, 0, &made));
+        const StreamPtr stream(made);
+        forPieces(from, element, [&stream](const char* bytes, uint32_t count) {
+            uint32_t written = 0;
+            const HRESULT result = stream->Write(bytes, count, &written);
+            requireWritten(result >= 0 && written < count ? STG_E_MEDIUMFULL : result);
+        });
+        return 0U;
+    });
+}
+
 } // namespace
+
+// Elements whose names can be read but not be given, those with a slash in them, are lost.
+Recovered recoverCompound(const StoredFile& damaged, const std::string& out) {
+    const std::string& path = damaged.path();
+    const CompoundFile from(path, File::toRead(path), kReading);
+    std::vector<Element> elements;
+    gather(from.root(), "", 0, elements);
+    Recovered recovered;
+    makeNewFile(out, [&](const File& file) {
+        const CompoundFile to(out, file);
+        try {
+            for (const Element& element : elements) {
+                try {
+                    copyElement(from.root(), to.root(), element);
+                    recovered.saved++;
+                } catch (const Failure& failure) {
+                    recovered.lost.push_back({element.name, failure.what()});
+                }
+            }
+            requireWritten(to.root()->Commit(0));
+        } catch (const CannotWrite& failed) {
+            throw Failure(reasonOf(failed.why));
+        }
+    });
+    return recovered;
+}
 
 void addCompound(CLI::App& program) {
     CLI::App* compound = addCommand(

@@ -103,6 +103,33 @@ File File::temporary() {
     return std::move(made.file());
 }
 
+namespace {
+
+// Whether the open file is the one of this name.
+bool isAt(const std::string& path, const File& file) {
+    struct stat open = {}, there = {};
+    return ::fstat(file.handle(), &open) == 0 && ::stat(path.c_str(), &there) == 0 &&
+           open.st_ino == there.st_ino && open.st_dev == there.st_dev;
+}
+
+} // namespace
+
+File File::openLocked(const std::string& path, int flags, int lockKind) {
+    return named(path, [&] {
+        File file = openIfThere(path, flags);
+        while (file.isOpen()) {
+            if (!waitUntil(path, [&] {
+                    return ::flock(file.handle(), lockKind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+                }))
+                throw Failure("in use");
+            if (isAt(path, file))
+                break;
+            file = openIfThere(path, flags);
+        }
+        return file;
+    });
+}
+
 uint64_t File::size() const {
     struct stat facts = {};
     if (::fstat(handle_, &facts) != 0)
@@ -252,6 +279,17 @@ void NewFile::replace() {
     if (std::rename(beside_.c_str(), path_.c_str()) != 0)
         failByHost();
     beside_.clear();
+}
+
+void makeNewFile(const std::string& path, const std::function<void(const File&)>& fill) {
+    named(path, [&] {
+        if (File::openIfThere(path, O_PATH).isOpen())
+            throw Failure(hostErrorText(EEXIST));
+        NewFile made(path);
+        fill(made.file());
+        if (!made.place())
+            throw Failure(hostErrorText(EEXIST));
+    });
 }
 
 bool waitUntil(const std::string& name, const std::function<bool()>& isFree) {

@@ -26,6 +26,9 @@ public:
 
     // Opens an existing regular file; not open when there is none of that name.
     static File openIfThere(const std::string& path, int flags);
+    // The same, with a flock. While this process waits for it another may take the file away or put another in its place.
+    // A file system without locks goes without.
+    static File openLocked(const std::string& path, int flags, int lockKind);
     // Opens one for reading, which must be there. `-` is all that comes from standard input, each time.
     static File toRead(const std::string& path);
     // An empty file without a name.
@@ -71,6 +74,10 @@ private:
     std::string beside_; // its name until then; empty without one
     File file_;
 };
+
+// Makes a file with `fill`, which takes it open, and gives it the name. Throws a Failure with the name, also when there
+// is a file of that name.
+void makeNewFile(const std::string& path, const std::function<void(const File&)>& fill);
 
 // How many seconds a command waits for a file that is in use.
 inline unsigned waitSeconds = 10;

@@ -9,6 +9,8 @@ struct Interrupted {
 
 void catchInterrupts();
 
+bool isInterrupted();
+
 // Called between the steps of long work; shows its progress. Throws Interrupted.
 void throwIfInterrupted();
 

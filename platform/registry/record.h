@@ -19,6 +19,12 @@ inline constexpr uint32_t kMostNameBytes = 255; // of a key, and of a value
 inline constexpr uint32_t kMostPathBytes = 4095;
 inline constexpr uint32_t kRecordHead = 20;
 
+// The log's header: four numbers, then nothing up to the first record.
+inline constexpr uint32_t kMagic = 'K' | 'R' << 8 | 'E' << 16 | uint32_t{'G'} << 24;
+inline constexpr uint32_t kVersion = 1;
+inline constexpr uint32_t kHeaderBytes = 4096;
+inline constexpr uint32_t kReplaced = 0x80000000; // in its last number: another file takes the log's place
+
 // A text that need not end in a zero: a name, or names with `\` between them.
 struct RegistryText {
     const char* text;
