@@ -111,7 +111,7 @@ void Archive::lay(uint16_t mode, uint16_t format) {
     if (status != 0) {
         lists_ = nullptr;
         stream->close(stream);
-        if (status == KAL_ERR_MEMORY)
+        if (status == KAL_ERR_MEMORY) // KAL_ERR_BUFFER says as well that the index makes no sense
             require(status);
         if (mode & KAL_MODE_CREATE)
             fail(statusText(status));
@@ -174,8 +174,7 @@ void Archive::get(uint32_t id, const std::function<void(OpList*)>& use) {
     OpList* list = nullptr;
     require(KalOpenGetIOpList(lists_, static_cast<uint16_t>(id), &list));
     try {
-        if (KalGetOpError(list) != 0)
-            fail(statusText(KalGetOpError(list)));
+        require(KalGetOpError(list));
         use(list);
     } catch (const Damaged& damaged) {
         KalCloseGetIOpList(lists_);
@@ -202,8 +201,7 @@ void Archive::put(uint16_t id, const std::function<void(OpList*)>& fill) {
     OpList* list = nullptr;
     require(KalOpenPutIOpList(lists_, id, &list));
     try {
-        if (KalGetOpError(list) != 0)
-            throw Failure(statusText(KalGetOpError(list)));
+        require(KalGetOpError(list));
         fill(list);
     } catch (const Failure& failure) {
         throw failure.of(path_);
@@ -292,6 +290,7 @@ void Archive::fail(const std::string& why) const {
 }
 
 void Archive::require(int16_t status) const {
+    requireMemory(status);
     if (status != 0)
         fail(statusText(status));
 }

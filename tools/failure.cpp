@@ -1,6 +1,7 @@
 #include "tools/failure.h"
 
 #include <cstring>
+#include <new>
 
 std::string statusText(int16_t status) {
     return KalStatusText(status);
@@ -8,6 +9,11 @@ std::string statusText(int16_t status) {
 
 std::string hostErrorText(int error) {
     return std::strerror(error);
+}
+
+void requireMemory(int16_t status) {
+    if (status == KAL_ERR_MEMORY || status == KAL_ERR_BUFFER || status == KAL_ERR_VMEM)
+        throw std::bad_alloc();
 }
 
 std::string onOneLine(std::string text) {

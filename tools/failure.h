@@ -40,6 +40,8 @@ auto named(const std::string& name, Action action) {
 // A library status and a host error number in words.
 std::string statusText(int16_t status);
 std::string hostErrorText(int error);
+// Throws std::bad_alloc for the statuses that want of memory has.
+void requireMemory(int16_t status);
 
 // The text on one line: control characters give way to question marks.
 std::string onOneLine(std::string text);

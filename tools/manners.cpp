@@ -32,7 +32,10 @@ void tell(const std::string& message) {
     if (asked.quiet)
         return;
     Progress::hide();
-    std::fprintf(stderr, "kal: %s\n", onOneLine(message).c_str());
+    std::fputs("kal: ", stderr);
+    for (const char c : message)
+        std::fputc(onOneLine(c), stderr);
+    std::fputc('\n', stderr);
 }
 
 std::string humanBytes(uint64_t bytes) {

@@ -41,7 +41,22 @@ Stored storeOne(Archive& archive, uint16_t id, const std::string& path, bool ban
     }
 }
 
-std::vector<Stored> storeAll(const Arguments& arguments) {
+// What the user is told of pictures that will not come back as they were: a line a reason.
+std::vector<std::string> notesOn(const std::vector<Stored>& stored, const std::vector<std::string>& paths) {
+    std::map<std::string, std::vector<size_t>> reasons;
+    for (size_t i = 0; i < stored.size(); i++)
+        if (stored[i].lost != nullptr)
+            reasons[stored[i].lost].push_back(i);
+    std::vector<std::string> notes;
+    for (const auto& [reason, pictures] : reasons) {
+        const size_t more = pictures.size() - 1;
+        notes.push_back(paths[pictures[0]] + (more > 0 ? " and " + std::to_string(more) + " more: " : ": ") +
+                        reason);
+    }
+    return notes;
+}
+
+void storeAll(const Arguments& arguments) {
     const auto archive = Archive::forStoring(
         arguments.archive, arguments.plain ? Archive::Compression::None : Archive::Compression::AsItIs);
     uint64_t bytes = 0;
@@ -78,31 +93,19 @@ std::vector<Stored> storeAll(const Arguments& arguments) {
                 archive->takeAll(*part);
             });
     }
-    archive->commit();
-    return stored;
-}
-
-// A line a reason.
-void tellWhatIsLost(const std::vector<Stored>& stored, const std::vector<std::string>& paths) {
-    std::map<std::string, std::vector<size_t>> reasons;
-    for (size_t i = 0; i < stored.size(); i++)
-        if (stored[i].lost != nullptr)
-            reasons[stored[i].lost].push_back(i);
-    for (const auto& [reason, pictures] : reasons) {
-        const size_t more = pictures.size() - 1;
-        tell(paths[pictures[0]] + (more > 0 ? " and " + std::to_string(more) + " more: " : ": ") + reason);
-    }
+    const std::vector<std::string> notes = notesOn(stored, arguments.pictures);
+    archive->commit(); // what comes now takes no memory, so that nothing fails once all is done
+    for (size_t i = 0; i < count; i++)
+        std::cout << stored[i].id << '\t' << arguments.pictures[i] << '\n';
+    for (const std::string& note : notes)
+        tell(note);
 }
 
 void store(const Arguments& arguments) {
     // Another process may make the archive at the same time: then these pictures are added to that one.
     for (int attempt = 0; attempt < 3; attempt++) {
         try {
-            const std::vector<Stored> stored = storeAll(arguments);
-            for (size_t i = 0; i < stored.size(); i++)
-                std::cout << stored[i].id << '\t' << arguments.pictures[i] << '\n';
-            tellWhatIsLost(stored, arguments.pictures);
-            return;
+            return storeAll(arguments);
         } catch (const ArchiveAppeared&) {
         }
     }

@@ -59,7 +59,7 @@ for how in '' --plain; do
     rm a.kal b.kal out/*
 done
 for i in {1..11} {14..18} 21 22 40 41; do kal store --dib d.kal in/$i.bmp >ids; done
-i=0; for p in {1..11} {14..18} 21 22 40 41; do kal extract d.kal $((++i)) -o - | cmp - in/$p.bmp; done)sh");
+i=0; for p in {1..11} {14..18} 21 22 40 41; do i=$((i + 1)); kal extract d.kal $i -o - | cmp - in/$p.bmp; done)sh");
 }
 
 TEST_F(Archive, IsToldOfInTablesAndJson) {
@@ -68,23 +68,23 @@ TEST_F(Archive, IsToldOfInTablesAndJson) {
 kal store --plain --dib a.kal in/{1,2,3}.bmp
 kal list a.kal | diff - <(cat <<'END'
 id  kind     size  bits  rows       bytes  stored   ratio
- 1  bmp     40x30     8  bottom-up   2278    2334  102.5%
+ 1  bmp     40x30     8  bottom-up   2278    2346  103.0%
  2  bmp       4x2    24  bottom-up     78     154  197.4%
- 3  bmp   160x500     8  top-down   81078   81150  100.1%
+ 3  bmp   160x500     8  top-down   81078   81162  100.1%
 END
 )
 kal list --json a.kal | diff - <(cat <<'END'
 [
-  {"id": 1, "kind": "bmp", "width": 40, "height": 30, "bits": 8, "topDown": false, "bytes": 2278, "stored": 2334, "ratio": 1.0246},
+  {"id": 1, "kind": "bmp", "width": 40, "height": 30, "bits": 8, "topDown": false, "bytes": 2278, "stored": 2346, "ratio": 1.0299},
   {"id": 2, "kind": "bmp", "width": 4, "height": 2, "bits": 24, "topDown": false, "bytes": 78, "stored": 154, "ratio": 1.9744},
-  {"id": 3, "kind": "bmp", "width": 160, "height": 500, "bits": 8, "topDown": true, "bytes": 81078, "stored": 81150, "ratio": 1.0009}
+  {"id": 3, "kind": "bmp", "width": 160, "height": 500, "bits": 8, "topDown": true, "bytes": 81078, "stored": 81162, "ratio": 1.0010}
 ]
 END
 )
 kal remove a.kal 1
 kal stat --json a.kal | diff - <(cat <<'END'
 [
-  {"pictures": 2, "bmp": 2, "png": 0, "compressed": false, "files": 81156, "rows": 80024, "stored": 81304, "archive": 116332, "index": 32664, "entries": 4, "free": 1, "holes": 1, "holeBytes": 2334}
+  {"pictures": 2, "bmp": 2, "png": 0, "compressed": false, "files": 81156, "rows": 80024, "stored": 81316, "archive": 116356, "index": 32664, "entries": 4, "free": 1, "holes": 1, "holeBytes": 2346}
 ]
 END
 )
@@ -93,22 +93,23 @@ kal dump a.kal 2 | diff - <(cat <<'END'
 op  position  type    name    first row  rows  bytes  start
  1         0  0x0101  form                        24  02 00 00 00 00 18 00 00 04 00 00 00 02 00 00 00
  2        28  0x0102  before                      54  42 4d 4e 00 00 00 00 00 00 00 36 00 00 00 28 00
- 3        86  0x0015  band            0     2     44  00 00 00 00 04 00 02 00 18 00 00 00 cd e3 e2 00
- 4       134  0x0107  end                         12  4e 69 1d c3 4e 00 00 00 00 00 00 00
+ 3        86  0x0015  band            0     2     44  00 00 00 00 04 00 02 00 18 00 00 00 da 3f cf 00
+ 4       134  0x0107  end                         12  ba 03 ad b4 4e 00 00 00 00 00 00 00
 END
 )
 kal dump --json a.kal 3 | sed -n '5,6p' | diff - <(cat <<'END'
-  {"op": 4, "position": 66635, "type": 21, "name": "band", "firstRow": 409, "rows": 91, "bytes": 14572, "start": "00 00 99 01 a0 00 5b 00 08 00 00 00 1b 37 e5 1e"},
-  {"op": 5, "position": 81211, "type": 263, "name": "end", "bytes": 12, "start": "01 c2 ee 20 b6 3c 01 00 00 00 00 00"}
+  {"op": 4, "position": 66566, "type": 21, "name": "band", "firstRow": 409, "rows": 91, "bytes": 14572, "start": "00 00 99 01 a0 00 5b 00 08 00 00 00 f8 24 0b 18"},
+  {"op": 5, "position": 81142, "type": 263, "name": "end", "bytes": 12, "start": "46 23 25 37 b6 3c 01 00 00 00 00 00"}
 END
 )
 # The operations are the file: lines of 8 bits as they are, pixels of 24 bits with a byte more.
 { kal cat a.kal 3 2; for op in 3 4; do kal cat a.kal 3 $op | tail -c +13; done; } | cmp - in/3.bmp
+kal cat a.kal 3 5 | head -c 8 | cmp - <(gzip -c in/3.bmp | tail -c 8)
 kal cat a.kal 2 3 | tail -c +13 | od -An -v -tx1 -w4 >lines
 cut -c1-9 lines | cmp - <(tail -c +55 in/2.bmp | od -An -v -tx1 -w3)
 [ "$(cut -c10- lines | sort -u)" = ' 00' ])sh");
     expectRefusals({{{"cat", "a.kal", "2", "5"}, "picture 2 has no operation 5"},
-                    {{"cat", "a.kal", "1", "1"}, "there is no picture 1"}});
+                    {{"dump", "a.kal", "1"}, "there is no picture 1"}});
 }
 
 TEST_F(Archive, ChangesAndIsPacked) {
@@ -158,8 +159,9 @@ kal extract a.kal 3265 -o - | cmp - in/2.bmp)sh");
 
 TEST_F(Archive, IsAsBeforeWhenACommandFails) {
     writePictures({{40, 30, 8}});
-    runScript("kal store packed.kal in/1.bmp; kal store --plain plain.kal in/1.bmp; cp in/1.bmp p.bmp; : >empty;"
-              "printf 'BM, but no more' >wrong.bmp; head -c 40000 /dev/urandom >foreign; rmdir out");
+    runScript(
+        "kal store packed.kal in/1.bmp; kal store --plain plain.kal in/1.bmp; cp in/1.bmp p.bmp; : >empty;"
+        "printf 'BM, but no more' >wrong.bmp; head -c 40000 /dev/urandom >foreign; rmdir out");
     std::vector<Refusal> refusals = {
         {{"store", "packed.kal", "p.bmp", "p.bmp", "wrong.bmp"}, "wrong.bmp: it ends inside its headers"},
         {{"store", "-j", "1", "plain.kal", "p.bmp", "wrong.bmp"}, "wrong.bmp: it ends inside its headers"},
@@ -173,7 +175,7 @@ TEST_F(Archive, IsAsBeforeWhenACommandFails) {
         {{"extract", "packed.kal", "1", "1", "-o", "out"}, "out: several pictures want a folder"},
         {{"list", "new\nline"}, "new?line: No such file"},
         {{}, "", 2},
-        {{"frobnicate"}, "frobnicate", 2},
+        {{"frobnicate"}, "", 2},
         {{"store", "a.kal"}, "PICTURE", 2},
         {{"store", "-j", "0", "a.kal", "p.bmp"}, "0", 2},
         {{"list"}, "ARCHIVE", 2},

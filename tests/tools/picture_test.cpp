@@ -48,7 +48,7 @@ TEST_F(Picture, OfAnotherKindIsRefused) {
     for (size_t length = 0; length < whole.size(); length += slowBuild ? 7 : 3) {
         const std::string name = "cut" + std::to_string(length);
         writeFile(name, Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length)));
-        refusals.push_back({{"store", "a.kal", name}, ": it "});
+        refusals.push_back({{"store", "a.kal", name}, ": it"});
     }
     writeFile("long", makeBmp({16380, 1, 24}));
     writeFile("deep", makeBmp({16, 1, 16}));
@@ -69,7 +69,7 @@ kal store --dib b.kal p.bmp
 kal extract a.kal 1 -o - | cmp - p.bmp)sh");
 }
 
-// Of 16-bit samples a PNG of 8 bits has the nearest.
+// Of 5 bits a PNG of 8 has the nearest; 1 and 4 bits are not stretched to all that there is by the one that compares.
 TEST_F(Picture, OfAnotherProgramComesBackPixelByPixel) {
     if (std::system("command -v compare convert >/dev/null") != 0)
         GTEST_SKIP() << "ImageMagick is not installed";
@@ -80,14 +80,14 @@ convert s.png \( g.png -alpha off \) -compose CopyOpacity -composite -depth 8 PN
 palette='-colors 16 -type palette'
 convert s.png -monochrome BMP3:b1.bmp
 convert s.png $palette -compress None BMP3:b4.bmp
-convert s.png -colors 200 -type palette \( +clone -compress None -write BMP3:b8.bmp \) -compress RLE BMP3:r8.bmp
+convert s.png -colors 200 -type palette -compress None -write BMP3:b8.bmp -compress RLE BMP3:r8.bmp
 convert s.png $palette BMP2:c4.bmp
-convert s.png \( +clone -write BMP2:c24.bmp -write BMP3:b24.bmp \) BMP:v24.bmp
+convert s.png -write BMP2:c24.bmp -write BMP3:b24.bmp BMP:v24.bmp
 convert a.png BMP:v32.bmp
 convert s.png -define bmp:subtype=RGB565 BMP:16-565.bmp
 convert s.png -define bmp:subtype=RGB555 BMP:16-555.bmp
-convert a.png -define bmp:subtype=ARGB4444 BMP:16-4444.bmp
-convert a.png -define bmp:subtype=ARGB1555 BMP:16-1555.bmp
+convert a.png -define bmp:subtype=ARGB4444 BMP:x4444.bmp
+convert a.png -define bmp:subtype=ARGB1555 BMP:x1555.bmp
 convert g.png -monochrome -define png:bit-depth=1 -define png:color-type=0 g1.png
 convert g.png +dither -posterize 4 -depth 2 -define png:bit-depth=2 -define png:color-type=0 g2.png
 convert g.png +dither -posterize 16 -depth 4 -define png:bit-depth=4 -define png:color-type=0 g4.png
@@ -101,23 +101,28 @@ convert s.png PNG48:w48.png
 convert a.png PNG64:w64.png
 convert -size 61x47 gradient:white-black -define png:bit-depth=16 -define png:color-type=0 w16.png
 # Runs of four bits, as nobody writes them: even and odd, as they are, past the row's end, a jump, an end too early.
-{ head -c 30 b4.bmp; printf '\2\0\0\0'; head -c 118 b4.bmp | tail -c +35
-  printf '\x3d\x12\0\0\4\x34\0\3\x56\x70\0\5\x12\x34\x50\0\x50\x9a\0\0\5\x78\0\2\4\2\3\xcd\0\0\6\xef\0\1'; } >r4.bmp
+runs() {
+    printf 'BM\x98\0\0\0'; head -c 30 b4.bmp | tail -c +7; printf '\2\0\0\0\x22\0\0\0'; head -c 118 b4.bmp | tail -c +39
+    printf '\x3d\x12\0\0\4\x34\0\3\x56\x70\0\5\x12\x34\x50\0%b\x9a\0\0\5\x78\0\2\4\2\3\xcd\0\0\6\xef\0\1' $1
+}
+runs '\x31' >r4.bmp; runs '\x7f' >over
+kal store r.kal r4.bmp over 2>notes >ids
+kal extract r.kal 1 -o - | cmp - <(kal extract r.kal 2 -o -)
 kal store a.kal *.bmp *.png >ids 2>notes
 [ "$(cat notes)" = $'kal: r4.bmp and 1 more: it comes back without its run-length compression
-kal: a.png and 17 more: its pixels come back, not its bytes nor what else it says' ]
+kal: a.png and 16 more: its pixels come back, not its bytes nor what else it says' ]
 kal store --plain b.kal *.bmp *.png >ids 2>notes
 mkdir own png plain; kal extract a.kal --all -o own >ids; kal extract a.kal --all --png -o png >ids; kal extract b.kal --all -o plain >ids
 i=0
 for f in *.bmp *.png; do
     i=$((++i)); kind=${f##*.}
     cmp own/$i.$kind plain/$i.$kind
-    for out in own/$i.$kind $([ $kind = png ] || echo png/$i.png); do
+    for out in own/$i.$kind $([[ $f == *.png || $f == x* ]] || echo png/$i.png); do
         [[ $f != 16-* || $out == own* ]] && fuzz=0 || fuzz=0.4%
-        [ "$(compare -fuzz $fuzz -metric AE $f $out null: 2>&1)" = 0 ]
+        [[ "$(compare -fuzz $fuzz -metric AE $f $out null: 2>&1)" == 0?(c*) ]] # that the runs end early it says too
     done
     case $f in
-    r?.bmp) ;;
+    r*.bmp) ;;
     *.bmp) cmp $f own/$i.bmp ;;
     w*.png) fails 1 'its samples of 16 bits fit a PNG file only' kal extract a.kal $i -o out.bmp ;;
     *) kal extract a.kal $i -o out.bmp; [ "$(compare -metric AE $f out.bmp null: 2>&1)" = 0 ] ;;

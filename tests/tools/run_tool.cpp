@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -66,7 +67,8 @@ void expectRefusals(const std::vector<Refusal>& refusals) {
     const auto state = [] {
         std::vector<std::pair<std::string, Bytes>> files;
         for (const std::string& name : filesIn("."))
-            files.emplace_back(name, readFile(name));
+            if (std::filesystem::is_regular_file(name))
+                files.emplace_back(name, readFile(name));
         return files;
     };
     const auto before = state();
@@ -80,11 +82,12 @@ void expectRefusals(const std::vector<Refusal>& refusals) {
 
 void runScript(const std::string& script) {
     const std::string start = R"sh(
+exec 9>&2; BASH_XTRACEFD=9
 PATH=${KAL_TOOL%/*}:$PATH
 fails() {
     local status=0
     "${@:3}" >/dev/null 2>err || status=$?
-    cat err >&2
+    cat err >&9
     [ $status = $1 ] && grep -qF -- "$2" err && [ "$(grep -c '^kal: ' err)$(wc -l <err)" = 11 ] && rm err
 }
 )sh";
