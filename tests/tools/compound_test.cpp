@@ -47,10 +47,10 @@ TEST_F(CompoundCommand, FailuresAreNamedAndLeaveNothing) {
     writeFile("text", bytesOf("no compound file"));
     expectFailure(kal({"compound"}), 2, "kal");
     expectFailure(kal({"compound", "cat", "text"}), 2, "STREAM");
-    expectFailure(kal({"compound", "list", "none"}), 1, "none: there is no such file");
+    expectFailure(kal({"compound", "list", "none"}), 1, "none: No such file");
     expectFailure(kal({"compound", "list", "text"}), 1, "text: not a compound file");
     expectFailure(kal({"compound", "put", "text", "s", "text"}), 1, "text: not a compound file");
-    expectFailure(kal({"compound", "put", "new.ole", "s", "none"}), 1, "none: there is no such file");
+    expectFailure(kal({"compound", "put", "new.ole", "s", "none"}), 1, "none: No such file");
     expectFailure(kal({"compound", "put", "new.ole", "a:b", "text"}), 1, "not a name for a stream");
     EXPECT_FALSE(fileExists("new.ole"));
     kalSucceeds({"compound", "put", "new.ole", "s", "text"});
