@@ -60,9 +60,10 @@ vitem* firstFit(SwapFile* file, uint32_t size) {
              extent = nextOf(extent)) {
             if (extent->id != 0)
                 continue;
-            if (extent->size >= size)
+            const uint32_t free = extent->size;
+            if (free >= size)
                 return extent;
-            mostFree = std::max<uint32_t>(mostFree, extent->size);
+            mostFree = std::max(mostFree, free);
         }
         if (!file->isLent[piece])
             file->mostFree[piece] = mostFree;
@@ -78,8 +79,9 @@ vitem* find(const SwapFile* file, uint16_t id) {
 void release(SwapFile* file, vitem* extent) {
     file->byId[extent->id] = nullptr;
     extent->id = 0;
+    const uint32_t free = extent->size;
     uint32_t& mostFree = file->mostFree[pieceOf(extent)];
-    mostFree = std::max<uint32_t>(mostFree, extent->size);
+    mostFree = std::max(mostFree, free);
 }
 
 // A new free extent behind another, or at the end. Null when memory is short.
@@ -173,7 +175,8 @@ int32_t writeItem(vfile* file, const void* data, uint32_t size, uint16_t id) {
             return static_cast<int32_t>(size);
         release(swap, old);
     }
-    swap->mostFree[swap->turn++ % (swap->end / kPiece + 1)] = kAnySize;
+    swap->turn = swap->turn < swap->end / kPiece ? swap->turn + 1 : 0;
+    swap->mostFree[swap->turn] = kAnySize;
     vitem* extent = firstFit(swap, size);
     if (extent != nullptr)
         carve(swap, extent, size);

@@ -62,10 +62,9 @@ void noteChange(void* handle, uint32_t end) {
     dropItem(manager->shown.swapFile, idOf(handle));
 }
 
-template <class Field>
-int32_t shownField(Field vmemstate::*field) {
+vmemstate shownState() {
     const VMemManager* manager = currentManager();
-    return manager != nullptr ? static_cast<int32_t>(manager->shown.*field) : 0;
+    return manager != nullptr ? manager->shown : vmemstate{};
 }
 
 } // namespace
@@ -192,15 +191,15 @@ void KalSetVMemTemp(const char* directory) {
 }
 
 int32_t KalMaxVMem() {
-    return shownField(&vmemstate::bytesPeak);
+    return shownState().bytesPeak;
 }
 
 int32_t KalVMemUsed() {
-    return shownField(&vmemstate::bytesUsed);
+    return shownState().bytesUsed;
 }
 
 int32_t KalGetVMemSize() {
-    return shownField(&vmemstate::blockSize);
+    return static_cast<int32_t>(shownState().blockSize);
 }
 
 void KalSetMaxVMem(uint32_t bytes) {

@@ -45,17 +45,14 @@ uint32_t copySize(const Record* record) {
 bool swapOut(VMemManager* manager, Record* record) {
     const uint16_t id = idOf(record->handle);
     const uint32_t size = copySize(record);
-    const vitem* copy = findItem(manager->shown.swapFile, id);
-    if (copy == nullptr || copy->size != size) {
-        const int32_t written = writeItem(manager->shown.swapFile, GlobalLock(record->handle), size, id);
-        GlobalUnlock(record->handle);
-        const uint16_t failed = written != static_cast<int32_t>(size) ? 1 : 0;
-        manager->mustTell |= failed > manager->shown.swapFailed;
-        manager->shown.swapFailed = failed;
-        if (failed != 0) {
-            dropItem(manager->shown.swapFile, id);
-            return false;
-        }
+    const int32_t written = writeItem(manager->shown.swapFile, GlobalLock(record->handle), size, id);
+    GlobalUnlock(record->handle);
+    const uint16_t failed = written != static_cast<int32_t>(size) ? 1 : 0;
+    manager->mustTell |= failed > manager->shown.swapFailed;
+    manager->shown.swapFailed = failed;
+    if (failed != 0) {
+        dropItem(manager->shown.swapFile, id);
+        return false;
     }
     leaveMemory(manager, record);
     GlobalReAlloc(record->handle, 0, GMEM_MOVEABLE);

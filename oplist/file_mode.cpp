@@ -126,8 +126,6 @@ int16_t seekInStream(OpList* list, uint32_t position) {
 
 uint16_t isStreamEmpty(const OpList* list) {
     SFILE* stream = list->stream;
-    if (stream == nullptr && list->compStream != nullptr)
-        stream = list->compStream->stream;
     if (stream == nullptr)
         return 1;
     KalNextChar(stream);

@@ -204,6 +204,7 @@ bool moveTo(Slot* slot, uint16_t index, uint32_t spanClass) {
     if (span == nullptr)
         return false;
     slot->span = span;
+    globalSizes[index] = static_cast<uint32_t>(kept);
     extras[index].spanClass = static_cast<uint8_t>(spanClass);
     return true;
 }

@@ -6,8 +6,7 @@ namespace {
 
 constexpr uint32_t kNobody = 0;
 constexpr uint32_t kTables = 0xFFFFFFFF; // the owner of FAT, directory and the like
-constexpr uint32_t kMini =
-    0xFFFFFFFE; // the owner of the mini FAT's sectors and of those in which mini sectors lie
+constexpr uint32_t kMini = 0xFFFFFFFE;   // the owner of the mini FAT and of what mini sectors lie in
 // A stream is an owner by its entry's number, which is never 0.
 
 // Who owns each unit of a space.
@@ -67,23 +66,14 @@ private:
                takeEach(file_.sectors().fatSectors()) && takeEach(file_.sectors().difatSectors());
     }
 
-    // Whether the chain is in the way of the tables, which are right then.
-    bool takeForMini(const Chain& chain) {
-        bool clashes = false;
-        return !chain.everySpan([&](Span span) {
-            return sectors_.take(span, kMini, [&](uint32_t before) {
-                clashesWithMini_ = true;
-                clashes = clashes || before == kTables;
-            });
-        }) || clashes;
-    }
-
     void takeMini() {
         MiniSectors& mini = file_.miniSectors();
-        const bool tableIsElsewhere = takeForMini(mini.tableChain());
-        if (takeForMini(mini.container()))
-            mini.dropContainer();
-        if (tableIsElsewhere || !reaches(mini.container(), file_.directory().size(kRoot)))
+        for (const Chain* chain : {&mini.tableChain(), &mini.container()})
+            chain->everySpan([this](Span span) {
+                const auto clash = [this](uint32_t) { clashesWithMini_ = true; };
+                return sectors_.take(span, kMini, clash);
+            });
+        if (!reaches(mini.container(), file_.directory().size(kRoot)))
             mini.setDoubtful();
     }
 

@@ -98,7 +98,8 @@ bool CompoundFile::load() {
         sectors_.table.keep(load32(header_ + kFirstMiniFat));
         sectors_.table.keep(directory_.first(kRoot));
     }
-    return miniSectors_.load(header_, directory_.first(kRoot));
+    const uint32_t first = directory_.first(kRoot);
+    return miniSectors_.load(header_, first < sectors_.inFile() ? first : kEndOfChain);
 }
 
 void CompoundFile::letGo() {

@@ -25,15 +25,32 @@ bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
     return !moved.failed;
 }
 
+bool MiniSectors::copyContainer(Chain& fresh) {
+    if (!buffer_.flush() || !fresh.extendTo(container_.unitCount()))
+        return false;
+    uint8_t bytes[4096];
+    for (uint64_t at = 0; at < fresh.byteCount(); at += sizeof bytes) {
+        const size_t step = container_.read(at, bytes, sizeof bytes).count;
+        if (fresh.write(at, bytes, step).count != step)
+            return false;
+    }
+    return true;
+}
+
+// What the old sectors hold may be of something else: they are left as they are.
 bool MiniSectors::startOver() {
     const uint32_t units = std::max(table.size(), unitsOfContainer());
     const uint32_t pages = (units + table.perPage() - 1) / table.perPage();
-    Chain fresh(tableChain_.space());
-    if (!fresh.extendTo(pages) || !table.grow(pages - table.pageCount())) {
-        fresh.cutTo(0);
+    Chain freshTable(tableChain_.space());
+    Chain freshContainer(tableChain_.space());
+    if (!freshTable.extendTo(pages) || !copyContainer(freshContainer) ||
+        !table.grow(pages - table.pageCount())) {
+        freshTable.cutTo(0);
+        freshContainer.cutTo(0);
         return false;
     }
-    tableChain_.swap(fresh);
+    tableChain_.swap(freshTable);
+    container_.swap(freshContainer);
     table.keepFree();
     table.setAllDirty();
     doubtful_ = false;

@@ -18,11 +18,9 @@ public:
     void start();
     // Reads the mini FAT as far as it is there. False when memory is short or the host fails.
     bool load(const uint8_t* header, uint32_t firstOfContainer);
-    // Mini FAT or container are not whole, or something else lies in their sectors. Before anything is written the mini
-    // FAT is begun anew elsewhere, and all units that there are stay as they are.
+    // Mini FAT or container are not whole, or something else lies in their sectors. Before anything is written both are
+    // copied to fresh sectors, and none of the units that there are is handed out.
     void setDoubtful() { doubtful_ = true; }
-    // Gives up a container that lies where something else does.
-    void dropContainer() { Chain(container_.space()).swap(container_); }
     bool prepare() { return !doubtful_ || startOver(); }
     // Writes what changed, and the header's part of it.
     bool flush(uint8_t* header);
@@ -44,6 +42,7 @@ public:
 
 private:
     bool startOver();
+    bool copyContainer(Chain& fresh);
 
     Chain tableChain_; // the mini FAT's sectors
     Chain container_;

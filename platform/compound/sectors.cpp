@@ -109,8 +109,7 @@ bool Sectors::loadFat() {
         index += step;
     }
     table.loaded();
-    markFat();
-    return true;
+    return markFat();
 }
 
 // Whether a page has what a FAT has: numbers of sectors and marks, no two neighbours leading to the same sector.
@@ -126,11 +125,18 @@ bool Sectors::looksLikeFat(uint32_t index) {
 }
 
 // The FAT and DIFAT sectors are marked as such in the FAT, or they would be given out. Where they are not, either the
-// mark is damaged or the number that led there, and what was read is no part of the FAT.
-void Sectors::markFat() {
+// mark is damaged or the number that led there, and what was read is no part of the FAT; nor is a sector that two numbers
+// lead to, of which one is damaged.
+bool Sectors::markFat() {
+    Array<uint8_t> numbers;
+    if (!numbers.resize(table.size()))
+        return false;
+    for (const uint32_t sector : fatSectors_)
+        if (sector < table.size())
+            numbers[sector] = numbers[sector] == 0 ? 1 : 2;
     for (uint32_t index = 0; index < table.pageCount(); index++) {
         uint32_t& sector = fatSectors_[index];
-        const bool known = sector < table.size();
+        const bool known = sector < table.size() && numbers[sector] == 1;
         if (sector == kFree || (known && table.next(sector) == kFatSector))
             continue;
         if (known && looksLikeFat(index)) {
@@ -148,6 +154,7 @@ void Sectors::markFat() {
             break;
         }
     table.loaded();
+    return true;
 }
 
 // --- Growing -----------------------------------------------------------------------------------------
@@ -176,7 +183,9 @@ bool Sectors::makeFree(uint32_t count) {
     }
     const uint32_t first = table.size();
     const uint32_t end = first + pages + difats;
-    if (uint64_t(first) + uint64_t(pages) * table.perPage() > kMaxSector || !secure(end) ||
+    if (uint64_t(first) + uint64_t(pages) * table.perPage() > kMaxSector ||
+        !secure(end + missing) || // all that are asked for, or a table would stay that nothing is there for
+
         !fatSectors_.reserve(fatCount + pages) || !difatSectors_.reserve(difatCount + difats) ||
         !table.grow(pages))
         return false;

@@ -40,7 +40,7 @@ private:
     bool loadDifat(const uint8_t* header);
     bool loadFat();
     bool looksLikeFat(uint32_t index);
-    void markFat();
+    bool markFat();
     bool flushFat();
     bool flushDifat(uint8_t* header);
 

@@ -24,14 +24,18 @@ protected:
         list->blockSize = blockSize != 0 ? blockSize : list->blockSize;
         return list;
     }
-    static OpList* openBitmap(uint32_t blockSize = 0) {
+    // A bitmap list with its first line at `top`; it is not set up where `width` is 0.
+    static OpList* openBitmap(uint16_t width, uint16_t height, uint16_t depth, uint32_t blockSize = 1 << 20,
+                              uint16_t most = 1000, uint16_t top = 0) {
         OpList* list = nullptr;
         EXPECT_EQ(KalTempOpList(&list, KAL_OPL_VMEM_DIB), KAL_OK);
-        list->blockSize = blockSize != 0 ? blockSize : list->blockSize;
+        list->blockSize = blockSize;
+        EXPECT_EQ(width == 0 ? 0 : KalSetupOpList(list, 7, top, width, height, depth, 9, most), KAL_OK);
         return list;
     }
-    // Closes a list, no block of which may have stayed locked.
-    static void close(OpList* list) {
+    // Closes a list of that status, no block of which may have stayed locked.
+    static void close(OpList* list, int status = KAL_OK) {
+        EXPECT_EQ(KalGetOpError(list), status);
         for (KalNodeHeader* node = list->blocks != nullptr ? list->blocks->first : nullptr; node;
              node = node->next)
             EXPECT_EQ(KalReAllocVMem(reinterpret_cast<opblock*>(node + 1)->vmem, 0),

@@ -20,7 +20,7 @@ template <class Call>
 std::string told(uint32_t size, Call call) {
     Room room(size);
     const int16_t status = call(room.data(), size);
-    return status != KAL_OK ? std::to_string(status) : room.text();
+    return status != KAL_OK ? nameOf(status) : room.text();
 }
 
 // No home before and after, and the environment as it was.
@@ -32,10 +32,8 @@ protected:
             set(name.c_str(), value.empty() ? nullptr : value.c_str());
     }
     void set(const char* name, const char* value) {
-        if (const char* old = std::getenv(name))
-            before_.emplace(name, old);
-        else
-            before_.emplace(name, "");
+        const char* old = std::getenv(name);
+        before_.emplace(name, old != nullptr ? old : "");
         value != nullptr ? setenv(name, value, 1) : unsetenv(name);
     }
     static std::string here(uint32_t size = 512) { return told(size, KalGetCurWorkDir); }
@@ -52,42 +50,34 @@ TEST_F(Tasks, DirectoriesWithAndWithoutTheirSeparator) {
     EXPECT_EQ(top.substr(0, 3), "C:\\");
     fs::create_directories("drive/below");
     set("KAL_DRIVE_Q", path("drive").c_str());
-    const struct {
-        int16_t (*call)(const char* path);
-        std::string path;
-        int status;
-        std::string place;
-    } steps[] = {{KalMakeDir, "one\\", KAL_OK, ""},
-                 {KalMakeDir, top + "\\two", KAL_OK, ""},
-                 {KalMakeDir, "two", -1, ""},
-                 {KalMakeDir, "missing\\two", -1, ""},
-                 {KalMakeDir, "", KAL_ERR_EMPTY_PATH, ""},
-                 {KalMakeDir, "q:\\below\\three\\", KAL_OK, ""},
-                 {KalChangeDir, "ONE\\", KAL_OK, "\\one"},
-                 {KalChangeDir, "..\\two", KAL_OK, "\\two"},
-                 {KalChangeDir, "missing", -1, "\\two"},
-                 {KalChangeDir, "", KAL_ERR_EMPTY_PATH, "\\two"},
-                 {KalChangeDir, "Q:", KAL_OK, "\\drive"},
-                 {KalChangeDir, top, KAL_OK, ""}}; // what was told leads back
-    for (const auto& [call, path, status, place] : steps) {
-        EXPECT_EQ(call(path.c_str()), status) << path;
-        EXPECT_EQ(here(), top + place);
+    // Made or changed to, the path, the status, and where that leads; what was told leads back.
+    for (const std::string row :
+         {"make|one\\|KAL_OK|", "make|TOP\\two|KAL_OK|", "make|two|-1|", "make|missing\\two|-1|",
+          "make||KAL_ERR_EMPTY_PATH|", "make|q:\\below\\three\\|KAL_OK|", "to|ONE\\|KAL_OK|\\one",
+          "to|..\\two|KAL_OK|\\two", "to|missing|-1|\\two", "to||KAL_ERR_EMPTY_PATH|\\two",
+          "to|Q:|KAL_OK|\\drive", "to|TOP|KAL_OK|"}) {
+        auto piece = pieces(row);
+        if (piece[1].starts_with("TOP"))
+            piece[1].replace(0, 3, top);
+        const int status = (piece[0] == "make" ? KalMakeDir : KalChangeDir)(piece[1].c_str());
+        EXPECT_EQ(nameOf(status), piece[2]) << row;
+        EXPECT_EQ(here(), top + piece[3]);
     }
     EXPECT_TRUE(fs::exists("drive/below/three") && fs::exists("one") && fs::exists("two"));
     EXPECT_EQ(KalMakeDir(nullptr), KAL_ERR_EMPTY_PATH);
     walkTrouble({.run = [] { return KalMakeDir("three"); }, .statuses = {KAL_ERR_MEMORY, -1}});
     EXPECT_EQ(KalGetCurWorkDir(nullptr, 10), KAL_ERR_DESTINATION);
-    EXPECT_EQ(here(0), "-701");
-    EXPECT_EQ(here(uint32_t(top.size())), "-700");
+    EXPECT_EQ(here(0), "KAL_ERR_DESTINATION");
+    EXPECT_EQ(here(uint32_t(top.size())), "KAL_ERR_CURRENT_DIR");
     EXPECT_EQ(here(uint32_t(top.size() + 1)), top);
     EXPECT_EQ(KalGetCurDiskStatus(), KAL_OK);
     set("KAL_DRIVE_Q", nullptr);
     EXPECT_EQ(KalChangeDir("Q:"), KAL_OK) << "without a folder of its own it is the root";
     EXPECT_EQ(here(), "C:\\");
     fs::create_directory(path("gone"));
-    EXPECT_EQ(KalChangeDir(path("gone").c_str()), KAL_OK);
+    KalChangeDir(path("gone").c_str());
     fs::remove(path("gone"));
-    EXPECT_EQ(here(), "-700");
+    EXPECT_EQ(here(), "KAL_ERR_CURRENT_DIR");
     static std::string asked;
     const HostCallGuard guard;
     hostCalls.mkdir = [](const char* path, mode_t) { return asked += path + std::string("|"), -1; };
@@ -96,17 +86,13 @@ TEST_F(Tasks, DirectoriesWithAndWithoutTheirSeparator) {
 }
 
 TEST_F(Tasks, SearchTextIsTheHomeThenThePath) {
-    const std::string deep = "C:\\" + std::string(3000, 'd') + "\\";
-    const struct {
-        std::string name;
-        const char* path; // of the environment
-        std::string searchText, home;
-    } cases[] = {{"C:\\APP\\PROG.EXE", "C:\\DOS", "C:\\APP\\;C:\\DOS", "C:\\APP\\"},
-                 {"PROG.EXE", "/usr/bin:/bin", ";\\usr\\bin;\\bin", ""}, // in the platform's form
-                 {"PROG.EXE", nullptr, "", ""},
-                 {deep + "X.EXE", nullptr, deep, deep}};
-    for (const auto& [name, path, searchText, home] : cases) {
-        set("PATH", path);
+    const std::string d = "C:\\" + std::string(3000, 'd') + "\\", deep = d + "X.EXE||" + d;
+    // The home's file, PATH, and the search text, of which the home's directory comes first.
+    for (const std::string row : {"C:\\APP\\PROG.EXE|C:\\DOS|C:\\APP\\;C:\\DOS", "PROG.EXE||",
+                                  "PROG.EXE|/usr/bin:/bin|;\\usr\\bin;\\bin", deep.c_str()}) {
+        const auto piece = pieces(row);
+        const std::string name = piece[0], searchText = piece[2], home = pieces(searchText, ';')[0];
+        set("PATH", piece[1].empty() ? nullptr : piece[1].c_str());
         EXPECT_EQ(KalGetHome(), nullptr);
         EXPECT_EQ(KalGetHomeExecPath(nullptr, 0), nullptr);
         EXPECT_EQ(KalGetPath(), KalGetEnv("path"));
@@ -162,13 +148,13 @@ TEST_F(Tasks, EnvironmentVariablesAreFoundWithoutRegardToCase) {
     set("WINDIR", "C:\\WINDOWS");
     EXPECT_EQ(told(11, KalGetPrivateDir), "C:\\WINDOWS");
     for (const uint32_t size : {0u, 10u})
-        EXPECT_EQ(told(size, KalGetPrivateDir), std::to_string(KAL_ERR_EXAMINE));
+        EXPECT_EQ(told(size, KalGetPrivateDir), "KAL_ERR_EXAMINE");
     set("WINDIR", nullptr);
     set("XDG_CONFIG_HOME", "/home/u/.config");
     EXPECT_EQ(told(300, KalGetPrivateDir), "C:\\home\\u\\.config");
     set("XDG_CONFIG_HOME", nullptr);
     set("HOME", nullptr);
-    EXPECT_EQ(told(300, KalGetPrivateDir), std::to_string(KAL_ERR_EXAMINE)) << "there is none";
+    EXPECT_EQ(told(300, KalGetPrivateDir), "KAL_ERR_EXAMINE") << "there is none";
 }
 
 TEST(Time, IsTheSystemClocks) {

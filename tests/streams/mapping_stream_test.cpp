@@ -5,8 +5,10 @@
 
 #include <kal/mapping.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,63 +119,52 @@ TEST_F(Mapping, WhatCannotBeHadIsRefused) {
     EXPECT_EQ(s->close(s), KAL_OK);
 }
 
-// A process that does one thing, says so, waits to be told, and ends as main does or is killed.
-class Other {
-public:
-    template <class Work>
-    explicit Other(Work work) {
-        EXPECT_EQ(pipe(toIt_) | pipe(fromIt_), 0);
-        process_ = fork();
-        char byte = 0;
-        if (process_ == 0) {
-            work();
-            if (::write(fromIt_[1], &byte, 1) != 1 || ::read(toIt_[0], &byte, 1) != 1 || byte != 0)
-                raise(SIGKILL);
-            std::exit(0);
-        }
-        EXPECT_EQ(::read(fromIt_[0], &byte, 1), 1);
+// A process that does one thing, and then waits until it is told to end.
+pid_t startOther(const std::function<void()>& work) {
+    std::fflush(nullptr); // else it would print it again
+    const pid_t process = fork();
+    if (process == 0) {
+        work();
+        raise(SIGSTOP);
+        std::exit(0); // as main does
     }
-    void end(bool killed) {
-        const char byte = killed ? 1 : 0;
-        int status = 0;
-        EXPECT_EQ(::write(toIt_[1], &byte, 1), 1);
-        waitpid(process_, &status, 0);
-        EXPECT_EQ(WIFSIGNALED(status), killed);
-        for (const int fd : {toIt_[0], toIt_[1], fromIt_[0], fromIt_[1]})
-            ::close(fd);
-    }
+    waitpid(process, nullptr, WUNTRACED);
+    return process;
+}
 
-private:
-    pid_t process_;
-    int toIt_[2], fromIt_[2];
-};
+void endOther(pid_t process, bool killed) {
+    int status = 0;
+    kill(process, killed ? SIGKILL : SIGCONT);
+    waitpid(process, &status, 0);
+    EXPECT_EQ(WIFSIGNALED(status), killed);
+}
 
 TEST_F(Mapping, ANameLivesWhileSomeProcessHoldsIt) {
     for (const bool killed : {true, false}) { // the last to hold the name must not be killed
         SCOPED_TRACE(killed ? "killed" : "ended");
-        Other maker([&] { write("made there", 1000); });
+        const pid_t maker = startOther([&] { write("made there", 1000); });
         SFILE* held = open(kRead);
-        maker.end(killed);
+        endOther(maker, killed);
         EXPECT_EQ(read(), "made there") << "held here";
         held->close(held);
         EXPECT_FALSE(isLeft()) << "the last holder takes it away";
         open(kRead, 0, KAL_ERR_SERVICE);
 
-        Other alone([&] { write("old bytes that a new mapping must not have", 1000); });
-        alone.end(killed);
+        const pid_t alone = startOther([&] { write("old bytes that a new mapping must not have", 1000); });
+        endOther(alone, killed);
         EXPECT_EQ(isLeft(), killed);
         open(kRewrite, 0, KAL_ERR_SERVICE); // nobody holds it
-        Other another([&] {
+        const pid_t another = startOther([&] {
             SFILE* s = open(kCreate, 100);
             s->seek(s, 40, KAL_SEEK_START);
             s->close(s);
         });
         EXPECT_EQ(read(), std::string(40, 0));
-        another.end(killed);
+        endOther(another, killed);
     }
     write("parent's");
-    Other child([&] { EXPECT_EQ(read(), "parent's"); });
-    child.end(false);
+    const pid_t child = startOther([&] { EXPECT_EQ(read(), "parent's"); });
+    endOther(child, false);
     EXPECT_EQ(read(), "parent's") << "a forked child takes nothing away";
 }
 

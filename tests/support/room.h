@@ -1,11 +1,14 @@
-// A caller's buffer of a given size, with bytes behind it that nobody may touch.
+// For tables of texts: a caller's buffer of a given size, with bytes behind it that nobody may touch; and rows that are
+// one text each, with statuses by name.
 #ifndef KAL_TESTS_SUPPORT_ROOM_H
 #define KAL_TESTS_SUPPORT_ROOM_H
 
 #include <gtest/gtest.h>
+#include <kal/status.h>
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 class Room {
 public:
@@ -26,5 +29,19 @@ private:
     size_t size_;
     std::string bytes_;
 };
+
+// A status by its name, or by its number where that has none.
+inline std::string nameOf(int status) {
+    const char* name = KalStatusName(int16_t(status));
+    return name != nullptr ? name : std::to_string(status);
+}
+
+// The pieces of a row, between which a mark stands.
+inline std::vector<std::string> pieces(const std::string& row, char mark = '|') {
+    std::vector<std::string> found(1);
+    for (const char c : row)
+        c == mark ? void(found.emplace_back()) : found.back().push_back(c);
+    return found;
+}
 
 #endif
