@@ -3,7 +3,9 @@
 #include "tools/failure.h"
 #include "tools/file.h"
 #include "tools/interrupt.h"
-#include "tools/text.h"
+#include "tools/manners.h"
+#include "tools/progress.h"
+#include "tools/rows.h"
 
 #include <kal/compound.h>
 
@@ -11,7 +13,6 @@
 
 #include <cctype>
 #include <cerrno>
-#include <cstdio>
 #include <fcntl.h>
 #include <iostream>
 #include <memory>
@@ -30,7 +31,6 @@ struct Arguments {
     std::string file;
     std::string stream;
     std::string input;
-    bool json = false;
 };
 
 template <class Interface>
@@ -205,20 +205,13 @@ void list(const Arguments& arguments) {
     const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
     std::vector<Element> elements;
     gather(file.root(), "", 0, elements);
-    if (arguments.json) {
-        JsonRows rows;
-        for (const Element& element : elements)
-            rows.add({{"name", jsonText(element.name, Encoding::Utf8)},
-                      {"kind", element.isStream ? "\"stream\"" : "\"storage\""},
-                      {"bytes", std::to_string(element.bytes)}});
-        return rows.end();
-    }
-    for (const Element& element : elements) {
-        char line[64];
-        std::snprintf(line, sizeof line, "%-7s  %10llu  ", element.isStream ? "stream" : "storage",
-                      static_cast<unsigned long long>(element.bytes));
-        std::cout << line << element.name << '\n';
-    }
+    Rows rows({{"name", nullptr}, {"kind", "kind"}, {"bytes", "bytes"}, {nullptr, "name"}});
+    for (const Element& element : elements)
+        rows.add({{jsonText(element.name, Encoding::Utf8), ""},
+                  textCell(element.isStream ? "stream" : "storage"),
+                  bytesCell(element.bytes),
+                  {"", element.name}});
+    rows.print();
 }
 
 void cat(const Arguments& arguments) {
@@ -230,14 +223,18 @@ void cat(const Arguments& arguments) {
         const StreamPtr stream(raw);
         std::vector<char> piece(kPiece);
         uint32_t got;
+        const Progress progress(0);
         do {
+            throwIfInterrupted();
             require(stream->Read(piece.data(), kPiece, &got), what);
+            Progress::add(got);
             std::cout.write(piece.data(), got);
         } while (got > 0 && std::cout);
     });
 }
 
 void write(IStream* stream, const File& input, uint64_t bytes, const std::string& what) {
+    const Progress progress(bytes);
     for (uint64_t done = 0; done < bytes;) {
         throwIfInterrupted();
         const auto piece = input.readAt(done, kPiece);
@@ -289,23 +286,38 @@ void put(const Arguments& arguments) {
 } // namespace
 
 void addCompound(CLI::App& program) {
-    CLI::App* compound = program.add_subcommand("compound", "Look into compound files and change them");
+    CLI::App* compound = addCommand(
+        program, {"compound", "Look into compound files and change them",
+                  R"(Streams are named as list shows them, with / between a storage and what is in it.
+
+Example:
+  kal compound list letter.doc)"});
     compound->require_subcommand(1);
     auto arguments = std::make_shared<Arguments>();
-    const auto add = [&](const char* name, const char* help, void (*action)(const Arguments&)) {
-        CLI::App* command = compound->add_subcommand(name, help);
+    const auto add = [&](const CommandText& text, void (*action)(const Arguments&)) {
+        CLI::App* command = addCommand(*compound, text);
         command->add_option("FILE", arguments->file, "The compound file")->required();
         command->callback([arguments, action] { action(*arguments); });
         return command;
     };
     const char* streamHelp = "The stream, as list shows it";
-    add("list", "Show the storages and streams of a file", list)
-        ->add_flag("--json", arguments->json, "Print JSON");
-    add("cat", "Write a stream to standard output", cat)
+    CLI::App* listing = add({"list", "Show the storages and streams of a file", R"(Example:
+  kal compound list letter.doc)"},
+                            list);
+    addJson(listing);
+    addHuman(listing);
+    add({"cat", "Write a stream to standard output", R"(Example:
+  kal compound cat letter.doc Contents > contents)"},
+        cat)
         ->add_option("STREAM", arguments->stream, streamHelp)
         ->required();
-    CLI::App* putCommand =
-        add("put", "Make a stream, or replace it, from a file; make the compound file if missing", put);
-    putCommand->add_option("STREAM", arguments->stream, streamHelp)->required();
-    putCommand->add_option("INPUT", arguments->input, "The file with the stream's bytes")->required();
+    CLI::App* putting = add(
+        {"put", "Make a stream, or replace it, from a file",
+         R"(The compound file is made where there is none. Whatever ends this early, the file has the old stream or the new one.
+
+Example:
+  kal compound put letter.doc Notes notes.txt)"},
+        put);
+    putting->add_option("STREAM", arguments->stream, streamHelp)->required();
+    putting->add_option("INPUT", arguments->input, "The file with the stream's bytes")->required();
 }

@@ -1,7 +1,9 @@
 #include "tools/archive.h"
 #include "tools/command.h"
 #include "tools/failure.h"
+#include "tools/manners.h"
 #include "tools/picture_file.h"
+#include "tools/progress.h"
 
 #include <CLI/CLI.hpp>
 
@@ -28,7 +30,9 @@ void extract(const Arguments& arguments) {
     archive->get(id, [&](OpList* list) {
         OutputFile out(arguments.output);
         std::unique_ptr<PictureFile> file;
+        std::optional<Progress> progress;
         getPicture(list, id, [&](const PictureForm& form) -> PictureTaker& {
+            progress.emplace(form.fileBytes);
             file = makePictureFile(out, form, as);
             return *file;
         });
@@ -40,13 +44,19 @@ void extract(const Arguments& arguments) {
 } // namespace
 
 void addExtract(CLI::App& program) {
-    CLI::App* command = program.add_subcommand("extract", "Write a picture of an archive as a file again");
+    CLI::App* command =
+        addCommand(program, {"extract", "Write a picture of an archive as a file again",
+                             R"(A file that is there is replaced once the picture is known to be whole.
+
+Example:
+  kal extract pictures.kal 2 -o hill.bmp)"});
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
     command->add_option("ID", arguments->id, "The picture's id, as list shows it")->required();
     command
         ->add_option("-o,--output", arguments->output,
                      "The file to write: a PNG file where the name ends in .png, else a BMP file")
-        ->required();
+        ->required()
+        ->option_text("FILE");
     command->callback([arguments] { extract(*arguments); });
 }

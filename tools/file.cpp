@@ -2,6 +2,7 @@
 
 #include "tools/failure.h"
 #include "tools/interrupt.h"
+#include "tools/progress.h"
 
 #include <cerrno>
 #include <chrono>
@@ -83,6 +84,7 @@ size_t File::readUpTo(uint64_t offset, uint8_t* to, size_t count) const {
             break;
         done += static_cast<size_t>(got);
     }
+    Progress::add(done);
     return done;
 }
 

@@ -1,5 +1,7 @@
 #include "tools/interrupt.h"
 
+#include "tools/progress.h"
+
 #include <csignal>
 #include <cstdlib>
 #include <initializer_list>
@@ -27,6 +29,7 @@ void catchInterrupts() {
 }
 
 void throwIfInterrupted() {
+    Progress::show();
     if (caught != 0)
         throw Interrupted{static_cast<int>(caught)};
 }

@@ -9,7 +9,7 @@ struct Interrupted {
 
 void catchInterrupts();
 
-// Called between the steps of long work. Throws Interrupted.
+// Called between the steps of long work, by the main thread; shows its progress. Throws Interrupted.
 void throwIfInterrupted();
 
 [[noreturn]] void endByInterrupt(const Interrupted& interrupted);

@@ -3,7 +3,9 @@
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/file.h"
+#include "tools/help.h"
 #include "tools/interrupt.h"
+#include "tools/manners.h"
 
 #include <CLI/CLI.hpp>
 
@@ -45,22 +47,65 @@ void fillStandardStreams() {
         handle = ::open("/dev/null", O_RDWR);
 }
 
+// The innermost command that was named.
+const CLI::App* commandOf(const CLI::App* app) {
+    const auto named = app->get_subcommands();
+    return named.empty() ? app : commandOf(named.front());
+}
+
+// How the program tells of itself, for the build: `kal describe man`, `kal describe bash`.
+void addDescribe(CLI::App& program) {
+    CLI::App* describe = program.add_subcommand("describe")->group("")->require_subcommand(1);
+    const auto add = [&](const char* name, std::string (*text)(const CLI::App&)) {
+        describe->add_subcommand(name)->callback([&program, text] { std::cout << text(program); });
+    };
+    add("man", manPage);
+    add("bash", bashCompletion);
+}
+
+constexpr char moreHelp[] =
+    R"(Data goes to standard output, messages go to standard error, one line each: what failed, where, and why. kal COMMAND --help tells more of a command.
+
+Exit status:
+  0  done
+  1  a file, picture, archive or setting is not as it must be, or cannot be read or written;
+     a command that fails leaves what was there as it was
+  2  wrong usage
+A signal that ends the program (SIGINT, SIGTERM, SIGHUP) shows as that signal; unfinished work is undone first.
+
+Environment:
+  KAL_REGISTRY     the folder of the settings; without it $XDG_DATA_HOME/kal/registry,
+                   else ~/.local/share/kal/registry
+  XDG_RUNTIME_DIR  where the settings lie that a start of the machine empties;
+                   without it /dev/shm
+
+Example:
+  kal store pictures.kal lake.bmp hill.bmp
+  kal list --json pictures.kal)";
+
 int run(int count, char** arguments) {
-    CLI::App program("Keeps pictures in archives of operation lists, and streams in compound files.", "kal");
-    program.set_version_flag("--version", "kal " KAL_VERSION);
+    CLI::App program("Keep pictures in archives, and look into resource files, compound files and settings",
+                     "kal");
+    setHelp(program);
+    program.set_version_flag("--version", "kal " KAL_VERSION, "Print the version");
+    program.footer(moreHelp);
     program.require_subcommand(1);
     program.fallthrough();
-    program
-        .add_option("--wait", waitSeconds,
-                    "Seconds to wait for a file that is in use (default: 10); may stand behind the command")
+    program.add_flag("-q,--quiet", asked.quiet, "Print no messages but errors");
+    program.add_option("--wait", waitSeconds, "Wait so long for a file that is in use (default: 10)")
+        ->option_text("SECONDS")
         ->check(CLI::Range(0, 86400));
     for (auto add : commands)
         add(program);
+    addDescribe(program);
     try {
         program.parse(count, arguments);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() != 0)
-            return complain((std::string(error.what()) + " (kal --help tells more)").c_str(), wrongUsage);
+            return complain(
+                (std::string(error.what()) + " (" + fullName(commandOf(&program)) + " --help tells more)")
+                    .c_str(),
+                wrongUsage);
         program.exit(error); // prints the help that was asked for
     }
     if (!std::cout.flush())

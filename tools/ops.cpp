@@ -2,6 +2,7 @@
 
 #include "tools/failure.h"
 #include "tools/interrupt.h"
+#include "tools/progress.h"
 
 #include <new>
 
@@ -39,5 +40,7 @@ Op nextOp(OpList* list) {
         throw std::bad_alloc();
     if (status != 0)
         throw Damaged(statusText(status));
+    if (op != nullptr)
+        Progress::add(payload(op).size());
     return op;
 }

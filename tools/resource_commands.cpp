@@ -1,9 +1,10 @@
 // kal resource make and kal resource list.
 #include "tools/command.h"
 #include "tools/failure.h"
+#include "tools/manners.h"
 #include "tools/output_file.h"
 #include "tools/resource_script.h"
-#include "tools/text.h"
+#include "tools/rows.h"
 
 #include <kal/cpp/items.h>
 
@@ -31,7 +32,6 @@ struct MakeArguments {
 
 struct ListArguments {
     std::string file;
-    bool json = false;
 };
 
 // A stream and the item file over it, released in their order.
@@ -128,27 +128,12 @@ std::string join(const std::vector<std::string>& strings, const char* between, W
     return all;
 }
 
-void printTable(const std::vector<Row>& rows) {
-    std::cout << "   id  bytes  content\n";
-    for (const Row& row : rows) {
-        char start[32];
-        std::snprintf(start, sizeof start, "%5u  %5zu  ", row.id, row.bytes.size());
-        std::cout << start << (row.strings.empty() ? "data" : "text " + join(row.strings, " ", quoted))
-                  << '\n';
-    }
-}
-
-void printJson(const std::vector<Row>& rows) {
-    JsonRows json;
+void addRow(Rows& rows, const Row& row) {
     const auto text = [](const std::string& string) { return jsonText(string, Encoding::Bytes); };
-    for (const Row& row : rows) {
-        const std::string id = std::to_string(row.id), bytes = std::to_string(row.bytes.size());
-        if (row.strings.empty())
-            json.add({{"id", id}, {"bytes", bytes}});
-        else
-            json.add({{"id", id}, {"bytes", bytes}, {"text", '[' + join(row.strings, ", ", text) + ']'}});
-    }
-    json.end();
+    Cell content = {"", "data"};
+    if (!row.strings.empty())
+        content = {'[' + join(row.strings, ", ", text) + ']', "text " + join(row.strings, " ", quoted)};
+    rows.add({numberCell(row.id), bytesCell(row.bytes.size()), content});
 }
 
 // The item file at `path`, open for reading.
@@ -183,7 +168,7 @@ Row readRow(IFILE* file, uint16_t id) {
 
 void list(const ListArguments& arguments) {
     const auto items = openItems(arguments.file);
-    std::vector<Row> rows;
+    Rows rows({{"id", "id"}, {"bytes", "bytes"}, {"text", "content"}});
     std::set<uint16_t> seen;
     std::string damage;
     IFILE* const file = items->file();
@@ -192,13 +177,13 @@ void list(const ListArguments& arguments) {
         if (!seen.insert(id).second) // hidden by an earlier one
             continue;
         try {
-            rows.push_back(readRow(file, id));
+            addRow(rows, readRow(file, id));
         } catch (const Failure& failure) {
             damage = damage.empty() ? failure.what() : damage;
         }
     }
     // What can be read is listed even where some cannot.
-    arguments.json ? printJson(rows) : printTable(rows);
+    rows.print();
     if (!damage.empty())
         throw Failure(arguments.file, damage);
 }
@@ -206,22 +191,34 @@ void list(const ListArguments& arguments) {
 } // namespace
 
 void addResource(CLI::App& program) {
-    CLI::App* command = program.add_subcommand("resource", "Make or list a resource file");
+    CLI::App* command = addCommand(program, {"resource", "Make or list a resource file", R"(Example:
+  kal resource list program.res)"});
     command->require_subcommand(1);
 
-    CLI::App* making = command->add_subcommand("make", "Make a resource file from a script");
+    CLI::App* making = addCommand(*command, {"make", "Make a resource file from a script",
+                                             R"(The script has a resource a line, the id, 0 to 65534, first:
+  1 text "Open" "Close \"now\""
+  2 file icon.bmp
+  # a comment
+Strings know \" \\ \n \r \t and \xHH. The name of a file is the rest of the line; a relative one counts from the script's folder.
+
+Example:
+  kal resource make program.res script.txt)"});
     auto makeArguments = std::make_shared<MakeArguments>();
     making->add_option("OUT", makeArguments->output, "The resource file; one that is there is replaced")
         ->required();
-    making
-        ->add_option("SCRIPT", makeArguments->script,
-                     "Lines of: ID text \"STRING\" ..., or ID file PATH (from the script's folder)")
-        ->required();
+    making->add_option("SCRIPT", makeArguments->script, "The script")->required();
     making->callback([makeArguments] { make(*makeArguments); });
 
-    CLI::App* listing = command->add_subcommand("list", "List the resources of a file");
+    CLI::App* listing =
+        addCommand(*command, {"list", "List the resources of a file",
+                              R"(Of each resource its id and bytes, and its strings where it can be a text.
+
+Example:
+  kal resource list program.res)"});
     auto listArguments = std::make_shared<ListArguments>();
     listing->add_option("FILE", listArguments->file, "The resource file")->required();
-    listing->add_flag("--json", listArguments->json, "Print JSON");
+    addJson(listing);
+    addHuman(listing);
     listing->callback([listArguments] { list(*listArguments); });
 }

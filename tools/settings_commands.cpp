@@ -1,7 +1,8 @@
 // kal settings: looks at and mends what tag sets keep.
 #include "tools/command.h"
 #include "tools/failure.h"
-#include "tools/text.h"
+#include "tools/manners.h"
+#include "tools/rows.h"
 
 #include <CLI/CLI.hpp>
 
@@ -17,7 +18,6 @@ struct Arguments {
     std::string path;
     std::string tag;
     std::string value;
-    bool json = false;
 };
 
 // The longest value that the registry keeps, and its zero.
@@ -98,11 +98,10 @@ void printEntries(const std::vector<Entry>& entries) {
 }
 
 void printJson(const std::vector<Entry>& entries) {
-    JsonRows rows;
+    Rows rows({{"tag", "tag"}, {"value", "value"}});
     for (const Entry& entry : entries)
-        rows.add({{"tag", jsonText(entry.name, Encoding::Bytes)},
-                  {"value", jsonText(entry.value, Encoding::Bytes)}});
-    rows.end();
+        rows.add({textCell(entry.name, Encoding::Bytes), textCell(entry.value, Encoding::Bytes)});
+    rows.print();
 }
 
 // What the library calls missing may be what it had no memory for.
@@ -130,7 +129,7 @@ void list(const Arguments& arguments) {
             entries.push_back(pattern);
     }
     requireMemory();
-    arguments.json ? printJson(entries) : printEntries(entries);
+    asked.json ? printJson(entries) : printEntries(entries);
 }
 
 void get(const Arguments& arguments) {
@@ -193,11 +192,17 @@ void printTree(const std::string& path, const std::string& indent) {
 } // namespace
 
 void addSettings(CLI::App& program) {
-    CLI::App* settings = program.add_subcommand("settings", "Look at and change settings");
+    CLI::App* settings = addCommand(
+        program,
+        {"settings", "Look at and change settings",
+         R"(A set of settings is named by its path, its parts with \ between them; a tag whose name holds a ? is a pattern.
+
+Example:
+  kal settings list 'Maker\App')"});
     settings->require_subcommand(1);
     auto arguments = std::make_shared<Arguments>();
-    const auto add = [&](const char* name, const char* help, auto action) {
-        CLI::App* command = settings->add_subcommand(name, help);
+    const auto add = [&](const CommandText& text, auto action) {
+        CLI::App* command = addCommand(*settings, text);
         command->callback([arguments, action] { action(*arguments); });
         return command;
     };
@@ -206,13 +211,23 @@ void addSettings(CLI::App& program) {
         command->add_option("TAG", arguments->tag, "The tag, or a pattern with ?")->required();
         return command;
     };
-    CLI::App* listing = add("list", "List the tags and patterns of a set", list);
+    CLI::App* listing = add({"list", "List the tags and patterns of a set", R"(Example:
+  kal settings list 'Maker\App')"},
+                            list);
     listing->add_option("PATH", arguments->path, "The set; the sets at the top when it is left out");
-    listing->add_flag("--json", arguments->json, "Print JSON");
-    addTag(add("get", "Print a tag of a set", get));
-    addTag(add("set", "Set a tag; makes the set if it is new", set))
+    addJson(listing);
+    addTag(add({"get", "Print a tag of a set", R"(Example:
+  kal settings get 'Maker\App' Colour)"},
+               get));
+    addTag(add({"set", "Set a tag; makes the set if it is new", R"(Example:
+  kal settings set 'Maker\App' Colour blue)"},
+               set))
         ->add_option("VALUE", arguments->value, "The text")
         ->required();
-    addTag(add("unset", "Remove a tag", unset));
-    add("tree", "Print all sets with their tags", [](const Arguments&) { printTree("", ""); });
+    addTag(add({"unset", "Remove a tag", R"(Example:
+  kal settings unset 'Maker\App' Colour)"},
+               unset));
+    add({"tree", "Print all sets with their tags", R"(Example:
+  kal settings tree)"},
+        [](const Arguments&) { printTree("", ""); });
 }

@@ -2,7 +2,9 @@
 #include "tools/command.h"
 #include "tools/failure.h"
 #include "tools/label.h"
+#include "tools/manners.h"
 #include "tools/png_file.h"
+#include "tools/progress.h"
 #include "tools/thumbnail.h"
 
 #include <CLI/CLI.hpp>
@@ -98,10 +100,22 @@ void drawPicture(Band& band, uint32_t column, Archive& archive, const kal::Entry
             });
         });
     } catch (const Failure& failure) {
-        std::fprintf(stderr, "kal: %s\n", onOneLine(failure.what()).c_str());
+        tell(failure.what());
         return band.drawCross(column);
     }
     band.draw(column, *picture);
+}
+
+// Of all pictures that can be read.
+uint64_t pictureBytes(Archive& archive) {
+    uint64_t bytes = 0;
+    for (const kal::Entry& item : archive.pictures()) {
+        try {
+            archive.get(item.id, [&](OpList* list) { bytes += getPictureForm(list, item.id).fileBytes; });
+        } catch (const Failure&) {
+        }
+    }
+    return bytes;
 }
 
 void sheet(const Arguments& arguments) {
@@ -117,6 +131,7 @@ void sheet(const Arguments& arguments) {
     columns = std::min(columns, count);
     const uint32_t lines = (count + columns - 1) / columns;
 
+    const Progress progress(pictureBytes(*archive));
     OutputFile out(arguments.output);
     const Band empty(columns, arguments.size);
     PngWriter writer(out, {empty.width(), lines * empty.height() + margin, 8, PngColour::Rgb, {}, {}});
@@ -136,16 +151,22 @@ void sheet(const Arguments& arguments) {
 } // namespace
 
 void addSheet(CLI::App& program) {
-    CLI::App* command = program.add_subcommand(
-        "sheet", "Draw all pictures of an archive, small, with id and size, in one PNG file");
+    CLI::App* command = addCommand(
+        program,
+        {"sheet", "Draw all pictures of an archive, small, with id and size, in one PNG file", R"(Example:
+  kal sheet pictures.kal -o sheet.png)"});
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    command->add_option("-o,--output", arguments->output, "The PNG file to write")->required();
+    command->add_option("-o,--output", arguments->output, "The PNG file to write")
+        ->required()
+        ->option_text("FILE");
     command
         ->add_option("--columns", arguments->columns,
                      "Pictures side by side (default: as many as below one another)")
-        ->check(CLI::Range(1, 1000));
+        ->check(CLI::Range(1, 1000))
+        ->option_text("N");
     command->add_option("--size", arguments->size, "Pixels of a picture's longer side (default: 160)")
-        ->check(CLI::Range(16, 2000));
+        ->check(CLI::Range(16, 2000))
+        ->option_text("PIXELS");
     command->callback([arguments] { sheet(*arguments); });
 }

@@ -1,7 +1,5 @@
 #include "tools/text.h"
 
-#include <iostream>
-
 namespace {
 
 bool isControl(char c) {
@@ -50,19 +48,4 @@ std::string jsonText(std::string_view text, Encoding encoding) {
             result += c;
     }
     return result + '"';
-}
-
-void JsonRows::add(std::initializer_list<std::pair<const char*, std::string>> members) {
-    std::cout << (isEmpty_ ? "[\n  {" : ",\n  {");
-    isEmpty_ = false;
-    const char* between = "\"";
-    for (const auto& [name, value] : members) {
-        std::cout << between << name << "\": " << value;
-        between = ", \"";
-    }
-    std::cout << '}';
-}
-
-void JsonRows::end() {
-    std::cout << (isEmpty_ ? "[]\n" : "\n]\n");
 }

@@ -2,10 +2,8 @@
 #ifndef KAL_TOOLS_TEXT_H
 #define KAL_TOOLS_TEXT_H
 
-#include <initializer_list>
 #include <string>
 #include <string_view>
-#include <utility>
 
 // On one line and without control characters: those are `\x` and two hexadecimal digits, a backslash is doubled. Other
 // bytes stay as they are.
@@ -19,16 +17,5 @@ enum class Encoding { Utf8, Bytes }; // Bytes: one character each, the first 256
 
 // A text as a JSON string, quotes included.
 std::string jsonText(std::string_view text, Encoding encoding);
-
-// Prints a JSON array of objects to standard output, one a line.
-class JsonRows {
-public:
-    // The members by name; each value is JSON itself.
-    void add(std::initializer_list<std::pair<const char*, std::string>> members);
-    void end();
-
-private:
-    bool isEmpty_ = true;
-};
 
 #endif

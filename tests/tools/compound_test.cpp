@@ -16,7 +16,7 @@ TEST_F(CompoundCommand, PutCatAndListAgree) {
     EXPECT_EQ(bytesOf(kalSucceeds({"compound", "cat", file, "\\x05Info"})), large);
     EXPECT_EQ(kalSucceeds({"compound", "cat", file, "\u00E4PFEL"}), "small");
     EXPECT_EQ(kalSucceeds({"compound", "list", file}),
-              "stream       100000  \\x05Info\nstream            5  \u00C4pfel\n");
+              "kind     bytes  name\nstream  100000  \\x05Info\nstream       5  \u00C4pfel\n");
     // Replaced by a shorter one, in a file that others made.
     writeFile("doc", readFile(KAL_SOURCE_DIR "/tests/data/compound/letter.doc"));
     kalSucceeds({"compound", "put", "doc", "WordDocument", "small"});
@@ -38,8 +38,9 @@ TEST_F(CompoundCommand, StoragesInsideAreReached) {
     writeFile("more", bytesOf("more"));
     kalSucceeds({"compound", "put", "nested.ole", "inner/y", "more"});
     EXPECT_EQ(kalSucceeds({"compound", "cat", "nested.ole", "inner/x"}), "deep");
-    EXPECT_EQ(kalSucceeds({"compound", "list", "nested.ole"}),
-              "storage           0  inner\nstream            4  inner/x\nstream            4  inner/y\n");
+    EXPECT_EQ(
+        kalSucceeds({"compound", "list", "nested.ole"}),
+        "kind     bytes  name\nstorage      0  inner\nstream       4  inner/x\nstream       4  inner/y\n");
 }
 
 TEST_F(CompoundCommand, FailuresAreNamedAndLeaveNothing) {
@@ -59,7 +60,7 @@ TEST_F(CompoundCommand, FailuresAreNamedAndLeaveNothing) {
         FileSizeLimit full(100000);
         expectFailure(kal({"compound", "put", "new.ole", stream, "large"}), 1, "no room");
     }
-    EXPECT_EQ(kalSucceeds({"compound", "list", "new.ole"}), "stream           16  s\n");
+    EXPECT_EQ(kalSucceeds({"compound", "list", "new.ole"}), "kind    bytes  name\nstream     16  s\n");
     EXPECT_EQ(kalSucceeds({"compound", "cat", "new.ole", "s"}), "no compound file");
     Ref<IStorage> storage;
     ASSERT_EQ(openFile("new.ole", kUpdate, storage), S_OK);

@@ -18,9 +18,9 @@ TEST_F(ResourceTool, MakesTheDescribedExample) {
     writeFile("blob", {0xCA, 0xFE});
     EXPECT_EQ(make("# the example\n\n 1 text \"Open\" \"Close\"\r\n2\tfile blob\n").status, 0);
     EXPECT_EQ(readFile("out.res"), hexExample("docs/formats/resource-file.md"));
-    EXPECT_EQ(kalSucceeds({"resource", "list", "out.res"}), "   id  bytes  content\n"
-                                                            "    1     12  text \"Open\" \"Close\"\n"
-                                                            "    2      2  data\n");
+    EXPECT_EQ(kalSucceeds({"resource", "list", "out.res"}), "id  bytes  content\n"
+                                                            " 1     12  text \"Open\" \"Close\"\n"
+                                                            " 2      2  data\n");
     EXPECT_EQ(kalSucceeds({"resource", "list", "--json", "out.res"}),
               "[\n  {\"id\": 1, \"bytes\": 12, \"text\": [\"Open\", \"Close\"]},\n"
               "  {\"id\": 2, \"bytes\": 2}\n]\n");

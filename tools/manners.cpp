@@ -1,0 +1,44 @@
+#include "tools/manners.h"
+
+#include "tools/failure.h"
+#include "tools/progress.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+
+CLI::App* addCommand(CLI::App& parent, const CommandText& text) {
+    return parent.add_subcommand(text.name, text.summary)->footer(text.more);
+}
+
+void addJson(CLI::App* command) {
+    command->add_flag("--json", asked.json, "Print JSON");
+}
+
+void addHuman(CLI::App* command) {
+    command->add_flag("--human", asked.human, "Print sizes as 1.2 MiB");
+}
+
+void tell(const std::string& message) {
+    if (asked.quiet)
+        return;
+    Progress::hide();
+    std::fprintf(stderr, "kal: %s\n", onOneLine(message).c_str());
+}
+
+std::string humanBytes(uint64_t bytes) {
+    constexpr const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    if (bytes < 1024)
+        return std::to_string(bytes) + " B";
+    auto number = static_cast<double>(bytes);
+    size_t unit = 0;
+    for (; number >= 1023.95 && unit < 4; unit++)
+        number /= 1024;
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f %s", number, units[unit]);
+    return text;
+}
+
+std::string shownBytes(uint64_t bytes) {
+    return asked.human ? humanBytes(bytes) : std::to_string(bytes);
+}
