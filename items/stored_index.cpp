@@ -64,7 +64,6 @@ int16_t StoredIndex::loadEntries(SFILE* stream, uint32_t stored) {
     return KAL_OK;
 }
 
-// Where the entry itself stands.
 uint64_t StoredIndex::placeOf(const StoredEntry& entry) const {
     return kItemHeaderBytes + uint64_t(entry.number) * entryBytes_;
 }
@@ -108,4 +107,14 @@ int32_t KalVerifyIFile(SFILE* stream, FaultSink& sink) {
     FaultCount faults(sink);
     StoredIndex index;
     return faults.result(index.verify(stream, faults));
+}
+
+int32_t KalVerifyResources(SFILE* stream, FaultSink& sink) {
+    FaultCount faults(sink);
+    StoredIndex index;
+    const int16_t status = index.verify(stream, faults);
+    for (const StoredEntry& entry : index)
+        if (status == KAL_OK && entry.size > UINT16_MAX)
+            faults.tell(index.placeOf(entry), entry.id, "it has more bytes than a resource can have");
+    return faults.result(status);
 }

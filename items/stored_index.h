@@ -25,6 +25,7 @@ public:
 
     uint16_t formatFlags() const { return formatFlags_; }
     uint32_t fileBytes() const { return fileBytes_; } // from the stream's base offset on
+    uint64_t placeOf(const StoredEntry& entry) const; // of the entry itself
 
     // The entries that are not free, the first of each id alone, by ids.
     const StoredEntry* begin() const { return entries_; }
@@ -33,7 +34,6 @@ public:
 private:
     int16_t load(SFILE* stream, FaultCount& faults);
     int16_t loadEntries(SFILE* stream, uint32_t stored);
-    uint64_t placeOf(const StoredEntry& entry) const;
     void verifyExtents(FaultCount& faults);
     void dropRepeated(FaultCount& faults);
 

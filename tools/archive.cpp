@@ -3,6 +3,7 @@
 #include "tools/failure.h"
 #include "tools/interrupt.h"
 #include "tools/ops.h"
+#include "tools/output_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,61 +23,56 @@ constexpr uint16_t lastId = KAL_ITEM_FREE - 1;
 constexpr uint16_t plainFormat = KAL_ITEMS_WIDE;
 constexpr uint16_t compressedFormat = KAL_ITEMS_WIDE | KAL_IOP_COMPRESSED;
 
-constexpr size_t entryBytes = sizeof(ItemIndexWide);
 constexpr uint16_t mostEntries = KAL_ITEMS_MAX_WIDE;
-constexpr uint32_t indexEnd = 4 + mostEntries * entryBytes;
 
 constexpr uint32_t bufferBytes = 16384;
 
-// Waits for the lock. A file system without locks goes without.
-void lock(const File& file, int operation) {
-    if (!waitUntil([&] { return ::flock(file.handle(), operation | LOCK_NB) == 0 || errno != EWOULDBLOCK; }))
-        throw Failure("in use");
-}
-
-// Opens and locks the archive; not open when there is none. One that was deleted while this process waited is
-// none.
-File openLocked(const std::string& path, int flags, int lockKind) {
-    return named(path, [&] {
-        File file = File::openIfThere(path, flags);
-        while (file.isOpen()) {
-            lock(file, lockKind);
-            struct stat facts = {};
-            if (::fstat(file.handle(), &facts) == 0 && facts.st_nlink > 0)
-                break;
-            file = File::openIfThere(path, flags);
-        }
-        return file;
-    });
-}
-
 } // namespace
+
+bool Archive::open(int flags, int lockKind) {
+    file_ = File::openLocked(path_, flags, lockKind);
+    if (!file_.isOpen())
+        return false;
+    lay(flags == O_RDONLY ? 0 : KAL_MODE_WRITE, 0);
+    checkSignature();
+    if (flags != O_RDONLY)
+        bytesBefore_ = file_.size();
+    return true;
+}
 
 std::unique_ptr<Archive> Archive::forReading(const std::string& path) {
     std::unique_ptr<Archive> archive(new Archive(path));
-    archive->file_ = openLocked(path, O_RDONLY, LOCK_SH);
-    if (!archive->file_.isOpen())
+    if (!archive->open(O_RDONLY, LOCK_SH))
         archive->fail(hostErrorText(ENOENT));
-    archive->lay(0, 0);
-    archive->checkSignature();
+    return archive;
+}
+
+std::unique_ptr<Archive> Archive::forChanging(const std::string& path) {
+    std::unique_ptr<Archive> archive(new Archive(path));
+    if (!archive->open(O_RDWR, LOCK_EX))
+        archive->fail(hostErrorText(ENOENT));
     return archive;
 }
 
 std::unique_ptr<Archive> Archive::forStoring(const std::string& path, Compression compression) {
     std::unique_ptr<Archive> archive(new Archive(path));
-    archive->file_ = openLocked(path, O_RDWR, LOCK_EX);
-    if (archive->file_.isOpen()) {
-        archive->lay(KAL_MODE_WRITE, 0);
-        archive->checkSignature();
-        if (compression == Compression::None && archive->lists_->ifile->formatFlags != plainFormat)
+    const bool plain = compression == Compression::None;
+    if (archive->open(O_RDWR, LOCK_EX)) {
+        if (plain && archive->compresses())
             archive->fail("its pictures are compressed; --plain serves new and plain archives");
-        archive->bytesBefore_ = archive->file_.size();
         return archive;
     }
     named(path, [&] { archive->new_.emplace(path); });
-    archive->lay(KAL_MODE_CREATE | KAL_MODE_WRITE,
-                 compression == Compression::None ? plainFormat : compressedFormat);
+    archive->lay(KAL_MODE_CREATE | KAL_MODE_WRITE, plain ? plainFormat : compressedFormat);
+    archive->reserve();
     archive->putSignature();
+    return archive;
+}
+
+std::unique_ptr<Archive> Archive::scratch() const {
+    std::unique_ptr<Archive> archive(new Archive(path_));
+    named(path_, [&] { archive->new_.emplace(path_); });
+    archive->lay(KAL_MODE_CREATE | KAL_MODE_WRITE, index().formatFlags);
     return archive;
 }
 
@@ -115,9 +111,11 @@ void Archive::lay(uint16_t mode, uint16_t format) {
     if (status != 0) {
         lists_ = nullptr;
         stream->close(stream);
-        if (status == KAL_ERR_MEMORY)
+        if (status == KAL_ERR_MEMORY) // KAL_ERR_BUFFER says as well that the index makes no sense
             require(status);
-        fail(mode & KAL_MODE_CREATE ? statusText(status) : "not a picture archive");
+        if (mode & KAL_MODE_CREATE)
+            fail(statusText(status));
+        throw Damaged(path_, "not a picture archive");
     }
 }
 
@@ -134,11 +132,15 @@ void Archive::checkSignature() {
         KalCloseGetIOpList(lists_);
     }
     if (!right)
-        fail("not a picture archive");
+        throw Damaged(path_, "not a picture archive");
+}
+
+// Pictures are larger than what a growing index moves out of its way.
+void Archive::reserve() {
+    require(KalReserveItems(lists_->ifile, mostEntries));
 }
 
 void Archive::putSignature() {
-    require(KalReserveItems(lists_->ifile, mostEntries)); // pictures are larger than what moves later
     OpList* list = nullptr;
     require(KalOpenPutIOpList(lists_, signatureId, &list));
     const bool put = KalPutOpData(list, opSignature, signature, sizeof signature) != KAL_OP_FAILED;
@@ -158,15 +160,21 @@ std::vector<kal::Entry> Archive::pictures() const {
     return found;
 }
 
-void Archive::get(uint16_t id, const std::function<void(OpList*)>& use) {
-    OpList* list = nullptr;
-    const int16_t status = id == signatureId ? int16_t{1} : KalOpenGetIOpList(lists_, id, &list);
-    if (status == 1)
+// The entry of a picture.
+ItemIndex* Archive::find(uint32_t id) const {
+    const bool possible = id != signatureId && id <= lastId;
+    ItemIndex* entry = possible ? KalFindItem(lists_->ifile, static_cast<uint16_t>(id)) : nullptr;
+    if (entry == nullptr)
         fail("there is no picture " + std::to_string(id));
-    require(status);
+    return entry;
+}
+
+void Archive::get(uint32_t id, const std::function<void(OpList*)>& use) {
+    find(id);
+    OpList* list = nullptr;
+    require(KalOpenGetIOpList(lists_, static_cast<uint16_t>(id), &list));
     try {
-        if (KalGetOpError(list) != 0)
-            fail(statusText(KalGetOpError(list)));
+        require(KalGetOpError(list));
         use(list);
     } catch (const Damaged& damaged) {
         KalCloseGetIOpList(lists_);
@@ -175,27 +183,67 @@ void Archive::get(uint16_t id, const std::function<void(OpList*)>& use) {
     KalCloseGetIOpList(lists_);
 }
 
-uint16_t Archive::put(const std::function<void(OpList*, uint16_t)>& fill) {
-    if (lists_->ifile->count >= mostEntries)
-        fail("it is full: " + std::to_string(mostEntries - 1) + " pictures are the most");
+uint16_t Archive::nextId(size_t pictures) const {
+    const std::vector<kal::Entry> all = items();
+    if (index().count + pictures > mostEntries)
+        fail("it is full: " + std::to_string(mostEntries - 1) + " pictures are the most" +
+             (all.size() < index().count ? "; pack makes room where some were removed" : ""));
     uint16_t highest = signatureId;
-    for (const kal::Entry& item : items())
+    for (const kal::Entry& item : all)
         highest = std::max(highest, item.id);
-    if (highest == lastId)
-        fail("its highest id is the last that there is");
-    const auto id = static_cast<uint16_t>(highest + 1);
+    if (highest + pictures > lastId)
+        fail("its highest id is " + std::to_string(highest) + ", and " + std::to_string(lastId) +
+             " is the last that there is");
+    return static_cast<uint16_t>(highest + 1);
+}
 
+void Archive::put(uint16_t id, const std::function<void(OpList*)>& fill) {
     OpList* list = nullptr;
     require(KalOpenPutIOpList(lists_, id, &list));
     try {
-        if (KalGetOpError(list) != 0)
-            throw Failure(statusText(KalGetOpError(list)));
-        fill(list, id);
+        require(KalGetOpError(list));
+        fill(list);
     } catch (const Failure& failure) {
         throw failure.of(path_);
     }
     require(finishPut());
-    return id;
+}
+
+void Archive::remove(uint32_t id) {
+    find(id)->wide.id = KAL_ITEM_FREE;
+}
+
+// Appends the items of another archive, as they are.
+void Archive::takeAll(Archive& from) {
+    const uint64_t bytes = from.bytes();
+    for (const kal::Entry& item : from.items()) {
+        if (uint64_t{item.offset} + item.size > bytes)
+            fail("picture " + std::to_string(item.id) + " is damaged: it lies behind the archive's end");
+        uint64_t end = file().size();
+        if (end + item.size > UINT32_MAX)
+            require(KAL_ERR_DISK_FULL);
+        ItemIndex* entry = KalAppendItemIndex(lists_->ifile);
+        require(entry == nullptr ? KAL_ERR_MEMORY : KAL_OK);
+        entry->wide = {item.id, item.size, static_cast<uint32_t>(end)};
+        named(path_, [&] {
+            from.file().forPieces(item.offset, item.size, [&](ByteView piece) {
+                file().writeAt(end, piece);
+                end += piece.size();
+            });
+        });
+    }
+}
+
+void Archive::pack() {
+    OutputFile out(path_);
+    Archive packed(path_);
+    packed.file_ = File(::dup(out.file().handle()));
+    packed.lay(KAL_MODE_CREATE | KAL_MODE_WRITE, index().formatFlags);
+    packed.reserve();
+    packed.takeAll(*this);
+    packed.writeIndex();
+    ::fdatasync(out.file().handle()); // the host may not put the name before the bytes
+    out.commit();
 }
 
 // Ends the list being stored, whose last bytes nobody else reports on.
@@ -206,17 +254,21 @@ int16_t Archive::finishPut() {
     return ended != 0 ? ended : status != 0 ? status : KalFlushBuf(stream);
 }
 
-void Archive::commit() {
+void Archive::writeIndex() {
     SFILE* stream = lists_->ifile->stream;
-    require(KalFlushBuf(stream));
-    throwIfInterrupted();
-    if (bytesBefore_ != 0)
-        headBefore_ = named(path_, [this] {
-            return file_.readAt(0, static_cast<size_t>(std::min<uint64_t>(bytesBefore_, indexEnd)));
-        });
     require(KalFlushIFile(lists_->ifile));
     require(KalFlushBuf(stream));
     closeWithoutWriting();
+}
+
+void Archive::commit() {
+    require(KalFlushBuf(lists_->ifile->stream));
+    throwIfInterrupted();
+    if (bytesBefore_ != 0)
+        headBefore_ = named(path_, [this] {
+            return file_.readAt(0, static_cast<size_t>(std::min<uint64_t>(bytesBefore_, indexRoom)));
+        });
+    writeIndex();
     if (new_ && !named(path_, [this] { return new_->place(); }))
         throw ArchiveAppeared();
     bytesBefore_ = 0;
@@ -238,6 +290,7 @@ void Archive::fail(const std::string& why) const {
 }
 
 void Archive::require(int16_t status) const {
+    requireMemory(status);
     if (status != 0)
         fail(statusText(status));
 }

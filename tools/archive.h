@@ -1,8 +1,9 @@
 // A picture archive: an operation-list file whose item 0 is the program's signature and whose other items are
 // pictures.
 //
-// A picture is appended and the index written last, so that whatever stops a store leaves an archive with the
-// pictures that it had; a store that can still act also takes its bytes off the end again. The signature is
+// A picture is appended, one that is removed leaves a free entry and its bytes, and the index is written last, so that
+// whatever stops a change leaves an archive with the pictures that it had; one that can still act also takes its bytes
+// off the end again. The signature is
 // padded: it stands where the index will grow, and once the library has moved it out of the way there is room
 // for all entries that an index can have. The padding reads as free entries, should the index be cut short.
 #ifndef KAL_TOOLS_ARCHIVE_H
@@ -26,38 +27,58 @@ class Archive {
 public:
     enum class Compression { AsItIs, None }; // AsItIs: compressed when the archive is new
 
-    // Each call throws a Failure that names the archive. An archive opened for storing is locked until it is
-    // closed, one for reading against storing.
+    // Bytes before the items: of the index, as far as it may grow.
+    static constexpr uint32_t indexRoom = 4 + KAL_ITEMS_MAX_WIDE * sizeof(ItemIndexWide);
+
+    // Each call throws a Failure that names the archive. An archive opened for a change is locked until it is
+    // closed, one for reading against changes.
     static std::unique_ptr<Archive> forReading(const std::string& path);
+    static std::unique_ptr<Archive> forChanging(const std::string& path);
+    // Makes it where there is none.
     static std::unique_ptr<Archive> forStoring(const std::string& path, Compression compression);
-    // Undoes what was stored and not committed.
+    // Undoes what was changed and not committed.
     ~Archive();
     Archive(const Archive&) = delete;
     Archive& operator=(const Archive&) = delete;
 
-    bool compresses() const { return (lists_->ifile->formatFlags & KAL_IOP_COMPRESSED) != 0; }
+    const IFILE& index() const { return *lists_->ifile; }
+    bool compresses() const { return (index().formatFlags & KAL_IOP_COMPRESSED) != 0; }
+    uint64_t bytes() { return file().size(); }
 
-    // The pictures, in the order in which they were stored.
+    // All items, the signature among them, and the pictures, in the order in which they were stored.
+    std::vector<kal::Entry> items() const;
     std::vector<kal::Entry> pictures() const;
 
     // Calls `use` with the list of picture `id`. What it finds Damaged is named.
-    void get(uint16_t id, const std::function<void(OpList*)>& use);
-    // Stores what `fill` puts as a new picture, whose id is the highest so far and one more.
-    uint16_t put(const std::function<void(OpList*, uint16_t)>& fill);
-    // Makes what was stored part of the archive. Ends its use. Throws ArchiveAppeared when a new archive's
+    void get(uint32_t id, const std::function<void(OpList*)>& use);
+
+    // The id of the next picture to be stored, of so many.
+    uint16_t nextId(size_t pictures) const;
+    // Stores what `fill` puts as picture `id`.
+    void put(uint16_t id, const std::function<void(OpList*)>& fill);
+    void remove(uint32_t id);
+    // An archive without a name, never to be committed, in which pictures are made that are then taken from it.
+    std::unique_ptr<Archive> scratch() const;
+    void takeAll(Archive& from);
+    // Makes what was changed part of the archive. Ends its use. Throws ArchiveAppeared when a new archive's
     // name has been taken meanwhile.
     void commit();
+    // Puts an archive of the same pictures, and of no other bytes, in its place. Ends its use.
+    void pack();
 
 private:
     explicit Archive(const std::string& path) : path_(path) {}
+    bool open(int flags, int lockKind);
     void lay(uint16_t mode, uint16_t format);
     void checkSignature();
+    void reserve();
     void putSignature();
+    ItemIndex* find(uint32_t id) const;
+    void writeIndex();
     int16_t finishPut();
     void closeWithoutWriting();
     void takeBack();
     File& file() { return new_ ? new_->file() : file_; }
-    std::vector<kal::Entry> items() const;
     [[noreturn]] void fail(const std::string& why) const;
     void require(int16_t status) const;
 

@@ -5,6 +5,7 @@
 #include "tools/interrupt.h"
 #include "tools/manners.h"
 #include "tools/progress.h"
+#include "tools/recover.h"
 #include "tools/rows.h"
 
 #include <kal/compound.h>
@@ -112,11 +113,8 @@ std::wstring meant(const std::string& text) {
 
 // --- Files -------------------------------------------------------------------------------------------------
 
-File openRegular(const std::string& path, int flags) {
-    File file = named(path, [&] { return File::openIfThere(path, flags); });
-    if (!file.isOpen())
-        throw Failure(path, "there is no such file");
-    return file;
+File openToRead(const std::string& path) {
+    return named(path, [&] { return File::toRead(path); });
 }
 
 // A compound file by the host's own name: the storage is told of the open file, so that no letter of the name
@@ -126,7 +124,7 @@ public:
     // Waits for one that is in use.
     CompoundFile(const std::string& path, File file, uint32_t mode) : file_(std::move(file)) {
         HRESULT result = S_OK;
-        waitUntil([&] {
+        waitUntil(path, [&] {
             result = StgOpenStorage(name().c_str(), nullptr, mode, nullptr, 0, &raw_);
             return result != STG_E_SHAREVIOLATION;
         });
@@ -202,7 +200,7 @@ void gather(IStorage* storage, const std::string& prefix, int depth, std::vector
 }
 
 void list(const Arguments& arguments) {
-    const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
+    const CompoundFile file(arguments.file, openToRead(arguments.file), kReading);
     std::vector<Element> elements;
     gather(file.root(), "", 0, elements);
     Rows rows({{"name", nullptr}, {"kind", "kind"}, {"bytes", "bytes"}, {nullptr, "name"}});
@@ -215,7 +213,7 @@ void list(const Arguments& arguments) {
 }
 
 void cat(const Arguments& arguments) {
-    const CompoundFile file(arguments.file, openRegular(arguments.file, O_RDONLY), kReading);
+    const CompoundFile file(arguments.file, openToRead(arguments.file), kReading);
     const std::string what = arguments.file + ": " + arguments.stream;
     inStorageOf(file.root(), arguments.stream, [&what](IStorage* storage, const std::wstring& name) {
         IStream* raw;
@@ -235,15 +233,12 @@ void cat(const Arguments& arguments) {
 
 void write(IStream* stream, const File& input, uint64_t bytes, const std::string& what) {
     const Progress progress(bytes);
-    for (uint64_t done = 0; done < bytes;) {
-        throwIfInterrupted();
-        const auto piece = input.readAt(done, kPiece);
+    input.forPieces(0, bytes, [&](ByteView piece) {
         uint32_t written = 0;
         require(stream->Write(piece.data(), static_cast<uint32_t>(piece.size()), &written), what);
-        if (written < piece.size() || piece.empty())
-            throw Failure(what, "no room, or the input became shorter");
-        done += written;
-    }
+        if (written < piece.size())
+            throw Failure(what, reasonOf(STG_E_MEDIUMFULL));
+    });
 }
 
 // Whatever ends this early, the file stays as it was.
@@ -263,7 +258,7 @@ void putInto(IStorage* root, const Arguments& arguments, const File& input, uint
 }
 
 void put(const Arguments& arguments) {
-    const File input = openRegular(arguments.input, O_RDONLY);
+    const File input = openToRead(arguments.input);
     const uint64_t bytes = input.size();
     if (bytes > kLongestStream)
         throw Failure(arguments.input, "too long for a stream");
@@ -283,7 +278,92 @@ void put(const Arguments& arguments) {
     throw Failure(arguments.file, hostErrorText(EEXIST));
 }
 
+// The new file, unlike what is read, must not fail.
+struct CannotWrite {
+    HRESULT why;
+};
+void requireWritten(HRESULT result) {
+    if (result < 0 && result != STG_E_INVALIDNAME)
+        throw CannotWrite{result};
+    require(result, "its name");
+}
+
+void requireRead(HRESULT result) {
+    if (result == STG_E_INSUFFICIENTMEMORY)
+        throw std::bad_alloc();
+    if (result < 0)
+        throw Failure("its sectors cannot be read");
+}
+
+// Gives all bytes of a stream, piece by piece.
+template <class Use>
+void forPieces(IStorage* root, const Element& element, Use use) {
+    inStorageOf(root, element.name, [&](IStorage* storage, const std::wstring& name) {
+        IStream* raw;
+        requireRead(storage->OpenStream(name.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &raw));
+        const StreamPtr stream(raw);
+        std::vector<char> piece(std::min<uint64_t>(kPiece, element.bytes));
+        uint32_t got;
+        for (uint64_t done = 0; done < element.bytes; done += got) {
+            throwIfInterrupted();
+            requireRead(stream->Read(piece.data(), static_cast<uint32_t>(piece.size()), &got));
+            if (got == 0)
+                throw Failure("its bytes end early");
+            Progress::add(got);
+            use(piece.data(), got);
+        }
+    });
+}
+
+// A stream is read whole before any of it is written.
+void copyElement(IStorage* from, IStorage* to, const Element& element) {
+    if (element.isStream)
+        forPieces(from, element, [](const char*, uint32_t) {});
+    inStorageOf(to, element.name, [&](IStorage* storage, const std::wstring& name) {
+        if (!element.isStream) {
+            IStorage* made;
+            requireWritten(storage->CreateStorage(name.c_str(), kUpdate, 0, 0, &made));
+            return made->Release();
+        }
+        IStream* made;
+        requireWritten(storage->CreateStream(name.c_str(), kUpdate | STGM_CREATE, 0, 0, &made));
+        const StreamPtr stream(made);
+        forPieces(from, element, [&stream](const char* bytes, uint32_t count) {
+            uint32_t written = 0;
+            const HRESULT result = stream->Write(bytes, count, &written);
+            requireWritten(result >= 0 && written < count ? STG_E_MEDIUMFULL : result);
+        });
+        return 0U;
+    });
+}
+
 } // namespace
+
+// Elements whose names can be read but not be given, those with a slash in them, are lost.
+Recovered recoverCompound(const StoredFile& damaged, const std::string& out) {
+    const std::string& path = damaged.path();
+    const CompoundFile from(path, File::toRead(path), kReading);
+    std::vector<Element> elements;
+    gather(from.root(), "", 0, elements);
+    Recovered recovered;
+    makeNewFile(out, [&](const File& file) {
+        const CompoundFile to(out, file);
+        try {
+            for (const Element& element : elements) {
+                try {
+                    copyElement(from.root(), to.root(), element);
+                    recovered.saved++;
+                } catch (const Failure& failure) {
+                    recovered.lost.push_back({element.name, failure.what()});
+                }
+            }
+            requireWritten(to.root()->Commit(0));
+        } catch (const CannotWrite& failed) {
+            throw Failure(reasonOf(failed.why));
+        }
+    });
+    return recovered;
+}
 
 void addCompound(CLI::App& program) {
     CLI::App* compound = addCommand(
@@ -319,5 +399,6 @@ Example:
   kal compound put letter.doc Notes notes.txt)"},
         put);
     putting->add_option("STREAM", arguments->stream, streamHelp)->required();
-    putting->add_option("INPUT", arguments->input, "The file with the stream's bytes")->required();
+    putting->add_option("INPUT", arguments->input, "The file with the stream's bytes; - is standard input")
+        ->required();
 }

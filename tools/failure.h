@@ -40,11 +40,38 @@ auto named(const std::string& name, Action action) {
 // A library status and a host error number in words.
 std::string statusText(int16_t status);
 std::string hostErrorText(int error);
+// Throws std::bad_alloc for the statuses that want of memory has.
+void requireMemory(int16_t status);
 
 // The text on one line: control characters give way to question marks.
 std::string onOneLine(std::string text);
 inline char onOneLine(char c) {
     return static_cast<unsigned char>(c) < ' ' || c == 0x7F ? '?' : c;
 }
+
+// What failed while the rest went on: the first of it ends the command, once all is done.
+class Failures {
+public:
+    // Does something that may fail.
+    template <class Action>
+    void collect(Action action) {
+        try {
+            action();
+        } catch (const Failure& failure) {
+            if (count_++ == 0)
+                first_ = failure.what();
+        }
+    }
+    void add(const Failures& others) {
+        first_ = count_ == 0 ? others.first_ : first_;
+        count_ += others.count_;
+    }
+    // Throws a Failure if there was one.
+    void end() const;
+
+private:
+    std::string first_;
+    size_t count_ = 0;
+};
 
 #endif

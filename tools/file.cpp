@@ -2,6 +2,7 @@
 
 #include "tools/failure.h"
 #include "tools/interrupt.h"
+#include "tools/manners.h"
 #include "tools/progress.h"
 
 #include <cerrno>
@@ -17,6 +18,10 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
+constexpr size_t pieceBytes = 1U << 16;
+
 [[noreturn]] void failByHost() {
     throw Failure(hostErrorText(errno));
 }
@@ -31,6 +36,20 @@ void writeAll(ByteView bytes, Write write) {
         if (count > 0)
             done += static_cast<size_t>(count);
     }
+}
+
+File copyOfStandardInput() {
+    File copy = File::temporary();
+    std::vector<uint8_t> piece(pieceBytes);
+    for (ssize_t got = 1; got != 0;) {
+        throwIfInterrupted();
+        got = ::read(STDIN_FILENO, piece.data(), piece.size());
+        if (got < 0 && errno != EINTR)
+            failByHost();
+        if (got > 0)
+            copy.append(ByteView(piece).first(static_cast<size_t>(got)));
+    }
+    return copy;
 }
 
 } // namespace
@@ -63,6 +82,52 @@ File File::openIfThere(const std::string& path, int flags) {
     if (!S_ISREG(facts.st_mode))
         throw Failure("not a regular file");
     return file;
+}
+
+File File::toRead(const std::string& path) {
+    if (path == "-") {
+        static const File copy = copyOfStandardInput();
+        File again(::fcntl(copy.handle(), F_DUPFD_CLOEXEC, 3));
+        if (!again.isOpen())
+            failByHost();
+        return again;
+    }
+    File file = openIfThere(path, O_RDONLY);
+    if (!file.isOpen())
+        throw Failure(hostErrorText(ENOENT));
+    return file;
+}
+
+File File::temporary() {
+    NewFile made((fs::temp_directory_path() / "file").string());
+    return std::move(made.file());
+}
+
+namespace {
+
+// Whether the open file is the one of this name.
+bool isAt(const std::string& path, const File& file) {
+    struct stat open = {}, there = {};
+    return ::fstat(file.handle(), &open) == 0 && ::stat(path.c_str(), &there) == 0 &&
+           open.st_ino == there.st_ino && open.st_dev == there.st_dev;
+}
+
+} // namespace
+
+File File::openLocked(const std::string& path, int flags, int lockKind) {
+    return named(path, [&] {
+        File file = openIfThere(path, flags);
+        while (file.isOpen()) {
+            if (!waitUntil(path, [&] {
+                    return ::flock(file.handle(), lockKind | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+                }))
+                throw Failure("in use");
+            if (isAt(path, file))
+                break;
+            file = openIfThere(path, flags);
+        }
+        return file;
+    });
 }
 
 uint64_t File::size() const {
@@ -99,6 +164,16 @@ void File::readExactly(uint64_t offset, uint8_t* to, size_t count) const {
         throw Failure("it grew shorter while it was read");
 }
 
+void File::forPieces(uint64_t offset, uint64_t count, const std::function<void(ByteView)>& take) const {
+    std::vector<uint8_t> piece;
+    for (; count > 0; count -= piece.size(), offset += piece.size()) {
+        throwIfInterrupted();
+        piece.resize(static_cast<size_t>(std::min<uint64_t>(count, pieceBytes)));
+        readExactly(offset, piece.data(), piece.size());
+        take(piece);
+    }
+}
+
 void File::writeAt(uint64_t offset, ByteView bytes) const {
     writeAll(bytes, [&](ByteView rest, size_t done) {
         return ::pwrite(handle_, rest.data(), rest.size(), static_cast<off_t>(offset + done));
@@ -112,8 +187,6 @@ void File::append(ByteView bytes) const {
 // --- New files -----------------------------------------------------------------------------------------
 
 namespace {
-
-namespace fs = std::filesystem;
 
 std::string folderOf(const std::string& path) {
     const std::string folder = fs::path(path).parent_path().string();
@@ -208,13 +281,27 @@ void NewFile::replace() {
     beside_.clear();
 }
 
-bool waitUntil(const std::function<bool()>& isFree) {
+void makeNewFile(const std::string& path, const std::function<void(const File&)>& fill) {
+    named(path, [&] {
+        if (File::openIfThere(path, O_PATH).isOpen())
+            throw Failure(hostErrorText(EEXIST));
+        NewFile made(path);
+        fill(made.file());
+        if (!made.place())
+            throw Failure(hostErrorText(EEXIST));
+    });
+}
+
+bool waitUntil(const std::string& name, const std::function<bool()>& isFree) {
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + std::chrono::seconds(waitSeconds);
-    while (!isFree()) {
+    const auto start = Clock::now();
+    for (bool told = false; !isFree();) {
         throwIfInterrupted();
-        if (Clock::now() >= end)
+        const auto waited = Clock::now() - start;
+        if (waited >= std::chrono::seconds(waitSeconds))
             return false;
+        if (waited >= std::chrono::seconds(1) && !std::exchange(told, true))
+            tell(name + ": in use; waiting for it");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;

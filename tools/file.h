@@ -26,11 +26,20 @@ public:
 
     // Opens an existing regular file; not open when there is none of that name.
     static File openIfThere(const std::string& path, int flags);
+    // The same, with a flock. While this process waits for it another may take the file away or put another in its place.
+    // A file system without locks goes without.
+    static File openLocked(const std::string& path, int flags, int lockKind);
+    // Opens one for reading, which must be there. `-` is all that comes from standard input, each time.
+    static File toRead(const std::string& path);
+    // An empty file without a name.
+    static File temporary();
     uint64_t size() const;
     // Up to `count` bytes from `offset`; fewer where the file ends.
     std::vector<uint8_t> readAt(uint64_t offset, size_t count) const;
     // Fills `to`. The file ending before that is a Failure.
     void readExactly(uint64_t offset, uint8_t* to, size_t count) const;
+    // Gives the `count` bytes from `offset` on, which must be there, piece by piece. Throws Interrupted.
+    void forPieces(uint64_t offset, uint64_t count, const std::function<void(ByteView)>& take) const;
     void writeAt(uint64_t offset, ByteView bytes) const;
     void append(ByteView bytes) const;
 
@@ -66,10 +75,15 @@ private:
     File file_;
 };
 
+// Makes a file with `fill`, which takes it open, and gives it the name. Throws a Failure with the name, also when there
+// is a file of that name.
+void makeNewFile(const std::string& path, const std::function<void(const File&)>& fill);
+
 // How many seconds a command waits for a file that is in use.
 inline unsigned waitSeconds = 10;
 
-// Asks `isFree` again and again until it says so. False when that took too long. Throws Interrupted.
-bool waitUntil(const std::function<bool()>& isFree);
+// Asks `isFree` again and again until it says so; tells the user when that takes long. False when it took too long.
+// Throws Interrupted.
+bool waitUntil(const std::string& name, const std::function<bool()>& isFree);
 
 #endif

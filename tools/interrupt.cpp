@@ -28,6 +28,10 @@ void catchInterrupts() {
     }
 }
 
+bool isInterrupted() {
+    return caught != 0;
+}
+
 void throwIfInterrupted() {
     Progress::show();
     if (caught != 0)

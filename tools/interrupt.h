@@ -9,7 +9,9 @@ struct Interrupted {
 
 void catchInterrupts();
 
-// Called between the steps of long work, by the main thread; shows its progress. Throws Interrupted.
+bool isInterrupted();
+
+// Called between the steps of long work; shows its progress. Throws Interrupted.
 void throwIfInterrupted();
 
 [[noreturn]] void endByInterrupt(const Interrupted& interrupted);

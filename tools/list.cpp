@@ -47,25 +47,17 @@ void list(const Arguments& arguments) {
                {"stored", "stored"},
                {"ratio", "ratio"}});
     uint32_t lastId = 0;
-    std::string firstDamage;
-    size_t damaged = 0;
-    for (const kal::Entry& item : archive->pictures()) {
-        try {
+    Failures failures;
+    for (const kal::Entry& item : archive->pictures())
+        failures.collect([&] {
             if (item.id <= lastId) // ids only ever count up
                 throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));
             archive->get(item.id, [&](OpList* ops) { addRow(rows, item, getPictureForm(ops, item.id)); });
             lastId = item.id;
-        } catch (const Failure& failure) {
-            if (damaged++ == 0)
-                firstDamage = failure.what();
-        }
-    }
+        });
     // What can be read is listed even where some cannot.
     rows.print();
-    if (damaged > 1)
-        firstDamage += " (and " + std::to_string(damaged - 1) + " more)";
-    if (damaged > 0)
-        throw Failure(firstDamage);
+    failures.end();
 }
 
 } // namespace

@@ -20,8 +20,8 @@
 namespace {
 
 // The commands, in the order in which help shows them.
-constexpr void (*commands[])(CLI::App&) = {addStore,    addList,     addExtract, addSheet,
-                                           addSettings, addResource, addCompound};
+constexpr void (*commands[])(CLI::App&) = {addStore, addList,  addExtract,  addRemove,   addStat,    addDump,
+                                           addCheck, addSheet, addSettings, addResource, addCompound};
 
 constexpr int failed = 1;
 constexpr int wrongUsage = 2;

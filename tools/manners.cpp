@@ -5,7 +5,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
+#include <thread>
 
 CLI::App* addCommand(CLI::App& parent, const CommandText& text) {
     return parent.add_subcommand(text.name, text.summary)->footer(text.more);
@@ -19,11 +21,21 @@ void addHuman(CLI::App* command) {
     command->add_flag("--human", asked.human, "Print sizes as 1.2 MiB");
 }
 
+void addJobs(CLI::App* command, size_t& jobs) {
+    jobs = std::max(1U, std::thread::hardware_concurrency());
+    command->add_option("-j,--jobs", jobs, "Pictures at a time (default: one a processor)")
+        ->option_text("N")
+        ->check(CLI::Range(1, 256));
+}
+
 void tell(const std::string& message) {
     if (asked.quiet)
         return;
     Progress::hide();
-    std::fprintf(stderr, "kal: %s\n", onOneLine(message).c_str());
+    std::fputs("kal: ", stderr);
+    for (const char c : message)
+        std::fputc(onOneLine(c), stderr);
+    std::fputc('\n', stderr);
 }
 
 std::string humanBytes(uint64_t bytes) {

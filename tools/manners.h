@@ -2,6 +2,7 @@
 #ifndef KAL_TOOLS_MANNERS_H
 #define KAL_TOOLS_MANNERS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -30,6 +31,8 @@ CLI::App* addCommand(CLI::App& parent, const CommandText& text);
 // The options that commands with a table have.
 void addJson(CLI::App* command);
 void addHuman(CLI::App* command);
+// Sets `jobs`, how many pictures are worked on at a time.
+void addJobs(CLI::App* command, size_t& jobs);
 
 // A message about what went on but not as one may think: on one line of standard error, unless --quiet asks for none.
 void tell(const std::string& message);

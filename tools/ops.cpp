@@ -4,21 +4,14 @@
 #include "tools/interrupt.h"
 #include "tools/progress.h"
 
-#include <new>
-
 namespace {
-
-bool isForWantOfMemory(int16_t status) {
-    return status == KAL_ERR_MEMORY || status == KAL_ERR_BUFFER || status == KAL_ERR_VMEM;
-}
 
 void requirePut(OpList* list, uint32_t position) {
     throwIfInterrupted();
     if (position != KAL_OP_FAILED)
         return;
     const int16_t status = KalGetOpError(list);
-    if (isForWantOfMemory(status))
-        throw std::bad_alloc();
+    requireMemory(status);
     throw Failure(statusText(status));
 }
 
@@ -36,8 +29,7 @@ Op nextOp(OpList* list) {
     throwIfInterrupted();
     Op op(KalGetOp(list));
     const int16_t status = op == nullptr ? KalGetOpError(list) : int16_t{0};
-    if (isForWantOfMemory(status))
-        throw std::bad_alloc();
+    requireMemory(status);
     if (status != 0)
         throw Damaged(statusText(status));
     if (op != nullptr)

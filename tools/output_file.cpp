@@ -5,9 +5,14 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <unistd.h>
 
-OutputFile::OutputFile(const std::string& path) : path_(path) {
-    named(path, [&] {
+OutputFile::OutputFile(const std::string& path) : path_(path == "-" ? "standard output" : path) {
+    named(path_, [&] {
+        if (path == "-") {
+            spool_ = File::temporary();
+            return;
+        }
         const File there = File::openIfThere(path, O_PATH);
         file_.emplace(there.isOpen() ? std::filesystem::canonical(path).string() : path);
         struct stat facts = {};
@@ -18,9 +23,14 @@ OutputFile::OutputFile(const std::string& path) : path_(path) {
 }
 
 void OutputFile::append(ByteView bytes) {
-    named(path_, [&] { file_->file().append(bytes); });
+    named(path_, [&] { file().append(bytes); });
 }
 
 void OutputFile::commit() {
-    named(path_, [&] { file_->replace(); });
+    named(path_, [&] {
+        if (file_)
+            return file_->replace();
+        const File out(::dup(STDOUT_FILENO));
+        spool_.forPieces(0, spool_.size(), [&](ByteView piece) { out.append(piece); });
+    });
 }

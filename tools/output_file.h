@@ -8,19 +8,21 @@
 
 class OutputFile {
 public:
-    // Where `path` is a link, the file that it leads to is meant. Throws a Failure when `path` is something
+    // Where `path` is a link, the file that it leads to is meant; `-` is standard output. Throws a Failure when `path` is something
     // else than a regular file, or nothing can be made beside it.
     explicit OutputFile(const std::string& path);
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
     void append(ByteView bytes);
-    // Puts the file in its place, over one that stands there.
+    File& file() { return file_ ? file_->file() : spool_; }
+    // Puts the file in its place, over one that stands there, or writes it to standard output.
     void commit();
 
 private:
     std::string path_;
     std::optional<NewFile> file_;
+    File spool_; // what goes to standard output
 };
 
 #endif

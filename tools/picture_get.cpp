@@ -1,6 +1,7 @@
 #include "tools/picture.h"
 
 #include "tools/failure.h"
+#include "tools/interrupt.h"
 #include "tools/picture_ops.h"
 #include "tools/pipe.h"
 #include "tools/row_filter.h"
@@ -164,7 +165,9 @@ void getPicture(OpList* list, uint16_t id, const std::function<PictureTaker&(con
         while (Op op = nextOp(list))
             ops.put(std::move(op));
     });
-    while (const auto op = pipe.take())
+    while (const auto op = pipe.take()) {
+        throwIfInterrupted();
         picture.take(*op);
+    }
     picture.finish();
 }

@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr uint64_t pieceBytes = 1U << 16;
-
 PictureForm bmpForm(const BmpLayout& layout, uint64_t fileBytes) {
     PictureForm form = {};
     form.kind = PictureKind::Bmp;
@@ -37,12 +35,7 @@ public:
 
 private:
     void pass(uint64_t from, uint64_t to, PicturePart part, const Take& take) {
-        std::vector<uint8_t> piece;
-        for (; from < to; from += piece.size()) {
-            piece.resize(static_cast<size_t>(std::min(pieceBytes, to - from)));
-            file_.readExactly(from, piece.data(), piece.size());
-            take(part, piece);
-        }
+        file_.forPieces(from, to - from, [&](ByteView piece) { take(part, piece); });
     }
 
     const File& file_;

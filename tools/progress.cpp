@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-Progress* current = nullptr;
+std::atomic<Progress*> current = nullptr;
 std::atomic<uint64_t> done; // bytes
 
 constexpr size_t barWidth = 20;
@@ -45,8 +45,8 @@ Progress::~Progress() {
 }
 
 void Progress::of(const std::string& what) {
-    if (current != nullptr)
-        current->what_ = onOneLine(what);
+    if (Progress* const shown = current)
+        shown->what_ = onOneLine(what);
 }
 
 void Progress::add(uint64_t bytes) {
@@ -54,14 +54,15 @@ void Progress::add(uint64_t bytes) {
 }
 
 void Progress::show() {
-    if (current == nullptr)
+    Progress* const shown = current;
+    if (shown == nullptr || shown->thread_ != std::this_thread::get_id())
         return;
-    if (const auto now = Clock::now(); now >= current->next_)
-        current->draw(now);
+    if (const auto now = Clock::now(); now >= shown->next_)
+        shown->draw(now);
 }
 
 void Progress::hide() {
-    if (current != nullptr && current->drawn_)
+    if (const Progress* const shown = current; shown != nullptr && shown->drawn_)
         std::fputs("\r\033[K", stderr);
 }
 

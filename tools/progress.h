@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 
 // One at a time: what is read while it lives counts for it.
 class Progress {
@@ -20,7 +21,8 @@ public:
     static void of(const std::string& what);
     // So many bytes more have been read. Any thread may say so.
     static void add(uint64_t bytes);
-    // Shows how far it is, if it is time to. Called between the steps of long work, by the main thread.
+    // Shows how far it is, if it is time to. Called between the steps of long work; only in the thread that made it
+    // does it show anything.
     static void show();
     // Takes the line away, for a message.
     static void hide();
@@ -31,6 +33,7 @@ private:
 
     uint64_t total_;
     std::string what_;
+    std::thread::id thread_ = std::this_thread::get_id();
     Clock::time_point start_;
     Clock::time_point next_; // when to draw
     bool drawn_ = false;

@@ -138,10 +138,8 @@ void addRow(Rows& rows, const Row& row) {
 
 // The item file at `path`, open for reading.
 std::unique_ptr<Items> openItems(const std::string& path) {
-    try {
-        File file = File::openIfThere(path, O_RDONLY);
-        if (!file.isOpen())
-            throw Failure(hostErrorText(ENOENT));
+    return named(path, [&] {
+        File file = File::toRead(path);
         SFILE* stream = nullptr;
         require(KalMakeSFile(&stream, file.handle()) == 0);
         file.release();
@@ -151,9 +149,7 @@ std::unique_ptr<Items> openItems(const std::string& path) {
         if (status != 0)
             throw Failure("not a resource file");
         return items;
-    } catch (const Failure& failure) {
-        throw Failure(path, failure.what());
-    }
+    });
 }
 
 Row readRow(IFILE* file, uint16_t id) {
@@ -170,22 +166,14 @@ void list(const ListArguments& arguments) {
     const auto items = openItems(arguments.file);
     Rows rows({{"id", "id"}, {"bytes", "bytes"}, {"text", "content"}});
     std::set<uint16_t> seen;
-    std::string damage;
+    Failures damage;
     IFILE* const file = items->file();
-    for (auto entry = kal::EntryIterator(file, 0); entry != kal::EntryIterator(file, file->count); ++entry) {
-        const uint16_t id = (*entry).id;
-        if (!seen.insert(id).second) // hidden by an earlier one
-            continue;
-        try {
-            addRow(rows, readRow(file, id));
-        } catch (const Failure& failure) {
-            damage = damage.empty() ? failure.what() : damage;
-        }
-    }
+    for (auto entry = kal::EntryIterator(file, 0); entry != kal::EntryIterator(file, file->count); ++entry)
+        if (const uint16_t id = (*entry).id; seen.insert(id).second) // an earlier one hides it
+            damage.collect([&] { addRow(rows, readRow(file, id)); });
     // What can be read is listed even where some cannot.
     rows.print();
-    if (!damage.empty())
-        throw Failure(arguments.file, damage);
+    named(arguments.file, [&] { damage.end(); });
 }
 
 } // namespace
@@ -205,9 +193,11 @@ Strings know \" \\ \n \r \t and \xHH. The name of a file is the rest of the line
 Example:
   kal resource make program.res script.txt)"});
     auto makeArguments = std::make_shared<MakeArguments>();
-    making->add_option("OUT", makeArguments->output, "The resource file; one that is there is replaced")
+    making
+        ->add_option("OUT", makeArguments->output,
+                     "The resource file; one that is there is replaced; - is standard output")
         ->required();
-    making->add_option("SCRIPT", makeArguments->script, "The script")->required();
+    making->add_option("SCRIPT", makeArguments->script, "The script; - is standard input")->required();
     making->callback([makeArguments] { make(*makeArguments); });
 
     CLI::App* listing =

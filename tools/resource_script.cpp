@@ -4,9 +4,7 @@
 #include "tools/file.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <fcntl.h>
 #include <filesystem>
 #include <set>
 
@@ -15,9 +13,7 @@ namespace {
 constexpr uint64_t kLargestScript = 64 << 20;
 
 std::vector<uint8_t> readWhole(const std::string& path, uint64_t most) {
-    const File file = File::openIfThere(path, O_RDONLY);
-    if (!file.isOpen())
-        throw Failure(hostErrorText(ENOENT));
+    const File file = File::toRead(path);
     const uint64_t size = file.size();
     if (size > most)
         throw Failure("it is larger than " + std::to_string(most) + " bytes");
@@ -129,11 +125,7 @@ std::vector<uint8_t> textBytes(Line& line) {
 std::vector<uint8_t> fileBytes(const Line& line, const std::filesystem::path& folder) {
     if (line.isOver())
         throw Failure("the name of a file is missing");
-    try {
-        return readWhole((folder / line.rest()).string(), kLargestResource);
-    } catch (const Failure& failure) {
-        throw Failure(line.rest(), failure.what());
-    }
+    return named(line.rest(), [&] { return readWhole((folder / line.rest()).string(), kLargestResource); });
 }
 
 Resource parse(Line& line, const std::filesystem::path& folder) {
@@ -148,12 +140,7 @@ Resource parse(Line& line, const std::filesystem::path& folder) {
 }
 
 std::vector<std::string> linesOf(const std::string& path) {
-    std::vector<uint8_t> bytes;
-    try {
-        bytes = readWhole(path, kLargestScript);
-    } catch (const Failure& failure) {
-        throw Failure(path, failure.what());
-    }
+    const std::vector<uint8_t> bytes = named(path, [&] { return readWhole(path, kLargestScript); });
     std::vector<std::string> lines;
     for (auto start = bytes.begin(); start != bytes.end();) {
         const auto end = std::find(start, bytes.end(), uint8_t('\n'));

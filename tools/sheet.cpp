@@ -89,32 +89,31 @@ private:
     std::vector<uint8_t> pixels_;
 };
 
-void drawPicture(Band& band, uint32_t column, Archive& archive, const kal::Entry& item, uint32_t size) {
+void drawPicture(Band& band, uint32_t column, Archive& archive, const kal::Entry& item, uint32_t size,
+                 Failures& failures) {
     band.label(column, 0, "#" + std::to_string(item.id));
     std::optional<Thumbnail> picture;
-    try {
+    bool whole = false;
+    failures.collect([&] {
         archive.get(item.id, [&](OpList* list) {
             getPicture(list, item.id, [&](const PictureForm& form) -> PictureTaker& {
                 band.label(column, 1, std::to_string(form.width) + "x" + std::to_string(form.height));
                 return picture.emplace(form, size);
             });
         });
-    } catch (const Failure& failure) {
-        tell(failure.what());
-        return band.drawCross(column);
-    }
-    band.draw(column, *picture);
+        whole = true;
+    });
+    whole ? band.draw(column, *picture) : band.drawCross(column);
 }
 
 // Of all pictures that can be read.
 uint64_t pictureBytes(Archive& archive) {
     uint64_t bytes = 0;
-    for (const kal::Entry& item : archive.pictures()) {
-        try {
+    Failures ignored;
+    for (const kal::Entry& item : archive.pictures())
+        ignored.collect([&] {
             archive.get(item.id, [&](OpList* list) { bytes += getPictureForm(list, item.id).fileBytes; });
-        } catch (const Failure&) {
-        }
-    }
+        });
     return bytes;
 }
 
@@ -132,13 +131,14 @@ void sheet(const Arguments& arguments) {
     const uint32_t lines = (count + columns - 1) / columns;
 
     const Progress progress(pictureBytes(*archive));
+    Failures failures;
     OutputFile out(arguments.output);
     const Band empty(columns, arguments.size);
     PngWriter writer(out, {empty.width(), lines * empty.height() + margin, 8, PngColour::Rgb, {}, {}});
     for (uint32_t line = 0; line < lines; line++) {
         Band band(columns, arguments.size);
         for (uint32_t column = 0; column < columns && line * columns + column < count; column++)
-            drawPicture(band, column, *archive, pictures[line * columns + column], arguments.size);
+            drawPicture(band, column, *archive, pictures[line * columns + column], arguments.size, failures);
         for (uint32_t y = 0; y < band.height(); y++)
             writer.row(band.row(y));
     }
@@ -146,6 +146,7 @@ void sheet(const Arguments& arguments) {
         writer.row(Band(columns, arguments.size).row(0));
     writer.finish();
     out.commit();
+    failures.end();
 }
 
 } // namespace
@@ -157,7 +158,7 @@ void addSheet(CLI::App& program) {
   kal sheet pictures.kal -o sheet.png)"});
     auto arguments = std::make_shared<Arguments>();
     command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    command->add_option("-o,--output", arguments->output, "The PNG file to write")
+    command->add_option("-o,--output", arguments->output, "The PNG file to write; - is standard output")
         ->required()
         ->option_text("FILE");
     command

@@ -17,9 +17,6 @@ namespace {
 
 constexpr const char* kFileName = "log";
 constexpr const char* kNewFile = "log.new";
-constexpr uint32_t kMagic = 'K' | 'R' << 8 | 'E' << 16 | uint32_t{'G'} << 24;
-constexpr uint32_t kVersion = 1;
-constexpr uint32_t kHeaderBytes = 4096;
 constexpr uint32_t kShortLog = 64 << 10; // not worth writing anew
 constexpr int kOtherFile = -1;           // the log's name leads to another file
 static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);

@@ -45,7 +45,6 @@ public:
 
 private:
     enum { kNumber = 2, kCommitted = 3 }; // words of the header
-    static constexpr uint32_t kReplaced = 0x80000000;
 
     int openOwn(int folder, const char* name, int flags);
     int open();

@@ -18,6 +18,12 @@ inline constexpr uint32_t kMostNameBytes = 255; // of a key, and of a value
 inline constexpr uint32_t kMostPathBytes = 4095;
 inline constexpr uint32_t kRecordHead = 20;
 
+// The log's header: four numbers, then nothing up to the first record.
+inline constexpr uint32_t kMagic = 'K' | 'R' << 8 | 'E' << 16 | uint32_t{'G'} << 24;
+inline constexpr uint32_t kVersion = 1;
+inline constexpr uint32_t kHeaderBytes = 4096;
+inline constexpr uint32_t kReplaced = 0x80000000; // in its last number: another file takes the log's place
+
 enum class RecordKind : uint8_t {
     key = 1,    // the key is there, and so are those on the way to it
     value = 2,  // the same, and it has this value

@@ -1,245 +1,223 @@
-// What stands in an archive, and what storing and failing to store leave of it.
-#include "tests/support/faults.h"
+// Archives as a person uses them, from the first picture to the last.
 #include "tests/tools/bmp_files.h"
 #include "tests/tools/run_tool.h"
-
-#include <kal.h>
-
-#include <algorithm>
-#include <sys/mount.h>
 
 namespace {
 
 class Archive : public FolderTest {
 protected:
-    void writePicture(const std::string& name, uint32_t seed, uint32_t width = 40) {
-        writeFile(name, makeBmp({width, 30, 8}, seed));
+    // in/1.bmp, in/2.bmp, ...
+    static void writePictures(const std::vector<BmpKind>& kinds) {
+        runScript("mkdir in out");
+        for (uint32_t id = 1; id <= kinds.size(); id++)
+            writeFile("in/" + std::to_string(id) + ".bmp", makeBmp(kinds[id - 1], id));
     }
 };
 
-uint32_t number(const Bytes& bytes, size_t offset, int size) {
-    uint32_t result = 0;
-    while (size-- > 0)
-        result = result << 8 | bytes.at(offset + static_cast<size_t>(size));
-    return result;
-}
-
-struct Entry {
-    uint32_t id, size, offset;
-};
-
-// The index as it stands on disk, and the format flags before it.
-std::vector<Entry> indexOf(const Bytes& archive, uint32_t format) {
-    EXPECT_EQ(number(archive, 0, 2), format);
-    std::vector<Entry> entries(number(archive, 2, 2));
-    for (size_t i = 0; i < entries.size(); i++) {
-        const size_t at = 4 + 10 * i;
-        entries[i] = {number(archive, at, 2), number(archive, at + 2, 4), number(archive, at + 6, 4)};
-    }
-    return entries;
-}
-
-TEST_F(Archive, HoldsHeadersPaletteRowsAndRestAsOperations) {
-    const BmpKind kind = {151, 200, 24, 40, 5, 6, true};
-    const Bytes file = makeBmp(kind);
-    writeFile("p.bmp", file);
-    for (const bool plain : {false, true}) {
-        const std::string name = plain ? "plain.kal" : "packed.kal";
-        Arguments store = {"store", "--dib", name, "p.bmp"};
-        if (plain)
-            store.push_back("--plain");
-        kalSucceeds(store);
-        const uint16_t format = plain ? 0x8000 : 0xC000;
-        EXPECT_EQ(indexOf(readFile(name), format).back().size, listed(name).back().stored);
-
-        IOPFILE* lists = nullptr;
-        ASSERT_EQ(KalOpenIOpFile(&lists, name.c_str(), 0, format), 0);
-        OpList* list = nullptr;
-        ASSERT_EQ(KalOpenGetIOpList(lists, 1, &list), 0);
-        uint32_t line = 0, bands = 0;
-        Bytes pixels, before, after;
-        for (void* op; (op = KalGetOp(list)) != nullptr; KalFreeSMem(KalOpBlock(op))) {
-            const auto* bytes = static_cast<const uint8_t*>(op);
-            const Bytes payload(bytes, bytes + KalOpSize(op));
-            EXPECT_LE(payload.size(), 65531u);
-            if (KalOpType(op) != KAL_OP_DIB) {
-                Bytes& side = bands == 0 ? before : after;
-                if (KalOpType(op) == 0x102 || KalOpType(op) == 0x106)
-                    side.insert(side.end(), payload.begin(), payload.end());
-                continue;
-            }
-            EXPECT_EQ(number(payload, 0, 2), 0u);
-            EXPECT_EQ(number(payload, 2, 2), line);
-            EXPECT_EQ(number(payload, 4, 2), 151u);
-            const uint32_t lines = number(payload, 6, 2);
-            EXPECT_EQ(number(payload, 8, 4), 24u);
-            ASSERT_EQ(payload.size(), 12 + lines * 604);
-            line += lines;
-            bands++;
-            pixels.insert(pixels.end(), payload.begin() + 12, payload.begin() + 12 + lines * 604);
+TEST_F(Archive, GivesBackPicturesOfEveryDepthOrderHeaderAndRowEnd) {
+    std::vector<BmpKind> kinds = {
+        {5, 4, 8, 12},
+        {5, 4, 1, 12, 7, 9, true},
+        {6, 4, 24, 12, 0, 0, true},
+        {5, -4, 4, 16},
+        {5, 4, 8, 64},
+        {5, -4, 8, 108, 3},
+        {5, 4, 24, 124, 0, 70000},        // a colour profile behind the rows, longer than an operation
+        {5, 4, 8, 40, 140000},            // a gap longer than two operations
+        {5, 4, 8, 40, 0, 0, false, 3},    // few colours
+        {5, 4, 8, 40, 0, 0, false, 300},  // more than the depth has
+        {5, 4, 24, 40, 0, 0, false, 256}, // colours that 24 bits do not need
+        {16378, -2, 24, 40, 0, 0, true},  // the longest row that fits an operation
+        {65518, 2, 8},                    // and at 8 bits
+        {65535, 3, 1, 40, 0, 1, true},
+        {1, 65535, 1, 40, 0, 0, true}, // several bands, and the most rows
+        {301, -700, 8, 40, 0, 0, true},
+        {200, 300, 24},
+        {900, 600, 24, 40, 0, 0, true}, // large enough for a thread of its own
+        {50, 40, 16},
+        {50, 40, 32},
+    };
+    for (uint32_t bits : {1U, 4U, 8U, 24U})
+        for (uint32_t width : {1U, 2U, 3U, 7U, 9U, 17U, 34U}) {
+            const auto turn = static_cast<uint32_t>(kinds.size());
+            kinds.push_back({width, turn % 2 == 0 ? 1 : -5, bits, 40, turn % 4 == 1 ? turn : 0,
+                             turn % 5 == 2 ? turn : 0, turn % 3 == 0});
         }
-        EXPECT_EQ(KalGetOpError(list), 0);
-        KalCloseGetIOpList(lists);
-        KalCloseIOpFile(lists);
-
-        EXPECT_EQ(before, Bytes(file.begin(), file.begin() + 54 + 5));
-        EXPECT_EQ(after, Bytes(file.end() - 6, file.end()));
-        EXPECT_EQ(line, 200u);
-        EXPECT_EQ(bands, 2u);
-        const uint8_t* row = &file[59];
-        for (size_t i = 0; i < pixels.size(); i++)
-            ASSERT_EQ(pixels[i], i % 4 == 3 ? 0 : row[i / 604 * rowBytes(kind) + i % 604 / 4 * 3 + i % 4])
-                << i;
-    }
+    writePictures(kinds);
+    Bytes cut = makeBmp({40, 40, 8}); // a palette cut short by its rows
+    setNumber(cut, 10, 4, 14 + 40 + 64);
+    writeFile("in/49.bmp", cut);
+    runScript(R"sh(
+for how in '' --plain; do
+    kal store $how -j 1 a.kal in/{1..49}.bmp >ids
+    cmp ids <(for i in {1..49}; do printf '%d\tin/%d.bmp\n' $i $i; done)
+    kal store $how -j 3 b.kal in/{1..49}.bmp >ids
+    cmp a.kal b.kal
+    kal extract a.kal --all -o out -j 2 >ids
+    cmp ids <(for i in {1..49}; do printf '%d\tout/%d.bmp\n' $i $i; done)
+    diff -r in out
+    rm a.kal b.kal out/*
+done
+for i in {1..11} {14..18} 21 22 40 41; do kal store --dib d.kal in/$i.bmp >ids; done
+i=0; for p in {1..11} {14..18} 21 22 40 41; do i=$((i + 1)); kal extract d.kal $i -o - | cmp - in/$p.bmp; done)sh");
 }
 
-TEST_F(Archive, IsAddedToWithIdsCountingOn) {
-    writePicture("p.bmp", 1);
-    writePicture("q.bmp", 2, 41);
-    EXPECT_EQ(kalSucceeds({"store", "a.kal", "p.bmp", "q.bmp"}), "1\tp.bmp\n2\tq.bmp\n");
-    EXPECT_EQ(kalSucceeds({"store", "a.kal", "q.bmp"}), "3\tq.bmp\n");
-    EXPECT_TRUE(extracted("a.kal", 1) == readFile("p.bmp"));
-    EXPECT_TRUE(extracted("a.kal", 2) == readFile("q.bmp"));
-    EXPECT_TRUE(extracted("a.kal", 3) == readFile("q.bmp"));
-    const std::string table = kalSucceeds({"list", "a.kal"});
-    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 4);
-    EXPECT_NE(table.find("41x30"), std::string::npos);
-
-    // What stands at the output's place is replaced; where that is a link, the file that it leads to.
-    writeFile("old.bmp", bytesOf("old"));
-    ASSERT_EQ(::symlink("old.bmp", "link.bmp"), 0);
-    kalSucceeds({"extract", "a.kal", "1", "-o", "link.bmp"});
-    EXPECT_TRUE(readFile("old.bmp") == readFile("p.bmp"));
+TEST_F(Archive, IsToldOfInTablesAndJson) {
+    writePictures({{40, 30, 8}, {4, 2, 24}, {160, -500, 8}});
+    runScript(R"sh(
+kal store --plain --dib a.kal in/{1,2,3}.bmp
+kal list a.kal | diff - <(cat <<'END'
+id  kind     size  bits  rows       bytes  stored   ratio
+ 1  bmp     40x30     8  bottom-up   2278    2346  103.0%
+ 2  bmp       4x2    24  bottom-up     78     154  197.4%
+ 3  bmp   160x500     8  top-down   81078   81162  100.1%
+END
+)
+kal list --json a.kal | diff - <(cat <<'END'
+[
+  {"id": 1, "kind": "bmp", "width": 40, "height": 30, "bits": 8, "topDown": false, "bytes": 2278, "stored": 2346, "ratio": 1.0299},
+  {"id": 2, "kind": "bmp", "width": 4, "height": 2, "bits": 24, "topDown": false, "bytes": 78, "stored": 154, "ratio": 1.9744},
+  {"id": 3, "kind": "bmp", "width": 160, "height": 500, "bits": 8, "topDown": true, "bytes": 81078, "stored": 81162, "ratio": 1.0010}
+]
+END
+)
+kal remove a.kal 1
+kal stat --json a.kal | diff - <(cat <<'END'
+[
+  {"pictures": 2, "bmp": 2, "png": 0, "compressed": false, "files": 81156, "rows": 80024, "stored": 81316, "archive": 116356, "index": 32664, "entries": 4, "free": 1, "holes": 1, "holeBytes": 2346}
+]
+END
+)
+[ $(kal stat a.kal | wc -l) = 14 ]
+kal dump a.kal 2 | diff - <(cat <<'END'
+op  position  type    name    first row  rows  bytes  start
+ 1         0  0x0101  form                        24  02 00 00 00 00 18 00 00 04 00 00 00 02 00 00 00
+ 2        28  0x0102  before                      54  42 4d 4e 00 00 00 00 00 00 00 36 00 00 00 28 00
+ 3        86  0x0015  band            0     2     44  00 00 00 00 04 00 02 00 18 00 00 00 da 3f cf 00
+ 4       134  0x0107  end                         12  ba 03 ad b4 4e 00 00 00 00 00 00 00
+END
+)
+kal dump --json a.kal 3 | sed -n '5,6p' | diff - <(cat <<'END'
+  {"op": 4, "position": 66566, "type": 21, "name": "band", "firstRow": 409, "rows": 91, "bytes": 14572, "start": "00 00 99 01 a0 00 5b 00 08 00 00 00 f8 24 0b 18"},
+  {"op": 5, "position": 81142, "type": 263, "name": "end", "bytes": 12, "start": "46 23 25 37 b6 3c 01 00 00 00 00 00"}
+END
+)
+# The operations are the file: lines of 8 bits as they are, pixels of 24 bits with a byte more.
+{ kal cat a.kal 3 2; for op in 3 4; do kal cat a.kal 3 $op | tail -c +13; done; } | cmp - in/3.bmp
+kal cat a.kal 3 5 | head -c 8 | cmp - <(gzip -c in/3.bmp | tail -c 8)
+kal cat a.kal 2 3 | tail -c +13 | od -An -v -tx1 -w4 >lines
+cut -c1-9 lines | cmp - <(tail -c +55 in/2.bmp | od -An -v -tx1 -w3)
+[ "$(cut -c10- lines | sort -u)" = ' 00' ])sh");
+    expectRefusals({{{"cat", "a.kal", "2", "5"}, "picture 2 has no operation 5"},
+                    {{"dump", "a.kal", "1"}, "there is no picture 1"}});
 }
 
-TEST_F(Archive, IsAsBeforeWhenAStoreFails) {
-    writePicture("p.bmp", 1);
-    writeFile("wrong.bmp", bytesOf("BM, but no more"));
-    kalSucceeds({"store", "packed.kal", "p.bmp"});
-    kalSucceeds({"store", "--plain", "plain.kal", "p.bmp"});
-    for (const std::string name : {"packed.kal", "plain.kal"}) {
-        const Bytes before = readFile(name);
-        expectFailure(kal({"store", name, "p.bmp", "p.bmp", "wrong.bmp"}), 1, "wrong.bmp: ");
-        EXPECT_TRUE(readFile(name) == before);
-    }
-    expectFailure(kal({"store", "--plain", "packed.kal", "p.bmp"}), 1, "packed.kal: ");
-    EXPECT_EQ(kalSucceeds({"store", "plain.kal", "p.bmp"}), "2\tp.bmp\n");
+TEST_F(Archive, ChangesAndIsPacked) {
+    writePictures({{300, 200, 8}, {301, 100, 24}, {90, 90, 4}, {300, 300, 1}});
+    runScript(R"sh(
+for how in '' --plain; do
+    kal store $how a.kal in/{1,2,3}.bmp >ids
+    cp a.kal three
+    fails 1 'a.kal: there is no picture 4' kal remove a.kal 2 4
+    cmp a.kal three
+    kal remove a.kal 3 2
+    [ "$(kal store a.kal in/4.bmp in/2.bmp)" = $'2\tin/4.bmp\n3\tin/2.bmp' ]
+    # Nothing moves but the index.
+    cmp <(tail -c +32665 three) <(tail -c +32665 a.kal | head -c $(($(stat -c %s three) - 32664)))
+    chmod 640 a.kal; ln -s a.kal link
+    kal pack link
+    [ -L link ] && [ "$(stat -c %a a.kal)" = 640 ]
+    kal extract a.kal --all -o out >ids
+    cmp out/1.bmp in/1.bmp; cmp out/2.bmp in/4.bmp; cmp out/3.bmp in/2.bmp
+    kal store $how fresh.kal in/{1,4,2}.bmp >ids
+    cmp fresh.kal a.kal
+    kal extract a.kal 1 -o link && cmp a.kal in/1.bmp # the file that the link leads to
+    rm a.kal link fresh.kal out/*
+done
+kal store a.kal - <in/1.bmp
+kal extract a.kal 1 -o - | cmp - in/1.bmp
+kal extract a.kal 1 --png -o - | cmp - <(kal extract a.kal 1 -o p.png && cat p.png)
+kal sheet a.kal -o - | head -c 4 | grep -q PNG)sh");
+}
 
-    writeFile("foreign.kal", randomBytes(40000, 3));
-    writeFile("empty.kal", {});
-    for (const std::string name : {"foreign.kal", "empty.kal", "p.bmp"}) {
-        const Bytes before = readFile(name);
+TEST_F(Archive, HoldsThousandsOfPictures) {
+    writePictures({{5, 1, 1}, {4000, 30, 8}}); // the second is too large to be moved
+    runScript(R"sh(
+kal store -j 2 a.kal in/2.bmp $(yes in/1.bmp | head -3262) >ids
+cp a.kal before
+[ "$(kal store a.kal in/1.bmp in/2.bmp)" = $'3264\tin/1.bmp\n3265\tin/2.bmp' ]
+cmp <(tail -c +32665 before) <(tail -c +32665 a.kal | head -c $(($(stat -c %s before) - 32664)))
+fails 1 'it is full: 3265 pictures are the most' kal store a.kal in/1.bmp
+kal remove a.kal 7
+fails 1 'pack makes room' kal store a.kal in/1.bmp
+kal pack a.kal
+[ "$(kal store a.kal in/1.bmp)" = $'3266\tin/1.bmp' ]
+[ "$(kal list a.kal | wc -l)" = 3266 ]
+for id in 2 3264 3266; do kal extract a.kal $id -o - | cmp - in/1.bmp; done
+kal extract a.kal 3265 -o - | cmp - in/2.bmp)sh");
+}
+
+TEST_F(Archive, IsAsBeforeWhenACommandFails) {
+    writePictures({{40, 30, 8}});
+    runScript(
+        "kal store packed.kal in/1.bmp; kal store --plain plain.kal in/1.bmp; cp in/1.bmp p.bmp; : >empty;"
+        "printf 'BM, but no more' >wrong.bmp; head -c 40000 /dev/urandom >foreign; rmdir out");
+    std::vector<Refusal> refusals = {
+        {{"store", "packed.kal", "p.bmp", "p.bmp", "wrong.bmp"}, "wrong.bmp: it ends inside its headers"},
+        {{"store", "-j", "1", "plain.kal", "p.bmp", "wrong.bmp"}, "wrong.bmp: it ends inside its headers"},
+        {{"store", "--plain", "packed.kal", "p.bmp"}, "packed.kal: its pictures are compressed"},
+        {{"store", "new.kal", "none"}, "none: No such file"},
+        {{"store", "new.kal", "."}, "not a regular file"},
+        {{"store", "new.kal", std::string(5000, 'p')}, "File name too long"},
+        {{"store", "none/a.kal", "p.bmp"}, "none/a.kal: No such file"},
+        {{"extract", "packed.kal", "1", "-o", "none/out"}, "none/out: No such file"},
+        {{"extract", "packed.kal", "1", "-o", "/dev/null"}, "/dev/null: not a regular file"},
+        {{"extract", "packed.kal", "1", "1", "-o", "out"}, "out: several pictures want a folder"},
+        {{"list", "new\nline"}, "new?line: No such file"},
+        {{}, "", 2},
+        {{"frobnicate"}, "", 2},
+        {{"store", "a.kal"}, "PICTURE", 2},
+        {{"store", "-j", "0", "a.kal", "p.bmp"}, "0", 2},
+        {{"list"}, "ARCHIVE", 2},
+        {{"list", "packed.kal", "plain.kal"}, "plain.kal", 2},
+        {{"list", "packed.kal", "--xml"}, "--xml", 2},
+        {{"extract", "packed.kal", "1"}, "output", 2},
+        {{"extract", "packed.kal", "-o", "out"}, "ID", 2},
+        {{"extract", "packed.kal", "one", "-o", "out"}, "one", 2},
+        {{"extract", "packed.kal", "99999999999", "-o", "out"}, "99999999999", 2},
+        {{"extract", "packed.kal", "--all", "1", "-o", "out"}, "--all", 2},
+        {{"remove", "packed.kal"}, "ID", 2},
+        {{"cat", "packed.kal", "1"}, "OP", 2},
+        {{"pack"}, "ARCHIVE", 2},
+    };
+    for (const char* id : {"0", "2", "65534", "65535", "65537", "4294967295"}) {
+        refusals.push_back({{"extract", "packed.kal", id, "-o", "out"}, "packed.kal: there is no picture"});
+        refusals.push_back({{"remove", "packed.kal", id}, "packed.kal: there is no picture"});
+    }
+    for (const char* command : {"list", "stat", "pack"})
+        refusals.push_back({{command, "none"}, "none: No such file"});
+    for (const char* name : {"foreign", "empty", "p.bmp"})
         for (const Arguments& arguments :
-             {Arguments{"store", name, "p.bmp"}, {"list", name}, {"extract", name, "1", "-o", "out.bmp"}})
-            expectFailure(kal(arguments), 1, name + ": not a picture archive");
-        EXPECT_TRUE(readFile(name) == before);
-    }
-    for (const char* id : {"0", "2", "65534", "65535", "65536", "4294967295"})
-        expectFailure(kal({"extract", "packed.kal", id, "-o", "out.bmp"}), 1, "there is no picture");
-    expectFailure(kal({"list", "none.kal"}), 1, "No such file");
-    expectFailure(kal({"store", "none/a.kal", "p.bmp"}), 1, "No such file");
-    expectFailure(kal({"extract", "packed.kal", "1", "-o", "none/out.bmp"}), 1, "No such file");
-    expectFailure(kal({"extract", "packed.kal", "1", "-o", "/dev/null"}), 1, "not a regular file");
-    EXPECT_EQ(filesIn("."), (std::vector<std::string>{"empty.kal", "foreign.kal", "p.bmp", "packed.kal",
-                                                      "plain.kal", "wrong.bmp"}));
+             {Arguments{"store", name, "p.bmp"}, {"list", name}, {"pack", name}, {"remove", name, "1"}})
+            refusals.push_back({arguments, "not a picture archive"});
+    expectRefusals(refusals);
 }
 
-TEST_F(Archive, TakesThousandsOfPicturesOneAtATime) {
-    // Past the 409th the index outgrows a page, which the slow build sees too.
-    const unsigned count = slowBuild ? 440 : 3000;
-    const auto picture = [](unsigned id) { return makeBmp({1 + id % 7, 1, 1}, id); };
-    unsigned stored = 0;
-    if (slowBuild) {
-        Arguments store = {"store", "a.kal"};
-        for (; stored < 400; stored++) {
-            store.push_back(std::to_string(stored + 1) + ".bmp");
-            writeFile(store.back(), picture(stored + 1));
-        }
-        kalSucceeds(store);
-    }
-    while (stored < count) {
-        writeFile("p.bmp", picture(++stored));
-        const Outcome outcome = kal({"store", "a.kal", "p.bmp"});
-        ASSERT_EQ(outcome.out, std::to_string(stored) + "\tp.bmp\n") << outcome.err;
-    }
-    ASSERT_EQ(listed("a.kal").size(), count);
-    for (unsigned id = 1; id <= count; id += id < 20 ? 1 : 97)
-        ASSERT_TRUE(extracted("a.kal", id) == picture(id)) << id;
-    // Every item lies behind the room that the index may still need.
-    for (const Entry& entry : indexOf(readFile("a.kal"), 0xC000))
-        EXPECT_GE(entry.offset, 32664u);
-}
-
-TEST_F(Archive, IsFullAtTheMostThatAnIndexHolds) {
-    writeFile("p.bmp", makeBmp({1, 1, 1}));
-    Arguments all(3265, "p.bmp");
-    all.insert(all.begin(), {"store", "a.kal"});
-    // One that no flush can move must not stand in the way of the entries to come.
-    writePicture("big.bmp", 1, 4000);
-    all[2] = "big.bmp";
-    kalSucceeds(all);
-    const Bytes before = readFile("a.kal");
-    expectFailure(kal({"store", "a.kal", "p.bmp"}), 1, "it is full");
-    EXPECT_TRUE(readFile("a.kal") == before);
-    EXPECT_EQ(listed("a.kal").back().id, 3265u);
-    EXPECT_TRUE(extracted("a.kal", 3265) == readFile("p.bmp"));
-    all.push_back("p.bmp");
-    all[1] = "b.kal";
-    expectFailure(kal(all), 1, "it is full");
-    EXPECT_FALSE(fileExists("b.kal"));
-}
-
-// Runs every command that writes where there is no room for what it writes.
-void expectFullDiskIsSurvived(const std::string& full) {
-    const Bytes before = readFile(full + "/a.kal");
-    const std::vector<std::string> files = filesIn(full);
-    const char* why = ": ";
-    expectFailure(kal({"store", full + "/a.kal", "small.bmp", "big.bmp"}), 1, why);
-    EXPECT_TRUE(readFile(full + "/a.kal") == before);
-    expectFailure(kal({"store", full + "/new.kal", "big.bmp"}), 1, why);
-    expectFailure(kal({"extract", "big.kal", "1", "-o", full + "/out.bmp"}), 1, why);
-    EXPECT_EQ(filesIn(full), files);
-    EXPECT_EQ(listed(full + "/a.kal").size(), 1u);
-    EXPECT_TRUE(extracted(full + "/a.kal", 1) == readFile("small.bmp"));
-}
-
-TEST_F(Archive, SurvivesAFullDisk) {
-    writePicture("small.bmp", 1);
-    writePicture("big.bmp", 2, 9000);
-    kalSucceeds({"store", "big.kal", "big.bmp"});
-    ASSERT_EQ(::mkdir("limited", 0700), 0);
-    kalSucceeds({"store", "limited/a.kal", "small.bmp"});
-    {
-        const FileSizeLimit limit(150000);
-        expectFullDiskIsSurvived("limited");
-    }
-    const TinyFileSystem tiny("tiny", 160000);
-    if (!tiny.mounted())
-        GTEST_SKIP() << "no right to mount";
-    kalSucceeds({"store", "tiny/a.kal", "small.bmp"});
-    expectFullDiskIsSurvived("tiny");
-
-    // The room ends anywhere: in the list, in the signature's move, in the index.
-    const Bytes before = readFile("tiny/a.kal");
-    Arguments twelve(12, "small.bmp");
-    twelve.insert(twelve.begin(), {"store", "tiny/a.kal"});
-    for (uint32_t taken = 0; taken < 120000; taken += slowBuild ? 16384 : 4096) {
-        writeFile("tiny/filler", Bytes(taken));
-        const Outcome outcome = kal(twelve);
-        if (outcome.status == 0) {
-            EXPECT_EQ(listed("tiny/a.kal").size(), 13u);
-            writeFile("tiny/a.kal", before);
-        } else {
-            expectFailure(outcome, 1, "a.kal: ");
-            ASSERT_TRUE(readFile("tiny/a.kal") == before) << "after " << taken << " bytes were taken";
-        }
-    }
-    // Read-only: it is read as ever and takes nothing.
-    ASSERT_EQ(::mount("none", "tiny", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    EXPECT_EQ(listed("tiny/a.kal").size(), 1u);
-    kalSucceeds({"extract", "tiny/a.kal", "1", "-o", "out.bmp"});
-    expectFailure(kal({"store", "tiny/a.kal", "small.bmp"}), 1, "Read-only file system");
-    expectFailure(kal({"extract", "tiny/a.kal", "1", "-o", "tiny/out.bmp"}), 1, "Read-only file system");
+TEST_F(Archive, HasAnyNameOfTheHost) {
+    writePictures({{40, 30, 8}});
+    runScript(R"sh(
+for name in A.kal a.kal c:a.kal 'x\a.kal' a.kal. '-- x' $'\u00e4\n.kal'; do
+    kal store -- "$name" in/1.bmp >ids
+    kal extract -o $'p\n.bmp' -- "$name" 1
+    cmp $'p\n.bmp' in/1.bmp && rm $'p\n.bmp'
+done
+[ $(find . -mindepth 1 -maxdepth 1 -printf . | wc -c) = 10 ]
+[ "$(kal --version)" = "kal 1.0.0" ]
+for command in store list extract remove pack stat dump cat; do kal $command --help | grep -q "  kal $command "; done
+fails 1 'standard output: cannot be written' eval 'kal list a.kal >/dev/full'
+cp a.kal before
+fails 1 'standard output: cannot be written' eval 'kal list a.kal >&-' || true
+cmp a.kal before)sh");
 }
 
 } // namespace

@@ -18,10 +18,7 @@ struct BmpKind {
 // The same kind and seed give the same bytes. Pixels, palette, gap and rest are random.
 Bytes makeBmp(const BmpKind& kind, uint32_t seed = 1);
 
-uint32_t rowBytes(const BmpKind& kind);
-
-// Sets a little-endian number in the bytes.
-void set16(Bytes& bytes, size_t offset, uint32_t number);
-void set32(Bytes& bytes, size_t offset, uint32_t number);
+// Sets a little-endian number of `size` bytes.
+void setNumber(Bytes& bytes, size_t offset, size_t size, uint32_t number);
 
 #endif

@@ -2,11 +2,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <spawn.h>
-#include <sstream>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,9 +20,9 @@ std::string readAll(int handle) {
 
 } // namespace
 
-RunningTool::RunningTool(const Arguments& arguments)
+RunningTool::RunningTool(const Arguments& arguments, const char* program)
     : out_(::memfd_create("out", MFD_CLOEXEC)), err_(::memfd_create("err", MFD_CLOEXEC)) {
-    std::vector<char*> pointers = {const_cast<char*>(KAL_TOOL)};
+    std::vector<char*> pointers = {const_cast<char*>(program)};
     for (const std::string& argument : arguments)
         pointers.push_back(const_cast<char*>(argument.c_str()));
     pointers.push_back(nullptr);
@@ -31,7 +30,7 @@ RunningTool::RunningTool(const Arguments& arguments)
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out_, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err_, STDERR_FILENO);
-    EXPECT_EQ(::posix_spawn(&process_, KAL_TOOL, &actions, nullptr, pointers.data(), environ), 0);
+    EXPECT_EQ(::posix_spawn(&process_, program, &actions, nullptr, pointers.data(), environ), 0);
     posix_spawn_file_actions_destroy(&actions);
 }
 
@@ -41,10 +40,8 @@ void RunningTool::kill(int signal) const {
 
 Outcome RunningTool::wait() {
     int status = 0;
-    rusage usage = {};
-    EXPECT_EQ(::wait4(process_, &status, 0, &usage), process_);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), readAll(out_), readAll(err_),
-            usage.ru_maxrss};
+    EXPECT_EQ(::waitpid(process_, &status, 0), process_);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), readAll(out_), readAll(err_)};
 }
 
 Outcome kal(const Arguments& arguments) {
@@ -66,30 +63,35 @@ void expectFailure(const Outcome& outcome, int status, const std::string& why) {
     EXPECT_TRUE(outcome.err.ends_with('\n'));
 }
 
-std::vector<Listed> listed(const std::string& archive) {
-    std::vector<Listed> rows;
-    std::istringstream lines(kalSucceeds({"list", archive, "--json"}));
-    for (std::string line; std::getline(lines, line);) {
-        Listed row = {};
-        char topDown[6] = "";
-        const int found = std::sscanf(
-            line.c_str(),
-            R"( {"id": %u, "kind": "%*[a-z]", "width": %u, "height": %u, "bits": %u, )"
-            R"("topDown": %5[a-z], "bytes": %u, "stored": %u, "ratio": %lf})",
-            &row.id, &row.width, &row.height, &row.bits, topDown, &row.bytes, &row.stored, &row.ratio);
-        row.topDown = std::string(topDown) == "true";
-        if (found == 8)
-            rows.push_back(row);
-        else
-            EXPECT_TRUE(line == "[" || line == "]" || line == "[]") << line;
+void expectRefusals(const std::vector<Refusal>& refusals) {
+    const auto state = [] {
+        std::vector<std::pair<std::string, Bytes>> files;
+        for (const std::string& name : filesIn("."))
+            if (std::filesystem::is_regular_file(name))
+                files.emplace_back(name, readFile(name));
+        return files;
+    };
+    const auto before = state();
+    for (const auto& [arguments, why, status] : refusals) {
+        SCOPED_TRACE(::testing::PrintToString(arguments));
+        const Outcome outcome = kal(arguments);
+        expectFailure(outcome, status, why);
+        EXPECT_TRUE(state() == before) << "a file has changed";
     }
-    return rows;
 }
 
-Bytes extracted(const std::string& archive, unsigned id) {
-    const std::string out = archive + ".extracted";
-    kalSucceeds({"extract", archive, std::to_string(id), "-o", out});
-    Bytes bytes = readFile(out);
-    ::unlink(out.c_str());
-    return bytes;
+void runScript(const std::string& script) {
+    const std::string start = R"sh(
+exec 9>&2; BASH_XTRACEFD=9
+PATH=${KAL_TOOL%/*}:$PATH
+fails() {
+    local status=0
+    "${@:3}" >/dev/null 2>err || status=$?
+    cat err >&9
+    [ $status = $1 ] && grep -qF -- "$2" err && [ "$(grep -c '^kal: ' err)$(wc -l <err)" = 11 ] && rm err
+}
+)sh";
+    setenv("KAL_TOOL", KAL_TOOL, 1);
+    const Outcome outcome = RunningTool({"-euxo", "pipefail", "-c", start + script}, "/bin/bash").wait();
+    EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
 }

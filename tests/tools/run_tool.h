@@ -12,15 +12,14 @@ struct Outcome {
     int status; // exit status, or minus the signal that ended it
     std::string out;
     std::string err;
-    long peakKiB; // the most memory it had resident (no less than this process had when it started it)
 };
 
 using Arguments = std::vector<std::string>;
 
-// A kal that runs.
+// A program that runs.
 class RunningTool {
 public:
-    explicit RunningTool(const Arguments& arguments);
+    explicit RunningTool(const Arguments& arguments, const char* program = KAL_TOOL);
     void kill(int signal) const;
     Outcome wait();
 
@@ -32,22 +31,22 @@ private:
 
 Outcome kal(const Arguments& arguments);
 
-// Runs kal and expects success, or a failure of this exit status that says `why` on one line and nothing
-// else. Gives what it printed.
+// Runs kal and expects success without messages, or a failure of this exit status that says `why` on one line and
+// nothing else. The first gives what it printed.
 std::string kalSucceeds(const Arguments& arguments);
 void expectFailure(const Outcome& outcome, int status, const std::string& why);
 
-// One line of `list --json`.
-struct Listed {
-    unsigned id, width, height, bits;
-    bool topDown;
-    unsigned bytes, stored;
-    double ratio;
+// Runs kal once a row and expects that failure, and the folder as it was.
+struct Refusal {
+    Arguments arguments;
+    const char* why;
+    int status = 1;
 };
-std::vector<Listed> listed(const std::string& archive);
+void expectRefusals(const std::vector<Refusal>& refusals);
 
-// Extracts a picture, expecting success.
-Bytes extracted(const std::string& archive, unsigned id);
+// Runs a script of bash, where `kal` is the program and `fails STATUS WHY COMMAND...` expects such a failure; each command
+// must succeed. A failure prints what was run.
+void runScript(const std::string& script);
 
 // Under the sanitizers or an emulator starting a process takes many times as long.
 #if defined(__SANITIZE_ADDRESS__) || defined(KAL_EMULATED)
