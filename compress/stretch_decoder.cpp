@@ -128,11 +128,12 @@ void decodeRounds(BlockStrings* strings, DecoderState* state, const uint8_t** in
             const auto character = static_cast<uint8_t>(code);
             of[next] = previousCode < kRoots
                            ? BlockString::pair(static_cast<uint8_t>(previousCode), character)
-                           : previous.extended(previousCode, character);
+                           : of[previousCode].extended(previousCode, character);
             *out++ = character;
-            previous = BlockString::root(character);
             return advance(code);
         }
+        if (kMostlySingle)
+            previous = of[previousCode];
         // The string that this code adds comes first, since the code may be its own.
         const uint8_t first = code == next ? previous.first() : of[code].first();
         of[next] = previous.extended(previousCode, first);

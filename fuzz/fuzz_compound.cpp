@@ -1,22 +1,18 @@
 // Any bytes as a compound file: read, and written to where that is allowed.
-#include "fuzz/fuzz_target.h"
+#include "fuzz/memory_host.h"
 
 #include <kal/compound.h>
 
-#include <cstdlib>
+#include <cstring>
 #include <map>
-#include <string>
-#include <sys/mman.h>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Streams = std::map<std::wstring, Bytes>;
 
 constexpr uint32_t kReading = STGM_READ | STGM_SHARE_DENY_WRITE;
 constexpr uint32_t kUpdate = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+constexpr const wchar_t* kPath = L"/file";
 
 // A stream's bytes. False when it is not whole.
 bool readStream(IStream* stream, uint64_t size, Bytes& bytes) {
@@ -65,18 +61,18 @@ bool readStorage(IStorage* storage, const std::wstring& prefix, int depth, uint3
 }
 
 // With kUpdate: what may be written to.
-bool readFile(const wchar_t* path, uint32_t mode, Streams& streams) {
+bool readFile(uint32_t mode, Streams& streams) {
     IStorage* storage;
-    if (StgOpenStorage(path, nullptr, mode, nullptr, 0, &storage) != S_OK)
+    if (StgOpenStorage(kPath, nullptr, mode, nullptr, 0, &storage) != S_OK)
         return false;
     const bool whole = readStorage(storage, L"", 0, mode, streams);
     storage->Release();
     return whole;
 }
 
-bool changeFile(const wchar_t* path, const Bytes& bytes) {
+bool changeFile(const Bytes& bytes) {
     IStorage* storage;
-    if (StgOpenStorage(path, nullptr, kUpdate, nullptr, 0, &storage) != S_OK)
+    if (StgOpenStorage(kPath, nullptr, kUpdate, nullptr, 0, &storage) != S_OK)
         return false;
     IStream* stream;
     const HRESULT result = storage->CreateStream(L"made by the fuzzer", kUpdate | STGM_CREATE, 0, 0, &stream);
@@ -91,25 +87,41 @@ bool changeFile(const wchar_t* path, const Bytes& bytes) {
     return result == S_OK;
 }
 
+// Every number of a sector, 512 bytes each.
+void addSector(std::vector<Field>& fields, const Bytes& input, uint64_t sector) {
+    for (uint64_t at = (sector + 1) * 512; at < (sector + 2) * 512 && at + 4 <= input.size(); at += 4)
+        fields.push_back({static_cast<size_t>(at), 4});
+}
+
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const int file = memfd_create("compound", 0);
-    static const std::string name = "/proc/self/fd/" + std::to_string(file);
-    const std::wstring path(name.begin(), name.end());
-    if (ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size))
-        std::abort();
+std::vector<Field> fieldsOf(const Bytes& input) {
+    if (input.size() < 1024)
+        return {};
+    std::vector<Field> fields = {{26, 2}, {30, 2}, {32, 2}};
+    for (size_t at = 40; at < 92; at += 4)
+        fields.push_back({at, 4});
+    for (size_t at : {48u, 60u, 68u, 76u, 80u}) { // directory, mini FAT, DIFAT, FAT
+        uint32_t sector;
+        std::memcpy(&sector, &input[at], 4);
+        addSector(fields, input, sector);
+    }
+    return fields;
+}
 
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    memoryHost::start();
+    memoryHost::setContent("/file", Bytes(data, data + size));
     Streams before;
-    readFile(path.c_str(), kReading, before);
+    readFile(kReading, before);
     before.clear();
-    readFile(path.c_str(), kUpdate, before);
+    readFile(kUpdate, before);
     const Bytes added(size % 3 == 0 ? 100 : 5000, uint8_t(size));
-    if (!changeFile(path.c_str(), added))
+    if (!changeFile(added))
         return 0;
     before[L"made by the fuzzer"] = added;
     Streams after;
-    readFile(path.c_str(), kReading, after);
+    readFile(kReading, after);
     for (const auto& [stream, bytes] : before)
         require(after.count(stream) == 1 && after[stream] == bytes, "a write changes nothing else");
     return 0;

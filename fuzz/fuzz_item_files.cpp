@@ -1,11 +1,9 @@
-// Any bytes as an item file, its items as resources and as lists: an archive of pictures is one of these. The first byte
-// chooses the size of the reads.
-#include "fuzz/fuzz_target.h"
+// Any bytes as an item file, its items as resources and as lists, whose ops are put to a bitmap list: an archive of
+// pictures is one of these. The first bytes describe the bitmap and choose the size of the reads.
+#include "fuzz/bitmap_list.h"
 
 #include "tests/support/vector_stream.h"
 
-#include <kal/heap.h>
-#include <kal/oplist.h>
 #include <kal/resource.h>
 #include <kal/verify.h>
 
@@ -13,10 +11,8 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 constexpr uint16_t kMostItems = 40;   // looked at
-constexpr uint32_t kEnough = 1 << 20; // bytes of one list: a few hundred bytes can hold more
+constexpr uint32_t kEnough = 1 << 18; // bytes of one list: a few hundred bytes can hold more
 
 struct Faults : FaultSink {
     void Fault(uint64_t, uint32_t, const char* text) override {
@@ -42,7 +38,7 @@ void readItem(IFILE* file, uint16_t id, uint32_t piece, bool whole) {
         require(KalDestroyTextRes(texts) == KAL_OK, "so are a text's");
 }
 
-void readList(IOPFILE* file, uint16_t id, bool whole) {
+void readList(IOPFILE* file, uint16_t id, bool whole, OpList* bitmap) {
     OpList* list;
     if (KalOpenGetIOpList(file, id, &list) != KAL_OK)
         return require(!whole, "a list that is there opens");
@@ -51,8 +47,8 @@ void readList(IOPFILE* file, uint16_t id, bool whole) {
         void* op = KalGetOp(list);
         if (op == nullptr)
             break;
-        const Bytes payload(static_cast<uint8_t*>(op), static_cast<uint8_t*>(op) + KalOpSize(op));
-        total += 1 + static_cast<uint32_t>(payload.size());
+        total += KAL_OP_HEADER + KalOpSize(op);
+        KalPutOp(bitmap, op);
         require(KalFreeSMem(KalOpBlock(op)) == KAL_OK, "an op is one block");
     }
     require(!whole || total >= kEnough || KalGetOpError(list) == KAL_OK, "a whole list has no error");
@@ -61,10 +57,23 @@ void readList(IOPFILE* file, uint16_t id, bool whole) {
 
 } // namespace
 
+std::vector<Field> fieldsOf(const Bytes& input) {
+    constexpr size_t header = kBitmapBytes + 1;
+    if (input.size() < header + 4)
+        return {};
+    const bool wide = (input[header + 1] & 0x80) != 0;
+    std::vector<Field> fields = {{header + 2, 2}};
+    for (size_t at = header + 4; fields.size() < 60 && at + 10 <= input.size(); at += wide ? 10 : 8)
+        fields.insert(fields.end(), {{at, 2}, {at + 2, wide ? 4u : 2u}, {at + (wide ? 6 : 4), 4}});
+    return fields;
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size == 0)
-        return 0;
-    const Bytes bytes(data + 1, data + size);
+    memoryHost::start();
+    Input input(data, size);
+    BitmapList bitmap(input);
+    const uint32_t piece = 1 + input.byte() * 7u;
+    const Bytes bytes = input.rest();
     VectorStream stream(bytes);
     stream.file()->mode = 0; // without write access nothing is written back
     Faults ofItems, ofLists;
@@ -87,10 +96,11 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const auto id = static_cast<uint16_t>(entry[0] | entry[1] << 8);
         if (id == KAL_ITEM_FREE)
             continue;
-        readItem(file->ifile, id, 1 + data[0] * 7u, wholeItems);
-        readList(file, id, wholeLists);
+        readItem(file->ifile, id, piece, wholeItems);
+        readList(file, id, wholeLists, bitmap.list);
     }
     require(KalFreeIOpFile(file) == KAL_OK, "reading changes nothing that could not be written");
     require(stream.bytes == bytes, "reading writes nothing");
+    bitmap.read(0, 0);
     return 0;
 }

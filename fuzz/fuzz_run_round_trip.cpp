@@ -20,7 +20,7 @@ uint16_t pieceAt(const std::vector<uint8_t>& bytes, size_t at) {
 std::vector<uint8_t> repeated(const uint8_t* data, size_t size, unsigned times) {
     std::vector<uint8_t> bytes;
     for (unsigned time = 0; time < times; time++)
-        for (size_t at = 0; at < size; at++)
+        for (size_t at = 0; at < size && bytes.size() < 16000; at++)
             bytes.push_back(static_cast<uint8_t>(data[at] + time * (1 + at % 7)));
     return bytes;
 }

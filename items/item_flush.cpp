@@ -8,10 +8,8 @@
 
 namespace {
 
-constexpr uint32_t kNoOffset = 0x7FFFFFFF; // entries from here on stand in no index's way
-
 struct Obstacle {
-    uint32_t offset = kNoOffset;
+    uint32_t offset = UINT32_MAX; // which stands in no index's way
     ItemIndex* entry = nullptr;
 };
 
@@ -24,7 +22,7 @@ Obstacle lowestItem(IFILE* file) {
         ItemIndex* entry = entryAt(file, i);
         const uint32_t offset = entryOffset(file, entry);
         const uint32_t size = entrySize(file, entry);
-        if (size == 0 || offset > lowest.offset || offset == kNoOffset)
+        if (size == 0 || offset > lowest.offset)
             continue;
         if (offset < lowest.offset || size > lowestSize) {
             lowest = {offset, entry};

@@ -1,86 +1,75 @@
-#include "memory/arrivals.h"
-
+// The blocks in memory in the order in which they came in: a heap of their arrivals. Whoever leaves memory leaves his
+// arrival behind, which no longer is his record's and is dropped when it comes up or the heap is full. A locked block
+// whose turn comes is passed over: its arrival stands in the record alone until it is unlocked, so that nobody looks
+// at it again.
 #include "memory/vmem_manager.h"
+#include "platform/global_memory.h"
 
-#include <atomic>
-#include <bit>
+#include <algorithm>
+#include <functional>
+
+std::atomic<uint32_t> passedOver;
 
 namespace {
 
-std::atomic<uint32_t> passedOverCount;
+constexpr std::greater<uint64_t> kFirstOnTop;
 
-bool mayGo(const Arrivals* arrivals, uint32_t place) {
-    return (arrivals->mayGo[place / 64] >> place % 64 & 1) != 0;
+Record* recordAt(const VMemManager* manager, uint64_t place) {
+    Record* record = manager->records[place % kIds];
+    return record != nullptr && record->arrival == place / kIds && !record->isPassedOver ? record : nullptr;
 }
 
-void setMayGo(Arrivals* arrivals, uint32_t place) {
-    arrivals->mayGo[place / 64] |= uint64_t{1} << place % 64;
-    arrivals->mayGoWords[place / 4096] |= uint64_t{1} << place / 64 % 64;
-}
-
-void clearMayGo(Arrivals* arrivals, uint32_t place) {
-    uint64_t& word = arrivals->mayGo[place / 64];
-    word &= ~(uint64_t{1} << place % 64);
-    if (word == 0)
-        arrivals->mayGoWords[place / 4096] &= ~(uint64_t{1} << place / 64 % 64);
-}
-
-// Moves all blocks up to the first places.
-void closeRanks(Arrivals* arrivals, Record* const* records) {
-    uint32_t end = 0;
-    for (uint32_t place = 1; place <= arrivals->end; place++) {
-        const uint16_t id = arrivals->ids[place];
-        if (id == 0)
-            continue;
-        const bool may = mayGo(arrivals, place);
-        clearMayGo(arrivals, place);
-        arrivals->ids[place] = 0;
-        arrivals->ids[++end] = id;
-        if (may)
-            setMayGo(arrivals, end);
-        records[id]->place = end;
+void enqueue(VMemManager* manager, const Record* record) {
+    uint64_t* const queue = manager->queue;
+    if (manager->queueLength == kQueueRoom) {
+        uint64_t* end = std::remove_if(queue, queue + kQueueRoom,
+                                       [=](uint64_t place) { return recordAt(manager, place) == nullptr; });
+        manager->queueLength = static_cast<uint32_t>(end - queue);
+        std::make_heap(queue, end, kFirstOnTop);
     }
-    arrivals->end = end;
+    queue[manager->queueLength++] = record->arrival * kIds + idOf(record->handle);
+    std::push_heap(queue, queue + manager->queueLength, kFirstOnTop);
+}
+
+void setPassedOver(Record* record, bool isPassedOver) {
+    if (record->isPassedOver != isPassedOver)
+        passedOver.fetch_add(isPassedOver ? 1u : 0u - 1, std::memory_order_relaxed);
+    record->isPassedOver = isPassedOver;
 }
 
 } // namespace
 
-void arrive(Arrivals* arrivals, Record* const* records, uint16_t id) {
-    if (arrivals->end + 1 == Arrivals::kPlaces)
-        closeRanks(arrivals, records);
-    const uint32_t place = ++arrivals->end;
-    arrivals->ids[place] = id;
-    setMayGo(arrivals, place);
-    records[id]->place = place;
+void arrive(VMemManager* manager, Record* record) {
+    setPassedOver(record, false);
+    record->arrival = ++manager->lastArrival;
+    enqueue(manager, record);
 }
 
-void depart(Arrivals* arrivals, uint32_t place) {
-    takeBack(arrivals, place);
-    clearMayGo(arrivals, place);
-    arrivals->ids[place] = 0;
+void depart(Record* record) {
+    setPassedOver(record, false);
+    record->arrival = 0;
 }
 
-void passOver(Arrivals* arrivals, uint32_t place) {
-    clearMayGo(arrivals, place);
-    passedOverCount.fetch_add(1, std::memory_order_relaxed);
-}
-
-void takeBack(Arrivals* arrivals, uint32_t place) {
-    if (mayGo(arrivals, place))
+void takeBack(VMemManager* manager, Record* record) {
+    if (!record->isPassedOver)
         return;
-    setMayGo(arrivals, place);
-    passedOverCount.fetch_sub(1, std::memory_order_relaxed);
+    setPassedOver(record, false);
+    enqueue(manager, record);
 }
 
-uint32_t passedOver() {
-    return passedOverCount.load(std::memory_order_relaxed);
-}
-
-uint32_t oldestPlace(const Arrivals* arrivals) {
-    for (uint32_t i = 0; i < sizeof arrivals->mayGoWords / sizeof arrivals->mayGoWords[0]; i++)
-        if (const uint64_t words = arrivals->mayGoWords[i]; words != 0) {
-            const uint32_t word = i * 64 + static_cast<uint32_t>(std::countr_zero(words));
-            return word * 64 + static_cast<uint32_t>(std::countr_zero(arrivals->mayGo[word]));
+Record* oldestUnlocked(VMemManager* manager) {
+    while (manager->queueLength > 0) {
+        Record* record = recordAt(manager, manager->queue[0]);
+        if (record != nullptr) {
+            const uint32_t flags = GlobalFlags(record->handle);
+            if (flags == 0 && record->isListed)
+                return record;
+            if ((flags & GMEM_INVALID_HANDLE) != 0)
+                forget(manager, record); // another task has freed it
+            else
+                setPassedOver(record, true);
         }
-    return 0;
+        std::pop_heap(manager->queue, manager->queue + manager->queueLength--, kFirstOnTop);
+    }
+    return nullptr;
 }

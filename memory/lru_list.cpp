@@ -2,8 +2,6 @@
 #include "memory/swap_file.h"
 #include "memory/vmem_manager.h"
 
-#include <algorithm>
-
 namespace {
 
 // The first node from the head that holds the handle, or null.
@@ -17,16 +15,13 @@ void* nodeOf(VMemManager* manager, void* handle) {
 void addToList(VMemManager* manager, Record* record) {
     KalSAddHead(manager->shown.lruList, record);
     record->isListed = true;
-    if (record->isIn)
-        arrive(manager->arrivals, manager->records, idOf(record->handle));
+    if (record->arrival != 0)
+        arrive(manager, record);
 }
 
 void takeFromList(VMemManager* manager, Record* record) {
     KalSExtractNode(manager->shown.lruList, record);
     record->isListed = false;
-    if (record->place != 0)
-        depart(manager->arrivals, record->place);
-    record->place = 0;
 }
 
 void destroyLoose(VMemManager* manager, void* node) {
@@ -37,23 +32,20 @@ void destroyLoose(VMemManager* manager, void* node) {
 
 } // namespace
 
-Record* addRecord(VMemManager* manager, void* handle, uint32_t size) {
-    const uint16_t id = idOf(handle);
-    Record*& record = manager->records[id];
+bool addRecord(VMemManager* manager, void* handle, uint32_t size) {
+    Record*& record = manager->records[idOf(handle)];
     if (record == nullptr) {
         record = static_cast<Record*>(KalSCreateNode(sizeof(Record)));
         if (record == nullptr)
-            return nullptr;
+            return false;
         manager->recordCount++;
     }
     if (record->handle != nullptr)
         forget(manager, record); // another task has freed it
-    manager->recordsEnd = std::max<uint32_t>(manager->recordsEnd, id + 1u);
     record->handle = handle;
     addToList(manager, record);
     setSize(manager, record, size);
-    record->used = size;
-    return record;
+    return true;
 }
 
 void forget(VMemManager* manager, Record* record) {

@@ -1,9 +1,10 @@
-// Swap files: the extent list, a table of the items by id, and the list's stretches, by which the first fit is found
+// Swap files: the extent list, a table of the items by id, and the file in pieces, by which the first fit is found
 // without a walk over all extents.
 //
-// A stretch is some hundred extents one behind the other. It knows a size that no free extent in it exceeds, so that
-// a search looks into those stretches alone that may have what it wants, and corrects the size of each in vain. Callers
-// free extents by setting their id to 0, and nobody tells the file: so a search that they ask for looks everywhere.
+// A piece is 64 KiB of the file. It knows the first extent that begins in it and a size that no free extent in it
+// exceeds, so that a search looks into those pieces alone that may have what it wants, and corrects the size of each in
+// vain. Callers free extents by setting their id to 0, and nobody tells the file: so a search that they ask for looks
+// everywhere, and the manager's into the pieces of which callers were given an extent, and into one more in turn.
 #include "memory/swap_file.h"
 
 #include "memory/record.h"
@@ -22,143 +23,90 @@
 namespace {
 
 constexpr uint32_t kIds = 0x10000;
-
-constexpr uint32_t kMostInStretch = 256;
+constexpr uint32_t kPiece = 0x10000;
+constexpr uint32_t kPieces = 0x10000; // 4 GiB
 constexpr uint32_t kAnySize = UINT32_MAX;
-
-struct Stretch;
-
-#pragma pack(push, 2)
-struct Extent {
-    vitem shown;
-    Stretch* stretch;
-};
-#pragma pack(pop)
-
-struct Stretch {
-    Extent* first;
-    uint32_t count;
-    uint32_t mostFree; // no free extent here is larger
-    Stretch* next;
-};
 
 struct SwapFile {
     vfile shown;
-    Extent** byId; // where the extent of each id was last, which a caller may have freed
-    Stretch stretches;
     uint32_t extents;
-    uint32_t writes; // since a search looked everywhere
+    uint32_t end;               // of the last extent
+    uint32_t turn;              // the piece that the next search looks into whatever it knows
+    uint32_t mostFree[kPieces]; // no free extent that begins in the piece is larger
+    bool isLent[kPieces];       // callers were given an extent of it, and may free that at any time
+    vitem* firsts[kPieces];     // the extent that begins first in it
+    vitem* byId[kIds];          // where each item was last, which a caller may have freed
 };
 
-Extent* extentAt(KalNodeHeader* header) {
-    return reinterpret_cast<Extent*>(header + 1);
+vitem* nextOf(vitem* extent) {
+    return static_cast<vitem*>(KalNextNode(extent));
 }
 
-KalNodeHeader* headerOf(Extent* extent) {
-    return reinterpret_cast<KalNodeHeader*>(extent) - 1;
-}
-
-// --- Stretches -----------------------------------------------------------------------------------------------
-
-// Cuts a long stretch in two; without memory for that it stays long.
-void split(Stretch* stretch) {
-    auto* rest = static_cast<Stretch*>(KalAllocSMem(sizeof(Stretch)));
-    if (rest == nullptr)
-        return;
-    Extent* extent = stretch->first;
-    for (uint32_t i = 0; i < stretch->count / 2; i++)
-        extent = extentAt(headerOf(extent)->next);
-    *rest = {extent, stretch->count - stretch->count / 2, stretch->mostFree, stretch->next};
-    stretch->count /= 2;
-    stretch->next = rest;
-    for (uint32_t i = 0; i < rest->count; i++, extent = extentAt(headerOf(extent)->next))
-        extent->stretch = rest;
-}
-
-// Notes an extent that now stands in the list behind another of the stretch, or begins it.
-void enter(SwapFile* file, Stretch* stretch, Extent* extent) {
-    if (stretch->count == 0)
-        stretch->first = extent;
-    extent->stretch = stretch;
-    file->extents++;
-    if (++stretch->count > kMostInStretch)
-        split(stretch);
-}
-
-void noteFree(Extent* extent) {
-    const uint32_t size = extent->shown.size;
-    extent->stretch->mostFree = std::max(extent->stretch->mostFree, size);
+uint32_t pieceOf(const vitem* extent) {
+    return extent->offset / kPiece;
 }
 
 void lookEverywhere(SwapFile* file) {
-    for (Stretch* stretch = &file->stretches; stretch != nullptr; stretch = stretch->next)
-        stretch->mostFree = kAnySize;
-    file->writes = 0;
+    std::fill_n(file->mostFree, file->end / kPiece + 1, kAnySize);
 }
 
 // The free extent of the lowest offset that has at least `size` bytes, or null.
-Extent* firstFit(SwapFile* file, uint32_t size) {
-    for (Stretch* stretch = &file->stretches; stretch != nullptr; stretch = stretch->next) {
-        if (stretch->mostFree < size)
+vitem* firstFit(SwapFile* file, uint32_t size) {
+    for (uint32_t piece = 0; piece <= file->end / kPiece; piece++) {
+        if (file->mostFree[piece] < size)
             continue;
         uint32_t mostFree = 0;
-        Extent* extent = stretch->first;
-        for (uint32_t i = 0; i < stretch->count; i++, extent = extentAt(headerOf(extent)->next)) {
-            if (extent->shown.id != 0)
+        for (vitem* extent = file->firsts[piece]; extent != nullptr && pieceOf(extent) == piece;
+             extent = nextOf(extent)) {
+            if (extent->id != 0)
                 continue;
-            const uint32_t free = extent->shown.size;
+            const uint32_t free = extent->size;
             if (free >= size)
                 return extent;
             mostFree = std::max(mostFree, free);
         }
-        stretch->mostFree = mostFree;
+        if (!file->isLent[piece])
+            file->mostFree[piece] = mostFree;
     }
     return nullptr;
 }
 
-// --- Extents -------------------------------------------------------------------------------------------------
-
-Extent* newExtent(uint32_t offset, uint32_t size) {
-    auto* extent = static_cast<Extent*>(KalSCreateNode(sizeof(Extent)));
-    if (extent != nullptr)
-        extent->shown = {0, size, offset};
-    return extent;
+vitem* find(const SwapFile* file, uint16_t id) {
+    vitem* extent = file->byId[id];
+    return extent != nullptr && extent->id == id ? extent : nullptr;
 }
 
-Extent* find(const SwapFile* file, uint16_t id) {
-    Extent* extent = file->extents > 0 ? file->byId[id] : nullptr;
-    return extent != nullptr && extent->shown.id == id ? extent : nullptr;
+void release(SwapFile* file, vitem* extent) {
+    file->byId[extent->id] = nullptr;
+    extent->id = 0;
+    const uint32_t free = extent->size;
+    uint32_t& mostFree = file->mostFree[pieceOf(extent)];
+    mostFree = std::max(mostFree, free);
 }
 
-void release(SwapFile* file, Extent* extent) {
-    file->byId[extent->shown.id] = nullptr;
-    extent->shown.id = 0;
-    noteFree(extent);
-}
-
-// Cuts off what lies behind the first `size` bytes of a free extent, as one of its own where there is memory for that.
-void carve(SwapFile* file, Extent* extent, uint32_t size) {
-    const uint32_t left = extent->shown.size - size;
-    Extent* remainder = left > 0 ? newExtent(extent->shown.offset + size, left) : nullptr;
-    extent->shown.size = size;
-    if (remainder == nullptr)
-        return;
-    KalSInsertNode(file->shown.items, extent, remainder);
-    enter(file, extent->stretch, remainder);
-    noteFree(remainder);
-}
-
-// A new extent at the file's end, or null.
-Extent* append(SwapFile* file, uint32_t size) {
-    KalNodeHeader* header = file->shown.items->last;
-    const Extent* last = header != nullptr ? extentAt(header) : nullptr;
-    const uint64_t end = last != nullptr ? uint64_t(last->shown.offset) + last->shown.size : 0;
-    Extent* extent = end + size <= UINT32_MAX ? newExtent(static_cast<uint32_t>(end), size) : nullptr;
+// A new free extent behind another, or at the end. Null when memory is short.
+vitem* addExtent(SwapFile* file, vitem* before, uint32_t offset, uint32_t size) {
+    auto* extent = static_cast<vitem*>(KalSCreateNode(sizeof(vitem)));
     if (extent == nullptr)
         return nullptr;
-    KalSAddTail(file->shown.items, extent);
-    enter(file, last != nullptr ? last->stretch : &file->stretches, extent);
+    *extent = {0, size, offset};
+    before != nullptr ? KalSInsertNode(file->shown.items, before, extent)
+                      : KalSAddTail(file->shown.items, extent);
+    vitem*& first = file->firsts[pieceOf(extent)];
+    if (first == nullptr || first->offset > offset)
+        first = extent;
+    release(file, extent);
+    file->end = std::max(file->end, offset + size);
+    file->extents++;
     return extent;
+}
+
+// Cuts off what lies behind the first `size` bytes, as a free extent of its own where there is memory for that.
+void carve(SwapFile* file, vitem* extent, uint32_t size) {
+    const uint32_t left = extent->size - size;
+    extent->size = size;
+    if (left > 0)
+        addExtent(file, extent, extent->offset + size, left);
 }
 
 bool seekTo(const vfile* file, uint32_t offset) {
@@ -196,27 +144,25 @@ int16_t furnish(SwapFile* file) {
     file->shown.handle = static_cast<uint32_t>(HFILE_ERROR);
     file->shown.items = KalSCreateList();
     file->shown.nameBuf = static_cast<char*>(KalAllocSMem(KAL_NAME_SIZE));
-    file->byId = static_cast<Extent**>(KalAllocSMem(kIds * sizeof(Extent*)));
-    if (file->shown.items == nullptr || file->shown.nameBuf == nullptr || file->byId == nullptr)
+    if (file->shown.items == nullptr || file->shown.nameBuf == nullptr)
         return KAL_ERR_MEMORY;
     return makeFile(file);
 }
 
 } // namespace
 
-const vitem* findItem(vfile* file, uint16_t id) {
-    const Extent* extent = find(wholeOf<SwapFile>(file), id);
-    return extent != nullptr ? &extent->shown : nullptr;
+vitem* findItem(vfile* file, uint16_t id) {
+    return find(wholeOf<SwapFile>(file), id);
 }
 
 void dropItem(vfile* file, uint16_t id) {
     SwapFile* swap = wholeOf<SwapFile>(file);
-    if (Extent* extent = find(swap, id))
+    if (vitem* extent = find(swap, id))
         release(swap, extent);
 }
 
 uint64_t extentListBytes(vfile* file) {
-    constexpr uint64_t kExtent = 72; // with its heap block and its place in the table of ids
+    constexpr uint64_t kExtent = 72; // with its heap block and its places in the tables
     return wholeOf<SwapFile>(file)->extents * kExtent;
 }
 
@@ -224,25 +170,23 @@ int32_t writeItem(vfile* file, const void* data, uint32_t size, uint16_t id) {
     if (id == 0 || size > INT32_MAX)
         return 0;
     SwapFile* swap = wholeOf<SwapFile>(file);
-    if (Extent* old = find(swap, id)) {
-        if (old->shown.size == size)
+    if (vitem* old = find(swap, id)) {
+        if (old->size == size)
             return static_cast<int32_t>(size);
         release(swap, old);
     }
-    // What callers freed is not lost for long either: some looks for each write.
-    constexpr uint32_t kLooks = 64;
-    if (++swap->writes * kLooks > swap->extents)
-        lookEverywhere(swap);
-    Extent* extent = firstFit(swap, size);
+    swap->turn = swap->turn < swap->end / kPiece ? swap->turn + 1 : 0;
+    swap->mostFree[swap->turn] = kAnySize;
+    vitem* extent = firstFit(swap, size);
     if (extent != nullptr)
         carve(swap, extent, size);
-    else
-        extent = append(swap, size);
+    else if (size <= UINT32_MAX - swap->end)
+        extent = addExtent(swap, nullptr, swap->end, size);
     if (extent == nullptr)
         return 0;
-    extent->shown.id = id;
+    extent->id = id;
     swap->byId[id] = extent;
-    if (!seekTo(file, extent->shown.offset))
+    if (!seekTo(file, extent->offset))
         return 0;
     return KalHWrite(static_cast<HFILE>(file->handle), data, static_cast<int32_t>(size));
 }
@@ -263,17 +207,11 @@ int16_t KalOpenTempVFile(vfile** out) {
 int16_t KalCloseVFile(vfile* file) {
     if (file == nullptr)
         return KAL_OK;
-    SwapFile* swap = wholeOf<SwapFile>(file);
     if (file->handle != static_cast<uint32_t>(HFILE_ERROR))
         _lclose(static_cast<HFILE>(file->handle));
-    while (Stretch* stretch = swap->stretches.next) {
-        swap->stretches.next = stretch->next;
-        KalFreeSMem(stretch);
-    }
     KalSDestroyList(file->items);
     KalFreeSMem(file->nameBuf);
-    KalFreeSMem(swap->byId);
-    KalFreeSMem(swap);
+    KalFreeSMem(file);
     return KAL_OK;
 }
 
@@ -281,8 +219,12 @@ vitem* KalFindVItem(vfile* file, uint16_t id) {
     SwapFile* swap = wholeOf<SwapFile>(file);
     if (id == 0)
         lookEverywhere(swap);
-    Extent* extent = id == 0 ? firstFit(swap, 0) : find(swap, id);
-    return extent != nullptr ? &extent->shown : nullptr;
+    vitem* extent = id == 0 ? firstFit(swap, 0) : find(swap, id);
+    if (extent != nullptr) {
+        swap->isLent[pieceOf(extent)] = true;
+        swap->mostFree[pieceOf(extent)] = kAnySize;
+    }
+    return extent;
 }
 
 int32_t KalReadVFile(vfile* file, vitem* item, void* destination) {

@@ -5,13 +5,13 @@
 #include <kal/vmem.h>
 
 // The extent of an item, or null.
-const vitem* findItem(vfile* file, uint16_t id);
+vitem* findItem(vfile* file, uint16_t id);
 
 // Frees the extent of an item, if there is one.
 void dropItem(vfile* file, uint16_t id);
 
-// KalWriteVFile without a look at every extent: one that a caller freed behind the file's back may be overlooked for
-// some writes.
+// KalWriteVFile without a look at every extent: one that a caller freed in the list itself, without KalFindVItem, may be
+// overlooked for some writes.
 int32_t writeItem(vfile* file, const void* data, uint32_t size, uint16_t id);
 
 // The memory in bytes that the file's extent list takes.

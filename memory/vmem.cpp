@@ -10,17 +10,10 @@
 #include <kal/path.h>
 
 #include <algorithm>
-#include <atomic>
 
 namespace {
 
 constexpr int kTries = 3;
-
-std::atomic<uint32_t> limit; // of all tasks; 0 until it is set
-
-bool isLive(void* handle) {
-    return (GlobalFlags(handle) & GMEM_INVALID_HANDLE) == 0;
-}
 
 // Half of the largest power of two, up to 2 MiB, of which a block can be had.
 uint32_t probeBlockSize() {
@@ -32,51 +25,19 @@ uint32_t probeBlockSize() {
     return 0;
 }
 
-int16_t openParts(VMemManager* manager) {
-    constexpr uint32_t kIds = 0x10000;
-    manager->records = static_cast<Record**>(KalAllocSMem(kIds * sizeof(Record*)));
-    manager->arrivals = static_cast<Arrivals*>(KalAllocSMem(sizeof(Arrivals)));
-    if (manager->records == nullptr || manager->arrivals == nullptr)
-        return KAL_ERR_BUFFER;
-    const int16_t status = KalOpenTempVFile(&manager->shown.swapFile);
-    return status == KAL_OK ? KalOpenLRUVList() : status;
-}
-
-// Resizes a block that is in memory or has no bytes, once what it gains has room. False when memory is short or the
-// block is locked where it cannot grow.
-bool resize(VMemManager* manager, Record* record, uint32_t size) {
-    void* handle = record->handle;
-    const bool isLocked = (GlobalFlags(handle) & GMEM_LOCKCOUNT) != 0;
-    if (!isLocked && size > record->size) {
-        GlobalLock(handle); // it stays while others go
-        makeRoom(manager, size - record->size);
-        GlobalUnlock(handle);
-    }
-    if (GlobalReAlloc(handle, size, GMEM_MOVEABLE) == nullptr) {
-        if (isLocked)
-            return false;
-        GlobalLock(handle);
-        swapOutSome(manager, size);
-        GlobalUnlock(handle);
-        if (GlobalReAlloc(handle, size, GMEM_MOVEABLE) == nullptr)
-            return false;
-    }
-    setSize(manager, record, size);
-    record->used = size;
-    dropItem(manager->shown.swapFile, idOf(handle));
-    trimKept(manager);
-    return true;
-}
-
 // Brings a block back that could not be locked, and locks it: its address, or null.
 [[gnu::noinline]] void* restore(void* handle) {
     for (int tries = 0; tries < kTries; tries++) {
         VMemManager* manager = currentManager();
-        Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
+        Record* record = recordOf(manager, handle);
         if (record == nullptr || record->size == 0)
             return nullptr;
-        void* address = record->isIn || bringBack(manager, record) ? GlobalLock(handle) : nullptr;
-        if (tellHandler(manager) && !isLive(handle))
+        void* address = GlobalLock(handle);
+        if (address == nullptr && record->arrival != 0)
+            leaveMemory(manager, record); // discarded by its owner
+        if (address == nullptr && bringBack(manager, record))
+            address = GlobalLock(handle);
+        if (!outlivesHandler(manager, handle))
             return nullptr;
         if (address != nullptr)
             return address;
@@ -84,29 +45,29 @@ bool resize(VMemManager* manager, Record* record, uint32_t size) {
     return nullptr;
 }
 
-[[gnu::noinline]] void noteUnlocked(void* handle) {
+[[gnu::noinline]] int16_t noteUnlocked(void* handle) {
     VMemManager* manager = currentManager();
-    const Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
-    if (record != nullptr && record->place != 0)
-        takeBack(manager->arrivals, record->place);
+    if (Record* record = recordOf(manager, handle))
+        takeBack(manager, record);
+    return KAL_OK;
 }
 
-// Notes that bytes of a block changed; how many of its first bytes matter now, tells `used`.
-template <class Used>
-void noteChange(void* handle, Used used) {
+// Notes that bytes of a block changed, of which those before `end` matter now.
+void noteChange(void* handle, uint32_t end) {
     VMemManager* manager = currentManager();
-    Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
-    if (record == nullptr || !record->isIn)
+    Record* record = recordOf(manager, handle);
+    if (record == nullptr || record->arrival == 0)
         return;
-    record->used = used(record);
+    record->used = std::clamp(end, record->used, record->size);
     dropItem(manager->shown.swapFile, idOf(handle));
 }
 
-} // namespace
-
-uint32_t vmemLimit() {
-    return limit.load(std::memory_order_relaxed);
+vmemstate shownState() {
+    const VMemManager* manager = currentManager();
+    return manager != nullptr ? manager->shown : vmemstate{};
 }
+
+} // namespace
 
 int16_t KalOpenVMem(uint16_t) {
     if (currentManager() != nullptr)
@@ -115,19 +76,18 @@ int16_t KalOpenVMem(uint16_t) {
     if (manager == nullptr)
         return KAL_ERR_BUFFER;
     KalSetTaskData(manager, kSlotManager);
-    const int16_t status = openParts(manager);
-    if (status != KAL_OK) {
-        KalCloseVMem();
-        return status;
+    int16_t status = KalOpenTempVFile(&manager->shown.swapFile);
+    if (status == KAL_OK)
+        status = KalOpenLRUVList();
+    if (status == KAL_OK) {
+        if (vmemLimit.load(std::memory_order_relaxed) == 0)
+            KalSetMaxVMem(KalGetFreeSystemMemory());
+        manager->shown.blockSize = probeBlockSize();
+        status = manager->shown.blockSize != 0 ? KAL_OK : KAL_ERR_VMEM;
     }
-    if (vmemLimit() == 0)
-        KalSetMaxVMem(KalGetFreeSystemMemory());
-    manager->shown.blockSize = probeBlockSize();
-    if (manager->shown.blockSize == 0) {
+    if (status != KAL_OK)
         KalCloseVMem();
-        return KAL_ERR_VMEM;
-    }
-    return KAL_OK;
+    return status;
 }
 
 int16_t KalCloseVMem() {
@@ -136,10 +96,8 @@ int16_t KalCloseVMem() {
         return KAL_OK;
     KalCloseLRUVList();
     const int16_t status = KalCloseVFile(manager->shown.swapFile);
-    for (uint32_t id = 0; id < manager->recordsEnd; id++)
-        KalSDestroyNode(manager->records[id]);
-    KalFreeSMem(manager->records);
-    KalFreeSMem(manager->arrivals);
+    for (uint32_t id = 0; manager->recordCount > 0; id++)
+        manager->recordCount -= KalSDestroyNode(manager->records[id]) == KAL_OK ? 1 : 0;
     KalRemoveTaskData(kSlotManager);
     KalFreeSMem(manager);
     trimGlobalMemory(0);
@@ -147,24 +105,24 @@ int16_t KalCloseVMem() {
 }
 
 void* KalAllocVMem(int16_t, uint32_t size) {
-    void* handle = nullptr;
-    for (int tries = 0; tries < kTries && handle == nullptr; tries++) {
+    for (int tries = 0; tries < kTries; tries++) {
         VMemManager* manager = currentManager();
         if (manager == nullptr || manager->shown.lruList == nullptr)
             return nullptr;
         makeRoom(manager, size);
-        handle = GlobalAlloc(GMEM_MOVEABLE, size);
+        void* handle = GlobalAlloc(GMEM_MOVEABLE, size);
         if (handle == nullptr) {
             swapOutSome(manager, size);
-        } else if (addRecord(manager, handle, size) == nullptr) {
+        } else if (!addRecord(manager, handle, size)) {
             GlobalFree(handle);
             handle = nullptr;
         }
         trimKept(manager);
-        if (tellHandler(manager) && handle != nullptr && !isLive(handle))
-            return nullptr;
+        const bool isLive = outlivesHandler(manager, handle);
+        if (handle != nullptr)
+            return isLive ? handle : nullptr;
     }
-    return handle;
+    return nullptr;
 }
 
 void* KalLockVMem(void* handle) {
@@ -173,9 +131,9 @@ void* KalLockVMem(void* handle) {
 }
 
 int16_t KalUnLockVMem(void* handle) {
-    if (GlobalUnlock(handle) == 0 && passedOver() != 0)
-        noteUnlocked(handle);
-    return KAL_OK;
+    if (GlobalUnlock(handle) != 0 || passedOver.load(std::memory_order_relaxed) == 0) [[likely]]
+        return KAL_OK;
+    return noteUnlocked(handle);
 }
 
 void* KalReAllocVMem(void* handle, uint32_t size) {
@@ -183,34 +141,37 @@ void* KalReAllocVMem(void* handle, uint32_t size) {
         if (KalLockVMem(handle) != nullptr) // a swapped-out block comes back first
             KalUnLockVMem(handle);
         VMemManager* manager = currentManager();
-        Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr;
-        if (record == nullptr || manager->shown.lruList == nullptr || record->isIn == (record->size == 0))
+        Record* record = recordOf(manager, handle);
+        if (record == nullptr || manager->shown.lruList == nullptr || record->size != GlobalSize(handle))
             return nullptr;
-        const bool isDone = resize(manager, record, size);
-        if (tellHandler(manager) && !isLive(handle))
+        const bool isDone = reallocate(manager, record, size);
+        if (isDone) {
+            setSize(manager, record, size);
+            dropItem(manager->shown.swapFile, idOf(handle));
+            trimKept(manager);
+        }
+        if (!outlivesHandler(manager, handle))
             return nullptr;
         if (isDone)
             return handle;
-        if (size == 0 || (GlobalFlags(handle) & GMEM_LOCKCOUNT) != 0)
-            return nullptr;
     }
     return nullptr;
 }
 
 int16_t KalFreeVMem(void* handle) {
     VMemManager* manager = currentManager();
-    if (Record* record = manager != nullptr ? recordOf(manager, handle) : nullptr)
+    if (Record* record = recordOf(manager, handle))
         forget(manager, record);
     GlobalFree(handle);
     return KAL_OK;
 }
 
 void KalMarkDirtyVMem(void* handle) {
-    noteChange(handle, [](const Record* record) { return record->size; });
+    noteChange(handle, UINT32_MAX);
 }
 
 void markUsedVMem(void* handle, uint32_t end) {
-    noteChange(handle, [=](const Record* record) { return std::clamp(end, record->used, record->size); });
+    noteChange(handle, end);
 }
 
 void* allocateUnusedVMem(uint32_t size) {
@@ -230,22 +191,19 @@ void KalSetVMemTemp(const char* directory) {
 }
 
 int32_t KalMaxVMem() {
-    const VMemManager* manager = currentManager();
-    return manager != nullptr ? manager->shown.bytesPeak : 0;
+    return shownState().bytesPeak;
 }
 
 int32_t KalVMemUsed() {
-    const VMemManager* manager = currentManager();
-    return manager != nullptr ? manager->shown.bytesUsed : 0;
+    return shownState().bytesUsed;
 }
 
 int32_t KalGetVMemSize() {
-    const VMemManager* manager = currentManager();
-    return manager != nullptr ? static_cast<int32_t>(manager->shown.blockSize) : 0;
+    return static_cast<int32_t>(shownState().blockSize);
 }
 
 void KalSetMaxVMem(uint32_t bytes) {
-    limit.store(bytes, std::memory_order_relaxed);
+    vmemLimit.store(bytes, std::memory_order_relaxed);
 }
 
 uint32_t KalGetFreeSystemMemory() {

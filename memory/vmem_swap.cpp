@@ -5,7 +5,13 @@
 
 #include <algorithm>
 
+std::atomic<uint32_t> vmemLimit;
+
 namespace {
+
+int32_t clamped(uint64_t bytes) {
+    return static_cast<int32_t>(std::min<uint64_t>(bytes, INT32_MAX));
+}
 
 uint64_t inPages(uint32_t size) {
     constexpr uint64_t kPage = 4096;
@@ -15,7 +21,7 @@ uint64_t inPages(uint32_t size) {
 void countResident(VMemManager* manager, uint32_t gone, uint32_t come) {
     manager->resident += uint64_t(come) - gone;
     manager->pages += inPages(come) - inPages(gone);
-    manager->shown.bytesResident = static_cast<int32_t>(std::min<uint64_t>(manager->resident, INT32_MAX));
+    manager->shown.bytesResident = clamped(manager->resident);
 }
 
 // What the manager holds in memory, for the limit: the resident bytes. Many small blocks need much more than
@@ -23,25 +29,10 @@ void countResident(VMemManager* manager, uint32_t gone, uint32_t come) {
 uint64_t occupied(const VMemManager* manager) {
     constexpr uint64_t kFree = 2 << 20;
     constexpr uint64_t kRecord =
-        100; // with its heap block and its places in the tables of ids and of handles
+        128; // with its heap block, its arrival and its places in the tables of ids and handles
     const uint64_t all =
         manager->pages + manager->recordCount * kRecord + extentListBytes(manager->shown.swapFile);
     return std::max(manager->resident, all > kFree ? all - kFree : 0);
-}
-
-// The unlocked block that has been in memory longest, or null.
-Record* oldestUnlocked(VMemManager* manager) {
-    while (const uint32_t place = oldestPlace(manager->arrivals)) {
-        Record* record = manager->records[manager->arrivals->ids[place]];
-        const uint32_t flags = GlobalFlags(record->handle);
-        if (flags == 0)
-            return record;
-        if ((flags & GMEM_INVALID_HANDLE) != 0)
-            forget(manager, record); // another task has freed it
-        else
-            passOver(manager->arrivals, place);
-    }
-    return nullptr;
 }
 
 // A copy of 0 bytes could not be told from none.
@@ -49,28 +40,19 @@ uint32_t copySize(const Record* record) {
     return std::max(record->used, 1u);
 }
 
-// An extent that a short write leaves must not be taken for a valid copy.
-bool writeCopy(VMemManager* manager, const Record* record) {
+// On failure the block stays, and the first time the error handler is to be told. The extent that a short write leaves
+// must not be taken for a valid copy.
+bool swapOut(VMemManager* manager, Record* record) {
     const uint16_t id = idOf(record->handle);
     const uint32_t size = copySize(record);
     const int32_t written = writeItem(manager->shown.swapFile, GlobalLock(record->handle), size, id);
     GlobalUnlock(record->handle);
-    if (written == static_cast<int32_t>(size))
-        return true;
-    dropItem(manager->shown.swapFile, id);
-    return false;
-}
-
-// On failure the block stays, and the first time the error handler is to be told.
-bool swapOut(VMemManager* manager, Record* record) {
-    const vitem* copy = findItem(manager->shown.swapFile, idOf(record->handle));
-    if (copy == nullptr || copy->size != copySize(record)) {
-        const bool isWritten = writeCopy(manager, record);
-        if (!isWritten && manager->shown.swapFailed == 0)
-            manager->mustTell = true;
-        manager->shown.swapFailed = isWritten ? 0 : 1;
-        if (!isWritten)
-            return false;
+    const uint16_t failed = written != static_cast<int32_t>(size) ? 1 : 0;
+    manager->mustTell |= failed > manager->shown.swapFailed;
+    manager->shown.swapFailed = failed;
+    if (failed != 0) {
+        dropItem(manager->shown.swapFile, id);
+        return false;
     }
     leaveMemory(manager, record);
     GlobalReAlloc(record->handle, 0, GMEM_MOVEABLE);
@@ -92,41 +74,27 @@ uint64_t lessOrNone(uint64_t from, uint64_t bytes) {
 
 } // namespace
 
-void enterMemory(VMemManager* manager, Record* record) {
-    record->isIn = true;
-    countResident(manager, 0, record->size);
-    if (record->isListed)
-        arrive(manager->arrivals, manager->records, idOf(record->handle));
-}
-
 void leaveMemory(VMemManager* manager, Record* record) {
-    record->isIn = false;
     countResident(manager, record->size, 0);
-    if (record->place != 0)
-        depart(manager->arrivals, record->place);
-    record->place = 0;
+    depart(record);
 }
 
 void setSize(VMemManager* manager, Record* record, uint32_t size) {
+    const bool wasIn = record->arrival != 0;
     manager->used += uint64_t(size) - record->size;
-    vmemstate& shown = manager->shown;
-    shown.bytesUsed = static_cast<int32_t>(std::min<uint64_t>(manager->used, INT32_MAX));
-    if (shown.bytesUsed > shown.bytesPeak)
-        shown.bytesPeak = shown.bytesUsed;
-    if (record->isIn && size > 0) {
-        countResident(manager, record->size, size);
-        record->size = size;
-        return;
-    }
-    if (record->isIn)
-        leaveMemory(manager, record);
-    record->size = size;
-    if (size > 0)
-        enterMemory(manager, record);
+    manager->shown.bytesUsed = clamped(manager->used);
+    if (manager->shown.bytesUsed > manager->shown.bytesPeak)
+        manager->shown.bytesPeak = manager->shown.bytesUsed;
+    countResident(manager, wasIn ? record->size : 0, size);
+    record->size = record->used = size;
+    if (size == 0)
+        depart(record);
+    else if (!wasIn)
+        arrive(manager, record);
 }
 
 void makeRoom(VMemManager* manager, uint32_t size) {
-    const uint32_t limit = vmemLimit();
+    const uint32_t limit = vmemLimit.load(std::memory_order_relaxed);
     if (limit != 0)
         swapDownTo(manager, lessOrNone(limit, size));
 }
@@ -135,8 +103,25 @@ void swapOutSome(VMemManager* manager, uint32_t size) {
     swapDownTo(manager, lessOrNone(occupied(manager), size));
 }
 
+bool reallocate(VMemManager* manager, const Record* record, uint32_t size) {
+    void* handle = record->handle;
+    const uint32_t now = GlobalSize(handle);
+    const auto attempt = [=] { return GlobalReAlloc(handle, size, GMEM_MOVEABLE) != nullptr; };
+    if (size <= now || (GlobalFlags(handle) & GMEM_LOCKCOUNT) != 0)
+        return attempt();
+    GlobalLock(handle); // it stays while others go
+    makeRoom(manager, size - now);
+    KalUnLockVMem(handle);
+    if (attempt())
+        return true;
+    GlobalLock(handle);
+    swapOutSome(manager, size);
+    KalUnLockVMem(handle);
+    return attempt();
+}
+
 void trimKept(const VMemManager* manager) {
-    const uint32_t limit = vmemLimit();
+    const uint32_t limit = vmemLimit.load(std::memory_order_relaxed);
     const uint64_t inUse = occupied(manager);
     if (limit != 0 && inUse + keptGlobalMemory() > limit)
         trimGlobalMemory(lessOrNone(limit, inUse));
@@ -144,31 +129,26 @@ void trimKept(const VMemManager* manager) {
 
 bool bringBack(VMemManager* manager, Record* record) {
     void* handle = record->handle;
-    vitem* copy = KalFindVItem(manager->shown.swapFile, idOf(handle));
-    if (copy == nullptr || copy->size > record->size)
+    vitem* copy = findItem(manager->shown.swapFile, idOf(handle));
+    if (copy == nullptr || copy->size > record->size || !reallocate(manager, record, record->size))
         return false;
-    makeRoom(manager, record->size);
-    if (GlobalReAlloc(handle, record->size, GMEM_MODIFY | GMEM_MOVEABLE) == nullptr) {
-        swapOutSome(manager, record->size);
-        if (GlobalReAlloc(handle, record->size, GMEM_MODIFY | GMEM_MOVEABLE) == nullptr)
-            return false;
-    }
     const int32_t got = KalReadVFile(manager->shown.swapFile, copy, GlobalLock(handle));
     GlobalUnlock(handle);
     if (got != static_cast<int32_t>(copy->size)) {
         GlobalReAlloc(handle, 0, GMEM_MOVEABLE);
         return false;
     }
-    enterMemory(manager, record);
+    countResident(manager, 0, record->size);
+    arrive(manager, record);
     trimKept(manager);
     return true;
 }
 
-bool tellHandler(VMemManager* manager) {
-    if (!manager->mustTell)
-        return false;
+bool outlivesHandler(VMemManager* manager, void* handle) {
+    const bool mustTell = manager->mustTell;
     manager->mustTell = false;
-    if (manager->shown.errorHandler != nullptr)
-        manager->shown.errorHandler();
-    return true;
+    if (!mustTell || manager->shown.errorHandler == nullptr)
+        return true;
+    manager->shown.errorHandler();
+    return (GlobalFlags(handle) & GMEM_INVALID_HANDLE) == 0;
 }

@@ -45,9 +45,7 @@ opblock* findBlock(OpList* list, uint32_t index) {
     return block;
 }
 
-bool locate(OpList* list) {
-    if (list->curBlock != nullptr && positionOf(list->curBlock) == list->pos)
-        return true;
+bool locateAnew(OpList* list) {
     opblock* block =
         list->pos / kBlockSpan < kNamedBlocks ? findBlock(list, list->pos / kBlockSpan) : nullptr;
     if (block == nullptr) {
@@ -75,16 +73,4 @@ void releaseBlocks(OpList* list) {
     }
     list->curBlock = nullptr;
     list->blockCount = 0;
-}
-
-LockedBlock::LockedBlock(OpList* list, opblock* block)
-    : handle_(block->vmem),
-      bytes_(handle_ != nullptr ? static_cast<uint8_t*>(KalLockVMem(handle_)) : nullptr) {
-    if (handle_ != nullptr && bytes_ == nullptr)
-        list->status = KAL_ERR_VMEM;
-}
-
-LockedBlock::~LockedBlock() {
-    if (bytes_ != nullptr)
-        KalUnLockVMem(handle_);
 }

@@ -74,7 +74,10 @@ opblock* findBlock(OpList* list, uint32_t index);
 
 // Makes the block that `pos` names the current one, where it is not. False, with status KAL_ERR_POSITION, when there
 // is none.
-bool locate(OpList* list);
+bool locateAnew(OpList* list);
+inline bool locate(OpList* list) {
+    return (list->curBlock != nullptr && positionOf(list->curBlock) == list->pos) || locateAnew(list);
+}
 
 // Steps to the start of the next block; false, with nothing changed, when there is none.
 bool stepToNextBlock(OpList* list);
@@ -86,8 +89,16 @@ void releaseBlocks(OpList* list);
 // list's status.
 class LockedBlock {
 public:
-    LockedBlock(OpList* list, opblock* block);
-    ~LockedBlock();
+    LockedBlock(OpList* list, opblock* block)
+        : handle_(block->vmem),
+          bytes_(handle_ != nullptr ? static_cast<uint8_t*>(KalLockVMem(handle_)) : nullptr) {
+        if (handle_ != nullptr && bytes_ == nullptr)
+            list->status = KAL_ERR_VMEM;
+    }
+    ~LockedBlock() {
+        if (bytes_ != nullptr)
+            KalUnLockVMem(handle_);
+    }
     LockedBlock(const LockedBlock&) = delete;
     LockedBlock& operator=(const LockedBlock&) = delete;
     uint8_t* bytes() const { return bytes_; }

@@ -84,9 +84,10 @@ int16_t seekToRow(OpList* list, uint32_t row, uint32_t offset) {
         stand(list, first, row * rowBytes + offset, row);
         return KAL_OK;
     }
-    const uint32_t block = row / rowsPerBlock(list);
-    const uint64_t position =
-        uint64_t(block) * kBlockSpan + (row - block * rowsPerBlock(list)) * rowBytes + offset;
+    // No row of a bitmap without rows needs to fit a block.
+    const uint32_t rows = rowsPerBlock(list);
+    const uint32_t block = rows > 0 ? row / rows : UINT32_MAX;
+    const uint64_t position = uint64_t(block) * kBlockSpan + (row - block * rows) * rowBytes + offset;
     if (position > INT32_MAX) { // past the blocks that a position can name
         list->curBlock = nullptr;
         return list->status = KAL_ERR_POSITION;

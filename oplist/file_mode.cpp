@@ -92,7 +92,7 @@ void* getFromStream(OpList* list) {
         wholeOf<StreamList>(list)->endFound = list->compStream != nullptr;
         return nullptr;
     }
-    void* op = KalCreateOp(header.type, header.size);
+    void* op = createOpToFill(header.type, header.size);
     if (op == nullptr) {
         list->status = KAL_ERR_BUFFER;
         return nullptr;
@@ -126,8 +126,6 @@ int16_t seekInStream(OpList* list, uint32_t position) {
 
 uint16_t isStreamEmpty(const OpList* list) {
     SFILE* stream = list->stream;
-    if (stream == nullptr && list->compStream != nullptr)
-        stream = list->compStream->stream;
     if (stream == nullptr)
         return 1;
     KalNextChar(stream);

@@ -29,6 +29,9 @@ inline uint8_t* opStart(void* op) {
     return static_cast<uint8_t*>(KalOpBlock(op));
 }
 
+// KalCreateOp for those who fill the whole payload, which is undefined until then.
+void* createOpToFill(uint32_t type, uint32_t size);
+
 inline void freeOp(void* op) {
     KalFreeSMem(opStart(op));
 }

@@ -144,8 +144,7 @@ uint32_t putRow(OpList* list, const void* data, uint32_t count, uint32_t rowByte
     uint8_t* place = locked.bytes() + block->offset;
     if (count > 0)
         std::memcpy(place, data, count);
-    if (count < rowBytes)
-        std::memset(place + count, 0, rowBytes - count);
+    std::memset(place + count, 0, rowBytes - count);
     noteWritten(block, block->offset + rowBytes);
     list->putPending = 1;
     return advance(list, rowBytes);
@@ -172,11 +171,14 @@ void* getFromBlocks(OpList* list) {
         // A header that runs past the block was never put.
         if (header.type == KAL_OP_END || !fits(block, KAL_OP_HEADER + header.size))
             return nullptr;
-        void* op = KalCreateOp(header.type, header.size);
+        void* op = createOpToFill(header.type, header.size);
         if (op == nullptr) {
             list->status = KAL_ERR_BUFFER;
             return nullptr;
         }
+        // What follows is likely to be got next, and comes from afar while this op is made and copied.
+        for (uint32_t ahead = 0; ahead <= std::min<uint32_t>(header.size, 2048); ahead += 64)
+            __builtin_prefetch(place + KAL_OP_HEADER + header.size + ahead);
         std::memcpy(op, place + KAL_OP_HEADER, header.size);
         advance(list, KAL_OP_HEADER + header.size);
         return op;

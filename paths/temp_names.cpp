@@ -20,7 +20,7 @@ constexpr size_t kNameCharacters = 8; // of a candidate's file part, number incl
 bool fillTemplate(char* name, uint32_t size) {
     const char* directory = taskText(kSlotTempDirectory);
     const int length = std::snprintf(name, size, "%sZEP.TMP", directory != nullptr ? directory : ".\\");
-    return length > 0 && static_cast<uint32_t>(length) < size;
+    return static_cast<uint32_t>(length) < size;
 }
 
 bool isFree(const char* candidate, void*) {
@@ -49,7 +49,7 @@ int16_t findUniqueName(char* name, uint32_t size, bool (*take)(const char* candi
             kept = kNameCharacters - digitCount;
         const int length = std::snprintf(name, size, "%s%.*s%s.%s", directory, static_cast<int>(kept), file,
                                          digits, extension);
-        if (length < 0 || static_cast<uint32_t>(length) >= size)
+        if (static_cast<uint32_t>(length) >= size)
             return KAL_ERR_SERVICE;
         if (take(name, context))
             return KAL_OK;

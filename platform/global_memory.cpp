@@ -1,144 +1,69 @@
-// Global memory is a table of slots. A slot's number is the low half of a handle, and a slot owns a span of
-// pages, also when no block lives in it: what GlobalFree leaves is a number and its pages for the next block of
-// that size class.
-//
-//     bare     no span
-//     spare    a span with its pages
-//     live     a block; without a span while it is discarded
+// Global memory is a table of slots, whose numbers are the low halves of handles, and spans of pages. A live slot owns a
+// span, unless it is discarded. The spans that nobody owns keep their pages; they stand in one list for each size class.
 #include "platform/global_memory.h"
 
 #include "platform/heap_faults.h"
+#include "platform/one_thread.h"
 
 #include <kal/heap.h>
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cstring>
 #include <mutex>
 #include <utility>
-#if __has_include(<sys/single_threaded.h>)
-#include <sys/single_threaded.h>
-#endif
 
 using Slot = GlobalSlot;
 
-constexpr uint32_t kSlots = 0x10000; // slot 0 is nobody's: it ends the lists
+constexpr uint32_t kSlots = 0x10000; // slot 0 is nobody's: it ends the list of free ones
 GlobalSlot globalSlots[kSlots];
+uint32_t globalSizes[kSlots];
 
 namespace {
 
-// --- Size classes: exact up to 64 units of 4 KiB, then eight to each doubling -----------------------------
+// What only allocating and freeing look at.
+struct SlotExtra {
+    uint16_t next; // in the list of free slots
+    uint8_t spanClass;
+};
+SlotExtra extras[kSlots];
+uint16_t freeSlots;
+uint32_t slotsEverUsed;
+uint32_t liveBlocks;
+
+// --- Size classes: exact up to 16 units of 4 KiB, then eight to each doubling -----------------------------
 
 constexpr uint32_t kUnit = 4096;
-constexpr uint32_t kExactClasses = kWatchedClasses;
-constexpr uint32_t kClasses = kExactClasses + 14 * 8;
+constexpr uint32_t kClasses = 144; // up to 4 GiB
 
 uint32_t classOf(uint32_t size) {
     const uint64_t page = pageSize();
-    const auto units = static_cast<uint32_t>((size + page - 1) / page * page / kUnit);
-    if (units <= kExactClasses)
-        return units - 1;
-    const auto width = static_cast<uint32_t>(std::bit_width(units - 1));
-    return kExactClasses + (width - 7) * 8 + ((units - 1) >> (width - 4)) - 8;
+    const auto last = static_cast<uint32_t>((size + page - 1) / page * page / kUnit - 1);
+    const auto shift = static_cast<uint32_t>(std::max(static_cast<int>(std::bit_width(last)), 4) - 4);
+    return shift * 8 + (last >> shift);
 }
 
 uint64_t capacityOf(uint32_t spanClass) {
-    if (spanClass < kExactClasses)
-        return uint64_t(spanClass + 1) * kUnit;
-    const uint32_t above = spanClass - kExactClasses;
-    return uint64_t(above % 8 + 9) * kUnit << (above / 8 + 3);
-}
-
-size_t bytesOf(const Slot& slot) {
-    return static_cast<size_t>(capacityOf(slot.spanClass));
-}
-
-// --- Free slots: lists linked by slot number ---------------------------------------------------------------
-
-uint16_t spareSlots[kClasses];
-uint16_t bareSlots;
-uint32_t slotsEverUsed;
-
-constexpr uint64_t kMostKept = uint64_t(sizeof(void*) == 4 ? 128 : 512) << 20;
-std::atomic<uint64_t> keptBytes; // read without the lock
-std::atomic<uint32_t> liveBlocks;
-
-// Only one thread at a time changes these two.
-template <class Number>
-void add(std::atomic<Number>& counter, Number change) {
-    counter.store(counter.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
-}
-
-void push(uint16_t& list, uint16_t index) {
-    globalSlots[index].next = list;
-    list = index;
-}
-
-uint16_t pop(uint16_t& list) {
-    const uint16_t index = list;
-    list = globalSlots[index].next;
-    return index;
-}
-
-uint16_t takeSpare(uint32_t spanClass) {
-    add(keptBytes, 0 - capacityOf(spanClass));
-    const uint16_t index = pop(spareSlots[spanClass]);
-    // What the next allocations will touch lies far apart: fetch it while this one is at work.
-    const Slot& next = globalSlots[globalSlots[index].next];
-    __builtin_prefetch(next.span, 1);
-    __builtin_prefetch(&globalSlots[next.next]);
-    return index;
-}
-
-// Puts a slot in which no block lives any more among the free ones.
-void retire(uint16_t index) {
-    Slot& slot = globalSlots[index];
-    if (slot.span != nullptr && keptBytes.load(std::memory_order_relaxed) + bytesOf(slot) > kMostKept) {
-        unmapPages(slot.span, bytesOf(slot));
-        slot.span = nullptr;
-    }
-    if (slot.span == nullptr)
-        return push(bareSlots, index);
-    markUnusable(slot.span, bytesOf(slot));
-    add<uint64_t>(keptBytes, bytesOf(slot));
-    push(spareSlots[slot.spanClass], index);
-}
-
-// Gives spans back to the host until no more than `most` bytes are kept, neighbours in one call: blocks are often
-// freed in the order of their addresses.
-void trim(uint64_t most) {
-    uint8_t* begin = nullptr;
-    uint8_t* end = nullptr;
-    for (uint32_t c = kClasses; c-- > 0;)
-        while (spareSlots[c] != 0 && keptBytes.load(std::memory_order_relaxed) > most) {
-            const uint16_t index = takeSpare(c);
-            uint8_t* span = std::exchange(globalSlots[index].span, nullptr);
-            const auto bytes = static_cast<size_t>(capacityOf(c));
-            push(bareSlots, index);
-            if (span + bytes != begin && span != end) {
-                unmapPages(begin, static_cast<size_t>(end - begin));
-                begin = end = span;
-            }
-            begin = std::min(begin, span);
-            end = std::max(end, span + bytes);
-        }
-    unmapPages(begin, static_cast<size_t>(end - begin));
-}
-
-// A slot without a span; when every number is taken, that of a spare one. 0 when all are live.
-uint16_t takeBare() {
-    if (bareSlots == 0 && slotsEverUsed + 1 < kSlots)
-        return static_cast<uint16_t>(++slotsEverUsed);
-    if (bareSlots == 0)
-        trim(0);
-    return bareSlots != 0 ? pop(bareSlots) : 0;
+    const uint32_t shift = std::max(spanClass / 8, 1u) - 1;
+    return uint64_t(spanClass - shift * 8 + 1) * kUnit << shift;
 }
 
 // --- Spans -------------------------------------------------------------------------------------------------
 
-// Spans of the exact classes are cut from chunks; larger ones are mapped one by one. A process that fills many
-// chunks gets larger ones on the host's large pages, which it has sooner and finds faster.
+// Nothing is written into the spans: many are far from the processor by then.
+struct Spare {
+    uint8_t* span;
+    uint16_t next; // in its class's list, or in that of the unused ones
+};
+Spare spareTable[kSlots]; // the first ends the lists
+uint16_t spares[kClasses];
+uint16_t unusedSpares;
+uint32_t sparesEverUsed;
+uint64_t keptBytes;
+
+// Small spans are cut from chunks; larger ones are mapped one by one. A process that fills many chunks gets larger
+// ones on the host's large pages, which it has sooner and finds faster.
+constexpr size_t kMostCut = 64 * kUnit;
 uint8_t* chunkNext;
 size_t chunkLeft;
 size_t chunkBytesEver;
@@ -159,12 +84,11 @@ bool newChunk() {
     return true;
 }
 
-uint8_t* makeSpan(uint32_t spanClass) {
-    const uint64_t capacity = capacityOf(spanClass);
+uint8_t* makeSpan(uint64_t capacity) {
     if (capacity > SIZE_MAX / 2)
         return nullptr;
     const auto bytes = static_cast<size_t>(capacity);
-    if (spanClass >= kExactClasses)
+    if (bytes > kMostCut)
         return mapPages(bytes);
     if (chunkLeft < bytes && !newChunk())
         return nullptr;
@@ -172,60 +96,72 @@ uint8_t* makeSpan(uint32_t spanClass) {
     return std::exchange(chunkNext, chunkNext + bytes);
 }
 
-// Spare spans are given up when nothing else helps.
-uint8_t* newSpan(uint32_t spanClass) {
-    uint8_t* span = makeSpan(spanClass);
-    if (span == nullptr && keptBytes.load(std::memory_order_relaxed) > 0) {
+uint8_t* takeSpare(uint32_t spanClass) {
+    const uint16_t index = spares[spanClass];
+    Spare& spare = spareTable[index];
+    spares[spanClass] = std::exchange(spare.next, unusedSpares);
+    unusedSpares = index;
+    __builtin_prefetch(spareTable[spares[spanClass]].span, 1); // the next block's, which will be filled
+    keptBytes -= capacityOf(spanClass);
+    return spare.span;
+}
+
+// Gives spans back to the host until no more than `most` bytes are kept, neighbours in one call: blocks are often
+// freed in the order of their addresses.
+void trim(uint64_t most) {
+    uint8_t* begin = nullptr;
+    uint8_t* end = nullptr;
+    for (uint32_t c = kClasses; c-- > 0;)
+        while (spares[c] != 0 && keptBytes > most) {
+            uint8_t* span = takeSpare(c);
+            const auto bytes = static_cast<size_t>(capacityOf(c));
+            if (span + bytes != begin && span != end) {
+                unmapPages(begin, static_cast<size_t>(end - begin));
+                begin = end = span;
+            }
+            begin = std::min(begin, span);
+            end = std::max(end, span + bytes);
+        }
+    unmapPages(begin, static_cast<size_t>(end - begin));
+}
+
+// Spare spans of other classes are given up when nothing else helps.
+uint8_t* takeSpan(uint32_t spanClass) {
+    if (spares[spanClass] != 0)
+        return takeSpare(spanClass);
+    uint8_t* span = makeSpan(capacityOf(spanClass));
+    if (span == nullptr && keptBytes > 0) {
         trim(0);
-        span = makeSpan(spanClass);
+        span = makeSpan(capacityOf(spanClass));
     }
     return span;
 }
 
-// A free slot with a span of the class, or 0.
-uint16_t takeSlot(uint32_t spanClass) {
-    if (spareSlots[spanClass] != 0)
-        return takeSpare(spanClass);
-    const uint16_t index = takeBare();
-    if (index == 0)
-        return 0;
-    globalSlots[index].span = newSpan(spanClass);
-    if (globalSlots[index].span != nullptr) {
-        globalSlots[index].spanClass = static_cast<uint8_t>(spanClass);
-        return index;
-    }
-    push(bareSlots, index);
-    return 0;
+void giveSpan(uint8_t* span, uint32_t spanClass) {
+    constexpr uint64_t kMostKept = uint64_t(sizeof(void*) == 4 ? 128 : 512) << 20;
+    const uint64_t capacity = capacityOf(spanClass);
+    const auto bytes = static_cast<size_t>(capacity);
+    if (keptBytes + capacity > kMostKept || (unusedSpares == 0 && sparesEverUsed + 1 == kSlots))
+        return unmapPages(span, bytes);
+    const auto index = static_cast<uint16_t>(unusedSpares != 0 ? unusedSpares : ++sparesEverUsed);
+    unusedSpares = spareTable[index].next;
+    spareTable[index] = {span, spares[spanClass]};
+    spares[spanClass] = index;
+    keptBytes += capacity;
+    markUnusable(span, bytes);
 }
 
 // --- Blocks ------------------------------------------------------------------------------------------------
 
 std::mutex tableMutex;
 
-// Guards the lists of free slots. A block itself is used by one thread at a time, as its user sees to.
-class TableLock {
-public:
-#if __has_include(<sys/single_threaded.h>)
-    TableLock() : taken_(__libc_single_threaded == 0) {
-#else
-    TableLock() : taken_(true) {
-#endif
-        if (taken_)
-            tableMutex.lock();
-    }
-    ~TableLock() {
-        if (taken_)
-            tableMutex.unlock();
-    }
-    TableLock(const TableLock&) = delete;
-    TableLock& operator=(const TableLock&) = delete;
+// Guards the lists and counts. A block itself is used by one thread at a time, as its user sees to.
+std::unique_lock<std::mutex> lockTable() {
+    return isOneThread() ? std::unique_lock(tableMutex, std::defer_lock) : std::unique_lock(tableMutex);
+}
 
-private:
-    bool taken_;
-};
-
-uint16_t indexOf(const Slot& slot) {
-    return static_cast<uint16_t>(&slot - globalSlots);
+uint16_t indexOf(HGLOBAL block) {
+    return static_cast<uint16_t>(reinterpret_cast<uintptr_t>(block));
 }
 
 Slot* liveSlot(HGLOBAL block) {
@@ -234,83 +170,77 @@ Slot* liveSlot(HGLOBAL block) {
 }
 
 // Sets the size of a block whose span holds as much, and clears bytes gained when asked to.
-void setSize(Slot& slot, uint32_t size, bool clear) {
-    if (size > slot.size) {
-        markUsable(slot.span + slot.size, size - slot.size);
+void setSize(Slot* slot, uint16_t index, uint32_t size, bool clear) {
+    const uint32_t old = std::exchange(globalSizes[index], size);
+    markUsable(slot->span, std::min(old, kMostWatched));
+    if (size > old) {
+        markUsable(slot->span + old, size - old);
         if (clear)
-            std::memset(slot.span + slot.size, 0, size - slot.size);
+            std::memset(slot->span + old, 0, size - old);
     } else {
-        markUnusable(slot.span + size, slot.size - size);
+        markUnusable(slot->span + size, old - size);
     }
-    slot.size = size;
-    if (slot.locks == 0)
-        closeBlock(slot);
+    if (slot->locks == 0)
+        watch(slot, markUnusable);
 }
 
-// Moves an unlocked block, which may be discarded, to a span of another class: a spare one, else the same pages
-// at another place.
-bool moveTo(Slot& slot, uint32_t spanClass) {
-    if (spareSlots[spanClass] != 0) {
-        const uint16_t index = takeSpare(spanClass);
-        Slot& other = globalSlots[index];
-        const size_t kept = std::min<size_t>(slot.size, bytesOf(other));
-        if (kept > 0) {
-            markUsable(slot.span, kept);
-            markUsable(other.span, kept);
-            std::memcpy(other.span, slot.span, kept);
-        }
-        std::swap(slot.span, other.span);
-        std::swap(slot.spanClass, other.spanClass);
-        retire(index);
-        return true;
-    }
+// Moves an unlocked block to a span of another class: a spare one, else the same pages at another place.
+bool moveTo(Slot* slot, uint16_t index, uint32_t spanClass) {
+    const uint32_t oldClass = extras[index].spanClass;
+    const auto oldBytes = static_cast<size_t>(capacityOf(oldClass));
     const uint64_t capacity = capacityOf(spanClass);
-    uint8_t* span = slot.span == nullptr ? newSpan(spanClass)
-                    : capacity > SIZE_MAX / 2
-                        ? nullptr
-                        : remapPages(slot.span, bytesOf(slot), static_cast<size_t>(capacity));
+    const auto kept = static_cast<size_t>(std::min<uint64_t>(globalSizes[index], capacity));
+    uint8_t* span = nullptr;
+    markUsable(slot->span, kept);
+    if (spares[spanClass] != 0) {
+        span = takeSpare(spanClass);
+        markUsable(span, kept);
+        std::memcpy(span, slot->span, kept);
+        giveSpan(slot->span, oldClass);
+    } else if (capacity <= SIZE_MAX / 2) {
+        span = remapPages(slot->span, oldBytes, static_cast<size_t>(capacity));
+        markUsable(span, span != nullptr ? kept : 0);
+    }
     if (span == nullptr)
         return false;
-    slot.span = span;
-    slot.spanClass = static_cast<uint8_t>(spanClass);
-    markUsable(span, std::min<size_t>(slot.size, bytesOf(slot)));
+    slot->span = span;
+    globalSizes[index] = static_cast<uint32_t>(kept);
+    extras[index].spanClass = static_cast<uint8_t>(spanClass);
     return true;
 }
 
-// A block that grows gets half as much again to spare where that can be had, so that growth by small steps moves
-// it seldom.
-bool moveToGrow(Slot& slot, uint32_t size) {
-    const uint64_t roomy = capacityOf(slot.spanClass) * 3 / 2;
-    return (roomy > size && roomy <= UINT32_MAX && moveTo(slot, classOf(static_cast<uint32_t>(roomy)))) ||
-           moveTo(slot, classOf(size));
+// Makes a block's span hold as much. One that grows gets half as much again to spare where that can be had, so that
+// growth by small steps moves it seldom.
+bool fitSpan(Slot* slot, uint16_t index, uint32_t size) {
+    const uint32_t wanted = classOf(size);
+    if (slot->span == nullptr) {
+        slot->span = takeSpan(wanted);
+        extras[index].spanClass = static_cast<uint8_t>(wanted);
+        return slot->span != nullptr;
+    }
+    const uint32_t now = extras[index].spanClass;
+    if (size <= capacityOf(now)) {
+        if (wanted < now && size < globalSizes[index] && slot->locks == 0)
+            moveTo(slot, index, wanted);
+        return true;
+    }
+    const uint64_t roomy = capacityOf(now) * 3 / 2;
+    return slot->locks == 0 &&
+           ((roomy > size && roomy <= UINT32_MAX && moveTo(slot, index, classOf(uint32_t(roomy)))) ||
+            moveTo(slot, index, wanted));
 }
 
 // The pages go to whoever asks next for as many.
-bool discard(Slot& slot) {
-    if (slot.locks > 0)
-        return false;
-    slot.size = 0;
-    uint8_t* span = std::exchange(slot.span, nullptr);
-    if (span == nullptr)
-        return true;
-    if (const uint16_t index = takeBare()) {
-        globalSlots[index].span = span;
-        globalSlots[index].spanClass = slot.spanClass;
-        retire(index);
-    } else {
-        unmapPages(span, bytesOf(slot));
-    }
-    return true;
+void discard(Slot* slot, uint16_t index) {
+    if (slot->span != nullptr)
+        giveSpan(std::exchange(slot->span, nullptr), extras[index].spanClass);
+    globalSizes[index] = 0;
 }
 
-bool resize(Slot& slot, uint32_t size, bool clear) {
-    if (slot.span == nullptr ? !moveTo(slot, classOf(size))
-                             : size > bytesOf(slot) && (slot.locks > 0 || !moveToGrow(slot, size)))
-        return false;
-    if (size < slot.size && slot.locks == 0 && classOf(size) < slot.spanClass && moveTo(slot, classOf(size)))
-        slot.size = size;
-    setSize(slot, size, clear);
-    return true;
+void freeSlot(Slot* slot, uint16_t index) {
+    slot->handle &= 0xFFFF0000;
+    extras[index].next = std::exchange(freeSlots, index);
+    liveBlocks--;
 }
 
 } // namespace
@@ -318,41 +248,51 @@ bool resize(Slot& slot, uint32_t size, bool clear) {
 HGLOBAL GlobalAlloc(uint32_t flags, uint32_t size) {
     if (heapFaultDue())
         return nullptr;
-    const TableLock lock;
-    const uint16_t index = size > 0 ? takeSlot(classOf(size)) : takeBare();
-    if (index == 0)
+    const auto lock = lockTable();
+    if (freeSlots == 0 && slotsEverUsed + 1 == kSlots)
         return nullptr;
-    Slot& slot = globalSlots[index];
-    slot.size = 0;
-    slot.locks = 0;
-    slot.handle += 0x10000 + index;
-    add(liveBlocks, 1u);
-    if (size > 0)
-        setSize(slot, size, (flags & GMEM_ZEROINIT) != 0);
-    return reinterpret_cast<HGLOBAL>(uintptr_t(slot.handle));
+    const auto index = static_cast<uint16_t>(freeSlots != 0 ? freeSlots : ++slotsEverUsed);
+    freeSlots = extras[index].next;
+    Slot* slot = &globalSlots[index];
+    slot->handle += 0x10000 + index;
+    slot->locks = 0;
+    liveBlocks++;
+    if (size > 0) {
+        if (!fitSpan(slot, index, size)) {
+            freeSlot(slot, index);
+            return nullptr;
+        }
+        setSize(slot, index, size, (flags & GMEM_ZEROINIT) != 0);
+    }
+    return reinterpret_cast<HGLOBAL>(uintptr_t(slot->handle));
 }
 
 HGLOBAL GlobalReAlloc(HGLOBAL block, uint32_t size, uint32_t flags) {
     Slot* slot = liveSlot(block);
-    if (slot == nullptr || (size > slot->size && heapFaultDue()))
+    const uint16_t index = indexOf(block);
+    if (slot == nullptr || (size > globalSizes[index] && heapFaultDue()) || (size == 0 && slot->locks > 0))
         return nullptr;
-    const TableLock lock;
-    return (size == 0 ? discard(*slot) : resize(*slot, size, (flags & GMEM_ZEROINIT) != 0)) ? block : nullptr;
+    const auto lock = lockTable();
+    if (size == 0)
+        discard(slot, index);
+    else if (!fitSpan(slot, index, size))
+        return nullptr;
+    else
+        setSize(slot, index, size, (flags & GMEM_ZEROINIT) != 0);
+    return block;
 }
 
 uint32_t GlobalSize(HGLOBAL block) {
-    const Slot* slot = liveSlot(block);
-    return slot != nullptr ? slot->size : 0;
+    return liveSlot(block) != nullptr ? globalSizes[indexOf(block)] : 0;
 }
 
 HGLOBAL GlobalFree(HGLOBAL block) {
     Slot* slot = liveSlot(block);
     if (slot == nullptr)
         return block;
-    const TableLock lock;
-    slot->handle &= 0xFFFF0000;
-    add(liveBlocks, 0u - 1);
-    retire(indexOf(*slot));
+    const auto lock = lockTable();
+    discard(slot, indexOf(block));
+    freeSlot(slot, indexOf(block));
     return nullptr;
 }
 
@@ -360,7 +300,7 @@ uint32_t GlobalFlags(HGLOBAL block) {
     const Slot* slot = liveSlot(block);
     if (slot == nullptr)
         return GMEM_INVALID_HANDLE;
-    return std::min<uint32_t>(slot->locks, GMEM_LOCKCOUNT) | (slot->size == 0 ? GMEM_DISCARDED : 0);
+    return std::min<uint32_t>(slot->locks, GMEM_LOCKCOUNT) | (slot->span == nullptr ? GMEM_DISCARDED : 0);
 }
 
 void* KalGlobalReAlloc(void* block, uint32_t size, uint32_t flags) {
@@ -368,14 +308,16 @@ void* KalGlobalReAlloc(void* block, uint32_t size, uint32_t flags) {
 }
 
 uint64_t keptGlobalMemory() {
-    return keptBytes.load(std::memory_order_relaxed);
+    const auto lock = lockTable();
+    return keptBytes;
 }
 
 void trimGlobalMemory(uint64_t most) {
-    const TableLock lock;
+    const auto lock = lockTable();
     trim(most);
 }
 
 uint32_t liveGlobalBlocks() {
-    return liveBlocks.load(std::memory_order_relaxed);
+    const auto lock = lockTable();
+    return liveBlocks;
 }

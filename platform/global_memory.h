@@ -57,40 +57,36 @@ uint32_t liveGlobalBlocks();
 
 // What a handle's low half numbers. Seen here for the two calls that are made most.
 struct GlobalSlot {
-    uint8_t* span;   // null when there is none
-    uint32_t size;   // bytes asked for; 0 while discarded
+    uint8_t* span;   // null while the block is discarded
     uint32_t handle; // of the live block; else its high half alone, from which the next one counts on
     uint32_t locks;
-    uint16_t next; // in the list of free slots that this one is in
-    uint8_t spanClass;
 };
 extern GlobalSlot globalSlots[0x10000];
 
+// The sizes asked for, apart from what a lock looks at; 0 while discarded.
+extern uint32_t globalSizes[0x10000];
+
 // The address sanitizer does not watch over large blocks, whose marks take long.
-inline constexpr uint8_t kWatchedClasses = 64;
-
-inline void openBlock(const GlobalSlot& slot) {
-    if (slot.spanClass < kWatchedClasses)
-        markUsable(slot.span, slot.size);
-}
-
-// An unlocked block must not be touched.
-inline void closeBlock(const GlobalSlot& slot) {
-    if (slot.spanClass < kWatchedClasses)
-        markUnusable(slot.span, slot.size);
-}
+inline constexpr uint32_t kMostWatched = 0x40000;
 
 inline GlobalSlot* slotOf(HGLOBAL block) {
     return &globalSlots[reinterpret_cast<uintptr_t>(block) & 0xFFFF];
 }
 
+// An unlocked block must not be touched.
+inline void watch(const GlobalSlot* slot, void (*mark)(uint8_t*, size_t)) {
+    const uint32_t size = globalSizes[slot - globalSlots];
+    if (size <= kMostWatched)
+        mark(slot->span, size);
+}
+
 // The block's address, which holds until as many unlocks. Null for a discarded or dead block.
 inline void* GlobalLock(HGLOBAL block) {
     GlobalSlot* slot = slotOf(block);
-    if (slot->handle != reinterpret_cast<uintptr_t>(block) || slot->size == 0)
+    if (slot->handle != reinterpret_cast<uintptr_t>(block) || slot->span == nullptr)
         return nullptr;
     slot->locks++;
-    openBlock(*slot);
+    watch(slot, markUsable);
     return slot->span;
 }
 
@@ -101,7 +97,7 @@ inline int32_t GlobalUnlock(HGLOBAL block) {
         return 0;
     if (--slot->locks != 0)
         return 1;
-    closeBlock(*slot);
+    watch(slot, markUnusable);
     return 0;
 }
 

@@ -11,7 +11,9 @@
 #include "platform/block_map.h"
 #include "platform/heap_faults.h"
 #include "platform/host_calls.h"
+#include "platform/one_thread.h"
 #include "platform/pages.h"
+#include "platform/uncleared.h"
 
 #include <atomic>
 #include <cerrno>
@@ -67,35 +69,77 @@ bool guardStands(const void* block) {
                        sizeof KAL_HEAP_GUARD) == 0;
 }
 
-bool isWhole(const void* block) {
-    return isBlock(block) && guardStands(block);
+// The block last freed of each size that records often have and that the C heap does not keep at hand itself. Not under
+// the address sanitizer, which shall see whoever uses a block that was freed.
+constexpr size_t kKeptStep = 256;
+#ifdef KAL_ADDRESS_SANITIZER
+constexpr size_t kKeptFrom = 1;
+constexpr size_t kKeptTo = 1;
+#else
+constexpr size_t kKeptFrom = 1024;
+constexpr size_t kKeptTo = 16384;
+#endif
+std::atomic<void*> keptBlocks[kKeptTo / kKeptStep + 1];
+
+bool isKept(size_t bytes) {
+    return bytes >= kKeptFrom && bytes < kKeptTo;
+}
+
+// Puts a block, or none, in the place of the one that is kept, which it returns.
+void* swapKept(size_t bytes, void* raw) {
+    std::atomic<void*>& place = keptBlocks[bytes / kKeptStep];
+    if (!isOneThread())
+        return place.exchange(raw);
+    void* kept = place.load(std::memory_order_relaxed);
+    place.store(raw, std::memory_order_relaxed);
+    return kept;
+}
+
+void* allocate(uint32_t size, bool isCleared) {
+    if (tooLarge(size) || heapFaultDue())
+        return noMemory();
+    size_t need = kHeader + size + sizeof KAL_HEAP_GUARD;
+    if (isKept(need))
+        need = (need + kKeptStep - 1) / kKeptStep * kKeptStep;
+    void* raw = isKept(need) ? swapKept(need, nullptr) : nullptr;
+    if (raw == nullptr)
+        raw = isCleared ? std::calloc(1, need) : std::malloc(need);
+    else if (isCleared)
+        std::memset(raw, 0, need);
+    if (raw == nullptr)
+        return noMemory();
+    setSize(static_cast<uint8_t*>(raw), size);
+    void* block = static_cast<uint8_t*>(raw) + kHeader;
+    if (markBlock(block))
+        return block;
+    std::free(raw);
+    return noMemory();
 }
 
 } // namespace
 
 void* KalAllocSMem(uint32_t size) {
-    if (tooLarge(size) || heapFaultDue())
-        return noMemory();
-    auto* raw = static_cast<uint8_t*>(std::calloc(1, kHeader + size + sizeof KAL_HEAP_GUARD));
-    if (raw == nullptr)
-        return noMemory();
-    setSize(raw, size);
-    if (!markBlock(raw + kHeader)) {
-        std::free(raw);
-        return noMemory();
-    }
-    return raw + kHeader;
+    return allocate(size, true);
+}
+
+void* allocateUncleared(uint32_t size) {
+    return allocate(size, false);
 }
 
 int16_t KalFreeSMem(void* block) {
-    if (!isWhole(block) || !unmarkBlock(block))
+    if (!unmarkBlock(block))
         return KAL_ERR_MEMORY;
-    std::free(rawOf(block));
+    if (!guardStands(block)) {
+        markBlock(block);
+        return KAL_ERR_MEMORY;
+    }
+    const size_t bytes = malloc_usable_size(rawOf(block));
+    std::free(isKept(bytes) ? swapKept(bytes, rawOf(block)) : rawOf(block));
     return KAL_OK;
 }
 
 void* KalReAllocSMem(void* block, uint32_t size) {
-    if (!isWhole(block) || tooLarge(size))
+    if (!isBlock(block) || !guardStands(block) || tooLarge(size))
         return nullptr;
     const uint32_t oldSize = sizeOf(block);
     if (heapFaultDue())

@@ -1,11 +1,13 @@
 // The calls: handles and paths to keys, errors of the host to codes of the registry. What is behind them lies in
-// registry/: the records of a log, the log, the tree of keys in memory, both logs as one registry.
+// registry/: the records of a log, the log, the tree of keys in memory, where the logs are.
 #include "platform/registry.h"
 
-#include "platform/registry/store.h"
+#include "platform/registry/log.h"
+#include "platform/registry/place.h"
 
 #include <kal/heap.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -15,15 +17,15 @@
 namespace {
 
 std::mutex registryLock;
-RegistryStore* current; // where the environment says that the registry is
 
 // What a handle points to; the path stands behind it.
 struct OpenKey {
     const OpenKey* itself; // tells it from other blocks of the heap
-    RegistryStore* store;
-    uint32_t pathLength;
+    size_t pathLength;
     LogIndex home; // takes the key should it be missing
     bool pending;  // made, and to go to its log with its first value
+
+    std::string_view path() const { return {reinterpret_cast<const char*>(this + 1), pathLength}; }
 };
 
 // Null for anything but a live handle.
@@ -33,39 +35,23 @@ OpenKey* openKeyOf(HKEY handle) {
 }
 
 constexpr struct {
-    int error;
     int32_t code;
-} kCodes[] = {{0, ERROR_SUCCESS},
-              {ENOENT, ERROR_FILE_NOT_FOUND},
-              {EACCES, ERROR_ACCESS_DENIED},
-              {EPERM, ERROR_ACCESS_DENIED},
-              {EROFS, ERROR_ACCESS_DENIED},
-              {ELOOP, ERROR_ACCESS_DENIED},
-              {ENOTEMPTY, ERROR_ACCESS_DENIED},
-              {EMFILE, ERROR_TOO_MANY_OPEN_FILES},
-              {ENFILE, ERROR_TOO_MANY_OPEN_FILES},
-              {EBADF, ERROR_INVALID_HANDLE},
-              {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
-              {ENOSPC, ERROR_DISK_FULL},
-              {EDQUOT, ERROR_DISK_FULL},
-              {EFBIG, ERROR_DISK_FULL},
-              {EINVAL, ERROR_BAD_PATHNAME},
-              {ENAMETOOLONG, ERROR_FILENAME_EXCED_RANGE},
-              {EIO, ERROR_REGISTRY_IO_FAILED},
-              {ENOTDIR, ERROR_REGISTRY_IO_FAILED}};
+    int errors[5];
+} kCodes[] = {{ERROR_FILE_NOT_FOUND, {ENOENT}},
+              {ERROR_ACCESS_DENIED, {EACCES, EPERM, EROFS, ELOOP, ENOTEMPTY}},
+              {ERROR_INVALID_HANDLE, {EBADF}},
+              {ERROR_NOT_ENOUGH_MEMORY, {ENOMEM}},
+              {ERROR_DISK_FULL, {ENOSPC, EDQUOT, EFBIG}},
+              {ERROR_BAD_PATHNAME, {EINVAL}},
+              {ERROR_FILENAME_EXCED_RANGE, {ENAMETOOLONG}}};
 
 int32_t codeOf(int hostError) {
-    for (const auto& [error, code] : kCodes)
-        if (error == hostError)
+    if (hostError == 0)
+        return ERROR_SUCCESS;
+    for (const auto& [code, errors] : kCodes)
+        if (std::find(std::begin(errors), std::end(errors), hostError) != std::end(errors))
             return code;
-    return ERROR_GEN_FAILURE;
-}
-
-void dropIfIdle(RegistryStore* store) {
-    if (store != current && store->openHandles == 0) {
-        store->~RegistryStore();
-        KalFreeSMem(store);
-    }
+    return ERROR_REGISTRY_IO_FAILED;
 }
 
 // A child of a fork has the tree as it stood between two calls, and takes locks of its own.
@@ -78,48 +64,137 @@ void watchForks() {
     static_cast<void>(watched);
 }
 
-// The registry that the environment names now; null when memory is short.
-RegistryStore* currentStore() {
-    const RegistryPlace place;
-    if (current != nullptr && current->place() == place) {
-        current->look();
-        return current;
+// The log that takes what is written to a key, which may be null.
+LogIndex logOf(const KeyNode* key, LogIndex home) {
+    return key == nullptr ? home : key->in[kPersistent] ? kPersistent : kVolatile;
+}
+
+// The persistent log and the volatile one, and the tree of keys that both make. Calls give 0 or an error of the host.
+struct Registry {
+    RegistryPlace place;
+    KeyTree keys;
+    char volatileFolder[PATH_MAX] = {};
+    RegistryLog logs[kLogs] = {{keys, kPersistent, place.persistent}, {keys, kVolatile, volatileFolder}};
+
+    explicit Registry(const RegistryPlace& named) : place(named) {
+        watchForks();
+        look();
     }
-    watchForks();
-    void* block = KalAllocSMem(sizeof(RegistryStore));
-    if (block == nullptr)
-        return nullptr;
-    RegistryStore* before = current;
-    current = new (block) RegistryStore(place);
-    if (before != nullptr)
-        dropIfIdle(before);
-    return current;
+
+    // Opens the files where they could not be had yet, or are gone from their folders.
+    void look() {
+        logs[kPersistent].look(); // first: the other one's name holds the real path of its folder
+        if (volatileFolder[0] == 0)
+            place.findVolatile(volatileFolder);
+        logs[kVolatile].look();
+    }
+
+    int refresh() {
+        const int error = logs[kPersistent].refresh();
+        return error != 0 ? error : logs[kVolatile].refresh();
+    }
+
+    // ENOENT for a key that is not found, or why it may be there nevertheless.
+    int missing() const {
+        const int error = logs[kPersistent].readable();
+        return error != 0 ? error : ENOENT;
+    }
+
+    // Adds a record that makes a key or a value; a key that is there already is left alone. `home` takes a key that is
+    // not there; `*isNew`, unless null, tells whether it was not.
+    int write(const RegistryRecord& record, LogIndex home, bool* isNew = nullptr) {
+        for (;;) {
+            const KeyNode* key = keys.find(record.path);
+            const LogIndex index = logOf(key, home);
+            const uint64_t changes = RegistryLog::changes;
+            int error = logs[index].lock();
+            if (error != 0)
+                return error;
+            error = refresh();
+            if (RegistryLog::changes != changes)
+                key = keys.find(record.path);
+            const bool isMoved = logOf(key, home) != index; // another process made the key persistent
+            if (isNew != nullptr)
+                *isNew = key == nullptr;
+            if (error == 0 && !isMoved && (key == nullptr || record.kind == RecordKind::value))
+                error = logs[index].append(record);
+            logs[index].unlock();
+            if (error != 0 || !isMoved)
+                return error;
+        }
+    }
+
+    // With all below it. ENOTEMPTY when it has subkeys that must not go too.
+    int remove(std::string_view path, bool withSubkeys) {
+        const KeyNode* key = keys.find(path);
+        if (key == nullptr)
+            return missing();
+        bool has[kLogs] = {key->in[kPersistent], key->in[kVolatile]};
+        int error = 0;
+        for (const LogIndex index : {kPersistent, kVolatile}) // everybody takes the locks in this order
+            if (has[index]) {
+                error = error != 0 ? error : logs[index].lock();
+                has[index] = error == 0;
+            }
+        if (error == 0)
+            error = refresh();
+        key = keys.find(path);
+        if (error == 0 && !withSubkeys && key != nullptr && !key->below.empty())
+            error = ENOTEMPTY;
+        for (const LogIndex index : {kVolatile, kPersistent}) // with the persistent one the key is gone
+            if (has[index]) {
+                error = error != 0 ? error : logs[index].append({RecordKind::deleted, path});
+                logs[index].unlock();
+            }
+        return error;
+    }
+};
+
+Registry* registry; // where the environment said that it is
+
+void forget() {
+    if (registry != nullptr)
+        registry->~Registry();
+    registry = nullptr;
+}
+
+// Has a registry at hand: for calls from the top the one that the environment names now. 0 or an error.
+int refresh(bool isTop, bool looks) {
+    alignas(Registry) static char room[sizeof(Registry)];
+    if (registry == nullptr || isTop) {
+        const RegistryPlace place;
+        if (registry != nullptr && !(registry->place == place))
+            forget();
+        if (registry == nullptr)
+            registry = new (room) Registry(place);
+        else if (looks)
+            registry->look();
+    }
+    return registry->refresh();
 }
 
 // A call at work: the key that it is about, as the logs have it now.
 struct Call {
     const std::lock_guard<std::mutex> guard{registryLock};
-    OpenKey* open = nullptr;
-    RegistryStore* store = nullptr;
-    int error = 0;
+    OpenKey* const open;
+    int error;
+    size_t length = 0; // of the path
     char text[kMostPathBytes + 1];
-    RegistryText path = {text, 0};
 
-    explicit Call(HKEY key) {
-        open = key == HKEY_CLASSES_ROOT ? nullptr : openKeyOf(key);
-        store = open != nullptr ? open->store : key == HKEY_CLASSES_ROOT ? currentStore() : nullptr;
-        error = store != nullptr ? store->refresh() : key == HKEY_CLASSES_ROOT ? ENOMEM : EBADF;
-        if (open != nullptr) {
-            path.length = open->pathLength;
-            std::memcpy(text, open + 1, path.length);
-        }
+    // A call that changes the log finds out under its lock whether the file is gone, and need not look.
+    explicit Call(HKEY key, bool looks = true) : open(key != HKEY_CLASSES_ROOT ? openKeyOf(key) : nullptr) {
+        error = open != nullptr || key == HKEY_CLASSES_ROOT ? refresh(open == nullptr, looks) : EBADF;
+        if (open != nullptr)
+            length = open->path().copy(text, sizeof text);
     }
+
+    std::string_view path() const { return {text, length}; }
+    const KeyNode* key() const { return error == 0 ? registry->keys.find(path()) : nullptr; }
 
     // A key that waits for its first value waits no longer.
     void settle() {
-        bool isNew;
         if (error == 0 && open != nullptr && open->pending) {
-            error = store->write({RecordKind::key, path}, open->home, &isNew);
+            error = registry->write({RecordKind::key, path()}, open->home);
             open->pending = error != 0;
         }
     }
@@ -127,45 +202,39 @@ struct Call {
     // Goes on to a key below.
     void descend(const char* subKey) {
         settle();
+        const std::string_view below = {subKey, strnlen(subKey, sizeof text + 1)};
+        if (error == 0 && length + 1 + below.size() > sizeof text + 1)
+            error = ENAMETOOLONG;
         if (error != 0)
             return;
-        const RegistryText below = {subKey, static_cast<uint32_t>(strnlen(subKey, kMostPathBytes + 2))};
-        const uint32_t separator = path.length != 0;
-        if (path.length + separator + below.length > sizeof text) {
-            error = ENAMETOOLONG;
-            return;
-        }
-        text[path.length] = '\\';
-        std::memcpy(text + path.length + separator, subKey, below.length);
-        path.length += separator + below.length;
-        path.length -= below.length > 1 && text[path.length - 1] == '\\';
-        error = below.length != 0 ? checkPath(path) : EINVAL;
+        if (length != 0)
+            text[length++] = '\\';
+        length += below.copy(text + length, below.size());
+        length -= below.size() > 1 && below.back() == '\\';
+        error = below.empty() ? EINVAL : checkPath(path());
     }
 
-    const KeyNode* key() const { return error == 0 ? store->keys().find(path) : nullptr; }
-
     int32_t openHandle(LogIndex home, bool pending, HKEY* result) {
-        void* block = KalAllocSMem(static_cast<uint32_t>(sizeof(OpenKey) + path.length));
+        void* block = KalAllocSMem(static_cast<uint32_t>(sizeof(OpenKey) + length));
         if (block == nullptr)
             return ERROR_NOT_ENOUGH_MEMORY;
-        auto* opened = new (block) OpenKey{static_cast<OpenKey*>(block), store, path.length, home, pending};
-        std::memcpy(opened + 1, text, path.length);
-        store->openHandles++;
+        auto* opened = new (block) OpenKey{static_cast<OpenKey*>(block), length, home, pending};
+        path().copy(reinterpret_cast<char*>(opened + 1), length);
         *result = opened;
         return ERROR_SUCCESS;
     }
 };
 
-RegistryText valueName(const char* name) {
-    return {name, name != nullptr ? static_cast<uint32_t>(strnlen(name, kMostNameBytes + 1)) : 0};
+std::string_view valueName(const char* name) {
+    return name != nullptr ? std::string_view(name, strnlen(name, kMostNameBytes + 1)) : std::string_view();
 }
 
 int32_t removeKey(HKEY key, const char* subKey, bool withSubkeys) {
     if (subKey == nullptr)
         return ERROR_INVALID_PARAMETER;
-    Call call(key);
+    Call call(key, false);
     call.descend(subKey);
-    return codeOf(call.error != 0 ? call.error : call.store->remove(call.path, withSubkeys));
+    return codeOf(call.error != 0 ? call.error : registry->remove(call.path(), withSubkeys));
 }
 
 } // namespace
@@ -175,14 +244,14 @@ int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t, const char*, uin
     if (result == nullptr || subKey == nullptr)
         return ERROR_INVALID_PARAMETER;
     *result = nullptr;
-    Call call(key);
+    Call call(key, disposition == nullptr);
     call.descend(subKey);
     const LogIndex home = (options & REG_OPTION_VOLATILE) != 0 ? kVolatile : kPersistent;
     bool isNew = call.error == 0 && call.key() == nullptr;
     const bool pending = isNew && disposition == nullptr;
     if (isNew)
-        call.error = pending ? call.store->mayCreate(home)
-                             : call.store->write({RecordKind::key, call.path}, home, &isNew);
+        call.error = pending ? registry->logs[home].writable()
+                             : registry->write({RecordKind::key, call.path()}, home, &isNew);
     if (call.error != 0)
         return codeOf(call.error);
     if (disposition != nullptr)
@@ -198,7 +267,7 @@ int32_t RegOpenKeyExA(HKEY key, const char* subKey, uint32_t, uint32_t, HKEY* re
     call.descend(subKey);
     const KeyNode* found = call.key();
     if (found == nullptr)
-        return codeOf(call.error != 0 ? call.error : call.store->missing());
+        return codeOf(call.error != 0 ? call.error : registry->missing());
     return call.openHandle(found->in[kPersistent] ? kPersistent : kVolatile, false, result);
 }
 
@@ -207,11 +276,10 @@ int32_t RegQueryValueExA(HKEY key, const char* name, uint32_t*, uint32_t* type, 
     if (data != nullptr && size == nullptr)
         return ERROR_INVALID_PARAMETER;
     Call call(key);
-    call.settle();
     const KeyNode* found = call.key();
     const KeyValue* value = found != nullptr ? found->value(valueName(name)) : nullptr;
     if (value == nullptr)
-        return codeOf(call.error != 0 ? call.error : found != nullptr ? ENOENT : call.store->missing());
+        return codeOf(call.error != 0 ? call.error : found != nullptr ? ENOENT : registry->missing());
     const uint32_t room = size != nullptr ? *size : 0;
     if (type != nullptr)
         *type = value->type;
@@ -220,16 +288,16 @@ int32_t RegQueryValueExA(HKEY key, const char* name, uint32_t*, uint32_t* type, 
     if (data != nullptr && room < value->size)
         return ERROR_MORE_DATA;
     if (data != nullptr)
-        std::memcpy(data, value->data(), value->size);
+        value->bytes().copy(reinterpret_cast<char*>(data), room);
     return ERROR_SUCCESS;
 }
 
 int32_t RegSetValueExA(HKEY key, const char* name, uint32_t, uint32_t type, const uint8_t* data,
                        uint32_t size) {
-    const RegistryText value = valueName(name);
+    const std::string_view value = valueName(name);
     if ((data == nullptr && size != 0) || size > kMostValueBytes)
         return ERROR_INVALID_PARAMETER;
-    if (value.length > kMostNameBytes)
+    if (value.size() > kMostNameBytes)
         return ERROR_FILENAME_EXCED_RANGE;
     Call call(key);
     if (call.error == 0 && call.open == nullptr)
@@ -237,23 +305,21 @@ int32_t RegSetValueExA(HKEY key, const char* name, uint32_t, uint32_t type, cons
     if (call.error != 0)
         return codeOf(call.error);
     call.open->pending = false; // a key whose first value fails does not appear without it
-    return codeOf(
-        call.store->write({RecordKind::value, call.path, value, type, data, size}, call.open->home, nullptr));
+    const std::string_view bytes = {reinterpret_cast<const char*>(data), size};
+    return codeOf(registry->write({RecordKind::value, call.path(), value, type, bytes}, call.open->home));
 }
 
 int32_t RegEnumKeyA(HKEY key, uint32_t index, char* name, uint32_t nameSize) {
     Call call(key);
-    call.settle();
     if (call.error != 0)
         return codeOf(call.error);
     const KeyNode* above = call.key();
-    if (above == nullptr || index >= above->count)
+    if (above == nullptr || index >= above->below.size())
         return ERROR_NO_MORE_ITEMS;
-    const RegistryText found = above->below[index]->name();
-    if (found.length >= nameSize)
+    const std::string_view found = above->below[index]->name();
+    if (found.size() >= nameSize)
         return ERROR_MORE_DATA;
-    std::memcpy(name, found.text, found.length);
-    name[found.length] = 0;
+    name[found.copy(name, nameSize)] = 0;
     return ERROR_SUCCESS;
 }
 
@@ -274,22 +340,16 @@ int32_t RegCloseKey(HKEY key) {
         return ERROR_INVALID_HANDLE;
     call.open->itself = nullptr;
     KalFreeSMem(call.open);
-    call.store->openHandles--;
-    dropIfIdle(call.store);
     return codeOf(call.error);
 }
 
 uint64_t registryState(HKEY key) {
     const std::lock_guard guard(registryLock);
     const OpenKey* open = openKeyOf(key);
-    return open != nullptr && open->store->refresh() == 0 ? RegistryLog::changes : 0;
+    return open != nullptr && refresh(false, false) == 0 ? RegistryLog::changes : 0;
 }
 
 void forgetRegistry() {
     const std::lock_guard guard(registryLock);
-    RegistryStore* const idle = current != nullptr && current->openHandles == 0 ? current : nullptr;
-    if (idle == nullptr)
-        return;
-    current = nullptr;
-    dropIfIdle(idle);
+    forget();
 }

@@ -1,7 +1,8 @@
 // The registry: a tree of keys that hold values, shared by every process of the user.
 //
 // Every call returns 0 or one of the codes below. A handle names a key, not what is in it: a key that is deleted
-// behind a handle is missing for it, and there again once somebody makes it anew.
+// behind a handle is missing for it, and there again once somebody makes it anew. Where the registry is, calls from the
+// top ask the environment, and all handles go with them.
 #ifndef KAL_PLATFORM_REGISTRY_H
 #define KAL_PLATFORM_REGISTRY_H
 
@@ -21,11 +22,9 @@ inline constexpr uint32_t REG_SZ = 1;
 
 inline constexpr int32_t ERROR_SUCCESS = 0;
 inline constexpr int32_t ERROR_FILE_NOT_FOUND = 2; // there is no such key or value
-inline constexpr int32_t ERROR_TOO_MANY_OPEN_FILES = 4;
-inline constexpr int32_t ERROR_ACCESS_DENIED = 5; // also: the key still has subkeys
+inline constexpr int32_t ERROR_ACCESS_DENIED = 5;  // also: the key still has subkeys
 inline constexpr int32_t ERROR_INVALID_HANDLE = 6;
 inline constexpr int32_t ERROR_NOT_ENOUGH_MEMORY = 8;
-inline constexpr int32_t ERROR_GEN_FAILURE = 31; // the host failed in a way that has no code here
 inline constexpr int32_t ERROR_INVALID_PARAMETER = 87;
 inline constexpr int32_t ERROR_DISK_FULL = 112;
 inline constexpr int32_t ERROR_BAD_PATHNAME = 161; // an empty component in a key's name
@@ -41,10 +40,9 @@ inline constexpr uint32_t kMostValueBytes = 1 << 20;
 // end is let through. A name has at most 255 bytes, a path 4,095. The caller closes every handle that it gets.
 // Reserved words, classes, access and security are ignored.
 
-// Opens a key, or makes it with the keys on the way to it. A new key appears with its first value or at the
-// next other call with this handle, whichever comes first, and at once when `disposition` is given, which tells
-// which it was: so a key and its value come into being in one step, and of two makers one is told that it was
-// first.
+// Opens a key, or makes it with the keys on the way to it. A new key appears with its first value, when a key below it
+// is asked for or when the handle is closed, whichever comes first, and at once when `disposition` is given, which tells
+// which it was: so a key and its value come into being in one step, and of two makers one is told that it was first.
 int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t reserved, const char* className,
                         uint32_t options, uint32_t access, const void* security, HKEY* result,
                         uint32_t* disposition);
@@ -76,8 +74,7 @@ int32_t RegCloseKey(HKEY key);
 // process changes it, so that what was read can be kept. 0 when that is not known.
 uint64_t registryState(HKEY key);
 
-// Gives back what this process knows of the registry, which the next call reads again, unless a handle is open. For
-// tests.
+// Forgets what this process knows of the registry, which the next call reads again. For tests.
 void forgetRegistry();
 
 #endif

@@ -9,7 +9,6 @@ namespace {
 constexpr uint32_t kFewestBuckets = 64;
 constexpr uint32_t kMostTags = 4096; // then all are forgotten
 constexpr uint32_t kMostNameLength = 259;
-constexpr uint32_t kMostValueSize = 4096;
 
 } // namespace
 
@@ -96,28 +95,20 @@ bool TagCache::grow() {
     return true;
 }
 
-CachedTag* TagCache::keep(const char* tag, uint64_t state, uint32_t valueSize) {
+void TagCache::keep(const char* tag, uint64_t state, const uint8_t* value, uint32_t valueSize) {
     const size_t length = std::strlen(tag);
-    if (length > kMostNameLength || valueSize > kMostValueSize || !grow())
-        return nullptr;
-    CachedTag** link = linkTo(tag, static_cast<uint32_t>(length));
-    CachedTag* kept = *link;
+    if (length > kMostNameLength || !grow())
+        return;
     const auto bytes = static_cast<uint32_t>(sizeof(CachedTag) + length + valueSize);
-    if (KalSizeSMem(kept) != bytes) {
-        kept = static_cast<CachedTag*>(KalAllocSMem(bytes));
-        if (kept == nullptr)
-            return nullptr;
-        std::memcpy(kept->name(), tag, length);
-        if (CachedTag* old = *link) {
-            kept->next = old->next;
-            KalFreeSMem(old);
-        } else {
-            count_++;
-        }
-        *link = kept;
-    }
-    kept->state = state;
-    kept->nameLength = static_cast<uint32_t>(length);
-    kept->size = valueSize;
-    return kept;
+    auto* kept = static_cast<CachedTag*>(KalAllocSMem(bytes));
+    if (kept == nullptr)
+        return;
+    CachedTag** link = linkTo(tag, static_cast<uint32_t>(length));
+    CachedTag* const old = *link;
+    *kept = {old != nullptr ? old->next : nullptr, state, static_cast<uint32_t>(length), valueSize};
+    std::memcpy(kept->name(), tag, length);
+    std::memcpy(kept->value(), value, valueSize);
+    *link = kept;
+    count_ += old == nullptr;
+    KalFreeSMem(old);
 }

@@ -17,8 +17,6 @@ struct CachedTag {
     uint64_t state; // in which this was found
     uint32_t nameLength;
     uint32_t size; // of the value
-    bool found;    // the tag
-    bool hasValue; // and its own value
 
     // Behind it: the name as it was asked for, then the value.
     char* name() { return reinterpret_cast<char*>(this + 1); }
@@ -27,6 +25,7 @@ struct CachedTag {
 
 class TagCache {
 public:
+    static constexpr uint32_t kMostValueSize = 4096; // larger ones are not kept
     // Grows with every change of how sets are linked to each other, or opened.
     static std::atomic<uint32_t> chainChanges;
 
@@ -37,9 +36,8 @@ public:
 
     // Null when nothing is known of the tag in this state.
     CachedTag* find(const char* tag, uint64_t state) const;
-    // Room for what is found out about a tag, which replaces what was known. Null when memory is short or the tag
-    // is not worth keeping.
-    CachedTag* keep(const char* tag, uint64_t state, uint32_t valueSize);
+    // Keeps a tag's value in place of what was known, if memory allows.
+    void keep(const char* tag, uint64_t state, const uint8_t* value, uint32_t valueSize);
 
 private:
     CachedTag** linkTo(const char* tag, uint32_t length) const;

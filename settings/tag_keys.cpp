@@ -1,8 +1,5 @@
 #include "settings/tag_keys.h"
 
-#include <cstdio>
-#include <cstring>
-
 namespace {
 
 char upperCase(char c) {
@@ -14,11 +11,6 @@ uint8_t* bytesOf(char* text) {
 }
 
 } // namespace
-
-bool SetKeyName::join(const char* root, const char* path) {
-    const int length = std::snprintf(text, sizeof text, "%s%s", root, path);
-    return length > 0 && static_cast<size_t>(length) < sizeof text;
-}
 
 bool namesBeginAlike(const char* a, const char* b, size_t count) {
     for (size_t i = 0; i < count; i++) {

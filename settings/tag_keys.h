@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 inline constexpr const char* kParentTag = "Parent";
 inline constexpr const char* kPatternsKey = "Wildcards";
@@ -15,11 +16,17 @@ inline constexpr const char* kPatternsKey = "Wildcards";
 // What subkey names are enumerated into.
 inline constexpr uint32_t kTagNameSize = 260;
 
-// Root and path in one text. False when it is too long.
-struct SetKeyName {
-    char text[KAL_TAG_PATH_SIZE];
-    bool join(const char* root, const char* path);
-};
+// Two texts in one. False when they do not fit.
+template <size_t room>
+bool join(char (&to)[room], const char* first, const char* second) {
+    const size_t length = std::strlen(first), rest = strnlen(second, room);
+    if (length + rest >= room)
+        return false;
+    std::memcpy(to, first, length);
+    std::memcpy(to + length, second, rest);
+    to[length + rest] = 0;
+    return true;
+}
 
 bool sameName(const char* a, const char* b);
 bool namesBeginAlike(const char* a, const char* b, size_t count);

@@ -7,7 +7,6 @@
 #include <kal/tagset.h>
 
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -24,6 +23,14 @@ void copyValue(CachedTag& tag, char* buffer, int size) {
     std::memcpy(buffer, tag.value(), tag.size);
     if (tag.size < room)
         buffer[tag.size] = 0;
+}
+
+int16_t readAndClose(HKEY key, char* buffer, int size, const char* valueName) {
+    if (key == nullptr)
+        return KAL_ERR_TAG_MISSING;
+    readValue(key, valueName, buffer, size);
+    RegCloseKey(key);
+    return KAL_OK;
 }
 
 } // namespace
@@ -53,9 +60,9 @@ void TagSet::Close() {
             RegCloseKey(hWildKey);
         hWildKey = nullptr;
         RegCloseKey(hKey);
-        SetKeyName name;
-        if (persistent == 0 && path != nullptr && name.join(rootPath, path))
-            RegDeleteTreeA(HKEY_CLASSES_ROOT, name.text);
+        char name[KAL_TAG_PATH_SIZE];
+        if (persistent == 0 && path != nullptr && join(name, rootPath, path))
+            RegDeleteTreeA(HKEY_CLASSES_ROOT, name);
     }
     hKey = nullptr;
     TagCache::freePath(path);
@@ -68,9 +75,9 @@ int16_t TagSet::Open(const char* newPath, int newPersistent) {
     Close();
     path = copy;
     persistent = newPersistent;
-    SetKeyName name;
-    if (path != nullptr && name.join(rootPath, path))
-        hKey = makeKey(HKEY_CLASSES_ROOT, name.text, persistent != 0);
+    char name[KAL_TAG_PATH_SIZE];
+    if (path != nullptr && join(name, rootPath, path))
+        hKey = makeKey(HKEY_CLASSES_ROOT, name, persistent != 0);
     return hKey != nullptr ? int16_t(KAL_OK) : int16_t(KAL_ERR_TAG_KEY);
 }
 
@@ -104,7 +111,7 @@ void TagSet::GetReady() {
 
 int16_t TagSet::SetTempPath() {
     char counterTag[KAL_TAG_PATH_SIZE];
-    std::snprintf(counterTag, sizeof counterTag, "%sNextTemp", rootPath);
+    join(counterTag, rootPath, "NextTemp");
     for (int draw = 0; draw < kMostDraws; draw++) {
         const HKEY counter = makeKey(HKEY_CLASSES_ROOT, counterTag, persistent != 0);
         char number[kTagNameSize] = "";
@@ -118,15 +125,15 @@ int16_t TagSet::SetTempPath() {
         RegCloseKey(counter);
 
         char fresh[kTagNameSize + 8];
-        std::snprintf(fresh, sizeof fresh, "Temp\\%s", number);
+        join(fresh, "Temp\\", number);
         TagCache::freePath(path);
         path = TagCache::makePath(fresh);
         persistent = 0;
         hKey = nullptr;
-        SetKeyName name;
+        char name[KAL_TAG_PATH_SIZE];
         uint32_t disposition = 0;
-        if (path != nullptr && name.join(rootPath, path))
-            hKey = makeKey(HKEY_CLASSES_ROOT, name.text, false, &disposition);
+        if (path != nullptr && join(name, rootPath, path))
+            hKey = makeKey(HKEY_CLASSES_ROOT, name, false, &disposition);
         if (hKey == nullptr)
             break;
         if (disposition == REG_CREATED_NEW_KEY)
@@ -139,48 +146,31 @@ int16_t TagSet::SetTempPath() {
     return KAL_ERR_TAG_KEY;
 }
 
-// What is known of a tag, else what is found out and then kept. False when nothing can be kept.
-bool TagSet::GetKnownTag(const char* tag, char* buffer, int size, int16_t* status) {
-    const uint64_t state = path != nullptr && tag != nullptr ? registryState(hKey) : 0;
-    if (state == 0)
-        return false;
-    TagCache& cache = TagCache::of(path);
-    const uint64_t links = TagCache::chainChanges;
-    CachedTag* known = cache.find(tag, state + links);
-    if (known == nullptr) {
-        HKEY key = FindTag(tag);
-        if (key == nullptr)
-            key = FindPattern(tag);
-        uint32_t valueSize = 0;
-        const bool hasValue = key != nullptr && RegQueryValueExA(key, nullptr, nullptr, nullptr, nullptr,
-                                                                 &valueSize) == ERROR_SUCCESS;
-        known = cache.keep(tag, state + links, valueSize);
-        if (known != nullptr) {
-            known->found = key != nullptr;
-            known->hasValue = hasValue;
-            // What another process changed meanwhile is not kept.
-            if (hasValue && RegQueryValueExA(key, nullptr, nullptr, nullptr, known->value(), &valueSize) != 0)
-                known->state = 0;
-            else if (valueSize != known->size || registryState(hKey) + TagCache::chainChanges != known->state)
-                known->state = 0;
-        }
-        RegCloseKey(key);
-        if (known == nullptr || known->state == 0)
-            return false;
-    }
-    *status = known->found ? int16_t(KAL_OK) : int16_t(KAL_ERR_TAG_MISSING);
-    if (known->hasValue)
-        copyValue(*known, buffer, size);
-    return true;
+// Of all that a read through the chain depends on; 0 when it is not known.
+uint64_t TagSet::State() {
+    const uint64_t registry = path != nullptr ? registryState(hKey) : 0;
+    return registry != 0 ? registry + TagCache::chainChanges : 0;
 }
 
 int16_t TagSet::GetTag(const char* tag, char* buffer, int size, const char* valueName) {
-    TagSet* deepest = Deepest();
-    int16_t status;
-    if ((valueName == nullptr || *valueName == 0) && deepest->GetKnownTag(tag, buffer, size, &status))
-        return status;
-    status = deepest->GetRawTag(tag, buffer, size, valueName);
-    return status == KAL_OK ? status : deepest->GetWildTag(tag, buffer, size, valueName);
+    TagSet* const set = Deepest();
+    const bool isDefault = tag != nullptr && (valueName == nullptr || *valueName == 0);
+    const uint64_t state = isDefault ? set->State() : 0;
+    if (state != 0)
+        if (CachedTag* known = TagCache::of(set->path).find(tag, state)) {
+            copyValue(*known, buffer, size);
+            return KAL_OK;
+        }
+    HKEY key = set->FindTag(tag);
+    if (key == nullptr)
+        key = set->FindPattern(tag);
+    uint8_t value[TagCache::kMostValueSize];
+    uint32_t valueSize = sizeof value;
+    // What changed meanwhile, in whatever process, is not kept.
+    if (state != 0 && RegQueryValueExA(key, nullptr, nullptr, nullptr, value, &valueSize) == ERROR_SUCCESS &&
+        set->State() == state)
+        TagCache::of(set->path).keep(tag, state, value, valueSize);
+    return readAndClose(key, buffer, size, valueName);
 }
 
 // The open key of the first set that has the tag; null when none has. FindPattern() looks among the patterns.
@@ -207,18 +197,6 @@ void* TagSet::FindPattern(const char* tag) {
     }
     return nullptr;
 }
-
-namespace {
-
-int16_t readAndClose(HKEY key, char* buffer, int size, const char* valueName) {
-    if (key == nullptr)
-        return KAL_ERR_TAG_MISSING;
-    readValue(key, valueName, buffer, size);
-    RegCloseKey(key);
-    return KAL_OK;
-}
-
-} // namespace
 
 int16_t TagSet::GetRawTag(const char* tag, char* buffer, int size, const char* valueName) {
     return readAndClose(FindTag(tag), buffer, size, valueName);
@@ -250,9 +228,7 @@ int16_t TagSet::SetRawTag(const char* tag, const char* value, const char* valueN
     if (hKey == nullptr || tag == nullptr)
         return KAL_ERR_TAG_WRITE;
     char name[kTagNameSize];
-    const char* folder = std::strchr(tag, '?') != nullptr ? "Wildcards\\" : "";
-    const int length = std::snprintf(name, sizeof name, "%s%s", folder, tag);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof name)
+    if (!join(name, std::strchr(tag, '?') != nullptr ? "Wildcards\\" : "", tag))
         return KAL_OK; // no key can have that name
     if (value == nullptr || *value == 0) {
         RegDeleteKeyA(hKey, name);

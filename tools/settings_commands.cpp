@@ -153,10 +153,12 @@ void set(const Arguments& arguments) {
     if (arguments.value.empty())
         throw Failure("settings " + arguments.path, "a tag cannot be empty; unset removes it");
     write(arguments, arguments.value.c_str());
-    // A name that no tag can have is not written, and the library does not tell.
+    // A name that no tag can have is not written, and the library does not tell. Where memory was short but the value can be
+    // read, it was written all the same.
     OpenedSet opened(arguments.path);
-    const bool is = holds(*opened, arguments.tag);
-    requireMemory();
+    const bool is = holds(*opened, arguments.tag) && valueOf(*opened, arguments.tag) == arguments.value;
+    if (!is)
+        requireMemory();
     if (!is)
         throw Failure("settings " + arguments.path, "no tag can be named " + arguments.tag);
 }

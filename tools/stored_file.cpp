@@ -96,7 +96,7 @@ FileKind StoredFile::kind() const {
     return *lists ? FileKind::Lists : wide ? FileKind::Items : FileKind::Resources;
 }
 
-// Whether most of what would be the entries of an index lead into the file and behind the index.
+// Whether at least half of what would be the entries of an index lead into the file and behind the index.
 bool StoredFile::looksLikeItems() const {
     const uint64_t bytes = file_.size();
     const std::vector<uint8_t> head = file_.readAt(0, 4);
@@ -114,9 +114,10 @@ bool StoredFile::looksLikeItems() const {
         const uint64_t size = wide ? load32(index, at + 2) : load16(index, at + 2);
         const uint64_t offset = load32(index, at + entryBytes - 4);
         used += load16(index, at) != KAL_ITEM_FREE;
-        good += load16(index, at) != KAL_ITEM_FREE && offset >= 4 + index.size() && offset + size <= bytes;
+        good +=
+            load16(index, at) != KAL_ITEM_FREE && offset >= 4 + index.size() && offset < bytes + (size == 0);
     }
-    return good > used / 2;
+    return good > 0 && good * 2 >= used;
 }
 
 // Whether the items are operation lists: most that start in the file, or none. Nothing where it is neither.

@@ -143,7 +143,9 @@ struct IStorage : IUnknown {
     virtual HRESULT EnumElements(uint32_t reserved1, void* reserved2, uint32_t reserved3,
                                  IEnumSTATSTG** elements) = 0;
     // Writes what changed in the whole file, not only at the end. STG_E_WRITEFAULT: the file is as it was or as it is
-    // now, and the next Commit tries again.
+    // now; STG_E_MEDIUMFULL: it is as it was, since a changed directory of several sectors is written beside the old one
+    // and there is no room for that. What made the file grow has that room already; what was cut or removed on a full
+    // disk may not. The next Commit tries again.
     virtual HRESULT Commit(uint32_t flags) = 0;
     // Forgets what changed in the whole file since it was last written, but for bytes that were overwritten in place.
     // The file takes no changes from then on, and its objects are good for being released alone. S_OK.
@@ -163,7 +165,8 @@ KAL_API HRESULT StgCreateDocfile(const wchar_t* name, uint32_t mode, uint32_t re
 
 // Opens the root storage of a compound file. `priority`, `exclude` and `reserved` are not looked at.
 // STG_E_FILENOTFOUND, STG_E_INVALIDNAME, STG_E_ACCESSDENIED, STG_E_SHAREVIOLATION, STG_E_INSUFFICIENTMEMORY;
-// STG_E_DOCFILECORRUPT when header or tables make no sense, for reading only so far that nothing could be reached.
+// STG_E_DOCFILECORRUPT when header or directory make no sense, for reading only so far that nothing could be reached.
+// Of a file that is damaged elsewhere what is whole can be read and changed.
 KAL_API HRESULT StgOpenStorage(const wchar_t* name, IStorage* priority, uint32_t mode, void* exclude,
                                uint32_t reserved, IStorage** storage);
 

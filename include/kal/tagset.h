@@ -124,7 +124,7 @@ private:
     KAL_LOCAL void* WildKey();
     KAL_LOCAL void* FindTag(const char* tag);
     KAL_LOCAL void* FindPattern(const char* tag);
-    KAL_LOCAL bool GetKnownTag(const char* tag, char* buffer, int size, int16_t* status);
+    KAL_LOCAL uint64_t State();
 
     const char* rootPath;
     char* path;         // owned

@@ -4,52 +4,50 @@ namespace compound {
 
 void Chain::swap(Chain& other) {
     std::swap(space_, other.space_);
-    stretches_.swap(other.stretches_);
+    pieces_.swap(other.pieces_);
     std::swap(recent_, other.recent_);
 }
 
 uint32_t Chain::unitCount() const {
-    return stretches_.empty()
-               ? 0
-               : stretches_[stretches_.size() - 1].before + stretches_[stretches_.size() - 1].run.count;
+    return pieces_.empty() ? 0 : pieces_[pieces_.size() - 1].before + pieces_[pieces_.size() - 1].span.count;
 }
 
-bool Chain::appendRun(Run run) {
+bool Chain::appendSpan(Span span) {
     const uint32_t before = unitCount();
-    if (!stretches_.empty()) {
-        Run& last = stretches_.back().run;
-        if (last.first + last.count == run.first) {
-            last.count += run.count;
+    if (!pieces_.empty()) {
+        Span& last = pieces_.back().span;
+        if (last.first + last.count == span.first) {
+            last.count += span.count;
             return true;
         }
     }
-    return stretches_.append({run, before});
+    return pieces_.append({span, before});
 }
 
 bool Chain::load(uint32_t first) {
     const AllocationTable& table = space_->table;
     recent_ = 0;
-    stretches_.shrink(0);
+    pieces_.shrink(0);
     uint32_t walked = 0;
     uint32_t unit = first;
     while (unit < table.size()) {
-        // Neighbours are gathered first: chains are mostly stretches of them.
-        Run run = {unit, 0};
+        // Neighbours are gathered first: chains are mostly spans of them.
+        Span span = {unit, 0};
         uint32_t next;
         do {
             next = table.next(unit);
-            if (next == kFree)
+            if (next == kFree || next == kKept)
                 break;
-            run.count++;
+            span.count++;
             unit = next;
-        } while (next == run.first + run.count && next < table.size());
-        walked += run.count;
+        } while (next == span.first + span.count && next < table.size());
+        walked += span.count;
         // More units than there are: the chain came round.
-        if (walked > table.size() || (run.count > 0 && !appendRun(run))) {
-            stretches_.shrink(0);
+        if (walked > table.size() || (span.count > 0 && !appendSpan(span))) {
+            pieces_.shrink(0);
             return false;
         }
-        if (next == kFree)
+        if (next == kFree || next == kKept)
             break;
     }
     return true;
@@ -63,31 +61,31 @@ bool Chain::extendTo(uint32_t units) {
     if (!space_->makeFree(units - had))
         return false;
     // Units are found first and taken only when they have a place on the disk.
-    const size_t oldStretches = stretches_.size();
-    const Run oldLast = oldStretches > 0 ? stretches_.back().run : Run{};
+    const size_t oldPieces = pieces_.size();
+    const Span oldLast = oldPieces > 0 ? pieces_.back().span : Span{};
     uint32_t from = 0;
     uint32_t end = 0;
     bool found = true;
     while (found && unitCount() < units) {
-        const Run run = table.findFree(from, units - unitCount());
-        found = run.count > 0 && appendRun(run);
-        from = run.first + run.count;
+        const Span span = table.findFree(from, units - unitCount());
+        found = span.count > 0 && appendSpan(span);
+        from = span.first + span.count;
         end = from;
     }
     if (!found || !space_->secure(end)) {
-        stretches_.shrink(oldStretches);
-        if (oldStretches > 0)
-            stretches_.back().run = oldLast;
+        pieces_.shrink(oldPieces);
+        if (oldPieces > 0)
+            pieces_.back().span = oldLast;
         return false;
     }
-    // What was added: the part of the old last stretch that it grew by, then the new stretches.
+    // What was added: the part of the old last piece that it grew by, then the new spans.
     uint32_t next = kEndOfChain;
-    for (size_t index = stretches_.size(); index-- > oldStretches;) {
-        table.link(stretches_[index].run, next);
-        next = stretches_[index].run.first;
+    for (size_t index = pieces_.size(); index-- > oldPieces;) {
+        table.link(pieces_[index].span, next);
+        next = pieces_[index].span.first;
     }
-    if (oldStretches > 0) {
-        const Run& grown = stretches_[oldStretches - 1].run;
+    if (oldPieces > 0) {
+        const Span& grown = pieces_[oldPieces - 1].span;
         const uint32_t tail = oldLast.count - 1; // the old last unit now leads on
         table.link({grown.first + tail, grown.count - tail}, next);
     }
@@ -104,33 +102,33 @@ void Chain::cutTo(uint32_t units) {
         return;
     AllocationTable& table = space_->table;
     while (unitCount() > units) {
-        Stretch& last = stretches_.back();
-        const uint32_t keep = units > last.before ? units - last.before : 0;
-        table.release({last.run.first + keep, last.run.count - keep});
-        last.run.count = keep;
+        Piece& end = pieces_.back();
+        const uint32_t keep = units > end.before ? units - end.before : 0;
+        table.release({end.span.first + keep, end.span.count - keep});
+        end.span.count = keep;
         if (keep == 0)
-            stretches_.shrink(stretches_.size() - 1);
+            pieces_.shrink(pieces_.size() - 1);
     }
-    if (!stretches_.empty())
-        table.link({stretches_.back().run.first + stretches_.back().run.count - 1, 1}, kEndOfChain);
+    if (!pieces_.empty())
+        table.link({last(), 1}, kEndOfChain);
     recent_ = 0;
 }
 
-// The stretch that holds a unit of the chain; mostly the one used last or the one behind it.
-size_t Chain::stretchOf(uint32_t unitIndex) const {
+// The piece that holds a unit of the chain; mostly the one used last or the one behind it.
+size_t Chain::pieceOf(uint32_t unitIndex) const {
     const auto holds = [this, unitIndex](size_t index) {
-        return index < stretches_.size() && stretches_[index].before <= unitIndex &&
-               unitIndex - stretches_[index].before < stretches_[index].run.count;
+        return index < pieces_.size() && pieces_[index].before <= unitIndex &&
+               unitIndex - pieces_[index].before < pieces_[index].span.count;
     };
     if (!holds(recent_) && !holds(++recent_))
         recent_ = static_cast<size_t>(
-            std::upper_bound(stretches_.begin(), stretches_.end(), unitIndex,
-                             [](uint32_t index, const Stretch& stretch) { return index < stretch.before; }) -
-            stretches_.begin() - 1);
+            std::upper_bound(pieces_.begin(), pieces_.end(), unitIndex,
+                             [](uint32_t index, const Piece& piece) { return index < piece.before; }) -
+            pieces_.begin() - 1);
     return recent_;
 }
 
-// Calls `transfer(offset in the space, bytes done, bytes)` for each stretch that the bytes lie in.
+// Calls `transfer(offset in the space, bytes done, bytes)` for each piece that the bytes lie in.
 template <class Transfer>
 Moved Chain::transfer(uint64_t position, size_t count, Transfer transfer) const {
     Moved moved;
@@ -141,11 +139,11 @@ Moved Chain::transfer(uint64_t position, size_t count, Transfer transfer) const 
     count = static_cast<size_t>(std::min<uint64_t>(count, end - position));
     while (moved.count < count) {
         const uint64_t at = position + moved.count;
-        const Stretch& stretch = stretches_[stretchOf(static_cast<uint32_t>(at >> shift))];
-        const uint64_t within = at - (uint64_t(stretch.before) << shift);
-        const uint64_t room = (uint64_t(stretch.run.count) << shift) - within;
+        const Piece& piece = pieces_[pieceOf(static_cast<uint32_t>(at >> shift))];
+        const uint64_t within = at - (uint64_t(piece.before) << shift);
+        const uint64_t room = (uint64_t(piece.span.count) << shift) - within;
         const auto bytes = static_cast<size_t>(std::min<uint64_t>(count - moved.count, room));
-        const Moved step = transfer((uint64_t(stretch.run.first) << shift) + within, moved.count, bytes);
+        const Moved step = transfer((uint64_t(piece.span.first) << shift) + within, moved.count, bytes);
         moved.count += step.count;
         if (step.count != bytes) {
             moved.failed = step.failed;

@@ -5,8 +5,8 @@ namespace compound {
 namespace {
 
 constexpr uint32_t kNobody = 0;
-constexpr uint32_t kTables = 0xFFFFFFFF;     // the owner of FAT, directory and the like
-constexpr uint32_t kMiniStream = 0xFFFFFFFE; // the owner of the sectors in which mini sectors lie
+constexpr uint32_t kTables = 0xFFFFFFFF; // the owner of FAT, directory and the like
+constexpr uint32_t kMini = 0xFFFFFFFE;   // the owner of the mini FAT and of what mini sectors lie in
 // A stream is an owner by its entry's number, which is never 0.
 
 // Who owns each unit of a space.
@@ -17,10 +17,10 @@ public:
 
     // Calls `onClash(owner before)` for each unit that has one; false when units are no units of the space.
     template <class OnClash>
-    bool take(Run run, uint32_t owner, OnClash onClash) {
-        if (run.first > count() || run.count > count() - run.first)
+    bool take(Span span, uint32_t owner, OnClash onClash) {
+        if (span.first > count() || span.count > count() - span.first)
             return false;
-        for (uint32_t unit = run.first; unit < run.first + run.count; unit++) {
+        for (uint32_t unit = span.first; unit < span.first + span.count; unit++) {
             if (owners_[unit] != kNobody)
                 onClash(owners_[unit]);
             owners_[unit] = owner;
@@ -37,37 +37,54 @@ public:
     explicit Checker(CompoundFile& file) : file_(file) {}
 
     bool check() {
-        const MiniSectors& mini = file_.miniSectors();
-        const auto miniUnits = static_cast<uint32_t>(
-            std::min<uint64_t>(mini.table.size(), mini.container().byteCount() >> kMiniShift));
-        file_.miniSectors().table.endLooseChains(miniUnits);
-        return sectors_.start(std::min(file_.sectors().inFile(), file_.sectors().table.size())) &&
-               miniSectors_.start(miniUnits) && takeTables() && takeStorages() && !clashesWithMiniStream_;
-    }
-
-private:
-    bool takeForTables(Run run, uint32_t owner) {
-        bool clash = false;
-        return sectors_.take(run, owner, [&clash](uint32_t) { clash = true; }) && !clash;
-    }
-
-    // Sectors of the tables are marked as such, or they would be given out as free ones.
-    bool takeMarked(const Array<uint32_t>& list, uint32_t mark) {
-        for (const uint32_t sector : list)
-            if (!takeForTables({sector, 1}, kTables) || file_.sectors().table.next(sector) != mark)
-                return false;
+        MiniSectors& mini = file_.miniSectors();
+        if (!sectors_.start(std::min(file_.sectors().inFile(), file_.sectors().table.size())) ||
+            !takeTables())
+            return false;
+        takeMini();
+        mini.table.endLooseChains(mini.unitsOfContainer());
+        if (!miniSectors_.start(mini.unitsOfContainer()) || !takeStorages())
+            return false;
+        if (clashesWithMini_)
+            refuseSmallStreams();
         return true;
     }
 
+private:
+    bool takeForTables(Span span) {
+        bool clash = false;
+        return sectors_.take(span, kTables, [&clash](uint32_t) { clash = true; }) && !clash;
+    }
+
     bool takeTables() {
-        const MiniSectors& mini = file_.miniSectors();
-        const auto take = [this](const Chain& chain, uint32_t owner) {
-            return chain.everyRun([this, owner](Run run) { return takeForTables(run, owner); });
+        const auto takeEach = [this](const Array<uint32_t>& list) {
+            return std::all_of(list.begin(), list.end(), [this](uint32_t sector) {
+                return sector == kFree || takeForTables({sector, 1});
+            });
         };
-        return take(file_.directory().chain(), kTables) && take(mini.tableChain(), kTables) &&
-               take(mini.container(), kMiniStream) && takeMarked(file_.sectors().fatSectors(), kFatSector) &&
-               takeMarked(file_.sectors().difatSectors(), kDifatSector) && mini.isWhole() &&
-               reaches(mini.container(), file_.directory().size(kRoot));
+        return file_.directory().chain().everySpan([this](Span span) { return takeForTables(span); }) &&
+               takeEach(file_.sectors().fatSectors()) && takeEach(file_.sectors().difatSectors());
+    }
+
+    void takeMini() {
+        MiniSectors& mini = file_.miniSectors();
+        for (const Chain* chain : {&mini.tableChain(), &mini.container()})
+            chain->everySpan([this](Span span) {
+                const auto clash = [this](uint32_t) { clashesWithMini_ = true; };
+                return sectors_.take(span, kMini, clash);
+            });
+        if (!reaches(mini.container(), file_.directory().size(kRoot)))
+            mini.setDoubtful();
+    }
+
+    // Either they or what clashes with them are not where they belong.
+    void refuseSmallStreams() {
+        const Directory& directory = file_.directory();
+        for (uint32_t entry = 0; entry < directory.count(); entry++)
+            if (directory.type(entry) == kStream && directory.size(entry) < kMiniCutoff &&
+                directory.size(entry) > 0)
+                file_.setDamaged(entry);
+        file_.miniSectors().setDoubtful();
     }
 
     // Whether the file has all bytes of what lies in a chain, also where its last sector is cut short.
@@ -86,17 +103,17 @@ private:
         const bool small = size < kMiniCutoff;
         Owners& owners = small ? miniSectors_ : sectors_;
         Chain chain(small ? static_cast<Space&>(file_.miniSectors()) : file_.sectors());
-        const bool ends = chain.load(directory.first(entry));
-        bool good = ends && size <= file_.longestStream() && reaches(chain, size);
-        const bool isCutShort = chain.byteCount() >= size;
-        if (ends && !good && (isCutShort || chain.unitCount() == 0 || chain.first() >= owners.count()))
+        chain.space().table.keep(directory.first(entry));
+        bool good =
+            chain.load(directory.first(entry)) && size <= file_.longestStream() && reaches(chain, size);
+        if (directory.first(entry) >= owners.count() || (!good && chain.byteCount() >= size))
             directory.setData(entry, kEndOfChain, size);
-        good = chain.everyRun([&](Run run) {
-            return owners.take(run, entry, [&](uint32_t before) {
+        good = chain.everySpan([&](Span span) {
+            return owners.take(span, entry, [&](uint32_t before) {
                 good = false;
                 // What lies in a stream's sectors may as well be the small streams as that one.
-                clashesWithMiniStream_ = clashesWithMiniStream_ || before == kMiniStream;
-                if (before < kMiniStream)
+                clashesWithMini_ = clashesWithMini_ || before == kMini;
+                if (before < kMini)
                     file_.setDamaged(before);
             });
         }) && good;
@@ -127,7 +144,7 @@ private:
     CompoundFile& file_;
     Owners sectors_;
     Owners miniSectors_;
-    bool clashesWithMiniStream_ = false;
+    bool clashesWithMini_ = false;
 };
 
 } // namespace

@@ -9,23 +9,6 @@ constexpr uint16_t kMinor = 0x3E;
 constexpr uint32_t kSmallShift = 9;  // version 3
 constexpr uint32_t kLargeShift = 12; // version 4
 
-HRESULT resultOf(HostFile::Result result) {
-    switch (result) {
-    case HostFile::Result::ok:
-        return S_OK;
-    case HostFile::Result::missing:
-        return STG_E_FILENOTFOUND;
-    case HostFile::Result::exists:
-        return STG_E_FILEALREADYEXISTS;
-    case HostFile::Result::shared:
-        return STG_E_SHAREVIOLATION;
-    case HostFile::Result::full:
-        return STG_E_MEDIUMFULL;
-    default:
-        return STG_E_ACCESSDENIED;
-    }
-}
-
 void makeHeader(uint8_t* header) {
     std::memcpy(header, kSignature, sizeof kSignature);
     store16(header + kMinorVersion, kMinor);
@@ -65,7 +48,7 @@ CompoundFile* CompoundFile::create(const char* hostPath, bool replace, HRESULT& 
         result = STG_E_INSUFFICIENTMEMORY;
         return nullptr;
     }
-    result = resultOf(file->host_.create(hostPath, replace));
+    result = file->host_.create(hostPath, replace);
     if (result == S_OK && !(file->start() && file->flush() == S_OK)) {
         file->host_.abandon(hostPath);
         result = STG_E_MEDIUMFULL;
@@ -82,7 +65,7 @@ CompoundFile* CompoundFile::open(const char* hostPath, bool writable, HRESULT& r
         result = STG_E_INSUFFICIENTMEMORY;
         return nullptr;
     }
-    result = resultOf(file->host_.open(hostPath, writable));
+    result = file->host_.open(hostPath, writable);
     if (result == S_OK && !(file->load() && (!writable || findDamage(*file))))
         result = STG_E_DOCFILECORRUPT;
     if (result == S_OK)
@@ -108,9 +91,15 @@ bool CompoundFile::load() {
     lengthBefore_ = host_.length();
     if (!directory_.load(load32(header_ + kFirstDirectory)) || !damaged_.resize(directory_.count()))
         return false;
-    if (writable())
+    if (writable()) {
+        if (!directory_.isWhole())
+            return false;
         sectors_.table.endLooseChains(sectors_.inFile());
-    return miniSectors_.load(header_, directory_.first(kRoot));
+        sectors_.table.keep(load32(header_ + kFirstMiniFat));
+        sectors_.table.keep(directory_.first(kRoot));
+    }
+    const uint32_t first = directory_.first(kRoot);
+    return miniSectors_.load(header_, first < sectors_.inFile() ? first : kEndOfChain);
 }
 
 void CompoundFile::letGo() {
@@ -124,39 +113,42 @@ void CompoundFile::letGo() {
 HRESULT CompoundFile::flush() {
     if (!changed_)
         return S_OK;
-    if (!writeChanges())
-        return STG_E_WRITEFAULT;
-    changed_ = false;
-    lengthBefore_ = host_.length();
-    return S_OK;
+    const HRESULT result = writeChanges();
+    if (result == S_OK) {
+        changed_ = false;
+        lengthBefore_ = host_.length();
+    }
+    return result;
 }
 
 // What is new is written first, where nothing leads to it yet: the tables, in which all that the file holds still
 // is in use, and a directory of more than one sector. Then one write, of the header or of the directory's sector,
 // leads to it. Only after that what was given up becomes free. All sectors have had their room since they were taken,
 // so a full disk does not come in between.
-bool CompoundFile::writeChanges() {
-    lengthBefore_ = UINT64_MAX;
+HRESULT CompoundFile::writeChanges() {
+    if (!miniSectors_.prepare())
+        return STG_E_MEDIUMFULL;
     for (Children* children = loaded_; children != nullptr; children = children->nextLoaded)
         children->setLinks();
-    if (!miniSectors_.flush(header_))
-        return false;
     const uint64_t miniBytes = miniSectors_.usedBytes();
     directory_.setData(kRoot, miniBytes > 0 ? miniSectors_.container().first() : kEndOfChain, miniBytes);
-    const bool inPlace = directory_.changesOneSector();
-    if (!inPlace)
-        directory_.moveToFresh(); // without room for that it is written where it is
+    if (!directory_.settle())
+        return STG_E_MEDIUMFULL;
+    lengthBefore_ = UINT64_MAX;
     store32(header_ + kFirstDirectory, directory_.chain().first());
     if (load16(header_ + kMajorVersion) != 3)
         store32(header_ + kDirectorySectors, directory_.chain().unitCount());
-    if (!sectors_.flush(header_) || (!inPlace && !directory_.flush()) ||
+    if (!miniSectors_.flush(header_) || !sectors_.flush(header_) ||
+        (!directory_.isStored() && !directory_.flush()) ||
         host_.write(0, header_, sizeof header_).count != sizeof header_ || !directory_.flush())
-        return false;
+        return STG_E_WRITEFAULT;
     directory_.setStored();
     miniSectors_.freeReleased();
     sectors_.table.freeReleased();
     return miniSectors_.flush(header_) && sectors_.flush(header_) && host_.reserve(sectors_.usedBytes()) &&
-           host_.truncate(sectors_.usedBytes());
+                   host_.truncate(sectors_.usedBytes())
+               ? S_OK
+               : STG_E_WRITEFAULT;
 }
 
 void CompoundFile::revert() {
@@ -188,7 +180,7 @@ Children* CompoundFile::childrenOf(uint32_t storage) {
 }
 
 uint32_t CompoundFile::add(Children& children, const Name& name, EntryType type) {
-    const uint32_t entry = directory_.add(name, type);
+    const uint32_t entry = prepare() ? directory_.add(name, type) : kNoEntry;
     if (entry == kNoEntry)
         return kNoEntry;
     if (!claimed_.resize(directory_.count()) || !children.insert(entry)) {
@@ -201,6 +193,7 @@ uint32_t CompoundFile::add(Children& children, const Name& name, EntryType type)
 }
 
 void CompoundFile::remove(Children& children, uint32_t entry) {
+    prepare(); // the last chance, should the disk fill up; the writing tells
     children.remove(entry);
     directory_.remove(entry);
     claimed_[entry] = 0;

@@ -22,7 +22,8 @@ public:
     void hold() { holders_++; }
     void letGo();
     // Writes what changed, so that a process that is killed on the way leaves the file as it was before or as it is
-    // now; at most sectors that belong to nothing stay behind.
+    // now; at most sectors that belong to nothing stay behind. STG_E_MEDIUMFULL, and the file is as it was, when there
+    // is no room for a second directory.
     HRESULT flush();
     // Forgets what changed since the last flush. The file takes no more changes.
     void revert();
@@ -36,6 +37,8 @@ public:
 
     // The entries of a storage, which stay loaded. Null when memory is short.
     Children* childrenOf(uint32_t storage);
+    // To be called before the file takes more: whether there is room to write what changes then.
+    bool prepare() { return directory_.prepare(); }
     // Adds an entry to a storage. kNoEntry when there is no room.
     uint32_t add(Children& children, const Name& name, EntryType type);
 
@@ -57,7 +60,7 @@ private:
     ~CompoundFile();
     bool start();
     bool load();
-    bool writeChanges();
+    HRESULT writeChanges();
 
     uint32_t holders_ = 1;
     bool changed_ = false;
@@ -76,8 +79,8 @@ private:
 
 // Walks everything that the file holds: whether each sector and mini sector belongs to one thing and every chain is
 // as long as what it holds. A stream of which that is not true is marked as damaged, for a write to it could hit
-// what it was not meant for. False when tables or directory are like that, or memory is short: nothing may be
-// written then.
+// what it was not meant for; so are all small ones where something else lies in the mini FAT or the mini stream. False
+// when FAT and directory are like that, or memory is short: nothing may be written then.
 bool findDamage(CompoundFile& file);
 
 } // namespace compound

@@ -46,6 +46,8 @@ bool Content::tryRoom(uint64_t size, Chain& previous) {
 // Makes room for `size` bytes, not fewer than there are, or for as many as the disk has room for. The size
 // that there is room for.
 uint64_t Content::makeRoom(uint64_t size, Chain& previous) {
+    if (size > size_ && !file_.prepare())
+        return size_;
     const bool small = size_ < kMiniCutoff;
     const uint64_t fits =
         small ? std::min<uint64_t>(chain_.byteCount(), kMiniCutoff - 1) : chain_.byteCount();
@@ -125,7 +127,7 @@ bool Content::setSize(uint64_t size) {
     Chain previous(chain_.space());
     bool done;
     if (size >= size_) {
-        done = tryRoom(size, previous) && zeroTo(size);
+        done = file_.prepare() && tryRoom(size, previous) && zeroTo(size);
     } else if (&spaceFor(size) == &chain_.space() && size > 0) {
         done = shorten(size);
     } else {

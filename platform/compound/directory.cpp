@@ -22,20 +22,21 @@ bool Directory::load(uint32_t first) {
     return chain_.read(0, bytes_.data(), bytes_.size()).count == bytes_.size() && type(kRoot) == kRootStorage;
 }
 
-bool Directory::changesOneSector() const {
-    return stored_ && std::count(dirty_.begin(), dirty_.end(), uint8_t(1)) <= 1;
+bool Directory::prepare() {
+    return !stored_ || spare_.extendTo(sectorCount());
 }
 
-bool Directory::moveToFresh() {
-    Chain fresh(chain_.space());
-    if (!stored_)
-        return true;
-    if (!fresh.extendTo(chain_.unitCount()))
+bool Directory::settle() {
+    const bool moves = stored_ && (sectorCount() > chain_.unitCount() ||
+                                   std::count(dirty_.begin(), dirty_.end(), uint8_t(1)) > 1);
+    if (moves && !prepare())
         return false;
-    chain_.swap(fresh);
-    fresh.cutTo(0);
-    std::fill(dirty_.begin(), dirty_.end(), uint8_t(1));
-    stored_ = false;
+    if (moves) {
+        chain_.swap(spare_);
+        std::fill(dirty_.begin(), dirty_.end(), uint8_t(1));
+        stored_ = false;
+    }
+    spare_.cutTo(0);
     return true;
 }
 
@@ -100,12 +101,14 @@ void Directory::setColour(uint32_t entry, Colour colour) {
 
 bool Directory::grow() {
     const uint32_t before = count();
-    const uint32_t units = chain_.unitCount();
-    if (!chain_.extendAhead(units + 1))
+    const uint32_t sectors = sectorCount();
+    // The stored directory stays as it is.
+    Chain& chain = stored_ ? spare_ : chain_;
+    if (!prepare() || !chain.extendAhead(sectors + 1))
         return false;
-    const uint64_t bytes = chain_.byteCount();
-    if (!bytes_.reserve(bytes) || !dirty_.resize(chain_.unitCount())) {
-        chain_.cutTo(units);
+    const uint64_t bytes = chain.byteCount();
+    if (!bytes_.reserve(bytes) || !dirty_.resize(chain.unitCount())) {
+        chain.cutTo(sectors);
         return false;
     }
     bytes_.resize(bytes);

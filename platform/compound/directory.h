@@ -10,18 +10,22 @@ namespace compound {
 
 class Directory {
 public:
-    explicit Directory(Sectors& sectors) : chain_(sectors) {}
+    explicit Directory(Sectors& sectors) : chain_(sectors), spare_(sectors) {}
 
     // For a new file: the root entry alone.
     bool start();
     // Reads all entries. False when there is no root entry.
     bool load(uint32_t first);
-    // Whether what changed lies in one sector that the file knows as the directory's: one write then changes the
-    // file from the old state to the new one.
-    bool changesOneSector() const;
-    // Gives the directory fresh sectors, all of them to be written, so that the old one stays until the header
-    // leads to the new one. False, and as before, when there is no room.
-    bool moveToFresh();
+    // Whether its chain has an end, and is not cut off.
+    bool isWhole() const { return chain_.space().table.next(chain_.last()) == kEndOfChain; }
+    // Sets sectors aside for a second directory, so that what is changed from now on can be written whatever the disk
+    // is filled with meanwhile. False when there is no room for one.
+    bool prepare();
+    // Makes ready for flush(): what changed lies in one sector of the stored directory, so that one write leads from
+    // the old state to the new one, or the directory moves to the sectors set aside, all of them to be written, and the
+    // old one stays until the header leads to the new one. False, and as before, when there is no room for that.
+    bool settle();
+    bool isStored() const { return stored_; }
     bool flush();
     // The header in the file leads to this directory.
     void setStored() { stored_ = true; }
@@ -51,10 +55,12 @@ private:
     uint8_t* at(uint32_t entry) { return bytes_.data() + size_t(entry) * kEntrySize; }
     const uint8_t* at(uint32_t entry) const { return bytes_.data() + size_t(entry) * kEntrySize; }
     void setDirty(uint32_t entry);
+    uint32_t sectorCount() const { return static_cast<uint32_t>(dirty_.size()); }
     bool grow();
     void clear(uint32_t entry);
 
-    Chain chain_;
+    Chain chain_; // shorter than what is in memory after a stored directory grew
+    Chain spare_; // for the second directory
     Array<uint8_t> bytes_;
     Array<uint8_t> dirty_;   // a flag a sector
     uint32_t firstFree_ = 0; // no entry before it is unused

@@ -37,6 +37,7 @@ inline void store64(uint8_t* at, uint64_t value) {
 
 // Sector numbers from kMaxSector on do not name sectors.
 inline constexpr uint32_t kMaxSector = 0xFFFFFFFA;
+inline constexpr uint32_t kKept = 0xFFFFFFFB;        // ours: in doubt, never handed out and part of no chain
 inline constexpr uint32_t kDifatSector = 0xFFFFFFFC; // this sector belongs to the DIFAT
 inline constexpr uint32_t kFatSector = 0xFFFFFFFD;   // to the FAT
 inline constexpr uint32_t kEndOfChain = 0xFFFFFFFE;

@@ -18,18 +18,18 @@ constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 constexpr uint64_t kLeastAhead = 64 * 1024;
 constexpr uint64_t kMostAhead = 4 * 1024 * 1024;
 
-HostFile::Result resultOfErrno() {
+HRESULT resultOfErrno() {
     switch (errno) {
     case ENOENT:
     case ENOTDIR:
-        return HostFile::Result::missing;
+        return STG_E_FILENOTFOUND;
     case EEXIST:
-        return HostFile::Result::exists;
+        return STG_E_FILEALREADYEXISTS;
     case ENOSPC:
     case EDQUOT:
-        return HostFile::Result::full;
+        return STG_E_MEDIUMFULL;
     default:
-        return HostFile::Result::denied;
+        return STG_E_ACCESSDENIED;
     }
 }
 
@@ -40,33 +40,33 @@ HostFile::~HostFile() {
         hostCalls.close(fd_);
 }
 
-HostFile::Result HostFile::take(int fd, bool writable) {
+HRESULT HostFile::take(int fd, bool writable) {
     if (fd < 0)
         return resultOfErrno();
     struct stat state;
     const bool locked = setLock(fd, (writable ? LOCK_EX : LOCK_SH) | LOCK_NB);
     if (!locked || hostCalls.fstat(fd, &state) != 0 || !S_ISREG(state.st_mode)) {
         hostCalls.close(fd);
-        return locked ? Result::denied : Result::shared;
+        return locked ? STG_E_ACCESSDENIED : STG_E_SHAREVIOLATION;
     }
     fd_ = fd;
     writable_ = writable;
     length_ = static_cast<uint64_t>(state.st_size);
-    return Result::ok;
+    return S_OK;
 }
 
-HostFile::Result HostFile::open(const char* hostPath, bool writable) {
+HRESULT HostFile::open(const char* hostPath, bool writable) {
     return take(hostCalls.open(hostPath, (writable ? O_RDWR : O_RDONLY) | kOpenFlags, 0), writable);
 }
 
-HostFile::Result HostFile::create(const char* hostPath, bool replace) {
-    Result result = take(hostCalls.open(hostPath, O_RDWR | O_CREAT | O_EXCL | kOpenFlags, 0666), true);
-    made_ = result == Result::ok;
-    if (result != Result::exists || !replace)
+HRESULT HostFile::create(const char* hostPath, bool replace) {
+    HRESULT result = take(hostCalls.open(hostPath, O_RDWR | O_CREAT | O_EXCL | kOpenFlags, 0666), true);
+    made_ = result == S_OK;
+    if (result != STG_E_FILEALREADYEXISTS || !replace)
         return result;
     result = take(hostCalls.open(hostPath, O_RDWR | O_CREAT | kOpenFlags, 0666), true);
-    if (result == Result::ok && !truncate(0))
-        return Result::denied;
+    if (result == S_OK && !truncate(0))
+        return STG_E_ACCESSDENIED;
     return result;
 }
 

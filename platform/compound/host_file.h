@@ -3,6 +3,7 @@
 #define KAL_PLATFORM_COMPOUND_HOST_FILE_H
 
 #include "platform/host_io.h"
+#include <kal/compound.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -11,17 +12,15 @@ namespace compound {
 
 class HostFile {
 public:
-    enum class Result { ok, missing, exists, denied, shared, full };
-
     HostFile() = default;
     ~HostFile();
     HostFile(const HostFile&) = delete;
     HostFile& operator=(const HostFile&) = delete;
 
     // Opens a regular file. A reader shares it with readers; a writer shares it with nobody.
-    Result open(const char* hostPath, bool writable);
+    HRESULT open(const char* hostPath, bool writable);
     // Makes a file, or with `replace` empties the one that is there once it is known that nobody uses it.
-    Result create(const char* hostPath, bool replace);
+    HRESULT create(const char* hostPath, bool replace);
     // Closes and deletes what create() made. A file that was there before stays.
     void abandon(const char* hostPath);
 
@@ -37,7 +36,7 @@ public:
     bool truncate(uint64_t length);
 
 private:
-    Result take(int fd, bool writable);
+    HRESULT take(int fd, bool writable);
     bool extend(uint64_t length);
 
     int fd_ = -1;

@@ -9,22 +9,56 @@ void MiniSectors::start() {
 bool MiniSectors::load(const uint8_t* header, uint32_t firstOfContainer) {
     start();
     // A chain that makes no sense stays empty: the small streams are then lost, the others not.
-    whole_ = tableChain_.load(load32(header + kFirstMiniFat)) && container_.load(firstOfContainer) &&
-             tableChain_.unitCount() >= load32(header + kMiniFatSectors);
+    const bool tableChained = tableChain_.load(load32(header + kFirstMiniFat));
+    const bool chained = container_.load(firstOfContainer) && tableChained;
     const uint32_t pages = tableChain_.unitCount();
     if (!table.allocatePages(pages))
         return false;
-    if (pages > 0) {
-        const auto bytes = static_cast<size_t>(tableChain_.byteCount());
-        std::memset(table.page(0), 0xFF, bytes);
-        whole_ = tableChain_.read(0, table.page(0), bytes).count == bytes && whole_;
-    }
+    Moved moved;
+    if (pages > 0)
+        moved = tableChain_.read(0, table.page(0), static_cast<size_t>(tableChain_.byteCount()));
+    const auto whole = static_cast<uint32_t>(moved.count >> tableChain_.space().unitShift());
+    for (uint32_t index = whole; index < pages; index++)
+        table.keepPage(index);
     table.loaded();
+    doubtful_ = !chained || whole < load32(header + kMiniFatSectors) || table.size() < unitsOfContainer();
+    return !moved.failed;
+}
+
+bool MiniSectors::copyContainer(Chain& fresh) {
+    if (!buffer_.flush() || !fresh.extendTo(container_.unitCount()))
+        return false;
+    uint8_t bytes[4096];
+    for (uint64_t at = 0; at < fresh.byteCount(); at += sizeof bytes) {
+        const size_t step = container_.read(at, bytes, sizeof bytes).count;
+        if (fresh.write(at, bytes, step).count != step)
+            return false;
+    }
+    return true;
+}
+
+// What the old sectors hold may be of something else: they are left as they are.
+bool MiniSectors::startOver() {
+    const uint32_t units = std::max(table.size(), unitsOfContainer());
+    const uint32_t pages = (units + table.perPage() - 1) / table.perPage();
+    Chain freshTable(tableChain_.space());
+    Chain freshContainer(tableChain_.space());
+    if (!freshTable.extendTo(pages) || !copyContainer(freshContainer) ||
+        !table.grow(pages - table.pageCount())) {
+        freshTable.cutTo(0);
+        freshContainer.cutTo(0);
+        return false;
+    }
+    tableChain_.swap(freshTable);
+    container_.swap(freshContainer);
+    table.keepFree();
+    table.setAllDirty();
+    doubtful_ = false;
     return true;
 }
 
 bool MiniSectors::flush(uint8_t* header) {
-    if (!window_.flush())
+    if (!buffer_.flush())
         return false;
     const uint32_t shift = tableChain_.space().unitShift();
     for (uint32_t index = 0; index < table.pageCount();) {
@@ -49,14 +83,16 @@ void MiniSectors::freeReleased() {
 }
 
 Moved MiniSectors::read(uint64_t offset, void* destination, size_t count) {
-    return window_.read(offset, destination, count);
+    return buffer_.read(offset, destination, count);
 }
 
 Moved MiniSectors::write(uint64_t offset, const void* source, size_t count) {
-    return window_.write(offset, source, count);
+    return buffer_.write(offset, source, count);
 }
 
 bool MiniSectors::makeFree(uint32_t count) {
+    if (!prepare())
+        return false;
     if (table.freeCount() >= count)
         return true;
     const uint32_t before = tableChain_.unitCount();

@@ -55,44 +55,104 @@ bool Sectors::load(uint32_t sectorShift, const uint8_t* header) {
 }
 
 bool Sectors::loadDifat(const uint8_t* header) {
-    const uint32_t count = load32(header + kFatSectors);
     const uint32_t most = inFile();
+    uint32_t count = load32(header + kFatSectors);
     if (count == 0 || count > most || !fatSectors_.reserve(count))
         return false;
     const auto take = [&](const uint8_t* numbers, uint32_t available) {
-        for (uint32_t i = 0; i < available && fatSectors_.size() < count; i++) {
-            const uint32_t sector = load32(numbers + size_t(i) * 4);
-            if (sector >= most || !fatSectors_.append(sector))
-                return false;
-        }
-        return true;
+        for (uint32_t i = 0; i < available && fatSectors_.size() < count; i++)
+            fatSectors_.append(load32(numbers + size_t(i) * 4)); // reserved
     };
-    if (!take(header + kHeaderDifat, kHeaderDifatCount))
-        return false;
+    take(header + kHeaderDifat, kHeaderDifatCount);
     Array<uint8_t> page;
+    if (fatSectors_.size() < count && !page.resize(sectorSize()))
+        return false;
     uint32_t sector = load32(header + kFirstDifat);
-    while (fatSectors_.size() < count) {
-        // Each DIFAT sector brings FAT sectors, so a chain that comes round ends too.
-        if (sector >= most || !page.resize(sectorSize()) || !difatSectors_.append(sector) ||
-            read(uint64_t(sector) << unitShift_, page.data(), sectorSize()).count != sectorSize() ||
-            !take(page.data(), table.perPage() - 1))
+    // Each DIFAT sector brings FAT sectors, so a chain that comes round ends too.
+    while (fatSectors_.size() < count && sector < most) {
+        const Moved moved = read(uint64_t(sector) << unitShift_, page.data(), sectorSize());
+        if (moved.failed || !difatSectors_.append(sector))
             return false;
+        if (moved.count < sectorSize())
+            break;
+        take(page.data(), table.perPage() - 1);
         sector = load32(page.data() + sectorSize() - 4);
     }
+    // What the DIFAT does not name is not to be found, but counted as far as the file goes.
+    count = std::min(count, (most + table.perPage() - 1) / table.perPage());
+    while (fatSectors_.size() > count && fatSectors_.back() >= most)
+        fatSectors_.shrink(fatSectors_.size() - 1);
+    while (fatSectors_.size() < count)
+        fatSectors_.append(kFree);
     return true;
 }
 
 bool Sectors::loadFat() {
     const auto count = static_cast<uint32_t>(fatSectors_.size());
+    const uint32_t most = inFile();
     if (!table.allocatePages(count))
         return false;
     for (uint32_t index = 0; index < count;) {
-        const uint32_t step = neighbours(fatSectors_, index, [](uint32_t) { return true; });
-        const size_t bytes = size_t(step) << unitShift_;
-        if (read(uint64_t(fatSectors_[index]) << unitShift_, table.page(index), bytes).count != bytes)
+        const bool inside = fatSectors_[index] < most;
+        const uint32_t step = neighbours(fatSectors_, index, [inside](uint32_t) { return inside; });
+        Moved moved;
+        if (inside)
+            moved = read(uint64_t(fatSectors_[index]) << unitShift_, table.page(index),
+                         size_t(step) << unitShift_);
+        if (moved.failed)
             return false;
+        for (uint32_t at = index + static_cast<uint32_t>(moved.count >> unitShift_); at < index + step;
+             at++) {
+            fatSectors_[at] = kFree;
+            table.keepPage(at);
+        }
         index += step;
     }
+    table.loaded();
+    return markFat();
+}
+
+// Whether a page has what a FAT has: numbers of sectors and marks, no two neighbours leading to the same sector.
+bool Sectors::looksLikeFat(uint32_t index) {
+    uint32_t before = kMaxSector;
+    for (uint32_t i = 0; i < table.perPage(); i++) {
+        const uint32_t value = load32(table.page(index) + size_t(i) * 4);
+        if (value < kMaxSector ? value >= table.size() || value == before : value < kKept)
+            return false;
+        before = value;
+    }
+    return true;
+}
+
+// The FAT and DIFAT sectors are marked as such in the FAT, or they would be given out. Where they are not, either the
+// mark is damaged or the number that led there, and what was read is no part of the FAT; nor is a sector that two numbers
+// lead to, of which one is damaged.
+bool Sectors::markFat() {
+    Array<uint8_t> numbers;
+    if (!numbers.resize(table.size()))
+        return false;
+    for (const uint32_t sector : fatSectors_)
+        if (sector < table.size())
+            numbers[sector] = numbers[sector] == 0 ? 1 : 2;
+    for (uint32_t index = 0; index < table.pageCount(); index++) {
+        uint32_t& sector = fatSectors_[index];
+        const bool known = sector < table.size() && numbers[sector] == 1;
+        if (sector == kFree || (known && table.next(sector) == kFatSector))
+            continue;
+        if (known && looksLikeFat(index)) {
+            table.mark({sector, 1}, kFatSector);
+            continue;
+        }
+        table.keep(sector);
+        table.keepPage(index);
+        sector = kFree;
+    }
+    for (const uint32_t sector : difatSectors_)
+        if (sector >= table.size() || table.next(sector) != kDifatSector) {
+            table.keep(sector);
+            difatSectors_.shrink(0); // more of the FAT takes a new DIFAT
+            break;
+        }
     table.loaded();
     return true;
 }
@@ -123,7 +183,9 @@ bool Sectors::makeFree(uint32_t count) {
     }
     const uint32_t first = table.size();
     const uint32_t end = first + pages + difats;
-    if (uint64_t(first) + uint64_t(pages) * table.perPage() > kMaxSector || !secure(end) ||
+    if (uint64_t(first) + uint64_t(pages) * table.perPage() > kMaxSector ||
+        !secure(end + missing) || // all that are asked for, or a table would stay that nothing is there for
+
         !fatSectors_.reserve(fatCount + pages) || !difatSectors_.reserve(difatCount + difats) ||
         !table.grow(pages))
         return false;

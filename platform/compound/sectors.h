@@ -12,7 +12,8 @@ public:
 
     // For a new file: no sectors, no table.
     void start(uint32_t sectorShift);
-    // Reads DIFAT and FAT as the header describes them. False when they make no sense.
+    // Reads DIFAT and FAT as the header describes them; the sectors of a page that is not to be found, or is none, are
+    // kept. False when their number makes no sense or the host fails.
     bool load(uint32_t sectorShift, const uint8_t* header);
     // Writes what changed of FAT and DIFAT, and their numbers to the header.
     bool flush(uint8_t* header);
@@ -28,6 +29,7 @@ public:
     // The bytes of a file that ends behind the last sector in use.
     uint64_t usedBytes() const;
 
+    // kFree where one is not known.
     const Array<uint32_t>& fatSectors() const { return fatSectors_; }
     const Array<uint32_t>& difatSectors() const { return difatSectors_; }
 
@@ -37,6 +39,8 @@ private:
     uint32_t difatSectorsFor(uint32_t fatSectors) const;
     bool loadDifat(const uint8_t* header);
     bool loadFat();
+    bool looksLikeFat(uint32_t index);
+    bool markFat();
     bool flushFat();
     bool flushDifat(uint8_t* header);
 

@@ -7,23 +7,23 @@ void AllocationTable::store(uint32_t unit, uint32_t value) {
     store32(bytes_.data() + size_t(unit) * 4, value);
 }
 
-void AllocationTable::setDirty(Run run) {
-    for (uint32_t page = run.first / perPage(); page <= (run.first + run.count - 1) / perPage(); page++)
+void AllocationTable::setDirty(Span span) {
+    for (uint32_t page = span.first / perPage(); page <= (span.first + span.count - 1) / perPage(); page++)
         dirty_[page] = 1;
 }
 
-void AllocationTable::link(Run run, uint32_t next) {
-    const uint32_t last = run.first + run.count - 1;
-    for (uint32_t unit = run.first; unit < last; unit++)
+void AllocationTable::link(Span span, uint32_t next) {
+    const uint32_t last = span.first + span.count - 1;
+    for (uint32_t unit = span.first; unit < last; unit++)
         store(unit, unit + 1);
     store(last, next);
-    setDirty(run);
+    setDirty(span);
 }
 
-void AllocationTable::mark(Run run, uint32_t value) {
-    for (uint32_t unit = run.first; unit < run.first + run.count; unit++)
+void AllocationTable::mark(Span span, uint32_t value) {
+    for (uint32_t unit = span.first; unit < span.first + span.count; unit++)
         store(unit, value);
-    setDirty(run);
+    setDirty(span);
 }
 
 void AllocationTable::setFree(uint32_t unit) {
@@ -34,8 +34,8 @@ void AllocationTable::setFree(uint32_t unit) {
     setDirty({unit, 1});
 }
 
-void AllocationTable::release(Run run) {
-    for (uint32_t unit = run.first; unit < run.first + run.count; unit++) {
+void AllocationTable::release(Span span) {
+    for (uint32_t unit = span.first; unit < span.first + span.count; unit++) {
         if (states_[unit] == kFresh)
             setFree(unit);
         else if (states_[unit] == kStored)
@@ -56,18 +56,18 @@ void AllocationTable::setClean(uint32_t page) {
             states_[unit] = next(unit) == kFree ? kFresh : kStored;
 }
 
-Run AllocationTable::findFree(uint32_t from, uint32_t most) {
+Span AllocationTable::findFree(uint32_t from, uint32_t most) {
     uint32_t unit = std::max(from, firstFree_);
     while (unit < size() && next(unit) != kFree)
         unit++;
     if (from <= firstFree_)
         firstFree_ = unit;
-    Run run = {unit, 0};
-    while (run.count < most && unit < size() && next(unit) == kFree) {
-        run.count++;
+    Span span = {unit, 0};
+    while (span.count < most && unit < size() && next(unit) == kFree) {
+        span.count++;
         unit++;
     }
-    return run;
+    return span;
 }
 
 bool AllocationTable::allocatePages(uint32_t pages) {
@@ -97,17 +97,37 @@ void AllocationTable::loaded() {
         setClean(page);
 }
 
+void AllocationTable::keep(uint32_t unit) {
+    if (unit < size() && next(unit) == kFree)
+        mark({unit, 1}, kKept);
+}
+
+void AllocationTable::keepFree() {
+    for (uint32_t unit = 0; freeCount_ > 0; unit++)
+        keep(unit);
+    placed_ = size();
+}
+
+void AllocationTable::keepPage(uint32_t index) {
+    for (uint32_t i = 0; i < perPage(); i++)
+        store32(page(index) + size_t(i) * 4, kKept);
+}
+
 void AllocationTable::endLooseChains(uint32_t limit) {
+    placed_ = limit;
     for (uint32_t unit = 0; unit < size(); unit++) {
         const uint32_t after = next(unit);
-        if (after < kMaxSector && (after >= std::min(limit, size()) || next(after) == kFree))
+        if (after < kMaxSector && after >= limit)
             link({unit, 1}, kEndOfChain);
+        else
+            keep(after);
     }
 }
 
 uint32_t AllocationTable::usedEnd() const {
     uint32_t end = size();
-    while (end > 0 && (next(end - 1) == kFree || states_[end - 1] == kReleased))
+    while (end > 0 && (next(end - 1) == kFree || states_[end - 1] == kReleased ||
+                       (next(end - 1) == kKept && end > placed_)))
         end--;
     return end;
 }

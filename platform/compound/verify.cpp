@@ -1,6 +1,6 @@
 #include "platform/compound/verify.h"
 
-#include "platform/compound/array.h"
+#include "platform/array.h"
 #include "platform/compound/name.h"
 
 namespace compound {

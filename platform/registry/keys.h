@@ -2,6 +2,7 @@
 #ifndef KAL_PLATFORM_REGISTRY_KEYS_H
 #define KAL_PLATFORM_REGISTRY_KEYS_H
 
+#include "platform/array.h"
 #include "platform/registry/record.h"
 
 enum LogIndex : uint8_t { kPersistent, kVolatile, kLogs };
@@ -10,45 +11,40 @@ struct KeyValue {
     KeyValue* next;
     uint32_t type;
     uint32_t size;
-    LogIndex log;
     uint8_t nameLength;
 
     // Behind it: the name, then the bytes.
-    RegistryText name() const { return {reinterpret_cast<const char*>(this + 1), nameLength}; }
-    const uint8_t* data() const { return reinterpret_cast<const uint8_t*>(this + 1) + nameLength; }
+    std::string_view name() const { return {reinterpret_cast<const char*>(this + 1), nameLength}; }
+    std::string_view bytes() const { return {name().end(), size}; }
 };
 
 struct KeyNode {
-    KeyNode** below; // the subkeys, in the order of their names
-    uint32_t count;  // of them
-    uint8_t nameLength;
-    bool in[kLogs]; // the logs that have the key: one at least
-    KeyValue* values;
+    Array<KeyNode*> below;        // the subkeys, in the order of their names
+    KeyValue* values[kLogs] = {}; // what each log says
+    bool in[kLogs] = {};          // the logs that have the key: one at least
+    uint8_t nameLength = 0;
 
     // Behind it: the name as its maker spelled it.
-    RegistryText name() const { return {reinterpret_cast<const char*>(this + 1), nameLength}; }
+    std::string_view name() const { return {reinterpret_cast<const char*>(this + 1), nameLength}; }
     // The value of that name; null when there is none. A persistent value hides a volatile one.
-    const KeyValue* value(RegistryText name) const;
+    const KeyValue* value(std::string_view name) const;
 };
 
 class KeyTree {
 public:
-    KeyTree() = default;
-    KeyTree(const KeyTree&) = delete;
-    KeyTree& operator=(const KeyTree&) = delete;
     ~KeyTree();
 
     // Null when there is no such key; the top for an empty path.
-    const KeyNode* find(RegistryText path) const;
+    const KeyNode* find(std::string_view path) const;
     // Makes true what a log's record says. False when memory is short; it may be asked again.
     bool apply(LogIndex log, const RegistryRecord& record);
     // Takes back all that a log said.
     void forget(LogIndex log);
     // The fewest records that say what the log says now, stored at `at` unless that is null. Their bytes.
-    uint64_t pack(LogIndex log, uint32_t logNumber, uint8_t* at) const;
+    uint64_t pack(LogIndex log, uint32_t logNumber, char* at) const;
 
 private:
-    KeyNode top_ = {nullptr, 0, 0, {true, true}, nullptr};
+    KeyNode top_ = {{}, {}, {true, true}};
 };
 
 #endif

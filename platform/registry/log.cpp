@@ -7,22 +7,11 @@
 #include <kal/heap.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-
-struct RegistryLog::Header {
-    uint32_t magic;
-    uint32_t version;
-    uint32_t number;
-    std::atomic<uint32_t> committed;
-};
-
-uint64_t RegistryLog::changes;
-int RegistryLog::forks;
 
 namespace {
 
@@ -49,7 +38,7 @@ int errorOf(const Moved& moved, size_t wanted) {
 }
 
 // Writes a log. Every block must be there: a store into a hole of a full disk kills the process.
-int writeLog(int fd, uint32_t number, const uint8_t* records, uint32_t bytes) {
+int writeLog(int fd, uint32_t number, const char* records, uint32_t bytes) {
     const uint32_t header[kHeaderBytes / 4] = {kMagic, kVersion, number, kHeaderBytes + bytes};
     const int error = errorOf(writeAllAt(fd, records, bytes, kHeaderBytes), bytes);
     return error != 0 ? error : errorOf(writeAllAt(fd, header, sizeof header, 0), sizeof header);
@@ -57,28 +46,16 @@ int writeLog(int fd, uint32_t number, const uint8_t* records, uint32_t bytes) {
 
 // 0 for a log, ENODATA for one that nobody finished making, EIO for anything else.
 int examine(int fd) {
-    uint32_t head[2] = {};
-    struct stat found;
-    if (readAllAt(fd, head, sizeof head, 0).failed || hostCalls.fstat(fd, &found) != 0)
+    uint32_t header[kHeaderBytes / 4] = {};
+    const Moved got = readAllAt(fd, header, sizeof header, 0);
+    if (got.failed)
         return errno;
-    if (head[0] == 0 || (head[0] == kMagic && found.st_size < off_t{kHeaderBytes}))
+    if (header[0] == 0 || (header[0] == kMagic && got.count < sizeof header))
         return ENODATA;
-    return head[0] == kMagic && head[1] == kVersion ? 0 : EIO;
+    return header[0] == kMagic && header[1] == kVersion ? 0 : EIO;
 }
 
 } // namespace
-
-uint32_t RegistryLog::word() const {
-    return header_->committed.load(std::memory_order_acquire);
-}
-
-void RegistryLog::publish(uint32_t word) {
-    header_->committed.store(word, std::memory_order_release);
-}
-
-int RegistryLog::writable() const {
-    return readable() != 0 ? readable() : writable_ ? 0 : EACCES;
-}
 
 // The descriptor, or -1. What is a link or another user's is not opened.
 int RegistryLog::openOwn(int folder, const char* name, int flags) {
@@ -107,16 +84,14 @@ int RegistryLog::open() {
         return notMade != 0 ? notMade : errno;
     fd_ = openOwn(folderFd_, kFileName, O_RDWR | O_CREAT);
     writable_ = fd_ >= 0;
-    if (fd_ < 0 && (errno == EROFS || errno == EACCES))
+    if (!writable_ && (errno == EROFS || errno == EACCES))
         fd_ = openOwn(folderFd_, kFileName, O_RDONLY);
     if (fd_ < 0)
         return errno;
     int error = examine(fd_);
     if (error == ENODATA && writable_) {
         // Somebody is just making it, or died over it: the lock tells which. Closing gives it up, too.
-        if (!setLock(fd_, LOCK_EX))
-            return errno;
-        error = examine(fd_);
+        error = setLock(fd_, LOCK_EX) ? examine(fd_) : errno;
         if (error == ENODATA)
             error = writeLog(fd_, 1, nullptr, 0);
         if (error == 0 && !setLock(fd_, LOCK_UN))
@@ -128,7 +103,7 @@ int RegistryLog::open() {
                                MAP_SHARED, fd_, 0);
     if (map == MAP_FAILED)
         return errno;
-    header_ = static_cast<Header*>(map);
+    header_ = static_cast<std::atomic<uint32_t>*>(map);
     return 0;
 }
 
@@ -137,10 +112,8 @@ int RegistryLog::attach() {
     tree_.forget(index_);
     changes++;
     forks_ = forks;
-    seen_ = 0;
     end_ = kHeaderBytes;
     lookAt_ = kShortLog;
-    damaged_ = false;
     error_ = open();
     if (error_ != 0)
         detach();
@@ -165,59 +138,65 @@ void RegistryLog::look() {
 }
 
 int RegistryLog::read() {
-    const uint32_t word = this->word();
-    const uint32_t committed = word & ~kReplaced;
-    if (committed > end_ && !damaged_) {
-        const uint32_t wanted = committed - end_;
-        auto* bytes = static_cast<uint8_t*>(KalAllocSMem(wanted));
-        if (bytes == nullptr)
-            return ENOMEM;
-        const Moved got = readAllAt(fd_, bytes, wanted, off_t{end_});
-        int error = got.failed ? errno : 0;
-        RegistryRecord record;
-        for (uint32_t used = 0; error == 0 && record.load(header_->number, bytes + used, got.count - used);) {
-            changes++;
-            if (!tree_.apply(index_, record))
-                error = ENOMEM;
-            else
-                used += record.bytes(), end_ += record.bytes();
+    const uint32_t committed = word() & ~kReplaced;
+    if (committed <= end_)
+        return 0;
+    auto* bytes = static_cast<char*>(KalAllocSMem(committed - end_));
+    if (bytes == nullptr)
+        return ENOMEM;
+    const Moved got = readAllAt(fd_, bytes, committed - end_, off_t{end_});
+    int error = got.failed ? errno : 0;
+    std::string_view rest = {bytes, got.count};
+    for (RegistryRecord record; error == 0 && record.load(header_[kNumber], rest);) {
+        changes++;
+        if (!tree_.apply(index_, record)) {
+            error = ENOMEM;
+            break;
         }
-        KalFreeSMem(bytes);
-        if (error != 0)
-            return error;
+        rest.remove_prefix(record.length());
+        end_ += record.length();
     }
-    damaged_ = committed != end_;
-    seen_ = word;
-    return 0;
+    KalFreeSMem(bytes);
+    return error;
 }
 
 int RegistryLog::refresh() {
-    while (header_ != nullptr && word() != seen_) {
-        // Waits for whoever replaces the file. One that cannot be written keeps the mark of a writer that died.
-        const bool isReplaced = (word() & kReplaced) != 0;
-        if (const int error = isReplaced ? lock() : read())
-            return error;
-        if (isReplaced)
-            unlock();
-    }
-    return 0;
+    if (header_ == nullptr || word() == end_)
+        return 0;
+    if (!isReplaced())
+        return read();
+    // Waits for whoever replaces the file, but for no lock of the new one: the other log's may be held.
+    int error = lockFile();
+    const bool isLocked = error == 0;
+    if (error == kOtherFile)
+        error = attach();
+    if (error == 0)
+        error = read();
+    if (isLocked)
+        unlock();
+    return error;
 }
 
-// With the lock held: whether the file still has the log's name.
-int RegistryLog::checkFile() {
-    struct stat own, named;
-    if (hostCalls.fstat(fd_, &own) != 0)
+// Locks the file if it still has the log's name.
+int RegistryLog::lockFile() {
+    if (header_ == nullptr || forks_ != forks)
+        return kOtherFile;
+    if (!setLock(fd_, LOCK_EX))
         return errno;
-    if (own.st_nlink == 0)
-        return kOtherFile;
-    if ((word() & kReplaced) == 0)
-        return 0;
-    if (hostCalls.fstatat(folderFd_, kFileName, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-        named.st_ino != own.st_ino || named.st_dev != own.st_dev)
-        return kOtherFile;
-    if (writable_)
-        publish(word() & ~kReplaced); // whoever was about to replace it died
-    return 0;
+    struct stat own, named;
+    if (index_ == kVolatile && !isReplaced())
+        return 0; // what is lost with its folder does not outlive it anyway
+    int error = hostCalls.fstat(fd_, &own) == 0 ? 0 : errno;
+    if (error == 0 &&
+        (own.st_nlink == 0 ||
+         (isReplaced() && (hostCalls.fstatat(folderFd_, kFileName, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+                           named.st_ino != own.st_ino || named.st_dev != own.st_dev))))
+        error = kOtherFile;
+    if (error != 0)
+        unlock();
+    else if (isReplaced() && writable_)
+        header_[kCommitted] = word() & ~kReplaced; // whoever was about to replace it died
+    return error;
 }
 
 bool RegistryLog::isMostlyPast() {
@@ -230,18 +209,17 @@ bool RegistryLog::isMostlyPast() {
 
 int RegistryLog::lock() {
     for (;;) {
-        const bool isMine = header_ != nullptr && forks_ == forks;
-        int error = !isMine ? kOtherFile : setLock(fd_, LOCK_EX) ? checkFile() : errno;
-        if (error == 0)
+        int error = lockFile();
+        if (error == 0) {
             error = read();
-        if (error == 0 && writable_ && (damaged_ || isMostlyPast())) {
-            const int failed = rewrite();
-            error = failed == 0 ? kOtherFile : damaged_ ? failed : 0;
-        }
-        if (error == 0)
-            return 0;
-        if (isMine)
+            if (error == 0 && writable_ && (isDamaged() || isMostlyPast())) {
+                const int failed = rewrite();
+                error = failed == 0 ? kOtherFile : isDamaged() ? failed : 0;
+            }
+            if (error == 0)
+                return 0;
             unlock();
+        }
         if (error == kOtherFile)
             error = attach();
         if (error != 0)
@@ -256,46 +234,44 @@ void RegistryLog::unlock() {
 int RegistryLog::append(const RegistryRecord& record) {
     if (const int error = writable())
         return error;
-    uint8_t small[1024];
-    const uint32_t bytes = record.bytes();
+    const uint32_t bytes = record.length();
     if (bytes >= kReplaced - end_)
         return EFBIG;
-    auto* stored = bytes <= sizeof small ? small : static_cast<uint8_t*>(KalAllocSMem(bytes));
+    auto* stored = static_cast<char*>(KalAllocSMem(bytes));
     if (stored == nullptr)
         return ENOMEM;
-    record.store(header_->number, stored);
+    record.store(header_[kNumber], stored);
     const int error = errorOf(writeAllAt(fd_, stored, bytes, off_t{end_}), bytes);
-    if (stored != small)
-        KalFreeSMem(stored);
+    KalFreeSMem(stored);
     if (error != 0)
         return error;
-    publish(end_ + bytes);
+    header_[kCommitted] = end_ + bytes;
     changes++;
     if (tree_.apply(index_, record)) // else it is read when memory is there
-        seen_ = end_ += bytes;
+        end_ += bytes;
     return 0;
 }
 
 // Puts a file with the fewest records in this one's place.
 int RegistryLog::rewrite() {
     const auto bytes = static_cast<uint32_t>(tree_.pack(index_, 0, nullptr));
-    auto* records = static_cast<uint8_t*>(KalAllocSMem(bytes));
+    auto* records = static_cast<char*>(KalAllocSMem(bytes));
     if (records == nullptr)
         return ENOMEM;
-    tree_.pack(index_, header_->number + 1, records);
+    tree_.pack(index_, header_[kNumber] + 1, records);
     hostCalls.unlinkat(folderFd_, kNewFile, 0); // of a writer that died
     const int fd = openOwn(folderFd_, kNewFile, O_RDWR | O_CREAT | O_EXCL);
-    int error = fd < 0 ? errno : writeLog(fd, header_->number + 1, records, bytes);
+    int error = fd < 0 ? errno : writeLog(fd, header_[kNumber] + 1, records, bytes);
     KalFreeSMem(records);
     // After a power cut the new file must not be there without what is in it.
     if (error == 0 && hostCalls.fsync(fd) != 0)
         error = errno;
     if (error == 0) {
         // Marked first: a process that found the old word after the renaming would never look again.
-        publish(word() | kReplaced);
+        header_[kCommitted] = word() | kReplaced;
         error = hostCalls.renameat(folderFd_, kNewFile, folderFd_, kFileName) == 0 ? 0 : errno;
         if (error != 0)
-            publish(word() & ~kReplaced);
+            header_[kCommitted] = word() & ~kReplaced;
     }
     if (fd >= 0)
         hostCalls.close(fd);

@@ -3,11 +3,14 @@
 //
 // The file's first page is mapped. Its word `committed` tells how far the log goes, and by its top bit that another
 // file takes this one's place. A writer holds the flock, writes behind the end and then stores the word; a reader
-// that finds the word as it last saw it knows everything. Calls give 0 or an error of the host.
+// that finds the word where it stopped reading knows everything. Calls give 0 or an error of the host.
 #ifndef KAL_PLATFORM_REGISTRY_LOG_H
 #define KAL_PLATFORM_REGISTRY_LOG_H
 
 #include "platform/registry/keys.h"
+
+#include <atomic>
+#include <cerrno>
 
 class RegistryLog {
 public:
@@ -23,7 +26,7 @@ public:
 
     // 0, or why nothing is known of what the file says; and why nothing can be added to it.
     int readable() const { return header_ != nullptr ? 0 : error_; }
-    int writable() const;
+    int writable() const { return readable() != 0 ? readable() : writable_ ? 0 : EACCES; }
 
     // Makes the tree say what the log says now. One load where it does already.
     int refresh();
@@ -36,37 +39,36 @@ public:
     int append(const RegistryRecord& record);
 
     // Grows whenever this process learns of a change in any log.
-    static uint64_t changes;
+    inline static uint64_t changes = 0;
     // How often this process is the child of a fork. A child shares its parent's open files and so the locks on them.
-    static int forks;
+    inline static int forks = 0;
 
 private:
-    struct Header;
+    enum { kNumber = 2, kCommitted = 3 }; // words of the header
 
     int openOwn(int folder, const char* name, int flags);
     int open();
     int attach();
     void detach();
-    int checkFile();
+    int lockFile();
     bool isMostlyPast();
     int read();
     int rewrite();
-    uint32_t word() const;
-    void publish(uint32_t word);
+    uint32_t word() const { return header_[kCommitted]; }
+    bool isReplaced() const { return (word() & kReplaced) != 0; }
+    bool isDamaged() const { return (word() & ~kReplaced) != end_; }
 
     KeyTree& tree_;
     const LogIndex index_;
     const char* const folder_;
     bool writable_ = false;
-    bool damaged_ = false;
     int folderFd_ = -1;
     int fd_ = -1;
-    int error_ = 0; // why the log is not attached
-    int forks_ = 0; // when the file was opened
-    Header* header_ = nullptr;
-    uint32_t seen_ = 0;   // the word when the log was last read
-    uint32_t end_ = 0;    // of what was read
-    uint32_t lookAt_ = 0; // the length at which to ask how much of the log is of the past
+    int error_ = 0;                           // why the log is not attached
+    int forks_ = 0;                           // when the file was opened
+    std::atomic<uint32_t>* header_ = nullptr; // mapped
+    uint32_t end_ = 0;                        // of what was read
+    uint32_t lookAt_ = 0;                     // the length at which to ask how much of the log is of the past
 };
 
 #endif

@@ -6,40 +6,45 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
+#include <string_view>
+#include <utility>
 
 namespace {
 
-// False when the variable is empty. A path that does not fit becomes empty.
-bool place(char (&path)[PATH_MAX], const char* variable, const char* below) {
-    const char* folder = std::getenv(variable);
-    if (folder == nullptr || *folder == 0)
-        return false;
-    if (std::snprintf(path, sizeof path, "%s%s", folder, below) >= PATH_MAX)
-        path[0] = 0;
-    return true;
+// The first of the variables that is not empty, with what lies below it; empty when it does not fit.
+void find(char (&path)[PATH_MAX], std::initializer_list<std::pair<const char*, std::string_view>> variables) {
+    path[0] = 0;
+    for (const auto& [variable, below] : variables)
+        if (const char* folder = std::getenv(variable); folder != nullptr && *folder != 0) {
+            const std::string_view above = folder;
+            if (above.size() + below.size() < PATH_MAX)
+                path[above.copy(path, PATH_MAX) + below.copy(path + above.size(), PATH_MAX)] = 0;
+            return;
+        }
 }
 
 } // namespace
+
+RegistryPlace::RegistryPlace() {
+    find(persistent,
+         {{"KAL_REGISTRY", ""}, {"XDG_DATA_HOME", "/kal/registry"}, {"HOME", "/.local/share/kal/registry"}});
+    find(runtime, {{"XDG_RUNTIME_DIR", ""}});
+    if (runtime[0] == 0)
+        std::strcpy(runtime, "/dev/shm");
+}
 
 bool RegistryPlace::operator==(const RegistryPlace& other) const {
     return std::strcmp(persistent, other.persistent) == 0 && std::strcmp(runtime, other.runtime) == 0;
 }
 
-RegistryPlace::RegistryPlace() {
-    if (!place(persistent, "KAL_REGISTRY", "") && !place(persistent, "XDG_DATA_HOME", "/kal/registry") &&
-        !place(persistent, "HOME", "/.local/share/kal/registry"))
-        persistent[0] = 0;
-    if (!place(runtime, "XDG_RUNTIME_DIR", ""))
-        std::strcpy(runtime, "/dev/shm");
-}
-
-void volatileFolder(const RegistryPlace& place, char (&folder)[PATH_MAX]) {
+void RegistryPlace::findVolatile(char (&folder)[PATH_MAX]) const {
     char whole[PATH_MAX];
-    const char* text = hostCalls.realpath(place.persistent, whole);
+    const char* text = hostCalls.realpath(persistent, whole);
     uint64_t mark = 14695981039346656037u; // FNV-1a
-    for (const char* c = text != nullptr ? text : place.persistent; *c != 0; c++)
+    for (const char* c = text != nullptr ? text : persistent; *c != 0; c++)
         mark = (mark ^ static_cast<unsigned char>(*c)) * 1099511628211u;
-    if (std::snprintf(folder, sizeof folder, "%s/kal-registry-%u-%016" PRIx64, place.runtime,
+    if (std::snprintf(folder, sizeof folder, "%s/kal-registry-%u-%016" PRIx64, runtime,
                       static_cast<unsigned>(hostCalls.geteuid()), mark) >= PATH_MAX)
         folder[0] = 0;
 }

@@ -6,60 +6,55 @@
 
 namespace {
 
-// FNV-1a.
-uint32_t hash(uint32_t state, const uint8_t* bytes, size_t count) {
-    for (size_t i = 0; i < count; i++)
-        state = (state ^ bytes[i]) * 16777619u;
-    return state;
-}
-
-uint32_t checkOf(uint32_t logNumber, const uint8_t* record, uint32_t bytes) {
-    uint8_t number[4];
+uint32_t checkOf(uint32_t logNumber, std::string_view record) {
+    char number[4];
     storeLittle(number, logNumber);
-    return hash(hash(hash(2166136261u, number, 4), record, 4), record + 8, bytes - 8);
+    uint32_t hash = 2166136261u; // FNV-1a
+    for (const std::string_view part : {std::string_view(number, 4), record.substr(0, 4), record.substr(8)})
+        for (const char byte : part)
+            hash = (hash ^ static_cast<uint8_t>(byte)) * 16777619u;
+    return hash;
 }
 
 } // namespace
 
-int checkPath(RegistryText path) {
-    if (path.length > kMostPathBytes)
-        return ENAMETOOLONG;
+int checkPath(std::string_view path) {
     uint32_t name = 0;
-    for (uint32_t i = 0; i < path.length; i++) {
-        if (path.text[i] == 0 || (path.text[i] == '\\' && name == 0))
+    for (const char c : path) {
+        if (c == 0 || (c == '\\' && name == 0))
             return EINVAL;
-        name = path.text[i] == '\\' ? 0 : name + 1;
+        name = c == '\\' ? 0 : name + 1;
         if (name > kMostNameBytes)
             return ENAMETOOLONG;
     }
-    return name == 0 ? EINVAL : 0;
+    return path.size() > kMostPathBytes ? ENAMETOOLONG : name == 0 ? EINVAL : 0;
 }
 
-void RegistryRecord::store(uint32_t logNumber, uint8_t* at) const {
+void RegistryRecord::store(uint32_t logNumber, char* at) const {
     std::memset(at, 0, kRecordHead);
-    storeLittle(at, bytes());
-    at[8] = static_cast<uint8_t>(kind);
-    storeLittle(at + 10, static_cast<uint16_t>(path.length));
-    storeLittle(at + 12, static_cast<uint16_t>(name.length));
+    storeLittle(at, length());
+    at[8] = static_cast<char>(kind);
+    storeLittle(at + 10, static_cast<uint16_t>(path.size()));
+    storeLittle(at + 12, static_cast<uint16_t>(name.size()));
     storeLittle(at + 16, type);
-    copyBytes(at + kRecordHead, path.text, path.length);
-    copyBytes(at + kRecordHead + path.length, name.text, name.length);
-    copyBytes(at + kRecordHead + path.length + name.length, data, size);
-    storeLittle(at + 4, checkOf(logNumber, at, bytes()));
+    char* end = at + kRecordHead;
+    for (const std::string_view part : {path, name, bytes})
+        end += part.copy(end, part.size());
+    storeLittle(at + 4, checkOf(logNumber, {at, length()}));
 }
 
-bool RegistryRecord::load(uint32_t logNumber, const uint8_t* at, size_t available) {
-    const uint32_t length = available < kRecordHead ? 0 : loadLittle<uint32_t>(at);
-    if (length < kRecordHead || length > available ||
-        loadLittle<uint32_t>(at + 4) != checkOf(logNumber, at, length))
+bool RegistryRecord::load(uint32_t logNumber, std::string_view from) {
+    const char* const at = from.data();
+    const uint32_t stored = from.size() < kRecordHead ? 0 : loadLittle<uint32_t>(at);
+    if (stored < kRecordHead || stored > from.size() ||
+        loadLittle<uint32_t>(at + 4) != checkOf(logNumber, from.substr(0, stored)))
         return false;
     kind = static_cast<RecordKind>(at[8]);
-    path = {reinterpret_cast<const char*>(at + kRecordHead), loadLittle<uint16_t>(at + 10)};
-    name = {path.text + path.length, loadLittle<uint16_t>(at + 12)};
     type = loadLittle<uint32_t>(at + 16);
-    const uint32_t texts = kRecordHead + path.length + name.length;
-    data = at + texts;
-    size = length - texts;
-    return texts <= length && name.length <= kMostNameBytes && size <= kMostValueBytes &&
+    path = {at + kRecordHead, loadLittle<uint16_t>(at + 10)};
+    name = {path.end(), loadLittle<uint16_t>(at + 12)};
+    const size_t texts = kRecordHead + path.size() + name.size();
+    bytes = {at + texts, stored - texts};
+    return texts <= stored && name.size() <= kMostNameBytes && bytes.size() <= kMostValueBytes &&
            kind >= RecordKind::key && kind <= RecordKind::deleted && checkPath(path) == 0;
 }

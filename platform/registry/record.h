@@ -11,9 +11,8 @@
 
 #include "platform/registry.h"
 
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <string_view>
 
 inline constexpr uint32_t kMostNameBytes = 255; // of a key, and of a value
 inline constexpr uint32_t kMostPathBytes = 4095;
@@ -25,12 +24,6 @@ inline constexpr uint32_t kVersion = 1;
 inline constexpr uint32_t kHeaderBytes = 4096;
 inline constexpr uint32_t kReplaced = 0x80000000; // in its last number: another file takes the log's place
 
-// A text that need not end in a zero: a name, or names with `\` between them.
-struct RegistryText {
-    const char* text;
-    uint32_t length;
-};
-
 enum class RecordKind : uint8_t {
     key = 1,    // the key is there, and so are those on the way to it
     value = 2,  // the same, and it has this value
@@ -39,26 +32,20 @@ enum class RecordKind : uint8_t {
 
 struct RegistryRecord {
     RecordKind kind;
-    RegistryText path; // from the top
-    RegistryText name = {nullptr, 0};
+    std::string_view path; // names from the top, `\` between them
+    std::string_view name = {};
     uint32_t type = 0;
-    const uint8_t* data = nullptr;
-    uint32_t size = 0;
+    std::string_view bytes = {};
 
-    uint32_t bytes() const { return kRecordHead + path.length + name.length + size; }
-    void store(uint32_t logNumber, uint8_t* at) const;
-    // The record at the start of `available` bytes, its pointers into them. False when none stands there whole and
-    // sound.
-    bool load(uint32_t logNumber, const uint8_t* at, size_t available);
+    uint32_t length() const {
+        return static_cast<uint32_t>(kRecordHead + path.size() + name.size() + bytes.size());
+    }
+    void store(uint32_t logNumber, char* at) const;
+    // The record at the start of `from`, its texts in there. False when none stands there whole and sound.
+    bool load(uint32_t logNumber, std::string_view from);
 };
 
-// Copies bytes that may be none, from nowhere.
-inline void copyBytes(void* to, const void* from, uint32_t count) {
-    if (count != 0)
-        std::memcpy(to, from, count);
-}
-
 // 0, EINVAL for a name without characters, ENAMETOOLONG.
-int checkPath(RegistryText path);
+int checkPath(std::string_view path);
 
 #endif

@@ -80,14 +80,13 @@ private:
 
     void record(uint64_t at, uint32_t id, uint32_t number, uint32_t length) {
         RegistryRecord record;
-        if (!record.load(number, bytes_, length))
+        if (!record.load(number, {reinterpret_cast<const char*>(bytes_), length}))
             faults_.tell(at, id, "a record is not what was written: nothing from here on is read");
         else if (bytes_[9] != 0 || bytes_[14] != 0 || bytes_[15] != 0)
             faults_.tell(at, id, "a byte of a record that nothing uses is not 0");
-        else if (record.kind != RecordKind::value && record.name.length + record.size != 0)
+        else if (record.kind != RecordKind::value && record.name.size() + record.bytes.size() != 0)
             faults_.tell(at, id, "a record that is no value's has a value");
-        else if (record.kind == RecordKind::value && record.type == kText &&
-                 (record.size == 0 || record.data[record.size - 1] != 0))
+        else if (record.kind == RecordKind::value && record.type == kText && !record.bytes.ends_with('\0'))
             faults_.tell(at, id, "a text does not end with its zero");
     }
 

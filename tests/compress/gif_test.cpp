@@ -7,23 +7,18 @@
 
 namespace {
 
-// A picture of 256 greys, one row, whose pixels are the run.
+// A picture of one row, with a colour map of two, whose pixels are the run.
 Bytes gifAround(const Bytes& run, size_t width) {
+    const uint8_t low = uint8_t(width), high = uint8_t(width >> 8);
     Bytes gif = bytesOf("GIF89a");
-    const auto append = [&](std::initializer_list<size_t> bytes) {
-        for (size_t byte : bytes)
-            gif.push_back(uint8_t(byte));
-    };
-    append({width, width >> 8, 1, 0, 0xF7, 0, 0});
-    for (size_t grey = 0; grey < 256; grey++)
-        append({grey, grey, grey});
-    append({',', 0, 0, 0, 0, width, width >> 8, 1, 0, 0, 8});
+    gif.insert(gif.end(), {low, high, 1, 0, 0xF0, 0, 0, 0, 0, 0, 255, 255, 255});
+    gif.insert(gif.end(), {',', 0, 0, 0, 0, low, high, 1, 0, 0, 8});
     for (size_t at = 0; at < run.size(); at += 255) {
         const size_t block = std::min<size_t>(255, run.size() - at);
-        append({block});
+        gif.push_back(uint8_t(block));
         gif.insert(gif.end(), run.begin() + long(at), run.begin() + long(at + block));
     }
-    append({0, ';'});
+    gif.insert(gif.end(), {0, ';'});
     return gif;
 }
 

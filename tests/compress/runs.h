@@ -9,14 +9,9 @@
 
 #include <kal/cfile.h>
 
+#include <bit>
 #include <map>
 #include <random>
-
-inline scfiletag* makeCFile(SFILE* stream) {
-    scfiletag* cfile = nullptr;
-    EXPECT_EQ(KalMakeCFile(&cfile, stream), 0);
-    return cfile;
-}
 
 struct SimpleRun {
     Bytes bytes;
@@ -36,42 +31,37 @@ struct SimpleRun {
 
 // The run of `data`. The library clears its table when code 4,093 was assigned; others may at any time, or never, when
 // the table stays as it is once it is full.
-inline SimpleRun runOf(const Bytes& data, uint32_t lastCode = 4093) {
+inline SimpleRun runOf(const Bytes& data, uint32_t lastCode = 4093, uint32_t roots = 256) {
     SimpleRun run;
     std::map<std::pair<uint32_t, uint8_t>, uint32_t> strings;
-    uint32_t next = 258;
-    int width = 9;
+    uint32_t next = roots + 2;
+    int width = std::bit_width(next - 1);
+    run.put(roots, width, 0);
     int64_t current = -1;
-    run.put(256, width, 0);
     for (size_t at = 0; at < data.size(); at++) {
-        if (current < 0) {
-            current = data[at];
-            continue;
-        }
-        const std::pair<uint32_t, uint8_t> longer{uint32_t(current), data[at]};
-        if (const auto found = strings.find(longer); found != strings.end()) {
-            current = found->second;
+        const auto found = strings.find({uint32_t(current), data[at]});
+        if (current < 0 || found != strings.end()) {
+            current = current < 0 ? data[at] : found->second;
             continue;
         }
         run.put(uint32_t(current), width, at);
-        current = data[at];
         if (next < 4096) {
-            strings[longer] = next;
-            if (next == 1u << width)
-                width++;
+            strings[{uint32_t(current), data[at]}] = next;
+            width += next == 1u << width;
             next++;
         }
+        current = data[at];
         if (next > lastCode) {
             run.put(data[at], width, at);
-            run.put(256, width, at);
+            run.put(roots, width, at);
             strings.clear();
-            next = 258;
-            width = 9;
+            next = roots + 2;
+            width = std::bit_width(next - 1);
             current = -1;
         }
     }
-    run.put(current < 0 ? 256 : uint32_t(current), width, data.size());
-    run.put(257, width, data.size());
+    run.put(current < 0 ? roots : uint32_t(current), width, data.size());
+    run.put(roots + 1, width, data.size());
     return run;
 }
 

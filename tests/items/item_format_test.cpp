@@ -1,20 +1,20 @@
 // Item files byte for byte: what is written, what is accepted, where items go, what has no room.
 #include "tests/items/items.h"
 #include "tests/support/faults.h"
+#include "tests/support/vector_stream.h"
 
 #include <cerrno>
-#include <cstring>
 
 namespace {
 
 class ItemFormat : public FolderTest {
 protected:
-    static int16_t tryOpen(uint16_t mode, uint16_t format) {
+    static int tryOpen(uint16_t mode, uint16_t format) {
         HeapBalance balance;
         IFILE* file = nullptr;
-        const int16_t status = KalOpenIFile(&file, "f", mode, format);
-        EXPECT_EQ(file != nullptr, status == 0);
-        EXPECT_EQ(KalCloseIFile(file), 0);
+        const int status = KalOpenIFile(&file, "f", mode, format);
+        EXPECT_EQ(file != nullptr, status == KAL_OK);
+        EXPECT_EQ(KalCloseIFile(file), KAL_OK);
         return status;
     }
 };
@@ -24,232 +24,235 @@ struct Entry {
     uint32_t size, offset;
 };
 
-Bytes itemFile(uint16_t format, const std::vector<Entry>& entries, size_t length = 0) {
+constexpr uint16_t kFree = KAL_ITEM_FREE;
+constexpr size_t kUncut = SIZE_MAX;
+
+// A file with these entries, cut or made to be `length` bytes long.
+Bytes itemFile(uint16_t format, const std::vector<Entry>& entries, size_t length = kUncut) {
     Bytes file;
-    const auto append = [&](uint64_t value, int bytes) {
-        for (int i = 0; i < bytes; i++)
-            file.push_back(uint8_t(value >> 8 * i));
+    const auto append = [&](const auto& record) {
+        const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
+        file.insert(file.end(), bytes, bytes + sizeof record);
     };
-    append(format, 2);
-    append(entries.size(), 2);
-    for (const auto& entry : entries) {
-        append(entry.id, 2);
-        append(entry.size, format & KAL_ITEMS_WIDE ? 4 : 2);
-        append(entry.offset, 4);
-    }
-    file.resize(std::max(file.size(), length));
+    append(format);
+    append(uint16_t(entries.size()));
+    for (const auto& [id, size, offset] : entries)
+        if (format & KAL_ITEMS_WIDE)
+            append(ItemIndexWide{id, size, offset});
+        else
+            append(ItemIndexNarrow{id, uint16_t(size), offset});
+    file.resize(length == kUncut ? file.size() : length);
     return file;
+}
+
+std::vector<Entry> freeEntries(size_t count) {
+    return std::vector<Entry>(count, Entry{kFree, 50, 4});
+}
+
+uint32_t offsetOf(IFILE* file, uint16_t id) {
+    const ItemIndex* entry = KalFindItem(file, id);
+    return entry != nullptr ? entry->narrow.offset : 0;
 }
 
 } // namespace
 
 TEST_F(ItemFormat, NewFilesAndExpectedFormats) {
-    EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0), -200 - ENOENT);
+    EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0), KAL_ERR_OPEN - ENOENT);
     IFILE* file = openItems(kNew, 0x0123);
     KalFlushBuf(file->stream);
-    EXPECT_EQ(readFile("f"), itemFile(0x0123, {}, 84)) << "at once";
-    EXPECT_EQ(KalCloseIFile(file), 0);
-    EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0x8123), -650);
-    EXPECT_EQ(tryOpen(0, 0x0123), 0);
-    writeFile("f", itemFile(0x0001, {}));
-    EXPECT_EQ(tryOpen(0, 1), 0);
-    EXPECT_EQ(readFile("f").size(), 4u) << "opened without write access, an empty file stays as it is";
-    EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0), 0);
-    EXPECT_EQ(readFile("f").size(), 84u);
-    file = openItems(kNew, 0x8000);
-    EXPECT_EQ(file->capacity, 10);
-    EXPECT_EQ(write(file, 0x1234, "hello"), 5u);
-    EXPECT_EQ(write(file, 7, "x"), 1u);
-    EXPECT_EQ(KalCloseIFile(file), 0);
-    EXPECT_EQ(readFile("f"), hexExample("docs/formats/item-file.md"));
+    EXPECT_EQ(readFile("f"), itemFile(0x0123, {}, 84)) << "at once, with room for ten entries";
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
+    EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0x8123), KAL_ERR_FORMAT);
+    for (const auto& [mode, size] : {std::pair<uint16_t, size_t>{0, 4}, {KAL_MODE_UPDATE, 84}}) {
+        writeFile("f", itemFile(1, {}));
+        EXPECT_EQ(tryOpen(mode, 1), KAL_OK);
+        EXPECT_EQ(readFile("f").size(), size);
+    }
+    file = openItems(kNew, KAL_ITEMS_WIDE);
+    EXPECT_EQ(write(file, 0x1234, "hello") + write(file, 7, "x"), 6u);
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
     const Bytes before = readFile("f");
+    EXPECT_EQ(before, hexExample("docs/formats/item-file.md"));
     file = openItems(0, 0);
     EXPECT_EQ(file->capacity, 12);
     EXPECT_EQ(write(file, 7, "y") + write(file, 7, "longer") + KalAddIFile(file, "x", 1, 7), 0u);
-    EXPECT_EQ(KalReserveItems(file, 20), -251);
+    EXPECT_EQ(KalReserveItems(file, 20), KAL_ERR_WRITE);
     EXPECT_EQ(item(file, 7), "x");
-    EXPECT_EQ(KalCloseIFile(file), 0);
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
     EXPECT_EQ(readFile("f"), before) << "open for reading, it is never written";
-    EXPECT_EQ(KalCloseIFile(nullptr) | KalFreeIFile(nullptr), 0);
-}
-
-TEST_F(ItemFormat, ATemporaryFileGoes) {
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalOpenTempIFile(&file), 0);
+    ASSERT_EQ(KalOpenTempIFile(&file), KAL_OK);
     EXPECT_EQ(write(file, 1, "a"), 1u);
-    EXPECT_EQ(KalCloseIFile(file), 0);
-    EXPECT_TRUE(filesIn(".").empty());
+    EXPECT_EQ(KalCloseIFile(file) | KalCloseIFile(nullptr) | KalFreeIFile(nullptr), KAL_OK);
+    EXPECT_EQ(filesIn("."), std::vector<std::string>{"f"}) << "a temporary file goes";
 }
 
-TEST_F(ItemFormat, AFileCutAnywhereInHeaderOrIndexIsRefusedAndLeftAlone) {
-    for (uint16_t format : Words{0x0001, 0x8001}) {
-        const Bytes whole = itemFile(format, {{1, 3, 200}, {2, 3, 203}, {3, 0, 206}});
-        for (size_t length = 0; length < whole.size(); length++) {
-            const Bytes cut(whole.begin(), whole.begin() + long(length));
-            writeFile("f", cut);
-            EXPECT_EQ(tryOpen(length % 2 == 0 ? 0 : KAL_MODE_UPDATE, 0), length == 0  ? -256
-                                                                         : length < 4 ? -255
-                                                                                      : -252)
-                << length;
-            EXPECT_EQ(readFile("f"), cut);
-        }
+TEST_F(ItemFormat, DamageIsToldAndWhatCannotBeReadIsRefusedAndLeftAlone) {
+    const std::vector<Entry> whole = {{1, 5, 95}, {2, 0, 92}, {3, 5, 90},
+                                      {4, 0, 3},  {5, 1, 52}, {kFree, 99, 0}};
+    const std::vector<Entry> bad = {{1, 1, 83}, {2, 4, 97}, {3, 9, 88}, {4, 2, 90}, {5, 2, 93},
+                                    {6, 1, 85}, {7, 1, 85}, {6, 0, 0},  {9, 0, 0},  {6, 0, 0}};
+    const struct {
+        uint16_t format;
+        std::vector<Entry> entries;
+        size_t length;
+        int status; // of opening
+        const char* told;
+    } rows[] = {
+        {0, {}, 0, KAL_ERR_END, "0/file header "},
+        {0, {}, 3, KAL_ERR_SHORT_READ, "3/file header "},
+        {0, {}, 4, KAL_OK, ""},
+        {1, {{1, 3, 200}}, 11, KAL_ERR_READ, "11/file index "},
+        {0x8001, {{1, 0, 0}, {2, 1, 13}}, 23, KAL_ERR_READ, "23/file index "},
+        {1, freeEntries(4085), 40000, KAL_OK, ""},
+        {1, freeEntries(4086), 40000, KAL_ERR_BUFFER, "2/file with "},
+        {0x8001, freeEntries(3266), 40000, KAL_OK, ""},
+        {0x8001, freeEntries(3267), 40000, KAL_ERR_BUFFER, "2/file with "},
+        {0x8001, freeEntries(6554), 70000, KAL_ERR_BUFFER, "2/file with "}, // 10 bytes each wrap in 16 bits
+        {0, whole, 100, KAL_OK, ""},
+        {0, bad, 100, KAL_OK, "4/1 index 52/7 item 28/4 item 36/5 item 12/2 file 60/6 it 76/6 it "},
+        {0x8000, {{1, 0xFFFFFFFF, 96}}, 100, KAL_OK, "4/1 file "},
+    };
+    for (const auto& row : rows) {
+        const Bytes bytes = itemFile(row.format, row.entries, row.length);
+        VectorStream stream(bytes);
+        EXPECT_EQ(faultsIn(stream.file()), row.told);
+        writeFile("f", bytes);
+        EXPECT_EQ(tryOpen(0, 0), row.status) << row.told;
+        EXPECT_EQ(row.status == KAL_OK ? KAL_OK : tryOpen(KAL_MODE_UPDATE, 0), row.status) << row.told;
+        EXPECT_EQ(readFile("f"), bytes);
     }
 }
 
-TEST_F(ItemFormat, NoFileIsReadOrWrittenWithMoreEntriesThanOpenAgain) {
-    const struct {
-        uint16_t format;
-        uint16_t count;
-        int16_t status;
-    } cases[] =
-        {
-            {1, 4085, 0},          {1, 4086, -105},     {0x8001, 3266, 0},
-            {0x8001, 3267, -105},  {1, 65525, -105},    {1, 65535, -105},
-            {0x8001, 65535, -105}, {0x8001, 6554, -105}}; // 6,554 entries of 10 bytes wrap to little in 16 bits
-    for (const auto& each : cases) {
-        writeFile("f", itemFile(each.format, std::vector<Entry>(each.count, Entry{0xFFFF, 0, 100000})));
-        EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0), each.status) << each.count;
-        IFILE* file = openItems(kNew, each.format);
-        EXPECT_EQ(KalReserveItems(file, each.count), each.status) << each.count;
-        if (each.status == 0) {
-            for (uint16_t id = 0; id < each.count; id++)
-                ASSERT_EQ(write(file, id, "x"), 1u) << id;
-            EXPECT_EQ(write(file, 65000, "x"), 0u) << "one more";
-            EXPECT_EQ(KalAppendItemIndex(file), nullptr);
-            EXPECT_EQ(write(file, 7, ""), 0u);
-        }
-        EXPECT_EQ(KalCloseIFile(file), 0);
-        EXPECT_EQ(tryOpen(0, 0), 0);
+TEST_F(ItemFormat, NoFileIsWrittenWithMoreEntriesThanOpenAgain) {
+    for (const auto& [format, most] : {std::pair<uint16_t, uint16_t>{1, 4085}, {0x8001, 3266}}) {
+        IFILE* file = openItems(kNew, format);
+        EXPECT_EQ(KalReserveItems(file, uint16_t(most + 1)), KAL_ERR_BUFFER);
+        EXPECT_EQ(KalReserveItems(file, most), KAL_OK);
+        for (uint16_t id = 0; id < most; id++)
+            ASSERT_EQ(write(file, id, "x"), 1u) << id;
+        EXPECT_EQ(write(file, 65000, "xx"), 0u) << "one more";
+        EXPECT_EQ(KalCloseIFile(file), KAL_OK);
+        EXPECT_EQ(tryOpen(0, 0), KAL_OK);
     }
 }
 
 TEST_F(ItemFormat, HostileEntriesGiveNoMoreBytesAndTakeNoMoreMemoryThanThereAre) {
     const std::vector<Entry> entries = {
         {1, 0xFFFFFFFF, 0}, {2, 10, 0xFFFFFFFF}, {3, 0x7FFFFFFF, 0x7FFFFFFF}, {4, 100, 90},
-        {5, 0x80000000, 4}, {6, 5, 0xFFFFFFF0},  {7, 9, 0x60000000},          {0xFFFF, 50, 0x60000000}};
+        {5, 0x80000000, 4}, {6, 5, 0xFFFFFFF0},  {7, 9, 0x60000000},          {kFree, 50, 0x60000000}};
     const Bytes hostile = itemFile(0x8000, entries, 120);
-    for (uint16_t mode : Words{0, kNew | KAL_MODE_MEMORY}) {
-        writeFile("f", hostile);
+    for (const uint16_t mode : Words{kNew, kNew | KAL_MODE_MEMORY}) {
         SFILE* stream = nullptr;
-        ASSERT_EQ(KalOpenFile(&stream, "f", mode, 0), 0);
-        if (mode != 0)
-            stream->write(stream, hostile.data(), uint32_t(hostile.size()));
+        ASSERT_EQ(KalOpenFile(&stream, "f", mode, 0), KAL_OK);
+        stream->write(stream, hostile.data(), uint32_t(hostile.size()));
         stream->mode = uint16_t(mode & ~KAL_MODE_CREATE);
         IFILE* file = nullptr;
-        ASSERT_EQ(KalMakeIFile(&file, stream, 0), 0);
+        ASSERT_EQ(KalMakeIFile(&file, stream, 0), KAL_OK);
         Bytes room(300);
         for (const auto& entry : entries) {
-            int32_t size = 0;
-            EXPECT_EQ(KalGetItem(file, entry.id, &size), nullptr) << entry.id;
             EXPECT_LE(KalReadIFile(file, room.data(), 300, entry.id), 120u);
             EXPECT_LE(KalIncReadIFile(file, room.data(), 300, entry.id), 120u);
+            EXPECT_EQ(item(file, entry.id), "none") << entry.id;
+            failHeapAllocation(1);
+            EXPECT_EQ(item(file, entry.id), "none") << entry.id;
+            EXPECT_EQ(heapFaultHappened(), entry.size < 65536) << "memory asked for " << entry.id;
+            failHeapAllocation(0);
         }
-        if (mode != 0) { // a stream in memory is as long as its farthest seek
+        if (mode != kNew) { // a stream in memory is as long as its farthest seek
             EXPECT_EQ(KalAddIFile(file, "x", 1, 7), 0u);
             EXPECT_EQ(write(file, 50, "forty-nine"), 10u);
-            EXPECT_LT(stream->pos, 4096u);
+            EXPECT_EQ(KalReserveItems(file, 9), KAL_ERR_SHORT_READ) << "what stands in the way has no end";
             stream->seek(stream, 0, KAL_SEEK_END);
             EXPECT_LT(stream->pos, 4096u);
         }
+        KalSetOffset(stream, 40); // 4 GiB on lie the bytes before the base
+        EXPECT_EQ(item(file, 6), "none");
         KalFreeIFile(file);
         stream->close(stream);
     }
-    writeFile("f", itemFile(0x8000, {{1, 8, 0xFFFFFFF0}}, 120)); // 4 GiB on lie the bytes before the base
-    SFILE* stream = nullptr;
-    ASSERT_EQ(KalOpenFile(&stream, "f", 0, 0), 0);
-    KalSetOffset(stream, 0);
-    IFILE* file = nullptr;
-    ASSERT_EQ(KalMakeIFile(&file, stream, 0), 0);
-    KalSetOffset(stream, 40);
-    EXPECT_EQ(item(file, 1), "none");
-    KalFreeIFile(file);
-    stream->close(stream);
 }
 
+// Behind the room for ten entries; then a shorter one in its own place; two free extents of equal size, of which the
+// earlier in the index is taken; additions where another item, or one without bytes, stands behind; at last sizes of
+// more than 16 bits, and the id that is none.
 TEST_F(ItemFormat, RewritesTakeTheSmallestFreeExtentAndAdditionsGrowInPlace) {
-    IFILE* file = openItems(kNew, 0);
-    const auto offset = [&](uint16_t id) { return KalFindItem(file, id)->narrow.offset; };
-    const std::vector<std::pair<uint16_t, size_t>> items = {{1, 100}, {2, 50}, {3, 50}, {4, 80}};
-    for (auto [id, length] : items)
-        write(file, id, std::string(length, 'x'));
-    EXPECT_EQ(offset(1), 84u) << "behind the room for ten entries";
-    write(file, 1, std::string(90, 'y'));
-    EXPECT_EQ(offset(1), 84u) << "no longer than before: its own place";
-    const uint32_t second = offset(2), third = offset(3);
-    write(file, 2, std::string(300, 'y')); // to the end; its 50 bytes are free now
-    write(file, 3, std::string(400, 'y'));
-    EXPECT_EQ(offset(2), 84u + 280);
-    EXPECT_EQ(file->count, 6);
-    EXPECT_EQ(file->capacity, 10);
-    write(file, 5, std::string(50, 'z'));
-    EXPECT_EQ(offset(5), second) << "two free extents of equal size: the earlier in the index";
-    write(file, 6, std::string(40, 'z'));
-    EXPECT_EQ(offset(6), third);
-    EXPECT_EQ(file->count, 6) << "free entries keep their place and are taken again";
-    EXPECT_EQ(write(file, KAL_ITEM_FREE, "x"), 0u) << "not a usable id";
-    EXPECT_EQ(KalAddIFile(file, "x", 1, 5), 0u) << "another item stands behind it";
-    const Bytes filler(65135, 'f');
-    EXPECT_EQ(KalAddIFile(file, filler.data(), 65136, 3), 0u) << "a narrow size holds 65,535";
-    EXPECT_EQ(KalGetItemSize(file, 3), 400);
-    EXPECT_EQ(KalAddIFile(file, filler.data(), 65135, 3), 65135u);
-    EXPECT_EQ(KalGetItemSize(file, 3), 65535);
-    EXPECT_EQ(write(file, 9, std::string(65536 + 3, 'n')), 3u) << "the low 16 bits of a length";
-    EXPECT_EQ(KalCloseIFile(file), 0);
+    const struct {
+        char what; // write or add
+        uint16_t id;
+        uint32_t size, taken, offset;
+    } steps[] = {{'w', 1, 100, 100, 84},    {'w', 2, 50, 50, 184},   {'w', 3, 50, 50, 234},
+                 {'w', 4, 80, 80, 284},     {'w', 1, 90, 90, 84},    {'w', 2, 300, 300, 364},
+                 {'w', 3, 400, 400, 664},   {'w', 5, 50, 50, 184},   {'w', 6, 40, 40, 234},
+                 {'a', 5, 1, 0, 184},       {'w', 7, 0, 0, 1064},    {'w', 3, 300, 300, 664},
+                 {'a', 3, 150, 150, 664},   {'a', 3, 65086, 0, 664}, {'a', 3, 65085, 65085, 664},
+                 {'w', 9, 65539, 3, 66199}, {'w', kFree, 1, 0, 0},   {'a', kFree, 1, 0, 0}};
+    for (const uint16_t mode : Words{0, KAL_MODE_MEMORY}) {
+        IFILE* file = openItems(kNew | mode, 0);
+        for (const auto& [what, id, size, taken, offset] : steps) {
+            const std::string bytes(size, what);
+            EXPECT_EQ((what == 'w' ? KalWriteIFile : KalAddIFile)(file, bytes.data(), size, id), taken) << id;
+            EXPECT_EQ(offsetOf(file, id), offset) << id << " of " << size;
+        }
+        EXPECT_EQ(item(file, 3), std::string(300, 'w') + std::string(65235, 'a'));
+        EXPECT_EQ(file->capacity, 10);
+        EXPECT_EQ(file->count, 8) << "free entries keep their place and are taken again";
+        EXPECT_EQ(KalCloseIFile(file), KAL_OK);
+    }
 }
 
+// The lowest first, where all follow the longest; those without bytes behind all others; and none that stands where the
+// index ends.
 TEST_F(ItemFormat, TheGrowingIndexMovesWhatStandsInItsWayAndSharersTogether) {
-    Bytes bytes = itemFile(0, {{1, 0, 50}, {3, 9, 50}, {2, 5, 50}, {4, 3, 60}, {5, 0, 48}}, 200);
-    std::memcpy(bytes.data() + 50, "123456789", 9);
-    std::memcpy(bytes.data() + 60, "abc", 3);
+    const std::vector<Entry> entries = {{1, 0, 62}, {3, 9, 62},  {2, 5, 62}, {4, 3, 72},
+                                        {5, 0, 48}, {6, 1, 132}, {7, 0, 132}};
+    const uint32_t offsets[] = {0,   200, 200, 200, 209, 212, 132, 132, 200,
+                                200, 200, 200, 200, 200, 200, 200, 200};
+    Bytes bytes = itemFile(0, entries, 200);
+    bytes[70] = 'e';
     writeFile("f", bytes);
     IFILE* file = openItems(KAL_MODE_UPDATE, 0);
-    for (uint16_t id = 10; id < 20; id++)
-        EXPECT_EQ(write(file, id, ""), 0u); // entries without bytes: nothing to move for them
-    EXPECT_EQ(KalFlushIFile(file), 0);
-    for (uint16_t id : Words{1, 2, 3})
-        EXPECT_EQ(KalFindItem(file, id)->narrow.offset, 200u) << "all follow the longest";
-    EXPECT_EQ(KalFindItem(file, 4)->narrow.offset, 209u) << "the lowest first";
-    EXPECT_EQ(KalFindItem(file, 5)->narrow.offset, 212u) << "behind all bytes";
-    for (uint16_t id = 10; id < 20; id++)
-        EXPECT_GE(KalFindItem(file, id)->narrow.offset, 4u + 15 * 8) << "never under the index";
-    EXPECT_EQ(KalAddIFile(file, "z", 1, 12), 0u)
-        << "the longest went where this empty one points: no growing";
-    EXPECT_EQ(KalCloseIFile(file), 0);
-    file = openItems(0, 0);
-    EXPECT_EQ(item(file, 3), "123456789");
-    EXPECT_EQ(item(file, 4), "abc");
-    EXPECT_EQ(KalGetItemSize(file, 19), 0);
-    KalCloseIFile(file);
+    for (uint16_t id = 8; id <= 16; id++)
+        write(file, id, ""); // entries without bytes: nothing to move for them
+    EXPECT_EQ(KalFlushIFile(file), KAL_OK);
+    for (uint16_t id = 1; id <= 16; id++)
+        EXPECT_EQ(offsetOf(file, id), offsets[id]) << id;
+    EXPECT_EQ(KalAddIFile(file, "z", 1, 12), 0u) << "the longest went where this empty one points";
+    EXPECT_EQ(item(file, 3)[8], 'e');
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
+    file = openItems(kNew, 0);
+    for (uint16_t id = 0; id < 11; id++)
+        write(file, id, "");
+    EXPECT_EQ(KalFlushIFile(file), KAL_OK);
+    EXPECT_EQ(offsetOf(file, 10), 4u + 11 * 8) << "behind the index, which is longer than the file was";
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
 }
 
 // A flush moves no item above 65,535 bytes. The close says so, and the file is as before; reserved room avoids it.
 TEST_F(ItemFormat, LargeItemsNeedRoomMadeBefore) {
-    const std::string large(200000, 'L');
-    for (bool reserved : {false, true}) {
+    for (const auto& [size, room] : {std::pair<size_t, uint16_t>{65535, 0}, {65536, 0}, {200000, 40}}) {
+        SCOPED_TRACE(size);
+        const std::string large(size, 'L');
         IFILE* file = openItems(kNew, KAL_ITEMS_WIDE);
-        EXPECT_EQ(KalReserveItems(file, reserved ? 40 : 0), 0);
+        EXPECT_EQ(KalReserveItems(file, room), KAL_OK);
+        KalFlushBuf(file->stream);
+        EXPECT_EQ(readFile("f").back(), room > 10 ? 0xFF : 0) << "what was never written to reads as free";
         write(file, 0, large);
-        EXPECT_EQ(KalFlushIFile(file), 0);
+        EXPECT_EQ(item(file, 0), large) << "up to the stream's end";
+        EXPECT_EQ(KalFlushIFile(file), KAL_OK);
         for (uint16_t id = 1; id <= 39; id++)
             write(file, id, "x");
-        EXPECT_EQ(KalCloseIFile(file), reserved ? 0 : -100);
-        EXPECT_EQ(itemsIn(readFile("f")).items.size(), reserved ? 40u : 1u);
+        EXPECT_EQ(KalCloseIFile(file), size == 65536 ? KAL_ERR_MEMORY : KAL_OK);
+        EXPECT_EQ(itemsIn(readFile("f")).size(), size == 65536 ? 1u : 40u);
         file = openItems(KAL_MODE_UPDATE, 0);
+        for (uint16_t id = 40; id < 60; id++)
+            write(file, id, "");
+        EXPECT_EQ(KalReserveItems(file, 1) | KalReserveItems(file, 3266), KAL_OK) << "also where they stand";
         EXPECT_EQ(item(file, 0), large);
-        EXPECT_EQ(KalReserveItems(file, 3266), 0) << "also when they stand there already";
-        EXPECT_EQ(item(file, 0), large);
-        EXPECT_EQ(KalCloseIFile(file), 0);
-        EXPECT_GE(itemsIn(readFile("f")).lowest, 4u + 32660);
+        EXPECT_EQ(KalCloseIFile(file), KAL_OK);
+        size_t lowest = 0;
+        itemsIn(readFile("f"), &lowest);
+        EXPECT_GE(lowest, 4u + 32660);
     }
-    // Room that was never written to reads as free entries.
-    const Bytes bytes = readFile("f");
-    EXPECT_EQ(Bytes(bytes.begin() + 32000, bytes.begin() + 32010), Bytes(10, 'L'))
-        << "the old item's bytes stay";
-    IFILE* file = openItems(kNew, 0);
-    EXPECT_EQ(KalReserveItems(file, 20), 0);
-    EXPECT_EQ(KalCloseIFile(file), 0);
-    EXPECT_EQ(readFile("f").back(), 0xFF);
-    EXPECT_EQ(readFile("f").size(), 4u + 160);
 }
 
 TEST_F(ItemFormat, AFullDiskLeavesTheOldItemsAndTheCloseSaysSo) {
@@ -258,30 +261,29 @@ TEST_F(ItemFormat, AFullDiskLeavesTheOldItemsAndTheCloseSaysSo) {
     KalFlushBuf(file->stream);
     KalSetBuf(file->stream, 0);
     for (uint16_t id = 0; id < 10; id++)
-        write(file, id, std::string(20, char('a' + id)));
-    EXPECT_EQ(KalFlushIFile(file), 0);
-    {
-        FileSizeLimit limit(4 + 80 + 200 + 8);
-        EXPECT_EQ(write(file, 1, std::string(30, 'B')), 8u);
-        EXPECT_EQ(val(file->stream->status), -254);
-        EXPECT_EQ(write(file, 11, "blocked"), 0u);
-        EXPECT_EQ(KalFlushIFile(file), 0) << "the index has its place";
+        write(file, id, std::string(id < 9 ? 20 : 60, char('a' + id)));
+    KalFindItem(file, 9)->narrow.id = kFree;
+    EXPECT_EQ(KalFlushIFile(file), KAL_OK);
+    EXPECT_EQ(offsetOf(file, 0), 84u) << "at the index's end it is in nobody's way";
+    FileSizeLimit small(84 + 180 + 28);
+    EXPECT_EQ(write(file, 1, std::string(30, 'B')), 28u) << "into the free extent";
+    EXPECT_EQ(KalFindItem(file, kFree)->narrow.size, 60) << "which is free again, and whole";
+    EXPECT_EQ(write(file, 1, std::string(61, 'B')) + write(file, 11, "blocked"), 0u);
+    EXPECT_EQ(KalFlushIFile(file), KAL_OK) << "the index has its place";
+    EXPECT_EQ(file->count, 10);
+    small.lift();
+    EXPECT_EQ(write(file, 10, std::string(61, 'k')), 61u);
+    FileSizeLimit larger(readFile("f").size() + 10);
+    for (uint16_t id = 0; id < 9; id++) {
+        EXPECT_EQ(item(file, id), std::string(20, char('a' + id)));
+        EXPECT_EQ(KalFlushIFile(file), KAL_ERR_DISK_FULL) << "and none where it grows to";
     }
-    EXPECT_EQ(write(file, 10, "k"), 1u);
-    {
-        FileSizeLimit limit(readFile("f").size() + 10);
-        EXPECT_EQ(KalFlushIFile(file), -254) << "and none where it grows to";
-        for (uint16_t id = 0; id < 10; id++)
-            EXPECT_EQ(item(file, id), std::string(20, char('a' + id)));
-        EXPECT_EQ(item(file, 11), "none");
-        EXPECT_EQ(KalFlushIFile(file), -254);
-    }
-    EXPECT_EQ(KalFlushIFile(file), 0) << "with room again the index goes in";
-    EXPECT_EQ(write(file, 1, std::string(30, 'B')), 30u);
+    larger.lift();
+    EXPECT_EQ(KalFlushIFile(file), KAL_OK) << "with room again the index goes in";
     KalSetBuf(file->stream, 512);
-    EXPECT_EQ(write(file, 12, "lost"), 4u);
+    EXPECT_EQ(write(file, 12, std::string(70, 'l')), 70u);
     FileSizeLimit limit(100);
-    EXPECT_EQ(KalCloseIFile(file), -254);
+    EXPECT_EQ(KalCloseIFile(file), KAL_ERR_DISK_FULL);
     limit.lift();
-    EXPECT_EQ(itemsIn(readFile("f")).items.size(), 11u);
+    EXPECT_EQ(itemsIn(readFile("f")).size(), 10u);
 }

@@ -7,23 +7,25 @@
 
 #include <kal/heap.h>
 #include <kal/item.h>
+#include <kal/status.h>
+#include <kal/verify.h>
 
+#include <algorithm>
+#include <cstring>
 #include <map>
 
 inline constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
 
 inline IFILE* openItems(uint16_t mode, uint16_t format) {
     IFILE* file = nullptr;
-    EXPECT_EQ(KalOpenIFile(&file, "f", mode, format), 0);
+    EXPECT_EQ(KalOpenIFile(&file, "f", mode, format), KAL_OK);
     return file;
 }
 
 inline std::string item(IFILE* file, uint16_t id) {
     int32_t size = 0;
     char* block = KalGetItem(file, id, &size);
-    if (block == nullptr)
-        return "none";
-    const std::string text(block, size_t(size));
+    const std::string text = block != nullptr ? std::string(block, size_t(size)) : "none";
     KalFreeSMem(block);
     return text;
 }
@@ -32,43 +34,43 @@ inline uint32_t write(IFILE* file, uint16_t id, const std::string& text) {
     return KalWriteIFile(file, text.data(), uint32_t(text.size()), id);
 }
 
-struct StoredItems {
-    std::map<uint16_t, Bytes> items;
-    size_t lowest = SIZE_MAX; // offset of an entry with bytes
-};
+// What a walk through a stored file tells, each as "offset/id last-word ", or the status that kept it from walking.
+inline std::string faultsIn(SFILE* stream, int32_t (*verify)(SFILE*, FaultSink&) = KalVerifyIFile) {
+    struct : FaultSink {
+        void Fault(uint64_t offset, uint32_t id, const char* text) override {
+            told += std::to_string(offset) + "/" + (id == KAL_FAULT_OF_FILE ? "file" : std::to_string(id));
+            told += std::strrchr(text, ' ') + std::string(" ");
+        }
+        std::string told;
+    } sink;
+    const int32_t count = verify(stream, sink);
+    EXPECT_TRUE(count < 0 || count == std::count(sink.told.begin(), sink.told.end(), '/')) << sink.told;
+    return count < 0 ? KalStatusName(int16_t(count)) : sink.told;
+}
 
 // Reads an item file; fails where one that the library wrote cannot be: an extent under the index, behind the end, or
-// over another.
-inline StoredItems itemsIn(const Bytes& file) {
-    const auto number = [&](size_t at, int bytes) {
-        uint32_t value = 0;
-        for (int i = bytes; i-- > 0;)
-            value = value << 8 | file.at(at + size_t(i));
-        return value;
-    };
-    const int sizeBytes = number(0, 2) & KAL_ITEMS_WIDE ? 4 : 2;
-    const uint32_t count = number(2, 2);
-    StoredItems stored;
-    std::map<size_t, size_t> extents = {{0, 4 + count * size_t(6 + sizeBytes)}};
-    for (size_t i = 0, at = 4; i < count; i++, at += size_t(6 + sizeBytes)) {
-        const uint32_t size = number(at + 2, sizeBytes);
-        const uint32_t offset = number(at + 2 + size_t(sizeBytes), 4);
-        EXPECT_LE(offset + size, file.size()) << "entry " << i;
-        if (::testing::Test::HasFailure())
-            break;
-        if (size > 0) {
-            EXPECT_TRUE(extents.emplace(offset, offset + size).second) << "entry " << i;
-            stored.lowest = std::min<size_t>(stored.lowest, offset);
-        }
-        if (number(at, 2) != KAL_ITEM_FREE)
-            stored.items.emplace(number(at, 2), Bytes(&file[0] + offset, &file[0] + offset + size));
+// over another. `lowest` gets where the first one starts.
+inline std::map<uint16_t, Bytes> itemsIn(const Bytes& file, size_t* lowest = nullptr) {
+    const size_t count = file.at(2) + 256u * file.at(3), entryBytes = file[1] & 0x80 ? 10 : 8;
+    std::map<uint16_t, Bytes> items;
+    std::map<size_t, size_t> extents = {{file.size(), file.size()}};
+    for (size_t at = 4; at < 4 + count * entryBytes; at += entryBytes) {
+        uint32_t id = 0, size = 0, offset = 0;
+        std::memcpy(&id, &file.at(at), 2);
+        std::memcpy(&size, &file.at(at + 2), entryBytes - 6);
+        std::memcpy(&offset, &file.at(at + entryBytes - 4), 4);
+        EXPECT_TRUE(size == 0 || extents.emplace(offset, offset + size).second) << "two at " << offset;
+        if (id != KAL_ITEM_FREE && offset + size_t(size) <= file.size())
+            items.emplace(id, Bytes(&file[0] + offset, &file[0] + offset + size));
     }
-    size_t end = 0;
+    size_t end = 4 + count * entryBytes;
     for (const auto& [from, to] : extents) {
         EXPECT_GE(from, end) << "extents overlap";
         end = to;
     }
-    return stored;
+    if (lowest != nullptr)
+        *lowest = extents.begin()->first;
+    return items;
 }
 
 #endif

@@ -5,152 +5,109 @@
 #include <kal/path.h>
 #include <kal/resource.h>
 
-#include <cstring>
+#include <cerrno>
 #include <filesystem>
 
 namespace {
 
-class Resources : public FolderTest {
-protected:
-    ~Resources() override { EXPECT_EQ(KalCloseRes(file_), 0); }
-    // Makes a file of these resources, ids from 1 on, and opens it.
-    IFILE* open(const std::vector<std::string>& contents, uint16_t format = 0) {
-        IFILE* made = openItems(kNew, format);
-        for (size_t i = 0; i < contents.size(); i++)
-            write(made, uint16_t(i + 1), contents[i]);
-        EXPECT_EQ(KalCloseIFile(made), 0);
-        return reopen();
-    }
-    IFILE* reopen() {
-        KalCloseRes(file_);
-        EXPECT_EQ(KalOpenRes(&file_, "f", 0), 0);
-        return file_;
-    }
-    // The first `count` strings of a text resource, a blank after each.
-    static std::string strings(IFILE* file, uint16_t id, size_t count) {
-        char** texts = nullptr;
-        if (const int16_t status = KalGetTextResData(file, id, &texts); status != 0)
-            return std::to_string(status);
-        EXPECT_EQ(KalSizeSMem(texts), count * sizeof(char*)) << "as many as there are strings";
-        std::string all;
-        for (size_t i = 0; i < count; i++)
-            all += texts[i] + std::string(" ");
-        EXPECT_EQ(KalDestroyTextRes(texts), 0);
-        return all;
-    }
+using namespace std::string_literals;
 
-    IFILE* file_ = nullptr;
-};
+// Opens a file of these resources, ids from 1 on, of which the last bytes are cut off.
+IFILE* resources(const std::vector<std::string>& contents, uint16_t format, size_t cut) {
+    IFILE* file = openItems(kNew, format);
+    for (size_t i = 0; i < contents.size(); i++)
+        write(file, uint16_t(i + 1), contents[i]);
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
+    std::filesystem::resize_file("f", std::filesystem::file_size("f") - cut);
+    EXPECT_EQ(KalOpenRes(&file, "f", 0), KAL_OK);
+    return file;
+}
 
-const struct {
-    int16_t (*read)(IFILE*, uint16_t, void**);
-    int16_t noMemory, empty;
-} rawCalls[] = {
-    {KalReadByteResData, -100, 0},
-    {KalReadWordResData, -100, -252},
-    {KalReadSByteResData, -105, 0},
-    {KalReadSWordResData, -105, -252},
-    {[](IFILE* f, uint16_t id, void** out) { return KalGetRes(f, id, 0, out); }, -100, 0},
-    {[](IFILE* f, uint16_t id, void** out) { return KalGetRes(f, id, 1, out); }, -100, -252},
-    {[](IFILE* f, uint16_t id, void** out) { return KalGetSRes(f, id, 0, out); }, -105, 0},
-    {[](IFILE* f, uint16_t id, void** out) { return KalGetSRes(f, id, 1, out); }, -105, -252},
-};
+// The strings of a text resource, a blank after each.
+std::string strings(IFILE* file, uint16_t id) {
+    char** texts = nullptr;
+    if (const int16_t status = KalGetTextResData(file, id, &texts); status != KAL_OK)
+        return KalStatusName(status);
+    std::string all;
+    for (size_t i = 0; i < KalSizeSMem(texts) / sizeof(char*); i++)
+        all += texts[i] + " "s;
+    EXPECT_EQ(KalDestroyTextRes(texts), KAL_OK);
+    return all;
+}
+
+class Resources : public FolderTest {};
 
 } // namespace
 
 TEST_F(Resources, DataOfEverySize) {
-    const std::vector<std::string> contents = {std::string(65535, 'x'), "\x7F", "", std::string(600, 'y')};
-    for (const uint16_t format : Words{0, 0x8000}) {
-        IFILE* file = open(contents, format);
-        for (const auto& call : rawCalls) {
-            HeapBalance balance;
-            void* data = nullptr;
-            for (uint16_t id = 1; id <= contents.size(); id++) {
-                const std::string& content = contents[id - 1u];
-                EXPECT_EQ(call.read(file, id, &data), content.empty() ? call.empty : 0);
-                EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)), content);
-                EXPECT_EQ(id % 2 != 0 ? KalDestroyRes(data) : KalDestroySRes(data), 0);
-            }
-            data = &balance;
-            EXPECT_EQ(call.read(file, 99, &data), -298);
-            EXPECT_EQ(call.read(file, KAL_ITEM_FREE, &data), -298);
-            EXPECT_EQ(data, &balance) << "untouched";
-            failHeapAllocation(1);
-            EXPECT_EQ(call.read(file, 1, &data), call.noMemory);
-            EXPECT_EQ(data, nullptr);
-            failHeapAllocation(0);
+    const std::vector<std::string> contents = {std::string(65535, 'x'), "\x7F", "", std::string(50, 'y')};
+    const auto calls = {KalReadByteResData, KalReadWordResData, KalReadSByteResData, KalReadSWordResData};
+    for (uint16_t way = 0; way < 16; way++) {
+        HeapBalance balance;
+        const uint16_t type = way % 2;
+        const bool small = way & 2;
+        const auto read = [&](IFILE* file, uint16_t id, void** data) {
+            return way & 4 ? (small ? KalGetSRes : KalGetRes)(file, id, type, data)
+                           : calls.begin()[way % 4](file, id, data);
+        };
+        IFILE* file = resources(contents, way & 8 ? KAL_ITEMS_WIDE : 0, 40);
+        void* data = &balance;
+        for (const uint16_t none : Words{99, KAL_ITEM_FREE})
+            EXPECT_EQ(read(file, none, &data), KAL_ERR_RESOURCE);
+        EXPECT_EQ(data, &balance) << "untouched";
+        const int statuses[] = {KAL_OK, KAL_OK, type == KAL_RES_WORDS ? KAL_ERR_READ : KAL_OK, KAL_ERR_END};
+        for (uint16_t id = 1; id <= 4; id++) {
+            EXPECT_EQ(read(file, id, &data), statuses[id - 1]) << id;
+            std::string content = contents[id - 1u];
+            content.replace(id == 4 ? 10 : content.size(), 40, id == 4 ? 40 : 0, '\0'); // whole all the same
+            EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)), content);
+            EXPECT_EQ(small ? KalDestroySRes(data) : KalDestroyRes(data), KAL_OK);
         }
-        EXPECT_EQ(KalGetRes(file, 99, 2, nullptr), -299);
-        EXPECT_EQ(KalGetSRes(file, 1, 2, nullptr), -299);
-        EXPECT_EQ(KalDestroyRes(nullptr), -100);
+        failHeapAllocation(1);
+        EXPECT_EQ(read(file, 1, &data), small ? KAL_ERR_BUFFER : KAL_ERR_MEMORY);
+        EXPECT_EQ(data, nullptr);
+        failHeapAllocation(0);
+        EXPECT_EQ((small ? KalGetSRes : KalGetRes)(file, 99, 2, nullptr), KAL_ERR_RESOURCE_TYPE);
+        EXPECT_EQ(KalDestroyRes(nullptr), KAL_ERR_MEMORY);
+        EXPECT_EQ(KalCloseRes(file), KAL_OK);
     }
 }
 
 TEST_F(Resources, TextsEndWhereTheirItemDoes) {
-    using namespace std::string_literals;
-    const struct {
-        std::string bytes;
-        size_t count;
-        std::string strings;
-    } cases[] = {
-        {"a\0bc\0\0"s, 2, "a bc "},
-        {"\0\0"s, 1, " "},
-        {""s, 1, " "},
-        {"abc"s, 1, "abc "},
-        {"a\0bc\0"s, 2, "a bc "},
-        {"a\0\0b\0\0"s, 1, "a "},
-        {"\0a\0\0"s, 2, " a "},
-        {std::string(65535, 'y'), 1, ""},
-    };
+    const std::string y(65535, 'y');
+    const std::pair<std::string, std::string> rows[] = {
+        {"a\0bc\0\0"s, "a bc "}, {"\0\0"s, " "},        {""s, " "},
+        {"abc"s, "abc "},        {"a\0bc\0"s, "a bc "}, {"a\0\0b\0\0"s, "a "},
+        {"\0a\0\0"s, " a "},     {y, y + " "},          {"cut\0off"s, "cut "}};
     std::vector<std::string> contents;
-    for (const auto& each : cases)
-        contents.push_back(each.bytes);
-    IFILE* file = open(contents);
-    HeapBalance balance;
-    for (uint16_t i = 0; i < std::size(cases); i++) {
-        const std::string& wanted = cases[i].strings.empty() ? cases[i].bytes + " " : cases[i].strings;
-        EXPECT_EQ(strings(file, uint16_t(i + 1), cases[i].count), wanted) << i;
-    }
-    EXPECT_EQ(strings(file, 99, 1), "-298");
-    withEachAllocationFailing([&](int) {
-        char** texts = nullptr;
-        const int16_t status = KalGetSTextResData(file, 1, &texts);
-        EXPECT_EQ(status, texts != nullptr ? 0 : -100);
-        EXPECT_EQ(KalDestroyTextSRes(texts), status);
-    });
+    for (const auto& row : rows)
+        contents.push_back(row.first);
+    const HeapBalance balance;
+    IFILE* file = resources(contents, 0, 3);
+    for (uint16_t id = 1; id <= contents.size(); id++)
+        EXPECT_EQ(strings(file, id), rows[id - 1].second);
+    EXPECT_EQ(strings(file, 99), "KAL_ERR_RESOURCE");
     char notOurs = 0;
     auto** array = static_cast<char**>(KalAllocSMem(sizeof(char*)));
     array[0] = &notOurs;
-    EXPECT_EQ(KalDestroyTextRes(array), -100) << "the strings first, and then no further";
-    EXPECT_EQ(KalFreeSMem(array), 0);
+    EXPECT_EQ(KalDestroyTextRes(array), KAL_ERR_MEMORY) << "the strings first, and then no further";
+    EXPECT_EQ(KalFreeSMem(array), KAL_OK);
+    EXPECT_EQ(KalDestroyTextRes(nullptr), KAL_ERR_MEMORY);
+    KalCloseRes(file);
 }
 
-TEST_F(Resources, AFileThatEndsEarlyAndTheDescribedOne) {
-    open({std::string(50, 'x'), std::string(50, 'x')});
-    std::filesystem::resize_file("f", 144); // ten bytes of the second item
-    IFILE* file = reopen();
-    void* data = nullptr;
-    EXPECT_EQ(KalReadByteResData(file, 2, &data), -256);
-    EXPECT_EQ(KalDestroyRes(data), 0) << "the block is there to be freed";
-    EXPECT_EQ(strings(file, 2, 1), std::string(10, 'x') + " ");
-    writeFile("f", hexExample("docs/formats/resource-file.md"));
-    file = reopen();
-    EXPECT_EQ(strings(file, 1, 2), "Open Close ");
-    EXPECT_EQ(item(file, 2), "\xCA\xFE");
-}
-
-TEST_F(Resources, TheyAreFoundAlongTheSearchText) {
+TEST_F(Resources, TheyAreFoundAlongTheSearchTextAndOnlyRead) {
     std::filesystem::create_directory("home");
-    open({"here"});
-    std::filesystem::copy("f", "home/APP.RES");
-    const Bytes before = readFile("home/APP.RES");
+    const Bytes described = hexExample("docs/formats/resource-file.md");
+    writeFile("home/APP.RES", described);
     IFILE* file = nullptr;
-    EXPECT_EQ(KalOpenRes(&file, "APP.RES", 0), -202);
+    EXPECT_EQ(KalOpenRes(&file, "APP.RES", 0), KAL_ERR_OPEN - ENOENT);
     KalSetHome("home\\PROG.EXE");
-    ASSERT_EQ(KalOpenRes(&file, "APP.RES", 0), 0);
-    EXPECT_EQ(strings(file, 1, 1), "here ");
-    EXPECT_EQ(KalCloseRes(file), 0);
-    EXPECT_EQ(readFile("home/APP.RES"), before) << "only read";
-    EXPECT_EQ(KalOpenRes(&file, "APP.RES", 5), -650);
+    ASSERT_EQ(KalOpenRes(&file, "APP.RES", 0), KAL_OK);
+    EXPECT_EQ(strings(file, 1), "Open Close ");
+    EXPECT_EQ(item(file, 2), "\xCA\xFE");
+    EXPECT_EQ(KalCloseRes(file), KAL_OK);
+    EXPECT_EQ(readFile("home/APP.RES"), described);
+    EXPECT_EQ(KalOpenRes(&file, "APP.RES", 5), KAL_ERR_FORMAT);
     KalSetHome(nullptr);
 }

@@ -1,15 +1,7 @@
 // Bitmap lists against a model: the rows, by line.
 #include "tests/oplist/lists.h"
 
-#include <algorithm>
-
 namespace {
-
-class DibList : public ListTest {};
-
-uint32_t lineBytesOf(uint32_t width, uint32_t depth) {
-    return depth == 24 ? 4 * width : (width * depth + 15) / 16 * 2;
-}
 
 // A row as it is stored, from a line of an op.
 Bytes rowOf(const uint8_t* line, uint32_t width, uint32_t depth, uint32_t rowBytes) {
@@ -18,127 +10,128 @@ Bytes rowOf(const uint8_t* line, uint32_t width, uint32_t depth, uint32_t rowByt
         for (size_t x = 0; x < width; x++)
             std::copy_n(line + 4 * x, 3, row.begin() + long(3 * x));
     else
-        std::copy_n(line, std::min(rowBytes, lineBytesOf(width, depth)), row.begin());
+        std::copy_n(line, std::min(rowBytes, KalDIBLineBytes(width, depth)), row.begin());
     return row;
 }
 
-Op bandOf(uint16_t line, uint16_t width, uint16_t lines, uint16_t depth, uint32_t seed) {
-    Op band = {KAL_OP_DIB, randomBytes(KAL_DIB_OP_HEADER + lines * lineBytesOf(width, depth), seed)};
-    const uint16_t words[] = {0, line, width, lines, depth};
+Op bandOf(uint32_t line, uint16_t width, uint16_t lines, uint16_t depth, uint32_t seed) {
+    Op band = {KAL_OP_DIB, randomBytes(KAL_DIB_OP_HEADER + lines * KalDIBLineBytes(width, depth), seed)};
+    const uint16_t words[] = {0, uint16_t(line), width, lines, depth};
     std::memcpy(band.payload.data(), words, sizeof words);
     return band;
 }
 
+class DibList : public ListTest {
+protected:
+    // Sets a list up in a way of the seed's.
+    void setUp(uint32_t seed) {
+        random_.seed(seed);
+        depth_ = (Words{1, 4, 8, 24}).begin()[seed % 4];
+        width_ = uint16_t(1 + below(seed % 3 == 0 ? 900 : 40));
+        height_ = uint16_t(1 + below(70));
+        top_ = uint16_t(seed % 2 == 0 ? 5 : 65536 - height_);
+        rowBytes_ = KalDIBRowBytes(width_, depth_);
+        const uint32_t whole = rowBytes_ * height_ + 36,
+                       part = rowBytes_ * (1 + below(20)) + below(rowBytes_);
+        const uint32_t blockSize = seed % 5 == 0 ? whole : part;
+        perBlock_ = blockSize < whole ? blockSize / rowBytes_ : height_ + 1u;
+        most_ = uint16_t(KalDIBLineBytes(width_, depth_) * 4 / 3 + 8 + below(3000));
+        list_ = openBitmap(width_, height_, depth_, blockSize, most_, top_);
+        rows_.assign(height_, Bytes());
+        last_ = 0;
+    }
+    uint32_t below(uint32_t n) { return uint32_t(random_() % n); }
+    void standAt(uint32_t line) {
+        ASSERT_EQ(KalSeekDIBScanLineOffset(list_, uint16_t(top_ + line), 0), KAL_OK);
+        ASSERT_EQ(val(list_->pos), line / perBlock_ * 0x100000 + line % perBlock_ * rowBytes_);
+        ASSERT_EQ(KalDIBPosToLineNumber(list_), line);
+        ASSERT_EQ(val(list_->dib->curLine), line);
+    }
+    void wasPut(uint32_t line, Bytes row) {
+        rows_[line] = std::move(row);
+        last_ = std::max(last_, line + 1);
+    }
+    // Of a row never put nothing is said.
+    void check(uint32_t line, const Bytes& row, size_t count) {
+        EXPECT_TRUE(rows_[line].empty() || std::equal(&row[0], &row[0] + count, &rows_[line][0])) << line;
+    }
+    void checkBands(OpList* list, uint32_t line) {
+        const uint32_t lineBytes = KalDIBLineBytes(width_, depth_);
+        const uint32_t counted = depth_ == 24 ? rowBytes_ * 4 / 3 : lineBytes;
+        for (const Op& op : restOf(list)) {
+            const uint32_t lines = std::min<uint32_t>(most_ / counted, height_ - line);
+            ASSERT_EQ(op.payload.size(), lines * counted + KAL_DIB_OP_HEADER);
+            uint16_t words[5];
+            std::memcpy(words, op.payload.data(), sizeof words);
+            EXPECT_EQ(std::vector<uint32_t>(words, words + 5),
+                      (std::vector<uint32_t>{7, uint16_t(top_ + line), width_, lines, depth_}));
+            for (uint32_t i = 0; i < lines; i++, line++)
+                check(line, rowOf(&op.payload[KAL_DIB_OP_HEADER + i * lineBytes], width_, depth_, rowBytes_),
+                      size_t(width_) * depth_ / 8);
+        }
+        EXPECT_EQ(line, height_);
+        EXPECT_EQ(val(list->dib->curLine), 0);
+    }
+    void step() {
+        const uint32_t line = below(height_), what = below(10);
+        Bytes row = randomBytes(rowBytes_, uint32_t(random_()));
+        if (what < 7)
+            standAt(line);
+        if (what < 3) {
+            ASSERT_NE(KalPutDIBOpData(list_, row.data(), rowBytes_), KAL_OP_FAILED);
+            wasPut(line, row);
+        } else if (what < 5) {
+            const auto lines = uint16_t(1 + below(std::min<uint32_t>(9, height_ - line)));
+            const Op band = bandOf(line, width_, lines, depth_, uint32_t(random_()));
+            ASSERT_NE(putOp(list_, band), KAL_OP_FAILED);
+            for (uint32_t i = 0; i < lines; i++)
+                wasPut(line + i, rowOf(&band.payload[KAL_DIB_OP_HEADER + i * KalDIBLineBytes(width_, depth_)],
+                                       width_, depth_, rowBytes_));
+        } else if (what == 5) {
+            ASSERT_EQ(KalGetDIBOpData(list_, row.data(), uint16_t(rowBytes_)), KAL_OK);
+            check(line, row, rowBytes_);
+        } else if (what == 6) {
+            checkBands(list_, line);
+        } else if (what == 7) { // the end op goes behind the last line, whatever was done since
+            const bool owed = list_->putPending != 0;
+            ASSERT_EQ(KalSeekEndOp(list_), KAL_OK);
+            // An end op takes 8 bytes of a block.
+            EXPECT_TRUE(!owed || last_ == height_ || rowBytes_ < 8 || KalDIBPosToLineNumber(list_) == last_);
+        } else if (what == 8) {
+            KalShrinkOpList(list_);
+        } else if (below(5) == 0) {
+            OpList* clone = nullptr;
+            ASSERT_EQ(KalCloneOpList(list_, &clone), KAL_OK);
+            ASSERT_EQ(KalSeekDIBOp(clone, 0), KAL_OK);
+            checkBands(clone, 0);
+            close(clone);
+        }
+        ASSERT_EQ(KalGetOpError(list_), KAL_OK);
+    }
+
+    std::mt19937 random_;
+    OpList* list_ = nullptr;
+    uint16_t depth_, width_, height_, top_, most_;
+    uint32_t rowBytes_, perBlock_;
+    std::vector<Bytes> rows_;
+    uint32_t last_; // one past the last line put
+};
+
 } // namespace
 
 TEST_F(DibList, RandomRowsAndBandsMatch) {
-    for (uint32_t seed = 1; seed <= 60; seed++) {
-        std::mt19937 random(seed);
-        const auto below = [&](uint32_t n) { return uint32_t(random() % n); };
-        const uint16_t depth = (Words{1, 4, 8, 24}).begin()[seed % 4];
-        const auto width = uint16_t(1 + below(seed % 3 == 0 ? 900 : 40)), height = uint16_t(1 + below(70));
-        const auto left = uint16_t(random()), top = uint16_t(seed % 2 == 0 ? 5 : 65536 - height);
-        const uint32_t rowBytes = (width * depth + 31u) / 32 * 4, lineBytes = lineBytesOf(width, depth);
-        SCOPED_TRACE(::testing::Message()
-                     << "seed " << seed << ": " << width << "x" << height << "x" << depth);
-        OpList* list = openBitmap(seed % 5 == 0 ? 0 : rowBytes * (1 + below(20)) + below(rowBytes));
-        const auto most = uint16_t(lineBytes * 4 / 3 + 8 + below(3000));
-        ASSERT_EQ(KalSetupOpList(list, left, top, width, height, depth, 0, most), 0);
-        std::vector<Bytes> rows(height, Bytes(rowBytes));
-        std::vector<bool> put(height);
-        uint32_t last = 0; // one past the last line put
-        bool owed = false; // an end op
-        const auto standAt = [&](uint32_t line) {
-            ASSERT_EQ(KalSeekDIBScanLineOffset(list, uint16_t(top + line), 0), 0);
-            ASSERT_EQ(KalDIBPosToLineNumber(list), line);
-            ASSERT_EQ(val(list->dib->curLine), line);
-        };
-        const auto check = [&](uint32_t line, const uint8_t* row, size_t count) {
-            EXPECT_TRUE(!put[line] || std::equal(row, row + count, rows[line].begin())) << "line " << line;
-        };
-        const auto readBands = [&](OpList* tested, uint32_t line) {
-            while (void* op = KalGetOp(tested)) {
-                const auto* bytes = static_cast<const uint8_t*>(op);
-                uint16_t words[4];
-                std::memcpy(words, bytes, sizeof words);
-                const uint32_t counted = depth == 24 ? rowBytes * 4 / 3 : lineBytes;
-                const uint32_t lines = std::min<uint32_t>(most / counted, height - line);
-                EXPECT_EQ(KalOpSize(op), lines * counted + KAL_DIB_OP_HEADER);
-                EXPECT_EQ(std::vector<uint16_t>(words, words + 4),
-                          (std::vector<uint16_t>{left, uint16_t(top + line), width, uint16_t(lines)}));
-                EXPECT_EQ(bytes[8], depth);
-                for (uint32_t i = 0; i < lines; i++, line++) {
-                    const Bytes row =
-                        rowOf(bytes + KAL_DIB_OP_HEADER + i * lineBytes, width, depth, rowBytes);
-                    check(line, row.data(), std::min(size_t(rowBytes), size_t(width) * depth / 8));
-                }
-                KalFreeSMem(KalOpBlock(op));
-            }
-            EXPECT_EQ(line, height);
-            EXPECT_EQ(val(tested->dib->curLine), 0);
-        };
-        for (int step = 0; step < 60; step++) {
-            SCOPED_TRACE(::testing::Message() << "step " << step);
-            const uint32_t line = below(height);
-            const uint32_t what = below(10);
-            Bytes row = randomBytes(rowBytes, uint32_t(random()));
-            if (what < 3) {
-                standAt(line);
-                ASSERT_NE(KalPutDIBOpData(list, row.data(), rowBytes), KAL_OP_FAILED);
-                rows[line] = row;
-                put[line] = true;
-                last = std::max(last, line + 1);
-                owed = true;
-            } else if (what < 5) {
-                const auto lines = uint16_t(1 + below(std::min<uint32_t>(9, height - line)));
-                const Op band = bandOf(uint16_t(line), width, lines, depth, uint32_t(random()));
-                standAt(line);
-                void* op = KalCreateOp(KAL_OP_DIB, uint32_t(band.payload.size()));
-                std::memcpy(op, band.payload.data(), band.payload.size());
-                ASSERT_NE(what == 3 ? KalPutDIBOp(list, op) : KalPutOp(list, op), KAL_OP_FAILED);
-                KalFreeSMem(KalOpBlock(op));
-                for (uint32_t i = 0; i < lines; i++) {
-                    rows[line + i] =
-                        rowOf(&band.payload[KAL_DIB_OP_HEADER + i * lineBytes], width, depth, rowBytes);
-                    put[line + i] = true;
-                }
-                last = std::max(last, line + lines);
-                owed = true;
-            } else if (what == 5) {
-                standAt(line);
-                ASSERT_EQ(KalGetDIBOpData(list, row.data(), uint16_t(rowBytes)), 0);
-                check(line, row.data(), rowBytes);
-            } else if (what == 6) {
-                standAt(line);
-                readBands(list, line);
-                owed = false;
-            } else if (what == 7) { // the end op goes behind the last line, whatever was done since
-                ASSERT_EQ(KalSeekEndOp(list), 0);
-                if (owed && last < height) {
-                    ASSERT_EQ(KalDIBPosToLineNumber(list), last);
-                }
-                owed = false;
-            } else if (what == 8) {
-                KalShrinkOpList(list);
-            } else if (below(5) == 0) {
-                OpList* clone = nullptr;
-                ASSERT_EQ(KalCloneOpList(list, &clone), 0);
-                ASSERT_EQ(KalSeekDIBOp(clone, 0), 0);
-                readBands(clone, 0);
-                KalCloseOpList(clone);
-            }
-            ASSERT_EQ(KalGetOpError(list), 0);
-            if (HasFailure())
-                return KalCloseOpList(list);
-        }
-        Bytes row(rowBytes);
-        const auto blocks = list->blockCount;
-        KalSeekDIBScanLineOffset(list, uint16_t(top + height - 1), 0);
-        ASSERT_NE(KalPutDIBOpData(list, row.data(), rowBytes), KAL_OP_FAILED);
-        EXPECT_EQ(KalPutDIBOpData(list, row.data(), rowBytes), KAL_OP_FAILED) << "past the last line";
-        EXPECT_EQ(KalGetOpError(list), -300);
-        EXPECT_EQ(val(list->blockCount), blocks);
-        KalCloseOpList(list);
+    for (uint32_t seed = firstSeed(), end = seed + 60; seed != end && !HasFailure(); seed++) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        setUp(seed);
+        const auto blocks = list_->blockCount;
+        for (int i = 0; i < 60 && !HasFailure(); i++)
+            step();
+        standAt(height_ - 1u);
+        const Bytes row(rowBytes_);
+        EXPECT_NE(KalPutDIBOpData(list_, row.data(), rowBytes_), KAL_OP_FAILED);
+        EXPECT_EQ(KalPutDIBOpData(list_, row.data(), rowBytes_), KAL_OP_FAILED) << "past the last line";
+        EXPECT_EQ(val(list_->blockCount), blocks);
+        close(list_, KAL_ERR_POSITION);
     }
 }
 
@@ -147,145 +140,93 @@ TEST_F(DibList, LayoutsAndAddresses) {
         uint16_t width, depth, depthSet, rowBytes;
     } cases[] = {{10, 1, 1, 4},  {10, 24, 24, 32}, {3, 4, 4, 4},  {3, 3, 4, 4},  {3, 6, 8, 4},
                  {1, 16, 24, 4}, {2, 0, 24, 8},    {33, 1, 1, 8}, {5, 9, 24, 16}};
-    OpList* list = openBitmap(16384);
-    for (const auto& each : cases) {
-        ASSERT_EQ(KalSetupOpList(list, 0, 0, each.width, 7, each.depth, 0, 100), 0);
-        EXPECT_EQ(val(list->dib->bitsPerPixel), each.depthSet);
-        EXPECT_EQ(val(list->dib->rowBytes), each.rowBytes) << each.width << "x" << each.depth;
-        EXPECT_EQ(val(list->curBlock->capacity), 7u * each.rowBytes + 36);
+    for (const auto& [width, depth, depthSet, rowBytes] : cases) {
+        OpList* list = openBitmap(width, 7, depth);
+        EXPECT_EQ(val(list->dib->bitsPerPixel), depthSet);
+        EXPECT_EQ(val(list->dib->rowBytes), rowBytes) << width << "x" << depth;
+        EXPECT_EQ(val(list->curBlock->capacity), 7u * rowBytes + 36);
+        KalSeekDIBScanLineOffset(list, 3, 2);
+        EXPECT_EQ(val(list->pos), 3u * rowBytes + 2);
+        close(list);
     }
-    ASSERT_EQ(KalSetupOpList(list, 3, 1000, 400, 100, 8, 9, 1000), 0);
-    EXPECT_EQ(val(list->dib->userWord), 9);
-    auto* block = reinterpret_cast<opblock*>(list->blocks->first + 1);
-    for (uint32_t capacity : {16000u, 16000u, 8036u}) {
-        EXPECT_EQ(val(block->capacity), capacity);
-        EXPECT_EQ(val(block->vmem), nullptr) << "no memory before the first row";
-        block = static_cast<opblock*>(KalNextNode(block));
-    }
-    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 1045, 2), 0);
-    EXPECT_EQ(val(list->pos), 0x00100000u + 5 * 400 + 2);
+    OpList* list = openBitmap(400, 100, 8, 16384, 1000, 1000); // blocks of 40, 40 and 20 lines
     Bytes row(400, 1);
-    EXPECT_EQ(KalGetDIBOpData(list, row.data(), 398), 0);
+    EXPECT_EQ(val(list->dib->userWord), 9);
+    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 1045, 2), KAL_OK);
+    EXPECT_EQ(val(list->pos), 0x00100000u + 5 * 400 + 2);
+    EXPECT_EQ(KalGetDIBOpData(list, row.data(), 398), KAL_OK);
     EXPECT_EQ(row[397] | row[398] << 1, 2) << "never written: zeros";
-    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 999, 5), -300) << "below the top: stands at the first line";
-    EXPECT_EQ(val(list->pos), 5u);
-    EXPECT_EQ(KalGetOpError(list), 0);
-    EXPECT_EQ(KalVMemUsed(), 0);
-    KalPutDIBOpData(list, row.data(), 400);
+    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 999, 5), KAL_ERR_POSITION) << "below the top: the first line";
+    EXPECT_EQ(val(list->pos) + val(list->curBlock->index) + uint32_t(KalVMemUsed()), 5u);
+    EXPECT_NE(KalPutDIBOpData(list, row.data(), 400), KAL_OP_FAILED);
     KalShrinkOpList(list);
     EXPECT_EQ(val(list->curBlock->capacity), 16000u) << "only the last block is cut";
-    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 1099, 0), 0);
+    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 1099, 0), KAL_OK);
     EXPECT_EQ(KalPutDIBOpData(list, row.data(), 400), 0x00200000u + 19 * 400);
+    KalShrinkDIBOpList(list);
+    EXPECT_EQ(val(list->curBlock->capacity), 8008u) << "with room for the end op and one more header";
     KalSeekOp(list, 0);
     EXPECT_EQ(val(list->endPos), 0x00200000u + 8000) << "in the spare bytes";
     KalShrinkOpList(list);
-    block = reinterpret_cast<opblock*>(list->blocks->last + 1);
-    EXPECT_EQ(val(block->capacity), 8004u);
-    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 1100, 0), 0)
-        << "the line past the last stands in the last block";
-    EXPECT_EQ(KalGetDIBOpData(list, row.data(), 400), -300);
-    EXPECT_EQ(KalGetOpError(list), -300);
-    KalCloseOpList(list);
+    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 1100, 0), KAL_OK) << "the line past the last";
+    EXPECT_EQ(val(list->curBlock->capacity), 8004u);
+    EXPECT_EQ(KalGetDIBOpData(list, row.data(), 400), KAL_ERR_POSITION);
+    close(list, KAL_ERR_POSITION);
 }
 
 TEST_F(DibList, OpsOfOtherSizesAreBoundedAndThoseThatFitNoneAreTold) {
     for (uint16_t depth : Words{1, 4, 8, 24}) {
-        OpList* list = openBitmap();
-        ASSERT_EQ(KalSetupOpList(list, 0, 0, 10, 4, depth, 0, 60000), 0);
+        OpList* list = openBitmap(10, 4, depth);
         Op wide = bandOf(0, 50, 2, depth, depth);
         wide.payload[6] = wide.payload[7] = 255; // tells of more lines than it holds
-        if (depth == 1)
-            wide.type = KAL_OP_DIB1;
-        ASSERT_NE(putOp(list, wide), KAL_OP_FAILED) << "clipped";
+        wide.type = depth == 1 ? KAL_OP_DIB1 : KAL_OP_DIB;
+        EXPECT_NE(putOp(list, wide), KAL_OP_FAILED) << "clipped";
         EXPECT_EQ(KalDIBPosToLineNumber(list), 2u);
         Bytes row(val(list->dib->rowBytes));
         KalSeekDIBScanLineOffset(list, 1, 0);
-        EXPECT_EQ(KalGetDIBOpData(list, row.data(), uint16_t(row.size())), 0);
-        const Bytes line = rowOf(&wide.payload[KAL_DIB_OP_HEADER + lineBytesOf(50, depth)],
-                                 depth == 24 ? 10 : 50, depth, uint32_t(row.size()));
-        EXPECT_EQ(row, line);
-        list->dib->maxOpBytes = uint16_t(lineBytesOf(10, depth) - 1);
+        EXPECT_EQ(KalGetDIBOpData(list, row.data(), uint16_t(row.size())), KAL_OK);
+        EXPECT_EQ(row, rowOf(&wide.payload[KAL_DIB_OP_HEADER + KalDIBLineBytes(50, depth)],
+                             depth == 24 ? 10 : 50, depth, uint32_t(row.size())));
+        list->dib->maxOpBytes = uint16_t(KalDIBLineBytes(10, depth) - 1);
         KalSeekOp(list, 0);
-        EXPECT_EQ(KalGetOp(list), nullptr) << "not one line is wanted";
-        EXPECT_EQ(KalGetOpError(list), 0);
-        EXPECT_EQ(putOp(list, {KAL_OP_DIB, Bytes(11)}), KAL_OP_FAILED) << "not even a header";
-        KalCloseOpList(list);
+        EXPECT_TRUE(restOf(list).empty()) << "not one line is wanted";
+        close(list);
     }
-    const struct {
-        uint16_t width, depth;
-        int16_t status;
-    } lines[] = {{65518, 8, 0}, {65520, 8, -105}, {16378, 24, 0}, {16380, 24, -105}};
-    for (const auto& each : lines) {
-        OpList* list = openBitmap();
-        ASSERT_EQ(KalSetupOpList(list, 0, 0, each.width, 2, each.depth, 0, 65535), 0);
-        KalSeekOp(list, 0);
-        EXPECT_EQ(restOf(list).size(), each.status == 0 ? 2u : 0u) << each.width;
-        EXPECT_EQ(KalGetOpError(list), each.status);
-        KalCloseOpList(list);
+    const std::pair<uint16_t, uint16_t> fit[] = {{65518, 8}, {16378, 24}, {65520, 8}, {16380, 24}};
+    for (const auto& [width, depth] : fit) {
+        const bool fits = width % 4 != 0;
+        OpList* list = openBitmap(width, 2, depth, 1 << 20, 65535);
+        EXPECT_EQ(restOf(list).size(), fits ? 2u : 0u) << width;
+        close(list, fits ? int{KAL_OK} : int{KAL_ERR_BUFFER});
     }
 }
 
 TEST_F(DibList, ListsThatAreNotSetUpAndLayoutsThatCannotBeAreRefused) {
-    OpList* list = openBitmap(64);
-    EXPECT_EQ(KalSeekOp(list, 0), 0);
-    EXPECT_EQ(KalSeekDIBScanLineOffset(list, 5, 0), 0);
-    EXPECT_EQ(KalSetupOpList(list, 0, 0, 65535, 2, 24, 0, 1000), -105) << "a row past 16 bits";
-    EXPECT_EQ(KalSetupOpList(list, 0, 0, 100, 2, 8, 0, 1000), -101) << "a row longer than a block";
-    EXPECT_EQ(val(list->blockCount), 0);
-    EXPECT_EQ(KalSetupOpList(list, 0, 0, 10, 2, 8, 0, 1000), 0) << "and can be set up after all";
-    auto* attached = static_cast<char*>(KalAllocSMem(6));
-    std::memcpy(attached, "notes", 6);
-    list->dib->attachment = attached;
-    OpList* clone = nullptr;
-    ASSERT_EQ(KalCloneDIBOpList(list, &clone), 0);
+    OpList *list = openBitmap(0, 0, 0, 64), *clone = nullptr;
+    EXPECT_EQ(KalSeekOp(list, 0) | KalSeekDIBScanLineOffset(list, 5, 0), KAL_OK);
+    EXPECT_EQ(KalGetOp(list), nullptr);
+    EXPECT_EQ(KalSetupOpList(list, 0, 0, 65535, 2, 24, 0, 1000), KAL_ERR_BUFFER) << "a row past 16 bits";
+    EXPECT_EQ(KalSetupOpList(list, 0, 0, 100, 2, 8, 0, 1000), KAL_ERR_VMEM) << "a row longer than a block";
+    EXPECT_EQ(KalSetupOpList(list, 0, 0, 10, 2, 8, 0, 1000), KAL_OK) << "and can be set up after all";
+    list->dib->attachment = KalAllocSMem(6);
+    std::strcpy(static_cast<char*>(val(list->dib->attachment)), "notes");
+    ASSERT_EQ(KalCloneDIBOpList(list, &clone), KAL_OK);
     EXPECT_STREQ(static_cast<char*>(val(clone->dib->attachment)), "notes");
     for (OpList* each : {list, clone}) {
         KalFreeSMem(each->dib->attachment); // its owner's
-        KalCloseOpList(each);
+        close(each);
     }
-    for (int call = 0; call < 4; call++) {
-        list = openBitmap();
+    for (int call = 0; call < 5; call++) {
+        list = openBitmap(call == 0 ? 10 : 0, 4, 8);
         Bytes row(8);
+        EXPECT_TRUE(call == 0   ? putOp(list, {KAL_OP_DIB, Bytes(11)}) == KAL_OP_FAILED // not even a header
+                    : call == 1 ? putOp(list, {KAL_OP_DIB, Bytes(40)}) == KAL_OP_FAILED
+                    : call == 2 ? KalGetDIBOp(list) == nullptr
+                    : call == 3 ? KalGet24DIBOp(list) == nullptr
+                                : KalGetDIBOpData(list, row.data(), 8) == KAL_ERR_POSITION);
+        EXPECT_EQ(KalSeekOp(list, 0), KAL_OK);
         EXPECT_EQ(KalDIBPosToLineNumber(list), 0u);
-        EXPECT_TRUE(call == 0   ? putOp(list, {KAL_OP_DIB, Bytes(40)}) == KAL_OP_FAILED
-                    : call == 1 ? KalGetDIBOp(list) == nullptr
-                    : call == 2 ? KalGet24DIBOp(list) == nullptr
-                                : KalGetDIBOpData(list, row.data(), 8) == -300)
-            << call;
-        EXPECT_EQ(KalGetOpError(list), -300);
-        EXPECT_EQ(KalCloneDIBOpList(list, &clone), -300);
-        EXPECT_EQ(clone, nullptr);
-        KalCloseOpList(list);
+        EXPECT_TRUE(call == 0 || KalCloneDIBOpList(list, &clone) == KAL_ERR_POSITION);
+        close(list, KAL_ERR_POSITION);
     }
-}
-
-TEST_F(DibList, EachAllocationFailingGivesItsStatus) {
-    const Op band = bandOf(0, 50, 40, 24, 1);
-    KalCloseVMem();
-    withEachAllocationFailing([&](int n) {
-        if (KalOpenVMem(0) != 0)
-            return;
-        OpList* list = nullptr;
-        OpList* clone = nullptr;
-        int16_t status = KalTempOpList(&list, KAL_OPL_VMEM | KAL_OPL_DIB);
-        if (status == 0) {
-            list->blockSize = 1000;
-            status = KalSetupOpList(list, 0, 0, 50, 40, 24, 0, 2000);
-        }
-        if (status == 0) {
-            const bool put = putOp(list, band) != KAL_OP_FAILED;
-            KalSeekOp(list, 0);
-            const size_t bands = restOf(list).size();
-            status = KalGetOpError(list);
-            EXPECT_TRUE(bands == 5 || status != 0 || !put) << bands << " bands at " << n;
-            if (status == 0)
-                status = KalCloneOpList(list, &clone);
-        }
-        EXPECT_TRUE(status == 0 || status == -100 || status == -101 || status == -105)
-            << status << " at " << n;
-        KalCloseOpList(clone);
-        KalCloseOpList(list);
-        KalCloseVMem();
-    });
-    EXPECT_EQ(KalOpenVMem(0), 0);
 }

@@ -2,36 +2,69 @@
 #ifndef KAL_TESTS_OPLIST_LISTS_H
 #define KAL_TESTS_OPLIST_LISTS_H
 
+#include "tests/items/items.h"
 #include "tests/support/faults.h"
 #include "tests/support/ops.h"
 
 #include <kal/vmem.h>
 
-inline constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
-
 class ListTest : public FolderTest {
 protected:
-    ListTest() {
+    ListTest() : FolderTest(kInMemory) {
         KalSetMaxVMem(2 << 20);
-        EXPECT_EQ(KalOpenVMem(0), 0);
+        EXPECT_EQ(KalOpenVMem(0), KAL_OK);
     }
     ~ListTest() override {
         EXPECT_EQ(KalVMemUsed(), 0) << "blocks were left";
-        EXPECT_EQ(KalCloseVMem(), 0);
+        EXPECT_EQ(KalCloseVMem(), KAL_OK);
     }
     static OpList* open(uint16_t mode, uint32_t blockSize = 0) {
         OpList* list = nullptr;
-        EXPECT_EQ(KalOpenOpList(&list, "f", mode), 0);
-        if (blockSize != 0)
-            list->blockSize = blockSize;
+        EXPECT_EQ(KalOpenOpList(&list, "f", mode), KAL_OK);
+        list->blockSize = blockSize != 0 ? blockSize : list->blockSize;
         return list;
     }
-    static OpList* openBitmap(uint32_t blockSize = 0) {
+    // A bitmap list with its first line at `top`; it is not set up where `width` is 0.
+    static OpList* openBitmap(uint16_t width, uint16_t height, uint16_t depth, uint32_t blockSize = 1 << 20,
+                              uint16_t most = 1000, uint16_t top = 0) {
         OpList* list = nullptr;
-        EXPECT_EQ(KalTempOpList(&list, KAL_OPL_VMEM | KAL_OPL_DIB), 0);
-        if (blockSize != 0)
-            list->blockSize = blockSize;
+        EXPECT_EQ(KalTempOpList(&list, KAL_OPL_VMEM_DIB), KAL_OK);
+        list->blockSize = blockSize;
+        EXPECT_EQ(width == 0 ? 0 : KalSetupOpList(list, 7, top, width, height, depth, 9, most), KAL_OK);
         return list;
+    }
+    // Closes a list of that status, no block of which may have stayed locked.
+    static void close(OpList* list, int status = KAL_OK) {
+        EXPECT_EQ(KalGetOpError(list), status);
+        for (KalNodeHeader* node = list->blocks != nullptr ? list->blocks->first : nullptr; node;
+             node = node->next)
+            EXPECT_EQ(KalReAllocVMem(reinterpret_cast<opblock*>(node + 1)->vmem, 0),
+                      val(reinterpret_cast<opblock*>(node + 1)->vmem));
+        KalCloseOpList(list);
+    }
+    static IOPFILE* openFile(const char* name, uint16_t mode, uint16_t format) {
+        IOPFILE* file = nullptr;
+        EXPECT_EQ(KalOpenIOpFile(&file, name, mode, format), KAL_OK);
+        return file;
+    }
+    static int store(IOPFILE* file, uint16_t id, const std::vector<Op>& ops) {
+        OpList* list = nullptr;
+        if (const int status = KalOpenPutIOpList(file, id, &list); status != KAL_OK)
+            return status;
+        bool put = true;
+        for (const auto& op : ops)
+            put = putOpData(list, op) != KAL_OP_FAILED && put;
+        const int status = put ? int16_t{KAL_OK} : KalGetOpError(list);
+        const int closed = KalClosePutIOpList(file);
+        return status != KAL_OK ? status : closed;
+    }
+    static std::vector<Op> load(IOPFILE* file, uint16_t id) {
+        OpList* list = nullptr;
+        EXPECT_EQ(KalOpenGetIOpList(file, id, &list), KAL_OK);
+        std::vector<Op> ops = list != nullptr ? restOf(list) : std::vector<Op>();
+        EXPECT_EQ(KalGetOpError(list), KAL_OK);
+        EXPECT_EQ(KalCloseGetIOpList(file), KAL_OK);
+        return ops;
     }
 
     HeapBalance balance_; // from before the manager to behind it

@@ -1,84 +1,160 @@
+// Directories, the home and the environment of a task, and the time of day.
 #include "tests/support/faults.h"
+#include "tests/support/room.h"
 #include "tests/support/trouble.h"
 
+#include <kal/heap.h>
 #include <kal/path.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <thread>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class Directories : public FolderTest {
+// A call's result: its status where it is not 0, and the text.
+template <class Call>
+std::string told(uint32_t size, Call call) {
+    Room room(size);
+    const int16_t status = call(room.data(), size);
+    return status != KAL_OK ? nameOf(status) : room.text();
+}
+
+// No home before and after, and the environment as it was.
+class Tasks : public FolderTest {
 protected:
-    // The status where it is not 0, and the directory.
-    static std::string here(uint32_t size = 512) {
-        char current[512] = "untouched";
-        const int16_t status = KalGetCurWorkDir(current, size);
-        return (status != 0 ? std::to_string(status) + " " : "") + current;
+    ~Tasks() override {
+        KalSetHome(nullptr);
+        for (const auto& [name, value] : before_)
+            set(name.c_str(), value.empty() ? nullptr : value.c_str());
     }
+    void set(const char* name, const char* value) {
+        const char* old = std::getenv(name);
+        before_.emplace(name, old != nullptr ? old : "");
+        value != nullptr ? setenv(name, value, 1) : unsetenv(name);
+    }
+    static std::string here(uint32_t size = 512) { return told(size, KalGetCurWorkDir); }
+
+private:
+    const HeapBalance balance_;
+    std::map<std::string, std::string> before_;
 };
 
 } // namespace
 
-TEST_F(Directories, DirectoriesWithAndWithoutTheirSeparator) {
+TEST_F(Tasks, DirectoriesWithAndWithoutTheirSeparator) {
     const std::string top = here();
     EXPECT_EQ(top.substr(0, 3), "C:\\");
-    const struct {
-        int16_t (*call)(const char* path);
-        std::string path;
-        int status;
-        std::string place;
-    } steps[] = {{KalMakeDir, "one\\", 0, ""},
-                 {KalMakeDir, top + "\\two", 0, ""},
-                 {KalMakeDir, "two", -1, ""},
-                 {KalMakeDir, "missing\\two", -1, ""},
-                 {KalMakeDir, "", KAL_ERR_EMPTY_PATH, ""},
-                 {KalChangeDir, "ONE\\", 0, "\\one"},
-                 {KalChangeDir, "..\\two", 0, "\\two"},
-                 {KalChangeDir, "missing", -1, "\\two"},
-                 {KalChangeDir, "", KAL_ERR_EMPTY_PATH, "\\two"},
-                 {KalChangeDir, top, 0, ""}}; // what was told leads back
-    for (const auto& [call, path, status, place] : steps) {
-        EXPECT_EQ(call(path.c_str()), status) << path;
-        EXPECT_EQ(here(), top + place);
+    fs::create_directories("drive/below");
+    set("KAL_DRIVE_Q", path("drive").c_str());
+    // Made or changed to, the path, the status, and where that leads; what was told leads back.
+    for (const std::string row :
+         {"make|one\\|KAL_OK|", "make|TOP\\two|KAL_OK|", "make|two|-1|", "make|missing\\two|-1|",
+          "make||KAL_ERR_EMPTY_PATH|", "make|q:\\below\\three\\|KAL_OK|", "to|ONE\\|KAL_OK|\\one",
+          "to|..\\two|KAL_OK|\\two", "to|missing|-1|\\two", "to||KAL_ERR_EMPTY_PATH|\\two",
+          "to|Q:|KAL_OK|\\drive", "to|TOP|KAL_OK|"}) {
+        auto piece = pieces(row);
+        if (piece[1].starts_with("TOP"))
+            piece[1].replace(0, 3, top);
+        const int status = (piece[0] == "make" ? KalMakeDir : KalChangeDir)(piece[1].c_str());
+        EXPECT_EQ(nameOf(status), piece[2]) << row;
+        EXPECT_EQ(here(), top + piece[3]);
     }
+    EXPECT_TRUE(fs::exists("drive/below/three") && fs::exists("one") && fs::exists("two"));
     EXPECT_EQ(KalMakeDir(nullptr), KAL_ERR_EMPTY_PATH);
-    EXPECT_EQ(filesIn("."), (std::vector<std::string>{"one", "two"}));
     walkTrouble({.run = [] { return KalMakeDir("three"); }, .statuses = {KAL_ERR_MEMORY, -1}});
     EXPECT_EQ(KalGetCurWorkDir(nullptr, 10), KAL_ERR_DESTINATION);
-    EXPECT_EQ(here(0), "-701 untouched");
-    const auto length = uint32_t(top.size());
-    EXPECT_EQ(here(length), "-700 untouched");
-    EXPECT_EQ(here(length + 1), top);
+    EXPECT_EQ(here(0), "KAL_ERR_DESTINATION");
+    EXPECT_EQ(here(uint32_t(top.size())), "KAL_ERR_CURRENT_DIR");
+    EXPECT_EQ(here(uint32_t(top.size() + 1)), top);
     EXPECT_EQ(KalGetCurDiskStatus(), KAL_OK);
-}
-
-TEST_F(Directories, WhatFailsIsTriedOnceMoreWithTheOtherEnding) {
+    set("KAL_DRIVE_Q", nullptr);
+    EXPECT_EQ(KalChangeDir("Q:"), KAL_OK) << "without a folder of its own it is the root";
+    EXPECT_EQ(here(), "C:\\");
+    fs::create_directory(path("gone"));
+    KalChangeDir(path("gone").c_str());
+    fs::remove(path("gone"));
+    EXPECT_EQ(here(), "KAL_ERR_CURRENT_DIR");
     static std::string asked;
     const HostCallGuard guard;
     hostCalls.mkdir = [](const char* path, mode_t) { return asked += path + std::string("|"), -1; };
-    EXPECT_EQ(KalMakeDir("one\\"), -1);
-    EXPECT_EQ(KalMakeDir("two"), -1);
-    EXPECT_EQ(asked, "one/|one|two|two/|");
+    EXPECT_EQ(KalMakeDir("one\\") + KalMakeDir("two"), -2);
+    EXPECT_EQ(asked, "one/|one|two|two/|") << "once more with the other ending";
 }
 
-TEST_F(Directories, ADriveAloneIsItsRoot) {
-    fs::create_directories("drive/below");
-    setenv("KAL_DRIVE_Q", path("drive").c_str(), 1);
-    EXPECT_EQ(KalChangeDir("Q:"), 0);
-    EXPECT_EQ(filesIn("."), std::vector<std::string>{"below"});
-    EXPECT_EQ(KalMakeDir("q:\\below\\deeper\\"), 0);
-    EXPECT_TRUE(fileExists("below/deeper"));
-    unsetenv("KAL_DRIVE_Q");
-    EXPECT_EQ(KalChangeDir("Q:"), 0) << "without a folder of its own too";
-    EXPECT_EQ(here(), "C:\\");
-    fs::create_directory(path("gone"));
-    EXPECT_EQ(KalChangeDir(path("gone").c_str()), 0);
-    fs::remove(path("gone"));
-    EXPECT_EQ(here(), "-700 untouched");
+TEST_F(Tasks, SearchTextIsTheHomeThenThePath) {
+    const std::string d = "C:\\" + std::string(3000, 'd') + "\\", deep = d + "X.EXE||" + d;
+    // The home's file, PATH, and the search text, of which the home's directory comes first.
+    for (const std::string row : {"C:\\APP\\PROG.EXE|C:\\DOS|C:\\APP\\;C:\\DOS", "PROG.EXE||",
+                                  "PROG.EXE|/usr/bin:/bin|;\\usr\\bin;\\bin", deep.c_str()}) {
+        const auto piece = pieces(row);
+        const std::string name = piece[0], searchText = piece[2], home = pieces(searchText, ';')[0];
+        set("PATH", piece[1].empty() ? nullptr : piece[1].c_str());
+        EXPECT_EQ(KalGetHome(), nullptr);
+        EXPECT_EQ(KalGetHomeExecPath(nullptr, 0), nullptr);
+        EXPECT_EQ(KalGetPath(), KalGetEnv("path"));
+        KalSetHome(name.c_str());
+        EXPECT_EQ(KalGetHome(), searchText);
+        EXPECT_EQ(KalGetPath(), searchText);
+        EXPECT_STREQ(static_cast<char*>(KalGetTaskData(17)), name.c_str());
+        for (uint32_t size = 0; size < 20; size++) {
+            Room room(size);
+            EXPECT_EQ(KalGetHomeExecPath(room.data(), size), room.data());
+            EXPECT_EQ(room.text(), home.substr(0, size - (size > 0)));
+        }
+        std::thread([] { EXPECT_EQ(KalGetHome(), nullptr) << "another task"; }).join();
+        KalSetHome(KalGetHome()); // what it gave may be given back
+        EXPECT_EQ(static_cast<char*>(KalGetTaskData(17)), searchText);
+        KalSetHome(nullptr);
+        EXPECT_EQ(KalGetTaskData(17), nullptr);
+    }
+    for (int n = 1, met = 1; met; n++) {
+        failHeapAllocation(n);
+        KalSetHome("C:\\A\\B");
+        met = heapFaultHappened();
+        failHeapAllocation(0);
+        EXPECT_EQ(KalGetHome() == nullptr, met && n > 1) << n; // the first is the environment's
+        EXPECT_EQ(KalGetHome() == nullptr, KalGetTaskData(17) == nullptr);
+    }
+}
+
+TEST_F(Tasks, ALentTextIsUsedItselfAndOnlyHeapBlocksAreFreed) {
+    KalSetHome("C:\\A\\B");
+    auto* mine = static_cast<char*>(KalGetTaskData(2));
+    char lent[] = "D:\\X;E:\\";
+    KalSetHomeStr(lent);
+    EXPECT_EQ(KalGetHome(), lent);
+    KalSetHome("C:\\B\\C"); // must not free what is not a heap block
+    EXPECT_STREQ(lent, "D:\\X;E:\\");
+    KalSetHome(nullptr);
+    KalSetHomeStr(mine);
+    KalSetHome(nullptr); // frees it
+    EXPECT_EQ(KalSizeSMem(mine), 0u);
+}
+
+TEST_F(Tasks, EnvironmentVariablesAreFoundWithoutRegardToCase) {
+    set("KalMixed", "one=two");
+    const char* before = KalGetEnv("KALMIXED");
+    EXPECT_STREQ(before, "one=two");
+    for (const char* none : {"KalMixe", "KalMixedX", "", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(KalGetEnv(none), nullptr);
+    EXPECT_EQ(KalGetEnv("KalMixed"), before) << "one block while nothing changes";
+    set("KalMixed", "three");
+    EXPECT_STREQ(KalGetEnv("KalMixed"), "three");
+    EXPECT_STREQ(before, "one=two") << "old answers stay valid";
+    set("WINDIR", "C:\\WINDOWS");
+    EXPECT_EQ(told(11, KalGetPrivateDir), "C:\\WINDOWS");
+    for (const uint32_t size : {0u, 10u})
+        EXPECT_EQ(told(size, KalGetPrivateDir), "KAL_ERR_EXAMINE");
+    set("WINDIR", nullptr);
+    set("XDG_CONFIG_HOME", "/home/u/.config");
+    EXPECT_EQ(told(300, KalGetPrivateDir), "C:\\home\\u\\.config");
+    set("XDG_CONFIG_HOME", nullptr);
+    set("HOME", nullptr);
+    EXPECT_EQ(told(300, KalGetPrivateDir), "KAL_ERR_EXAMINE") << "there is none";
 }
 
 TEST(Time, IsTheSystemClocks) {

@@ -1,20 +1,20 @@
-// Tag sets in one process: by themselves, layered, and what they leave in the registry.
+// Tag sets in one process: a model of several sets over each other, and what the model leaves out.
 #include "tests/support/faults.h"
 #include "tests/support/registry_test.h"
 #include "tests/support/trouble.h"
 
 #include <kal/tagset.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cmath>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <random>
 
 namespace {
 
-const std::string kRoot = KAL_SETTINGS_ROOT;
+const std::string kRoot = KAL_SETTINGS_ROOT, kNone = "(none)";
 
 // The members that other members use.
 class OpenTagSet : public TagSet {
@@ -27,42 +27,90 @@ public:
 };
 
 std::string read(TagSet& set, const std::string& tag, const char* valueName = nullptr) {
-    char text[300] = "untouched";
-    return set.GetTag(tag.c_str(), text, sizeof text, valueName) == 0 ? text : "(none)";
+    char text[1200] = "untouched";
+    return set.GetTag(tag.c_str(), text, sizeof text, valueName) == 0 ? text : kNone;
 }
 
-std::string found(TagSet& set, const char* prefix) {
+std::string found(TagSet& set, const std::string& prefix) {
     std::string all;
-    TagSearch search(&set, prefix);
+    TagSearch search(&set, prefix.c_str());
     while (const char* rest = search.NextTag())
         all += rest + std::string("=") + (rest + std::strlen(rest) + 1) + " ";
     return all;
 }
 
-// What the rules make of sets over each other, the deepest last: each a map of tags and one of patterns.
-struct Model {
-    using Tags = std::map<std::string, std::string>;
-    std::vector<Tags> exact, patterns;
+// What the rules make of sets over each other, written down over a model of the registry.
+KeyModel keys;
 
-    void set(size_t at, const std::string& tag, const std::string& value) {
-        Tags& tags = (tag.find('?') != std::string::npos ? patterns : exact)[at];
-        value.empty() ? void(tags.erase(tag)) : void(tags[tag] = value);
+struct Set {
+    std::unique_ptr<TagSet> real; // null while there is none
+    std::string path = "";        // "" while it has none
+    bool isKept = false;
+    Set *parent = nullptr, *child = nullptr;
+
+    std::string key() const { return path.empty() ? "no key" : kRoot + path; }
+    std::string keyOf(const std::string& tag) const {
+        return key() + (tag.find('?') != std::string::npos ? "\\Wildcards\\" : "\\") + tag;
     }
-    std::string read(const std::string& tag) const {
-        for (size_t i = exact.size(); i-- > 0;)
-            if (const auto held = exact[i].find(tag); held != exact[i].end())
-                return held->second;
-        const auto matches = [&](const std::string& pattern) {
-            bool all = pattern.size() == tag.size();
-            for (size_t c = 0; all && c < tag.size(); c++)
-                all = pattern[c] == tag[c] || pattern[c] == '?';
-            return all;
+    void getReady() {
+        while (path.empty()) {
+            const std::string held = keys.at(kRoot + "NextTemp"), number = held == "(no key)" ? "0" : held;
+            keys.set(kRoot + "NextTemp", std::to_string(std::stoi(number) + 1));
+            if (keys.at(kRoot + "Temp\\" + number) == "(no key)")
+                keys.set(kRoot + (path = "Temp\\" + number), "(no value)");
+        }
+    }
+    Set* deepest() { return child != nullptr ? child->deepest() : this; }
+    Set* top() { return parent != nullptr ? parent->top() : this; }
+    void set(const std::string& tag, const std::string& value) {
+        getReady();
+        value.empty() ? keys.erase(keyOf(tag)) : keys.set(keyOf(tag), value);
+    }
+    // kNone, or "(no value)" for a tag without one.
+    std::string read(const std::string& tag) {
+        for (Set* at = deepest(); at != nullptr; at = at->parent) {
+            at->getReady();
+            if (const auto value = keys.at(at->key() + "\\" + tag); value != "(no key)")
+                return value;
+        }
+        const auto fits = [](char a, char b) {
+            return a == '?' || b == '?' || std::toupper(a) == std::toupper(b);
         };
-        for (size_t i = patterns.size(); i-- > 0;)
-            for (const auto& [pattern, value] : patterns[i])
-                if (matches(pattern))
-                    return value;
-        return "(none)";
+        for (Set* at = deepest(); at != nullptr; at = at->parent)
+            for (const std::string& pattern : keys.below(at->key() + "\\Wildcards"))
+                if (std::equal(pattern.begin(), pattern.end(), tag.begin(), tag.end(), fits))
+                    return keys.at(at->keyOf(pattern));
+        return kNone;
+    }
+    std::string found(const std::string& prefix) {
+        std::string all;
+        for (const std::string& name : keys.below(key())) {
+            const std::string value = read(name);
+            const bool isShort = value[0] != '(' && value.size() < 256;
+            if (strncasecmp(name.c_str(), prefix.c_str(), prefix.size()) == 0)
+                all += name.substr(prefix.size()) + "=" +
+                       (isShort ? value.substr(0, 258 - name.size()) : "") + " ";
+        }
+        return all + (parent != nullptr ? parent->found(prefix) : "");
+    }
+    void link(Set* below) {
+        for (Set* at = this; at != nullptr; at = at->parent)
+            if (at == below)
+                return;
+        for (Set* at = below; at != nullptr; at = at->child)
+            if (at == this)
+                return;
+        (child = below)->parent = this;
+        below->deepest()->set("Parent", path);
+    }
+    void fuse() {
+        for (const std::string& name : keys.below(key())) {
+            const std::string own = keys.at(keyOf(name)), value = read(name);
+            if (name != "Parent" && value != kNone && own != "(no value)")
+                parent->set(name, value.size() < 256 ? value : own);
+        }
+        for (const std::string& pattern : keys.below(key() + "\\Wildcards"))
+            parent->set(pattern, keys.at(keyOf(pattern)));
     }
 };
 
@@ -70,300 +118,242 @@ struct Model {
 
 using Tags = RegistryTest;
 
-TEST_F(Tags, AChainReadsAsAModelWhateverChanges) {
-    const uint32_t seed = 14;
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    for (const size_t depth : {size_t(1), size_t(3), size_t(12)}) {
-        const std::string name = "D" + std::to_string(depth) + "\\S";
-        std::vector<std::unique_ptr<TagSet>> sets;
-        const auto pathOf = [&](size_t i) { return name + std::to_string(i); };
-        for (size_t i = 0; i < depth; i++) {
-            sets.push_back(std::make_unique<TagSet>());
-            ASSERT_EQ(sets[i]->SetPath(pathOf(i).c_str(), 1), 0);
-            if (i % 2 == 1)
-                sets[i]->SetParent(sets[i - 1].get());
-            else if (i > 0)
-                sets[i - 1]->SetChild(sets[i].get());
-        }
-        Model model{std::vector<Model::Tags>(depth), std::vector<Model::Tags>(depth)};
-        static const char* const kTags[] = {"aa", "ab", "bb", "a?", "?b", "??", "long"};
+TEST_F(Tags, SeveralSetsDoAsAModelSays) {
+    for (const uint32_t seed : {1u, 2u, 3u}) {
+        std::mt19937 random(seed);
+        const auto below = [&](size_t count) { return random() % count; };
+        keys = {};
+        RegDeleteTreeA(HKEY_CLASSES_ROOT, "Morvek.Image");
+        Set sets[5];
+        static const char* const kTags[] = {"aa", "Ab", "bb", "a?", "?b", "??", "long", "Parents"};
         for (int step = 0; step < 1500; step++) {
-            const size_t at = random() % depth;
-            const std::string tag = kTags[random() % std::size(kTags)];
-            const std::string value = random() % 3 == 0 ? "" : tag + std::to_string(step % 40);
-            const size_t how = random() % 6;
-            if (how == 0) { // not through this set
-                const std::string key = kRoot + pathOf(at) + (tag.find('?') == 2 ? "" : "") +
-                                        (tag.find('?') != std::string::npos ? "\\Wildcards\\" : "\\") + tag;
-                value.empty() ? RegDeleteKeyA(HKEY_CLASSES_ROOT, key.c_str()) : setText(key, value);
-                model.set(at, tag, value);
-            } else if (how == 1) {
-                ASSERT_EQ(sets[at]->SetTag(tag.c_str(), value.c_str()), 0);
-                model.set(depth - 1, tag, value);
-            } else if (how == 2) {
-                ASSERT_EQ(sets[at]->SetGlobalTag(tag.c_str(), value.c_str()), 0);
-                model.set(0, tag, value);
+            Set &set = sets[below(5)], &other = sets[below(5)], &reader = sets[below(5)];
+            const auto action = step < 1490 ? below(16) : 0; // all end
+            const std::string tag = kTags[below(std::size(kTags))];
+            const std::string value = below(3) == 0   ? ""
+                                      : tag == "long" ? std::string(200 + below(800), 'l')
+                                                      : tag + std::to_string(step % 40);
+            SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step) + ", action " +
+                         std::to_string(action) + " of " + std::to_string(&set - sets) + " with " +
+                         std::to_string(&other - sets) + ", " + tag + " = " + value);
+            if (set.real == nullptr) {
+                if (step >= 1490)
+                    continue;
+                set.real = std::make_unique<TagSet>();
+                if (action < 8) { // else it is used without a path
+                    set.isKept = action < 4;
+                    set.path = (set.isKept ? "Kept\\S" : "Passing") + std::to_string(&set - sets);
+                    RegDeleteKeyA(HKEY_CLASSES_ROOT, set.keyOf("Parent").c_str());
+                    keys.erase(set.keyOf("Parent"));
+                    ASSERT_EQ(set.real->SetPath(set.path.c_str(), set.isKept), 0);
+                    if (keys.at(set.key()) == "(no key)")
+                        keys.set(set.key(), "(no value)");
+                }
+            } else if (action == 0) {
+                Set* above = nullptr; // which destroys its child, or nobody does
+                for (Set& linked : sets) {
+                    if (linked.parent == &set)
+                        linked.real->SetParent(nullptr);
+                    if (linked.child == &set && below(2) == 0)
+                        above = &linked;
+                    linked.parent = linked.parent == &set ? nullptr : linked.parent;
+                }
+                for (Set& linked : sets)
+                    if (linked.child == &set) {
+                        linked.child = nullptr;
+                        if (&linked != above)
+                            linked.real->SetChild(nullptr);
+                    }
+                if (above != nullptr) {
+                    static_cast<void>(set.real.release());
+                    above->real->DestroyChild();
+                }
+                if (!set.isKept && !set.path.empty())
+                    keys.erase(set.key());
+                set = {};
+            } else if (action == 1) {
+                ASSERT_EQ(set.real->ClearTags(), 0);
+                for (const std::string& name : keys.below(set.key()))
+                    keys.erase(set.key() + "\\" + name);
+            } else if (action == 2) {
+                ASSERT_EQ(set.real->FuseWithParent(), set.parent != nullptr ? 0 : KAL_ERR_TAG_PARENT);
+                if (set.parent != nullptr)
+                    set.fuse();
+            } else if (action == 3) {
+                set.real->SetParent(nullptr);
+                set.parent = nullptr;
+            } else if (action == 4) {
+                set.real->SetChild(nullptr);
+                set.child = nullptr;
+            } else if (action == 5 && other.real == nullptr) {
+                other.real.reset(set.real->CreateChild());
+                set.link(&other);
+            } else if (action < 8 && other.real != nullptr) {
+                action == 6 ? other.real->SetParent(set.real.get()) : set.real->SetChild(other.real.get());
+                set.link(&other);
+            } else if (action == 8 && !set.path.empty()) { // behind the set's back
+                const std::string key = set.keyOf(tag);
+                value.empty() ? void(RegDeleteKeyA(HKEY_CLASSES_ROOT, key.c_str()))
+                              : void(setText(key, value));
+                value.empty() ? keys.erase(key) : keys.set(key, value);
+            } else if (action == 9) {
+                ASSERT_EQ(set.real->SetIntTag(tag.c_str(), step % 3), 0);
+                set.deepest()->set(tag, step % 3 == 0 ? "" : std::to_string(step % 3));
+            } else if (action == 10) {
+                ASSERT_EQ(set.real->SetGlobalTag(tag.c_str(), value.c_str()), 0);
+                set.top()->set(tag, value);
+            } else if (action == 11) {
+                ASSERT_EQ(set.real->SetRawTag(tag.c_str(), value.empty() ? nullptr : value.c_str()), 0);
+                set.set(tag, value);
             } else {
-                ASSERT_EQ(sets[at]->SetRawTag(tag.c_str(), value.empty() ? nullptr : value.c_str()), 0);
-                model.set(at, tag, value);
+                ASSERT_EQ(set.real->SetTag(tag.c_str(), value.c_str()), 0);
+                set.deepest()->set(tag, value);
             }
-            for (const char* asked : {"aa", "ab", "bb", "zz", "long", "longer"}) {
-                std::string spelled = asked;
-                spelled[0] = random() % 2 == 0 ? char(std::toupper(spelled[0])) : spelled[0];
-                ASSERT_EQ(read(*sets[random() % depth], spelled), model.read(asked))
-                    << "depth " << depth << ", step " << step << ", tag " << spelled;
+            if (step % 4 == 3) {
+                ASSERT_EQ(dumpRegistry(), keys.dump());
             }
-        }
-        // The links on disk bring the chain back.
-        TagSet again;
-        ASSERT_EQ(again.SetPath(pathOf(depth - 1).c_str(), 1), 0);
-        EXPECT_EQ(read(again, "aa"), model.read("aa"));
-        size_t above = 0;
-        for (TagSet* set = again.GetParent(); set != nullptr; above++) {
-            EXPECT_EQ(set->GetPath(), pathOf(depth - 2 - above));
-            TagSet* const next = set->GetParent();
-            delete set;
-            set = next;
-        }
-        EXPECT_EQ(above, depth - 1);
-        again.SetParent(nullptr);
-        for (size_t i = depth; i-- > 0;) { // cut from its parents, a set reads its own
-            sets[i]->SetParent(nullptr);
-            sets[i]->SetChild(nullptr);
-            EXPECT_EQ(read(*sets[i], "long"),
-                      model.exact[i].count("long") != 0 ? model.exact[i]["long"] : "(none)");
+            if (reader.real == nullptr)
+                continue;
+            for (const char* asked : {"aa", "AB", "bb", "zz", "?a", "LONG", "x"}) {
+                const std::string wanted = reader.read(asked);
+                ASSERT_EQ(read(*reader.real, asked), wanted == "(no value)" ? "untouched" : wanted)
+                    << asked << " of " << &reader - sets;
+            }
+            for (const char* prefix : {"", "A", "parent", "lon"})
+                ASSERT_EQ(found(*reader.real, prefix), reader.found(prefix))
+                    << prefix << " of " << &reader - sets;
+            ASSERT_EQ(reader.real->GetPath() != nullptr ? reader.real->GetPath() : "", reader.path);
         }
     }
 }
 
 TEST_F(Tags, PatternsValuesAndResultBuffersKeepTheirRules) {
-    OpenTagSet set;
-    ASSERT_EQ(set.SetPath("Maker\\App", 1), 0);
-    EXPECT_STREQ(set.GetPath(), "Maker\\App");
-    for (const auto& [tag, value] : {std::pair("A?C", "1"), {"?\xe4?", "2"}, {"exact", "3"}, {"EXAC?", "4"}})
+    OpenTagSet set, parent;
+    ASSERT_EQ(set.SetPath("Maker\\App", 1) + parent.SetPath("One", 1), 0);
+    const std::string name(200, 'n'), longest(255, 'y'), big(10000, 'b');
+    for (const auto& [tag, value] : {std::pair("?\xe4?", "2"),
+                                     {"exact", "3"},
+                                     {"EXAC?", "4"},
+                                     {name.c_str(), longest.c_str()},
+                                     {"big", big.c_str()}})
         EXPECT_EQ(set.SetTag(tag, value), 0);
-    for (int twice = 0; twice < 2; twice++) // found, and then known
-        for (const auto& [tag, value] : {std::pair("abc", "1"),
-                                         {"AXC", "1"},
-                                         {"ab", "(none)"},
-                                         {"abcd", "(none)"},
-                                         {"a?c", "1"},
-                                         {"x\xe4y", "2"},
-                                         {"x\xc4y", "(none)"},
-                                         {"???", "2"},
-                                         {"exact", "3"},
-                                         {"exacz", "4"},
-                                         {"", "(none)"},
-                                         {"a?d", "2"},
-                                         {"wildcards", "untouched"},
-                                         {"?b?", "1"}})
-            EXPECT_EQ(read(set, tag), value) << tag;
-    char text[20];
-    EXPECT_EQ(set.GetWildTag("exact", text, sizeof text, nullptr), 0);
-    EXPECT_STREQ(text, "4");
-    EXPECT_EQ(set.GetRawTag("abc", text, sizeof text), KAL_ERR_TAG_MISSING);
     set.SetTag("exact", "hidden", "Alternative");
-    EXPECT_EQ(read(set, "exact", "ALTERNATIVE"), "hidden");
-    EXPECT_EQ(read(set, "exact", "none such"), "untouched") << "the tag is there, whatever the value";
-    EXPECT_EQ(textOf(kRoot + "maker\\app\\Wildcards\\A?C"), "1");
-    set.SetTag("a?c", "");
-    EXPECT_EQ(read(set, "abc"), "(none)");
-
-    set.SetTag("long", std::string(300, 'x').c_str());
-    set.SetTag("fits", std::string(255, 'y').c_str());
-    char* results[21];
-    for (char*& result : results)
-        EXPECT_STREQ(result = set.GetTempTag("exact"), "3");
-    EXPECT_EQ(std::find(results + 1, results + 21, results[0]) - results, 20);
-    EXPECT_EQ(set.CurBuf(), results[0]);
-    EXPECT_EQ(set.NextBuf(), results[1]);
-    for (int i = 0; i < 20; i++)
-        EXPECT_EQ(std::strlen(set.GetTempTag("fits")), 255u);
-    EXPECT_STREQ(set.GetTempTag("long"), "") << "not what the buffer held before";
-    EXPECT_EQ(set.GetTempTag("missing"), nullptr);
-    for (const auto& [size, expected] : {std::pair(2, "3"), {1, "abc"}, {0, "abc"}, {-1, "abc"}})
-        for (int twice = 0; twice < 2; twice++) {
+    HKEY key = makeTestKey(kRoot + "Maker\\App\\raw"); // a value that another program stored without its zero
+    RegSetValueExA(key, nullptr, 0, 3, reinterpret_cast<const uint8_t*>(big.data()), 256);
+    RegCloseKey(key);
+    for (int twice = 0; twice < 2; twice++) { // found, and then known
+        for (const auto& [tag, value] :
+             {std::pair("x\xe4y", "2"), {"x\xc4y", "(none)"}, {"", "(none)"}, {"???x", "(none)"}})
+            EXPECT_EQ(read(set, tag), value) << tag;
+        for (const auto& [size, expected] : {std::pair(2, "3"), {1, "abc"}, {0, "abc"}, {-1, "abc"}}) {
             char small[4] = "abc";
             EXPECT_EQ(set.GetTag("exact", small, size), 0);
             EXPECT_STREQ(small, expected) << "a value that does not fit leaves the buffer alone";
         }
-    EXPECT_EQ(set.GetTag("exact", nullptr, 20), 0);
-    HKEY key = makeTestKey(kRoot + "Maker\\App\\raw"); // a value that another program stored without its zero
-    for (const uint32_t size : {256u, 3u}) {
-        RegSetValueExA(key, nullptr, 0, 3, reinterpret_cast<const uint8_t*>(std::string(256, 'z').data()),
-                       size);
-        EXPECT_EQ(std::strlen(set.GetTempTag("raw")), std::min(size, 255u));
-        EXPECT_EQ(read(set, "raw"), std::string(size, 'z'));
+        EXPECT_EQ(read(set, "raw"), big.substr(0, 256));
+        EXPECT_EQ(set.GetTempTag("raw"), big.substr(0, 255));
+        std::string whole(10001, ' ');
+        EXPECT_EQ(set.GetTag("big", whole.data(), 10001) == 0 ? whole.c_str() : "", big);
     }
-    RegCloseKey(key);
-    const std::string big(10000, 'b'); // too large to be kept
-    set.SetTag("big", big.c_str());
-    std::string whole(10001, ' ');
-    for (const char* tag : {"big", "BIG"})
-        EXPECT_EQ(set.GetTag(tag, whole.data(), 10001) == 0 ? whole.c_str() : "", big);
+    char text[20] = "";
+    EXPECT_EQ(set.GetWildTag("exact", text, sizeof text, nullptr), 0);
+    EXPECT_STREQ(text, "4");
+    EXPECT_EQ(set.GetRawTag("exacz", text, sizeof text), KAL_ERR_TAG_MISSING);
+    EXPECT_EQ(read(set, "exact", "ALTERNATIVE") + read(set, "exact", "none such"), "hiddenuntouched");
+    char* results[21];
+    for (char*& result : results)
+        EXPECT_STREQ(result = set.GetTempTag("exact"), "3");
+    EXPECT_EQ(std::find(results + 1, results + 21, results[0]) - results, 20);
+    EXPECT_TRUE(set.CurBuf() == results[0] && set.NextBuf() == results[1]);
+    EXPECT_EQ(found(set, "nn"), name.substr(2) + "=" + longest.substr(0, 260 - 201 - 1) + " ")
+        << "both share 260";
+    for (const char* path : {"One", "Two"})
+        setText(kRoot + path + "\\from", path);
+    set.SetParent(&parent);
+    EXPECT_EQ(read(set, "from"), "One");
+    ASSERT_EQ(parent.SetPath("Two", 1), 0);
+    EXPECT_EQ(read(set, "from"), "Two") << "what was known of the chain is not true any more";
+    delete parent.GetParent();
+    parent.SetParent(nullptr);
+    EXPECT_EQ(parent.SetPath(parent.GetPath(), 1), 0) << "its own path";
+    EXPECT_STREQ(parent.GetPath(), "Two");
+    delete parent.GetParent();
 }
 
 TEST_F(Tags, NumbersAreTextInEveryLocaleAndZeroIsAbsence) {
     TagSet set;
     ASSERT_EQ(set.SetPath("App", 1), 0);
-    for (const int value : {1, -1, 2147483647, -2147483647 - 1}) {
+    for (const int value : {1, -1, 2147483647, -2147483647 - 1, 0}) {
         EXPECT_EQ(set.SetIntTag("i", value), 0);
-        EXPECT_EQ(read(set, "i"), std::to_string(value));
+        EXPECT_EQ(read(set, "i"), value != 0 ? std::to_string(value) : kNone);
         EXPECT_EQ(set.GetIntTag("I"), value);
     }
-    EXPECT_EQ(set.SetIntTag("i", 0), 0);
-    EXPECT_EQ(read(set, "i") + read(set, "f"), "(none)(none)");
-    EXPECT_EQ(set.GetIntTag("i") + set.GetFloatTag("f"), 0);
     setenv("LOCPATH", "/nowhere", 0);
-    for (const char* locale : {"C", "de_DE.UTF-8"}) {
+    for (const char* locale : {"de_DE.UTF-8", "C"}) {
         std::setlocale(LC_ALL, locale);
-        for (const double value : {0.1, -2.5, 1e300, 1.0 / 3}) {
-            EXPECT_EQ(set.SetFloatTag("f", value, 17), 0);
-            EXPECT_EQ(set.GetFloatTag("f"), value);
+        for (const auto& [value, digits, text] : {std::tuple(0.1, 17, ".1"),
+                                                  {-2.5, 17, "-2.5"},
+                                                  {1e300, 17, "1e300"},
+                                                  {3.14159, 3, "3.14"},
+                                                  {1234567.0, -5, "1e6"},
+                                                  {2.0, 99, "2"},
+                                                  {0.0, 5, "0"}}) {
+            EXPECT_EQ(set.SetFloatTag("f", value, digits), 0);
+            EXPECT_EQ(set.GetFloatTag("f"), std::strtod(text, nullptr)) << read(set, "f");
         }
+        EXPECT_EQ(read(set, "f"), kNone);
+        for (const auto& [text, value] :
+             {std::pair(" +2.5x", 2.5), {"+-1", 0.0}, {"1e999", HUGE_VAL}, {"words", 0.0}}) {
+            set.SetTag("f", text);
+            EXPECT_EQ(set.GetFloatTag("f"), value) << text;
+        }
+        set.SetTag("f", nullptr);
     }
-    std::setlocale(LC_ALL, "C");
-    for (const auto& [value, digits, text] :
-         {std::tuple(3.14159, 3, "3.14"), {1234567.0, -5, "1.e+006"}, {2.0, 99, "2."}}) {
-        set.SetFloatTag("f", value, digits);
-        EXPECT_EQ(set.GetFloatTag("f"), std::strtod(text, nullptr)) << read(set, "f");
-    }
-    for (const auto& [text, value] : {std::pair(" +2.5x", 2.5), {"1e999", HUGE_VAL}, {"words", 0.0}}) {
-        set.SetTag("f", text);
-        EXPECT_EQ(set.GetFloatTag("f"), value) << text;
-    }
-    EXPECT_EQ(set.SetFloatTag("f", 0.0, 5), 0);
-    EXPECT_EQ(read(set, "f"), "(none)");
 }
 
-TEST_F(Tags, ASetWithoutPathIsTemporaryAndLeavesNothing) {
-    {
-        TagSet unused;
-        OpenTagSet first, second;
-        EXPECT_EQ(TagSearch(&first, "").NextTag(), nullptr) << "a search makes no set ready";
-        EXPECT_EQ(first.GetPath(), nullptr);
-        EXPECT_EQ(first.GetTag("x", nullptr, 0), KAL_ERR_TAG_MISSING);
-        EXPECT_STREQ(first.GetPath(), "Temp\\0");
-        second.GetReady();
-        EXPECT_STREQ(second.GetPath(), "Temp\\1");
-        EXPECT_EQ(textOf(kRoot + "NextTemp"), "2");
-        for (const char* tag : {"tag", "p?", "one\\below\\another", "one\\p?"})
-            EXPECT_EQ(first.SetTag(tag, "1"), 0);
-        EXPECT_EQ(unused.GetPath(), nullptr);
-    }
-    EXPECT_EQ(dumpRegistry(), "Morvek.Image=(no value){Settings=(no value){NextTemp=2{}Temp=(no value){}}}");
-    EXPECT_EQ(readFile(persistentTree() + "/log").size(), 4096u) << "nothing of it was persistent";
-
-    setText(kRoot + "Temp\\2", "taken", REG_OPTION_VOLATILE);
-    TagSet third;
-    EXPECT_EQ(third.SetTag("t", "3"), 0);
-    EXPECT_STREQ(third.GetPath(), "Temp\\3") << "a taken number is drawn again";
-    for (const char* counter : {"2147483647", "words", "-5", "a\\b"}) {
-        setText(kRoot + "NextTemp", counter);
-        TagSet odd;
-        odd.SetTag("t", "v");
-        EXPECT_EQ(read(odd, "t"), "v");
-        EXPECT_EQ(odd.GetPath(), std::string("Temp\\") + counter);
-    }
-    TagSet passing;
-    ASSERT_EQ(passing.SetPath("Passing", 0), 0);
-    passing.SetTag("t", "v");
-    ASSERT_EQ(passing.SetPath("Kept", 1), 0);
-    EXPECT_EQ(subkeysOf(kRoot), (std::vector<std::string>{"Kept", "NextTemp", "Temp"}));
-    EXPECT_EQ(passing.SetPath(passing.GetPath(), 1), 0) << "its own path";
-    EXPECT_STREQ(passing.GetPath(), "Kept");
-    forgetRegistry();
-}
-
-TEST_F(Tags, AChildCollectsChangesToFuseOrDiscard) {
-    TagSet app;
-    ASSERT_EQ(app.SetPath("App", 1), 0);
-    EXPECT_EQ(app.FuseWithParent(), KAL_ERR_TAG_PARENT);
-    for (const char* tag : {"held", "Both", "Fon", "font\xe4"})
-        app.SetTag(tag, "app");
-    const std::string longText(1000, 'l');
-    uint64_t blocks[3] = {};
-    for (int round = 0; round < 3; round++) { // the last one is fused
-        blocks[round] = liveHeapBlocks();
-        TagSet* child = app.CreateChild();
-        ASSERT_NE(child, nullptr);
-        EXPECT_TRUE(app.GetLastChild() == child && child->GetParent() == &app);
-        EXPECT_EQ(textOf(kRoot + child->GetPath() + "\\Parent"), "App");
-        child->SetTag("p?ttern", "child");
-        app.SetTag("BOTH", "child"); // to the child: it is the deepest
-        app.SetTag("p?t", "pat");
-        app.SetTag("long", longText.c_str());
-        child->SetTag("FontName", "serif");
-        EXPECT_EQ(read(app, "both") + read(app, "held"), "childapp");
-        EXPECT_EQ(textOf(kRoot + "App\\Both"), "app");
-        EXPECT_EQ(found(*child, "FON"), "tName=serif =app t\xe4=app ");
-        EXPECT_EQ(found(*child, "bo"), "TH=child th=child ") << "a tag of several sets comes once for each";
-        EXPECT_EQ(found(*child, "none such"), "");
-        EXPECT_EQ(round < 2 ? 0 : child->FuseWithParent(), 0);
-        app.DestroyChild();
-        EXPECT_EQ(app.GetLastChild(), nullptr);
-        EXPECT_EQ(read(app, "both"), round < 2 ? "app" : "child");
-        EXPECT_EQ(read(app, "pattern"), round < 2 ? "(none)" : "child");
-    }
-    EXPECT_EQ(blocks[2], blocks[1]) << "a child leaves no memory behind";
-    EXPECT_EQ(textOf(kRoot + "App\\long"), longText);
-    EXPECT_EQ(textOf(kRoot + "App\\Wildcards\\p?t"), "pat");
-    EXPECT_EQ(found(app, ""), "Both=child Fon=app FontName=serif font\xe4=app held=app long= Wildcards= ");
-    const std::string name(200, 'n');
-    app.SetTag(name.c_str(), std::string(255, 'v').c_str());
-    EXPECT_EQ(found(app, "nn"), name.substr(2) + "=" + std::string(260 - 201 - 1, 'v') + " ")
-        << "name and value share 260 characters";
-    app.SetTag("below\\it", "1");
-    app.ClearTags();
-    EXPECT_TRUE(subkeysOf(kRoot + "App").empty());
-    EXPECT_EQ(textOf(kRoot + "App"), "(no value)") << "the set's own key stays";
-    EXPECT_EQ(read(app, "pattern"), "(none)");
-}
-
-TEST_F(Tags, LinksThatComeRoundAreCutAndLongNamesRefused) {
+TEST_F(Tags, PathsBringTheirParentsAndLongNamesAreRefused) {
     for (const auto& [set, parent] : {std::pair("A", "B"), {"B", "a"}, {"Self", "SELF"}, {"Tail", "A"}})
         setText(kRoot + set + "\\Parent", parent);
     setText(kRoot + "Lost\\Parent", std::string(250, 'x')); // cannot be opened: stays without a key
-    for (const auto& [path, chain] :
-         {std::pair("A", "A B "), {"Self", "Self "}, {"Tail", "Tail A B "}, {"Lost", "Lost Temp\\0 "}}) {
+    setText(kRoot + "Temp\\1", "taken", REG_OPTION_VOLATILE);
+    for (const auto& [path, chain] : {std::pair("A", "A B "),
+                                      {"Self", "Self "},
+                                      {"Tail", "Tail A B "},
+                                      {"Lost", "Lost Temp\\0 "},
+                                      {"Lost", "Lost Temp\\2 "}}) {
         TagSet set;
         EXPECT_EQ(set.SetPath(path, 1), 0);
-        EXPECT_EQ(read(set, "missing"), "(none)");
-        std::string paths;
-        for (TagSet* each = &set; each != nullptr;) {
-            paths += std::string(each->GetPath()) + " ";
-            TagSet* const next = each->GetParent();
-            if (each != &set)
-                delete each;
-            each = next;
+        EXPECT_EQ(read(set, "missing"), kNone);
+        std::string paths = std::string(set.GetPath()) + " ";
+        for (TagSet *above = set.GetParent(), *next; above != nullptr; above = next) {
+            paths += std::string(above->GetPath()) + " ";
+            next = above->GetParent();
+            delete above;
         }
-        EXPECT_EQ(paths, chain);
+        EXPECT_EQ(paths, chain) << "links that come round are cut, a number that is taken is drawn again";
     }
-    TagSet a, b;
-    a.SetParent(&a);
-    a.SetParent(&b);
-    b.SetParent(&a); // would close a ring
-    EXPECT_TRUE(b.GetParent() == nullptr && a.GetParent() == &b);
-    a.SetParent(nullptr);
-    b.SetChild(nullptr);
-
+    for (const char* counter : {"2147483647", "words", "-5", "a\\b"}) {
+        setText(kRoot + "NextTemp", counter);
+        TagSet odd;
+        EXPECT_EQ(odd.SetTag("t", "v"), 0);
+        EXPECT_EQ(odd.GetPath(), std::string("Temp\\") + counter);
+    }
     const std::string path(256 - kRoot.size() - 1, 'p');
-    TagSet longest, tooLong;
+    TagSet longest, refused;
     EXPECT_EQ(longest.SetPath(path.c_str(), 1), 0);
-    for (const std::string& refused : {path + "p", std::string(5000, 'p'), std::string("a\\\\b")})
-        EXPECT_EQ(tooLong.SetPath(refused.c_str(), 1), KAL_ERR_TAG_KEY);
-    EXPECT_EQ(tooLong.SetPath(nullptr, 1), KAL_ERR_TAG_KEY);
-    for (const size_t length : {249u, 250u, 255u, 256u, 259u, 260u, 5000u})
-        for (const bool isPattern : {false, true}) {
-            const std::string asked(length, 't'), tag = (isPattern ? "?" : "t") + asked.substr(1);
-            EXPECT_EQ(longest.SetTag(tag.c_str(), "v"), 0);
-            EXPECT_EQ(read(longest, asked), length <= (isPattern ? 249 : 255) ? "v" : "(none)") << length;
-            EXPECT_EQ(longest.SetTag(tag.c_str(), nullptr), 0);
+    for (const std::string& name : {path + "p", std::string(5000, 'p'), std::string("a\\\\b")})
+        EXPECT_EQ(refused.SetPath(name.c_str(), 1), KAL_ERR_TAG_KEY);
+    EXPECT_EQ(refused.SetPath(nullptr, 1), KAL_ERR_TAG_KEY);
+    for (const size_t length : {249u, 250u, 255u, 256u, 260u, 5000u})
+        for (const char first : {'t', '?'}) {
+            EXPECT_EQ(longest.SetTag((first + std::string(length - 1, 't')).c_str(), "v"), 0);
+            EXPECT_EQ(read(longest, std::string(length, 't')),
+                      length <= (first == '?' ? 249 : 255) ? "v" : kNone)
+                << length;
+            longest.ClearTags();
         }
     EXPECT_EQ(longest.SetTag(nullptr, "x"), KAL_ERR_TAG_WRITE);
     EXPECT_EQ(longest.GetTempTag(nullptr), nullptr);
-    EXPECT_EQ(longest.SetTag("", "x"), 0);
 }
 
 TEST_F(Tags, TroubleIsAStatusAndLeavesEachTagOldOrNew) {
@@ -389,16 +379,16 @@ TEST_F(Tags, TroubleIsAStatusAndLeavesEachTagOldOrNew) {
         emptyVolatileTree(); // its log tells more after some troubles
         return done ? 0 : -1;
     };
+    const auto check = [](int) {
+        const std::string held = textOf(kRoot + "App\\held");
+        EXPECT_TRUE(held == "old" || held == "new") << held;
+        EXPECT_EQ(setText(kRoot + "next", "works"), 0);
+        forgetRegistry();
+    };
     walkTrouble({.prepare = forgetRegistry,
                  .run = run,
                  .statuses = {-1},
-                 .check =
-                     [](int) {
-                         const std::string held = textOf(kRoot + "App\\held");
-                         EXPECT_TRUE(held == "old" || held == "new") << held;
-                         EXPECT_EQ(setText(kRoot + "next", "works"), 0);
-                         forgetRegistry();
-                     },
+                 .check = check,
                  .unfinished = {"registry/log", volatileLog}});
 
     writeFile(path("plain"), bytesOf("a file"));
@@ -408,10 +398,9 @@ TEST_F(Tags, TroubleIsAStatusAndLeavesEachTagOldOrNew) {
     EXPECT_EQ(set.SetPath("App", 1), KAL_ERR_TAG_KEY);
     EXPECT_EQ(set.SetTempPath(), KAL_ERR_TAG_KEY);
     EXPECT_EQ(set.SetTag("t", "v"), KAL_ERR_TAG_WRITE);
-    EXPECT_EQ(set.GetTag("t", nullptr, 0), KAL_ERR_TAG_MISSING);
-    EXPECT_TRUE(set.GetTempTag("t") == nullptr && set.GetPath() == nullptr);
+    EXPECT_EQ(read(set, "t"), kNone);
     ASSERT_NE(set.CreateChild(), nullptr);
-    EXPECT_EQ(set.GetLastChild()->FuseWithParent(), 0);
-    EXPECT_EQ(set.ClearTags(), 0);
+    EXPECT_EQ(set.GetLastChild()->FuseWithParent() + set.ClearTags(), 0);
+    EXPECT_EQ(set.GetPath(), nullptr);
     set.DestroyChild();
 }

@@ -1,10 +1,12 @@
-// Opening by name: modes, search, names, paths, and what is left when it fails.
+// Opening by name: modes, names of every kind, paths of the platform, the search text, sharing.
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
+#include "tests/support/storage.h"
 
 #include <kal/path.h>
+#include <kal/storage.h>
 #include <kal/stream.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -13,93 +15,93 @@ namespace {
 
 class Open : public FolderTest {
 protected:
-    ~Open() override {
-        KalSetHome(nullptr);
-        KalSetHomeStr(nullptr);
+    // With the name of a stream: in the compound file `name`.
+    static SFILE* open(const char* name, uint16_t mode, int status, const char* stream = nullptr) {
+        SFILE* s = nullptr;
+        EXPECT_EQ(stream != nullptr ? KalOpenFileAsIStream(&s, name, stream, mode)
+                                    : KalOpenFile(&s, name, mode, 0),
+                  status)
+            << (name != nullptr ? name : "null") << " mode " << mode;
+        EXPECT_EQ(s != nullptr, status == KAL_OK);
+        return s;
     }
-    static int16_t tryOpen(const std::string& name, uint16_t mode) {
-        HeapBalance balance;
-        SFILE* stream = reinterpret_cast<SFILE*>(1);
-        const int16_t status = KalOpenFile(&stream, name.c_str(), mode, 0);
-        EXPECT_EQ(stream != nullptr, status == 0);
-        if (stream != nullptr)
-            stream->close(stream);
-        return status;
+    static int firstByte(const char* name, uint16_t mode = 0, const char* stream = nullptr) {
+        SFILE* s = open(name, mode, KAL_OK, stream);
+        if (s == nullptr)
+            return -1;
+        const int byte = s->getChar(s);
+        EXPECT_EQ(s->close(s), KAL_OK);
+        return byte;
     }
 };
 
-int openHandles() {
-    int count = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        count++;
-    return count;
-}
+constexpr int kMissing = KAL_ERR_OPEN - ENOENT;
 
 } // namespace
 
-TEST_F(Open, AFreshDiskStreamHasItsStatedRecord) {
-    writeFile("f.dat", Bytes(100, 'a'));
-    SFILE* s = nullptr;
-    ASSERT_EQ(KalOpenFile(&s, "f.dat", KAL_MODE_APPEND, 0), 0);
-    EXPECT_EQ(val(s->mode), KAL_MODE_APPEND | KAL_MODE_WRITE) << "append alone writes";
-    EXPECT_EQ(val(s->pos), 100u);
-    EXPECT_EQ(val(s->osPos), 100u);
-    EXPECT_EQ(val(s->bufStart), 100u);
-    EXPECT_EQ(val(s->bufEnd), 0u);
-    EXPECT_EQ(val(s->bufSize), 512u);
-    EXPECT_EQ(val(s->bufPtr), val(s->buf));
-    EXPECT_EQ(val(s->dirty) | s->status, 0);
-    EXPECT_EQ(val(s->offset), 0u);
-    EXPECT_STREQ(val(s->name), "f.dat");
-    EXPECT_EQ(val(s->tempName), nullptr);
-    EXPECT_EQ(s->getChar(s), -256) << "there is nothing behind the end, in the fresh buffer either";
-    EXPECT_EQ(s->write(s, "12345", 5), 5);
-    EXPECT_EQ(s->close(s), 0);
-    Bytes expected(100, 'a');
-    for (char c = '1'; c <= '5'; c++)
-        expected.push_back(uint8_t(c));
-    EXPECT_EQ(readFile("f.dat"), expected);
-}
-
-TEST_F(Open, ModesMakeEmptyAndRefuse) {
-    EXPECT_EQ(tryOpen("none", 0), -200 - ENOENT);
-    EXPECT_EQ(tryOpen("none", KAL_MODE_UPDATE), -200 - ENOENT);
-    EXPECT_FALSE(fileExists("none"));
-    EXPECT_EQ(tryOpen("made", KAL_MODE_APPEND), 0);
-    EXPECT_TRUE(fileExists("made"));
-    writeFile("full", Bytes(10));
-    EXPECT_EQ(tryOpen("full", KAL_MODE_CREATE), 0);
-    EXPECT_EQ(readFile("full").size(), 0u);
+TEST_F(Open, EveryNameInEveryMode) {
     std::filesystem::create_directory("folder");
-    EXPECT_EQ(tryOpen("folder", 0), -200 - EACCES);
-    EXPECT_EQ(tryOpen("folder", KAL_MODE_WRITE), -200 - EACCES);
-    EXPECT_EQ(tryOpen("nowhere\\f", KAL_MODE_CREATE | KAL_MODE_WRITE), -200 - ENOENT);
-    writeFile("file", {});
-    EXPECT_EQ(tryOpen("file\\f", 0), -200 - ENOTDIR);
-    SFILE* s = nullptr;
-    ASSERT_EQ(KalOpenFile(&s, "full", 0x4, 0), 0);
-    EXPECT_EQ(s->write(s, "x", 1), -251) << "its handle is for reading";
-    EXPECT_EQ(s->close(s), 0);
-}
-
-TEST_F(Open, NamesOfAnyLength) {
-    EXPECT_EQ(tryOpen("", 0), -200 - ENOENT);
-    EXPECT_EQ(tryOpen("", KAL_MODE_CREATE), -200 - ENOENT);
-    SFILE* stream = nullptr;
-    EXPECT_EQ(KalOpenFile(&stream, nullptr, 0, 0), -200 - ENOENT);
-    EXPECT_EQ(tryOpen(std::string(255, 'n'), KAL_MODE_CREATE), 0);
-    for (size_t length : {256, 259, 260, 5000})
-        for (int mode : {0x101, 0x88, 0}) {
-            EXPECT_EQ(tryOpen(std::string(length, 'n'), uint16_t(mode)), -200 - ENAMETOOLONG) << length;
-        }
-    std::string deep; // 260 characters and more in a path of short names
+    writeFile("full", Bytes(2000));
+    std::string deep = "d"; // of short names, but longer than any one name
     for (int i = 0; i < 30; i++) {
-        deep += (i > 0 ? "\\" : "") + std::string("component");
-        std::string host = deep;
-        std::replace(host.begin(), host.end(), '\\', '/');
-        std::filesystem::create_directory(host);
+        std::filesystem::create_directory(deep);
+        deep += "/component";
     }
-    EXPECT_EQ(tryOpen(deep + "\\f", KAL_MODE_CREATE), 0);
+    std::filesystem::create_directory(deep);
+    std::replace(deep.begin(), deep.end(), '/', '\\');
+    const std::string longest(255, 'n'), tooLong(300, 'n'), strange = tooLong + '\xE9';
+    constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
+    const struct {
+        std::string name;
+        uint16_t mode;
+        int status;
+        const char* stream = nullptr;
+    } rows[] = {
+        {"none", 0, kMissing},
+        {"none", KAL_MODE_UPDATE, kMissing},
+        {"", 0, kMissing},
+        {"", KAL_MODE_CREATE, kMissing},
+        {"nowhere\\f", kNew, kMissing},
+        {"full\\f", 0, KAL_ERR_OPEN - ENOTDIR},
+        {"folder", 0, KAL_ERR_OPEN - EACCES},
+        {"folder", KAL_MODE_WRITE, KAL_ERR_OPEN - EACCES},
+        {longest, KAL_MODE_CREATE, KAL_OK},
+        {tooLong, 0, KAL_ERR_OPEN - ENAMETOOLONG},
+        {tooLong, KAL_MODE_SEARCH | KAL_MODE_APPEND, KAL_ERR_OPEN - ENAMETOOLONG},
+        {deep + "\\f", KAL_MODE_CREATE, KAL_OK},
+        {"made", KAL_MODE_APPEND, KAL_OK},
+        // Memory comes before VMem, whose manager is not open, and that before mapping.
+        {"f", KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP | kNew, KAL_OK},
+        {"f", KAL_MODE_VMEM | KAL_MODE_FILEMAP | kNew, KAL_ERR_VMEM},
+        {"none", 0, KAL_ERR_STORAGE, "s"},
+        {"none", KAL_MODE_UPDATE, KAL_ERR_STORAGE, "s"},
+        {"no/f", kNew, KAL_ERR_STORAGE, "s"},
+        {tooLong, 0, KAL_ERR_STORAGE, "s"},
+        {"full", KAL_MODE_APPEND | KAL_MODE_UPDATE, KAL_ERR_STORAGE, "s"}, // no compound file
+        {"ole", kNew, KAL_OK, "\xE9t\xE9"},
+        {"ole", 0, KAL_OK, "\xE9T\xE9"},
+        {"ole", KAL_MODE_UPDATE, KAL_ERR_STORAGE, "t"},
+        {"ole", KAL_MODE_UPDATE | KAL_MODE_APPEND, KAL_ERR_STORAGE, "t"},
+        {"ole", 0, KAL_ERR_STORAGE, ""},
+        {"ole", 0, KAL_ERR_STORAGE, "a/b"},
+        {"ole", 0, KAL_ERR_STORAGE, tooLong.c_str()},
+        {"ole", 0, KAL_ERR_STORAGE, strange.c_str()},
+        {"ole, new", KAL_MODE_APPEND, KAL_OK, "log"},
+    };
+    for (const auto& row : rows) {
+        const HeapBalance balance;
+        if (SFILE* s = open(row.name.c_str(), row.mode, row.status, row.stream)) {
+            EXPECT_EQ(s->close(s), KAL_OK);
+        }
+    }
+    open(nullptr, 0, kMissing);
+    open(nullptr, 0, KAL_ERR_STORAGE, "s");
+    EXPECT_EQ(filesIn("."),
+              (std::vector<std::string>{"d", "folder", "full", "made", longest, "ole", "ole, new"}));
+    EXPECT_EQ(readFile("full"), Bytes(2000));
+    Streams streams;
+    EXPECT_TRUE(readStreams("ole", streams) && readStreams("ole, new", streams));
+    EXPECT_EQ(streams, (Streams{{L"\xE9t\xE9", {}}, {L"log", {}}}));
 }
 
 TEST_F(Open, PathsOfThePlatformFindHostFiles) {
@@ -107,29 +109,27 @@ TEST_F(Open, PathsOfThePlatformFindHostFiles) {
     writeFile("Some/Folder/File.Txt", bytesOf("a"));
     writeFile("Some/Folder/file.txt", bytesOf("b"));
     writeFile("plain", bytesOf("c"));
-    auto content = [](const std::string& name) -> int {
-        SFILE* s = nullptr;
-        if (KalOpenFile(&s, name.c_str(), 0, 0) != 0)
-            return -1;
-        const int c = s->getChar(s);
-        s->close(s);
-        return c;
-    };
-    EXPECT_EQ(content("Some\\Folder\\file.txt"), 'b') << "the exact name first";
-    EXPECT_EQ(content("SOME\\folder\\FILE.TXT"), 'a') << "else the first match in byte order";
-    EXPECT_EQ(content("PLAIN."), 'c') << "a trailing dot says: no extension";
-    EXPECT_EQ(content(".\\plain"), 'c');
-    EXPECT_EQ(content("C:plain"), 'c') << "counts from the current directory";
-    EXPECT_EQ(content("C:" + path("plain")), 'c');
-    EXPECT_EQ(content(path("plain")), 'c') << "a host path";
     setenv("KAL_DRIVE_Q", path("Some").c_str(), 1);
-    EXPECT_EQ(content("q:\\folder\\file.txt"), 'b');
-    EXPECT_EQ(content("Q:FOLDER\\FILE.TXT"), 'a');
+    const struct {
+        std::string name;
+        char found;
+    } rows[] = {
+        {"Some\\Folder\\file.txt", 'b'}, // the exact name first
+        {"SOME\\folder\\FILE.TXT", 'a'}, // else the first match in byte order
+        {"PLAIN.", 'c'},                 // a trailing dot says: no extension
+        {".\\plain", 'c'},
+        {"C:plain", 'c'}, // counts from the current directory
+        {"C:" + path("plain"), 'c'},
+        {path("plain"), 'c'}, // a host path
+        {"q:\\folder\\file.txt", 'b'},
+        {"Q:FOLDER\\FILE.TXT", 'a'},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(firstByte(row.name.c_str()), row.found) << row.name;
     unsetenv("KAL_DRIVE_Q");
-
-    EXPECT_EQ(tryOpen("some\\NEW.dat", KAL_MODE_CREATE), 0);
+    EXPECT_EQ(firstByte("some\\NEW.dat", KAL_MODE_CREATE), KAL_ERR_END);
     EXPECT_TRUE(fileExists("Some/NEW.dat")) << "made where the folder is, spelt as given";
-    EXPECT_EQ(tryOpen("PLAIN", KAL_MODE_CREATE), 0);
+    EXPECT_EQ(firstByte("PLAIN", KAL_MODE_CREATE), KAL_ERR_END);
     EXPECT_EQ(readFile("plain").size(), 0u) << "one file, whatever the case";
     EXPECT_FALSE(fileExists("PLAIN"));
 }
@@ -138,64 +138,35 @@ TEST_F(Open, SearchGoesThroughTheWholeText) {
     for (const char* folder : {"home", "two", "last"})
         std::filesystem::create_directory(folder);
     writeFile("last/DEEP.DAT", bytesOf("x"));
+    SFILE* s = open("last/f.ole", KAL_MODE_CREATE | KAL_MODE_UPDATE, KAL_OK, "s");
+    EXPECT_EQ(s->putChar(s, 'y') | s->close(s), KAL_OK);
     setenv("KAL_DRIVE_W", path("").c_str(), 1);
     char text[] = "W:\\home\\;W:\\two;;W:\\last";
     KalSetHomeStr(text);
-    SFILE* s = nullptr;
-    ASSERT_EQ(KalOpenFile(&s, "elsewhere\\deep.dat", KAL_MODE_SEARCH, 0), 0);
-    EXPECT_STREQ(val(s->name), "elsewhere\\deep.dat") << "as the caller gave it";
-    EXPECT_EQ(s->close(s), 0);
-    EXPECT_EQ(tryOpen("deep.dat", 0), -200 - ENOENT);
-    EXPECT_EQ(tryOpen("absent.dat", KAL_MODE_SEARCH), -200 - ENOENT);
-    EXPECT_EQ(tryOpen("absent.dat", KAL_MODE_SEARCH | KAL_MODE_APPEND), 0);
-    EXPECT_TRUE(fileExists("absent.dat")) << "made under the name as given";
-    KalSetHomeStr(nullptr);
-    unsetenv("KAL_DRIVE_W");
-}
-
-TEST_F(Open, ReadOnlyFilesAndFileSystemsRefuseWriters) {
-    TinyFileSystem tiny(path("tiny"), 65536);
-    if (!tiny.mounted())
-        GTEST_SKIP() << "this process may not mount";
-    writeFile("tiny/f", bytesOf("x"));
-    ASSERT_EQ(std::system("mount -o remount,ro tiny"), 0);
-    EXPECT_EQ(tryOpen("tiny\\f", 0), 0);
-    EXPECT_EQ(tryOpen("tiny\\f", KAL_MODE_WRITE), -200 - EROFS);
-    EXPECT_EQ(tryOpen("tiny\\f", KAL_MODE_CREATE), -200 - EROFS);
-    EXPECT_EQ(tryOpen("tiny\\g", KAL_MODE_APPEND), -200 - EROFS);
-    EXPECT_EQ(readFile("tiny/f"), bytesOf("x"));
-}
-
-TEST_F(Open, ModeBitsChooseTheBackEndAndTheNameIsNotTouched) {
-    EXPECT_EQ(tryOpen("f", 0x7103), 0) << "memory comes before VMem and mapping";
-    EXPECT_EQ(tryOpen("f", 0x5103), -101) << "VMem, whose manager is not open, comes before mapping";
-    EXPECT_FALSE(fileExists("f"));
-}
-
-TEST_F(Open, EachAllocationFailingLeavesNothingOpen) {
-    writeFile("f", bytesOf("x"));
-    setenv("KAL_DRIVE_W", path("").c_str(), 1);
-    char text[] = "W:\\none;W:\\";
-    KalSetHomeStr(text);
-    const int handles = openHandles();
-    for (const char* name : {"f", "none\\f"}) { // the second is found by the search only
-        withEachAllocationFailing([&](int n) {
-            SFILE* s = nullptr;
-            const int16_t status = KalOpenFile(&s, name, KAL_MODE_SEARCH, 0);
-            if (status != 0) {
-                EXPECT_TRUE(status == -100 || status == -200 - ENOMEM) << status << " at " << n;
-                EXPECT_EQ(s, nullptr);
-                return;
-            }
-            if (heapFaultHappened()) { // only the buffer can be done without
-                EXPECT_EQ(val(s->bufSize), 0u);
-                EXPECT_EQ(val(s->bufEnd), KAL_NO_POSITION);
-            }
-            EXPECT_EQ(s->getChar(s), 'x');
-            EXPECT_EQ(s->close(s), 0);
-        });
-        EXPECT_EQ(openHandles(), handles);
+    for (const char* stream : {static_cast<const char*>(nullptr), "s"}) {
+        const char* name = stream == nullptr ? "elsewhere\\deep.dat" : "f.ole";
+        s = open(name, KAL_MODE_SEARCH, KAL_OK, stream);
+        EXPECT_STREQ(val(s->name), stream == nullptr ? name : "W:\\last\\f.ole");
+        EXPECT_EQ(s->getChar(s), stream == nullptr ? 'x' : 'y');
+        EXPECT_EQ(s->close(s), KAL_OK);
+        open(name + (stream == nullptr ? 10 : 0), 0, kMissing, stream);
+        open("absent", KAL_MODE_SEARCH, kMissing, stream);
+        EXPECT_EQ(firstByte("absent", KAL_MODE_SEARCH | KAL_MODE_APPEND, stream), KAL_ERR_END);
+        EXPECT_TRUE(std::filesystem::remove("absent")) << "made under the name as given";
     }
     KalSetHomeStr(nullptr);
     unsetenv("KAL_DRIVE_W");
+}
+
+TEST_F(Open, ACompoundFileIsSharedByReadersOnly) {
+    for (const uint16_t held : {KAL_MODE_NEW_FILE, uint16_t(0)}) {
+        SFILE* s = open("ole", held, KAL_OK, "s");
+        for (const uint16_t mode : {KAL_MODE_WRITE, KAL_MODE_UPDATE, KAL_MODE_NEW_FILE})
+            open("ole", mode, KAL_ERR_STORAGE, "s");
+        if (SFILE* reader = open("ole", 0, held == 0 ? KAL_OK : KAL_ERR_STORAGE, "s")) {
+            EXPECT_EQ(reader->getChar(reader) | reader->close(reader), 'x');
+        }
+        EXPECT_EQ(held == 0 ? 0 : s->putChar(s, 'x'), KAL_OK);
+        EXPECT_EQ(s->close(s), KAL_OK);
+    }
 }

@@ -14,11 +14,7 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-std::string currentFolder;
-
-} // namespace
+static std::string currentFolder;
 
 const std::string& testFolder() {
     return currentFolder;
@@ -69,6 +65,11 @@ std::vector<std::string> filesIn(const std::string& folder) {
     return names;
 }
 
+uint32_t firstSeed() {
+    const char* number = std::getenv("KAL_TEST_SEED");
+    return number != nullptr ? static_cast<uint32_t>(std::strtoul(number, nullptr, 10)) : 1;
+}
+
 Bytes randomBytes(size_t count, uint32_t seed) {
     std::mt19937 random(seed);
     Bytes bytes(count);
@@ -82,20 +83,15 @@ Bytes bytesOf(const std::string& text) {
 }
 
 Bytes hexExample(const std::string& document, int n) {
-    std::ifstream in(std::string(KAL_SOURCE_DIR) + "/" + document);
+    std::ifstream in(KAL_SOURCE_DIR "/" + document);
     Bytes bytes;
-    bool inside = false;
-    for (std::string line; std::getline(in, line);) {
-        if (line == "```hex")
-            inside = n-- == 0;
-        else if (line == "```")
-            inside = false;
-        else if (inside) {
-            std::istringstream words(line);
-            for (std::string word;
-                 words >> word && word.size() == 2 && isxdigit(word[0]) && isxdigit(word[1]);)
-                bytes.push_back(static_cast<uint8_t>(std::stoi(word, nullptr, 16)));
-        }
+    std::string line;
+    for (; n >= 0 && std::getline(in, line); n -= line == "```hex" ? 1 : 0) {
+    }
+    while (std::getline(in, line) && line != "```") {
+        std::istringstream words(line);
+        for (std::string word; words >> word && word.size() == 2 && isxdigit(word[0]) && isxdigit(word[1]);)
+            bytes.push_back(static_cast<uint8_t>(std::stoi(word, nullptr, 16)));
     }
     EXPECT_FALSE(bytes.empty()) << document << " has no such example";
     return bytes;
@@ -112,12 +108,10 @@ TinyFileSystem::~TinyFileSystem() {
         ::umount2(folder_.c_str(), MNT_DETACH);
 }
 
-FileSizeLimit::FileSizeLimit(size_t bytes) {
+FileSizeLimit::FileSizeLimit(size_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
-    before_ = limit.rlim_cur;
-    handler_ = std::signal(SIGXFSZ, SIG_IGN);
-    limit.rlim_cur = bytes;
+    before_ = std::exchange(limit.rlim_cur, bytes);
     setrlimit(RLIMIT_FSIZE, &limit);
 }
 

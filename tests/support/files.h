@@ -36,6 +36,9 @@ void writeFile(const std::string& path, const Bytes& bytes);
 bool fileExists(const std::string& path);
 std::vector<std::string> filesIn(const std::string& folder);
 
+// Where the seeds of a random test begin: 1, or the number in KAL_TEST_SEED (scripts/soak).
+uint32_t firstSeed();
+
 // Reproducible bytes: the same seed gives the same ones.
 Bytes randomBytes(size_t count, uint32_t seed);
 Bytes bytesOf(const std::string& text);

@@ -44,10 +44,11 @@ int endOf(pid_t process) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-HKEY makeTestKey(const std::string& name, uint32_t option, HKEY above) {
+HKEY makeTestKey(const std::string& name, uint32_t option) {
     HKEY key = nullptr;
-    EXPECT_EQ(
-        RegCreateKeyExA(above, name.c_str(), 0, "string", option, KEY_ALL_ACCESS, nullptr, &key, nullptr), 0)
+    EXPECT_EQ(RegCreateKeyExA(HKEY_CLASSES_ROOT, name.c_str(), 0, "string", option, KEY_ALL_ACCESS, nullptr,
+                              &key, nullptr),
+              0)
         << name;
     return key;
 }
@@ -68,39 +69,63 @@ std::string textOf(const std::string& key, HKEY above) {
     HKEY opened = nullptr;
     if (RegOpenKeyExA(above, key.c_str(), 0, KEY_ALL_ACCESS, &opened) != 0)
         return "(no key)";
-    std::string text(70000, '\0');
-    auto size = static_cast<uint32_t>(text.size());
+    static char text[70000];
+    uint32_t size = sizeof text - 1;
     const int32_t code =
-        RegQueryValueExA(opened, nullptr, nullptr, nullptr, reinterpret_cast<uint8_t*>(text.data()), &size);
+        RegQueryValueExA(opened, nullptr, nullptr, nullptr, reinterpret_cast<uint8_t*>(text), &size);
     RegCloseKey(opened);
-    return code == 0 ? std::string(text.c_str()) : "(no value)";
-}
-
-std::vector<std::string> subkeysOf(HKEY key) {
-    std::vector<std::string> names;
-    char name[260];
-    for (uint32_t i = 0; RegEnumKeyA(key, i, name, sizeof name) == 0; i++)
-        names.emplace_back(name);
-    return names;
-}
-
-std::vector<std::string> subkeysOf(const std::string& key) {
-    HKEY opened = nullptr;
-    RegOpenKeyExA(HKEY_CLASSES_ROOT, key.c_str(), 0, KEY_ALL_ACCESS, &opened);
-    auto names = subkeysOf(opened);
-    RegCloseKey(opened);
-    return names;
+    text[code == 0 ? size : 0] = 0;
+    return code == 0 ? text : "(no value)";
 }
 
 std::string dumpRegistry(HKEY key) {
     std::string text;
-    for (const auto& name : subkeysOf(key)) {
-        text += name + "=" + textOf(name, key) + "{";
+    char name[260];
+    for (uint32_t i = 0; RegEnumKeyA(key, i, name, sizeof name) == 0; i++) {
         HKEY below = nullptr;
-        if (RegOpenKeyExA(key, name.c_str(), 0, KEY_ALL_ACCESS, &below) == 0)
-            text += dumpRegistry(below);
+        EXPECT_EQ(RegOpenKeyExA(key, name, 0, KEY_ALL_ACCESS, &below), 0) << name;
+        text += name + ("=" + textOf(name, key)) + "{" + dumpRegistry(below) + "}";
         RegCloseKey(below);
-        text += "}";
     }
     return text;
+}
+
+void KeyModel::set(const std::string& path, const std::string& value) {
+    for (size_t end = path.find('\\'); end != std::string::npos; end = path.find('\\', end + 1))
+        keys_.try_emplace(path.substr(0, end), "(no value)");
+    keys_[path] = value;
+}
+
+void KeyModel::erase(const std::string& path) {
+    for (const std::string& name : below(path))
+        erase(path + "\\" + name);
+    keys_.erase(path);
+}
+
+std::string KeyModel::at(const std::string& path) const {
+    const auto found = keys_.find(path);
+    return found != keys_.end() ? found->second : "(no key)";
+}
+
+std::vector<std::string> KeyModel::below(const std::string& path) const {
+    const std::string way = path.empty() ? "" : path + "\\";
+    std::vector<std::string> names;
+    for (auto at = keys_.lower_bound(way);
+         at != keys_.end() && strncasecmp(at->first.c_str(), way.c_str(), way.size()) == 0; at++)
+        if (at->first.find('\\', way.size()) == std::string::npos)
+            names.push_back(at->first.substr(way.size()));
+    return names;
+}
+
+std::string KeyModel::dump(const std::string& way) const {
+    std::string text;
+    for (const std::string& name : below(way.substr(0, way.size() - !way.empty())))
+        text += name + "=" + at(way + name) + "{" + dump(way + name + "\\") + "}";
+    return text;
+}
+
+void KeyModel::cover(const KeyModel& other) {
+    for (const auto& [path, value] : other.keys_)
+        if (value != "(no value)" || keys_.count(path) == 0)
+            keys_[path] = value;
 }

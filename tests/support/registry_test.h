@@ -1,4 +1,4 @@
-// A registry of its own for each test, and other processes that use it.
+// A registry of its own for each test, a model of it, and other processes that use it.
 #ifndef KAL_TESTS_SUPPORT_REGISTRY_TEST_H
 #define KAL_TESTS_SUPPORT_REGISTRY_TEST_H
 
@@ -6,7 +6,9 @@
 #include "tests/support/files.h"
 
 #include <functional>
+#include <map>
 #include <string>
+#include <strings.h>
 #include <sys/types.h>
 
 class RegistryTest : public FolderTest {
@@ -28,14 +30,31 @@ inline int inProcess(const std::function<int()>& work) {
 }
 
 // Shorter forms of the registry's calls.
-HKEY makeTestKey(const std::string& name, uint32_t option = REG_OPTION_NON_VOLATILE,
-                 HKEY above = HKEY_CLASSES_ROOT);
+HKEY makeTestKey(const std::string& name, uint32_t option = REG_OPTION_NON_VOLATILE);
 int32_t setText(const std::string& key, const std::string& text, uint32_t option = REG_OPTION_NON_VOLATILE);
 // The default value up to its zero; "(no key)" or "(no value)" where there is none.
 std::string textOf(const std::string& key, HKEY above = HKEY_CLASSES_ROOT);
-std::vector<std::string> subkeysOf(HKEY key);
-std::vector<std::string> subkeysOf(const std::string& key);
-// All keys below one, with their values.
+// All keys below one in their order, each "name=value{keys below it}".
 std::string dumpRegistry(HKEY key = HKEY_CLASSES_ROOT);
+
+// What the registry should hold, written down in the plainest way: each key by its path, with its value.
+class KeyModel {
+public:
+    void set(const std::string& path, const std::string& value); // makes the way to it, too
+    void erase(const std::string& path);                         // with all that is below it
+    std::string at(const std::string& path) const;               // as textOf()
+    std::vector<std::string> below(const std::string& path) const;
+    std::string dump(const std::string& way = "") const; // as dumpRegistry()
+    // Adds keys, and values where these have one.
+    void cover(const KeyModel& other);
+
+private:
+    struct Before {
+        bool operator()(const std::string& a, const std::string& b) const {
+            return strcasecmp(a.c_str(), b.c_str()) < 0;
+        }
+    };
+    std::map<std::string, std::string, Before> keys_;
+};
 
 #endif

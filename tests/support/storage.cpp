@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
+#include <cstring>
 
 namespace {
 
@@ -22,12 +22,13 @@ bool readInto(IStorage* storage, const std::wstring& prefix, Streams& streams, u
         if (element.type == STGTY_STREAM) {
             Ref<IStream> stream;
             HRESULT result = openStream(storage, name, stream, mode);
-            if (result == S_OK) {
-                Bytes bytes = readAll(stream.get(), &result);
-                if (result == S_OK && bytes.size() == element.cbSize)
-                    streams[prefix + name] = std::move(bytes);
-            }
-            whole = whole && streams.count(prefix + name) != 0;
+            Bytes bytes;
+            if (result == S_OK)
+                bytes = readAll(stream.get(), result);
+            if (result == S_OK && bytes.size() == element.cbSize)
+                streams[prefix + name] = std::move(bytes);
+            else
+                whole = false;
         } else {
             Ref<IStorage> inner;
             whole = storage->OpenStorage(name.c_str(), nullptr, STGM_READ, nullptr, 0, inner.out()) == S_OK &&
@@ -59,84 +60,80 @@ HRESULT openStream(IStorage* storage, const std::wstring& name, Ref<IStream>& st
     return storage->OpenStream(name.c_str(), nullptr, mode, 0, stream.out());
 }
 
-void writeAll(IStream* stream, const Bytes& bytes, uint32_t piece) {
-    for (size_t done = 0; done < bytes.size();) {
-        const auto step = static_cast<uint32_t>(std::min<size_t>(piece, bytes.size() - done));
-        uint32_t written = 0;
-        ASSERT_EQ(stream->Write(bytes.data() + done, step, &written), S_OK);
-        ASSERT_EQ(written, step);
-        done += step;
-    }
+void writeAll(IStream* stream, const Bytes& bytes) {
+    uint32_t written = 0;
+    ASSERT_EQ(stream->Write(bytes.data(), static_cast<uint32_t>(bytes.size()), &written), S_OK);
+    ASSERT_EQ(written, bytes.size());
 }
 
-Bytes readAll(IStream* stream, HRESULT* result) {
+Bytes readAll(IStream* stream, HRESULT& result) {
     Bytes bytes;
-    stream->Seek(0, STREAM_SEEK_SET, nullptr);
-    HRESULT last = S_OK;
-    for (uint32_t got = 1; got > 0 && last == S_OK;) {
+    result = stream->Seek(0, STREAM_SEEK_SET, nullptr);
+    for (uint32_t got = 1; got > 0 && result == S_OK;) {
         const size_t before = bytes.size();
         const size_t step = std::max<size_t>(before, 8192);
         bytes.resize(before + step);
-        last = stream->Read(bytes.data() + before, static_cast<uint32_t>(step), &got);
+        result = stream->Read(bytes.data() + before, static_cast<uint32_t>(step), &got);
         bytes.resize(before + got);
     }
-    if (result != nullptr)
-        *result = last;
     return bytes;
+}
+
+HRESULT putStream(IStorage* storage, const std::wstring& name, const Bytes& bytes) {
+    Ref<IStream> stream;
+    uint32_t written = 0;
+    HRESULT result = makeStream(storage, name, stream);
+    if (result == S_OK)
+        result = stream->Write(bytes.data(), static_cast<uint32_t>(bytes.size()), &written);
+    return result == S_OK && written < bytes.size() ? STG_E_MEDIUMFULL : result;
 }
 
 void writeStreams(const std::string& path, const Streams& streams) {
     Ref<IStorage> storage;
     ASSERT_EQ(createFile(path, storage), S_OK);
-    for (const auto& [name, bytes] : streams) {
-        Ref<IStream> stream;
-        ASSERT_EQ(makeStream(storage.get(), name, stream), S_OK);
-        writeAll(stream.get(), bytes);
-    }
+    for (const auto& [name, bytes] : streams)
+        ASSERT_EQ(putStream(storage.get(), name, bytes), S_OK);
 }
 
 bool readStreams(const std::string& path, Streams& streams, uint32_t mode) {
+    streams.clear();
     Ref<IStorage> storage;
     return openFile(path, mode, storage) == S_OK && readInto(storage.get(), L"", streams, mode, 0);
 }
 
-bool readByOlefile(const std::string& path, Streams& streams) {
-    // Each stream goes to a numbered file, its name beside it as the numbers of its characters.
-    const std::string script =
-        "import sys, os, olefile\n"
-        "os.makedirs('olefile-out', exist_ok=True)\n"
-        "ole = olefile.OleFileIO(sys.argv[1], raise_defects=olefile.DEFECT_INCORRECT)\n"
-        "for i, parts in enumerate(ole.listdir()):\n"
-        "    open('olefile-out/%d' % i, 'wb').write(ole.openstream(parts).read())\n"
-        "    print(i, *[ord(c) for c in '/'.join(parts)])\n";
-    writeFile("dump_streams.py", bytesOf(script));
-    std::string python = "/usr/bin/python3"; // the one that the system's packages belong to
-    if (!run(python + " -c 'import olefile'") && !run((python = "python3") + " -c 'import olefile'"))
-        return false;
-    EXPECT_TRUE(run(python + " dump_streams.py '" + path + "' > olefile.txt")) << path;
-    const Bytes listing = readFile("olefile.txt");
-    std::string text(listing.begin(), listing.end());
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = text.find('\n', at);
-        char* next = text.data() + at;
-        const long number = std::strtol(next, &next, 10);
-        std::wstring name;
-        while (*next == ' ')
-            name += static_cast<wchar_t>(std::strtol(next, &next, 10));
-        streams[name] = readFile("olefile-out/" + std::to_string(number));
-        at = end + 1;
+int expectOthersRead(const std::string& path, const Streams& expected) {
+    writeFile("dump.py",
+              bytesOf("import struct, sys, olefile\n"
+                      "ole = olefile.OleFileIO(sys.argv[1], raise_defects=olefile.DEFECT_INCORRECT)\n"
+                      "for parts in ole.listdir():\n"
+                      "    name, data = '/'.join(parts), ole.openstream(parts).read()\n"
+                      "    sys.stdout.buffer.write(struct.pack('II', len(name), len(data)) +\n"
+                      "                            name.encode('utf-32-le') + data)\n"));
+    int readers = 0;
+    for (const std::string python : {"/usr/bin/python3", "python3"}) // of the system's packages, the user's
+        if (readers == 0 && run(python + " -c 'import olefile'")) {
+            EXPECT_TRUE(run(python + " dump.py '" + path + "' > read.out")) << path;
+            Streams found;
+            const Bytes dump = readFile("read.out");
+            for (size_t at = 0; at < dump.size();) {
+                uint32_t sizes[2];
+                std::memcpy(sizes, &dump[at], sizeof sizes);
+                std::wstring name(sizes[0], L' ');
+                std::memcpy(name.data(), dump.data() + at + 8, sizes[0] * 4);
+                const auto bytes = dump.begin() + static_cast<ptrdiff_t>(at + 8 + sizes[0] * 4);
+                found[name].assign(bytes, bytes + sizes[1]);
+                at += 8 + sizes[0] * size_t(4) + sizes[1];
+            }
+            EXPECT_TRUE(found == expected) << "olefile reads something else";
+            readers++;
+        }
+    if (run("gsf help > read.out")) {
+        for (const auto& [name, bytes] : expected) {
+            const std::string plain(name.begin(), name.end());
+            EXPECT_TRUE(run("gsf cat '" + path + "' '" + plain + "' > read.out")) << plain;
+            EXPECT_TRUE(readFile("read.out") == bytes) << "gsf reads something else of " << plain;
+        }
+        readers++;
     }
-    std::filesystem::remove_all("olefile-out");
-    return true;
-}
-
-bool readByGsf(const std::string& path, const std::vector<std::wstring>& names, Streams& streams) {
-    if (!run("gsf help > gsf.txt"))
-        return false;
-    for (const std::wstring& name : names) {
-        const std::string plain(name.begin(), name.end());
-        EXPECT_TRUE(run("gsf cat '" + path + "' '" + plain + "' > gsf.out")) << plain;
-        streams[name] = readFile("gsf.out");
-    }
-    return true;
+    return readers;
 }

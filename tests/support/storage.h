@@ -37,6 +37,11 @@ private:
 
 inline constexpr uint32_t kUpdate = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 
+// The little-endian number of 32 bits at a place.
+inline uint32_t word(const Bytes& file, size_t at) {
+    return file[at] | file[at + 1] << 8 | file[at + 2] << 16 | uint32_t(file[at + 3]) << 24;
+}
+
 std::wstring wide(const std::string& text);
 HRESULT createFile(const std::string& path, Ref<IStorage>& storage);
 HRESULT openFile(const std::string& path, uint32_t mode, Ref<IStorage>& storage);
@@ -44,10 +49,12 @@ HRESULT makeStream(IStorage* storage, const std::wstring& name, Ref<IStream>& st
 HRESULT openStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream,
                    uint32_t mode = kUpdate);
 
-// Writes in pieces of `piece` bytes; all of it, or the test fails.
-void writeAll(IStream* stream, const Bytes& bytes, uint32_t piece = 1u << 20);
+// All of it, or the test fails.
+void writeAll(IStream* stream, const Bytes& bytes);
 // All bytes from the start, until there are no more or an error, which `result` then holds.
-Bytes readAll(IStream* stream, HRESULT* result = nullptr);
+Bytes readAll(IStream* stream, HRESULT& result);
+// Makes or replaces a stream. STG_E_MEDIUMFULL when it took only a part.
+HRESULT putStream(IStorage* storage, const std::wstring& name, const Bytes& bytes);
 
 void writeStreams(const std::string& path, const Streams& streams);
 // All streams of a file, of its storages too. What cannot be read whole is left out; false when there was any.
@@ -55,8 +62,7 @@ void writeStreams(const std::string& path, const Streams& streams);
 bool readStreams(const std::string& path, Streams& streams,
                  uint32_t mode = STGM_READ | STGM_SHARE_DENY_WRITE);
 
-// The same by another program's reader. False where that is not installed.
-bool readByOlefile(const std::string& path, Streams& streams);
-bool readByGsf(const std::string& path, const std::vector<std::wstring>& names, Streams& streams);
+// That other programs read the same of a file. The number of those that are installed.
+int expectOthersRead(const std::string& path, const Streams& expected);
 
 #endif

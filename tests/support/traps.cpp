@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/types.h>
 #include <tuple>
 #include <type_traits>
 #include <unistd.h>
@@ -20,8 +21,7 @@ struct Trap {
     int64_t nth;
     int error;
     std::vector<std::string> names, transfers, changes;
-};
-Trap trap;
+} trap;
 
 constexpr bool isOneOf(std::string_view name, std::initializer_list<std::string_view> names) {
     return std::find(names.begin(), names.end(), name) != names.end();
@@ -47,53 +47,49 @@ constexpr bool isChange(std::string_view name, int openFlags) {
            isOneOf(name, {"ftruncate", "unlink", "unlinkat", "renameat", "shm_unlink"});
 }
 
-// The flags of a call that opens: open and shm_open, openat; 0 for other calls.
-int flagsOf(const std::tuple<const char*, int, mode_t>& arguments) {
-    return std::get<1>(arguments);
-}
-int flagsOf(const std::tuple<int, const char*, int, mode_t>& arguments) {
-    return std::get<2>(arguments);
-}
-template <class Other>
-int flagsOf(const Other&) {
+// The flags of a call that opens: of those that end with flags and a mode; 0 for other calls.
+template <class... Arguments>
+int flagsOf(const std::tuple<Arguments...>& arguments) {
+    if constexpr (sizeof...(Arguments) >= 3) {
+        constexpr size_t last = sizeof...(Arguments) - 1;
+        if constexpr (std::is_same_v<decltype(std::get<last>(arguments)), const mode_t&> &&
+                      std::is_same_v<decltype(std::get<last - 1>(arguments)), const int&>)
+            return std::get<last - 1>(arguments);
+    }
     return 0;
 }
 
 enum class Answer { real, failure, half };
 
 Answer answerTo(const char* name, int openFlags) {
-    const bool change = isChange(name, openFlags);
+    const bool transfer = isTransfer(name), change = isChange(name, openFlags);
     trap.names.emplace_back(name);
-    if (isTransfer(name))
+    if (transfer)
         trap.transfers.emplace_back(name);
     if (change)
         trap.changes.emplace_back(name);
-    const auto number = [](const auto& of) { return static_cast<int64_t>(of.size()); };
+    const auto pastNth = [](const auto& calls) { return static_cast<int64_t>(calls.size()) - trap.nth; };
+    const int64_t call = pastNth(trap.names);
     switch (trap.effect) {
     case Effect::kCount:
         return Answer::real;
     case Effect::kFail:
-    case Effect::kFailOn: {
-        const int64_t call = number(trap.names);
-        if (call != trap.nth && (call < trap.nth || trap.effect == Effect::kFail))
-            return Answer::real;
-        if (trap.error == HostCallTrap::kKill)
-            ::kill(::getpid(), SIGKILL);
+    case Effect::kFailOn:
         errno = trap.error;
-        return isSafe(name) ? Answer::real : Answer::failure;
-    }
+        return (call == 0 || (call > 0 && trap.effect == Effect::kFailOn)) && !isSafe(name) ? Answer::failure
+                                                                                            : Answer::real;
     case Effect::kShorten:
         errno = EINTR;
-        return isTransfer(name) && number(trap.transfers) == trap.nth ? Answer::half : Answer::real;
+        return transfer && pastNth(trap.transfers) == 0 ? Answer::half : Answer::real;
     case Effect::kNoRoom:
         errno = ENOSPC;
-        if (!takesRoom(name, openFlags) || number(trap.changes) < trap.nth)
+        if (!takesRoom(name, openFlags) || pastNth(trap.changes) < 0)
             return Answer::real;
-        return isTransfer(name) && number(trap.changes) == trap.nth ? Answer::half : Answer::failure;
+        return transfer && pastNth(trap.changes) == 0 ? Answer::half : Answer::failure;
+    case Effect::kKillAt:
     case Effect::kKillBefore:
-        if (change && number(trap.changes) == trap.nth)
+        if (trap.effect == Effect::kKillAt ? call == 0 : change && pastNth(trap.changes) == 0)
             ::kill(::getpid(), SIGKILL);
-        return Answer::real;
     }
     return Answer::real;
 }
@@ -134,8 +130,6 @@ HostCallTrap::HostCallTrap(Effect effect, int64_t nth, int error) {
 #undef KAL_TRAP
 }
 
-HostCallTrap::HostCallTrap(int64_t nth, int error) : HostCallTrap(kFail, nth, error) {}
-
 const std::vector<std::string>& HostCallTrap::names() {
     return trap.names;
 }
@@ -146,8 +140,4 @@ const std::vector<std::string>& HostCallTrap::transfers() {
 
 const std::vector<std::string>& HostCallTrap::changes() {
     return trap.changes;
-}
-
-int64_t HostCallTrap::listings() {
-    return std::count(trap.names.begin(), trap.names.end(), "readdir");
 }

@@ -30,6 +30,7 @@ struct Scenario {
     std::set<int> statuses = {};           // what trouble may make of the status
     std::function<void(int status)> check = [](int) {}; // after each run, without trouble
     std::set<std::string> unfinished = {};              // files that a failed run may leave in any state
+    std::set<std::string> loose = {}; // files whose bytes say nothing: `check` looks into them
     bool keepsFolder =
         false; // the folder is not put back: `prepare` does it, for files that the process keeps open
 };

@@ -1,6 +1,6 @@
 // A growing array of plain elements on the small-memory heap, whose growth can fail.
-#ifndef KAL_PLATFORM_COMPOUND_ARRAY_H
-#define KAL_PLATFORM_COMPOUND_ARRAY_H
+#ifndef KAL_PLATFORM_ARRAY_H
+#define KAL_PLATFORM_ARRAY_H
 
 #include <kal/heap.h>
 
@@ -8,8 +8,6 @@
 #include <cstring>
 #include <type_traits>
 #include <utility>
-
-namespace compound {
 
 template <class T>
 class Array {
@@ -91,7 +89,5 @@ private:
     size_t size_ = 0;
     size_t capacity_ = 0;
 };
-
-} // namespace compound
 
 #endif

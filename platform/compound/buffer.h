@@ -1,17 +1,17 @@
-// A stretch of a chain kept in memory, so that small pieces side by side are not moved one by one.
-#ifndef KAL_PLATFORM_COMPOUND_WINDOW_H
-#define KAL_PLATFORM_COMPOUND_WINDOW_H
+// A part of a chain kept in memory, so that bytes side by side are not moved few by few.
+#ifndef KAL_PLATFORM_COMPOUND_BUFFER_H
+#define KAL_PLATFORM_COMPOUND_BUFFER_H
 
 #include "platform/compound/chain.h"
 
 namespace compound {
 
-class Window {
+class Buffer {
 public:
-    explicit Window(Chain& chain) : chain_(chain) {}
+    explicit Buffer(Chain& chain) : chain_(chain) {}
 
-    // As those of the chain, which has room for what is written: it goes there when the window moves or is
-    // flushed. A write that has to move the window first fails when that does.
+    // As those of the chain, which has room for what is written: it goes there when the buffer moves or is
+    // flushed. A write that has to move the buffer first fails when that does.
     Moved read(uint64_t position, void* destination, size_t count);
     Moved write(uint64_t position, const void* source, size_t count);
     bool flush();
@@ -21,7 +21,7 @@ private:
 
     Chain& chain_;
     Array<uint8_t> bytes_;
-    uint64_t start_ = 0;    // of the window in the chain
+    uint64_t start_ = 0;    // of the buffer in the chain
     size_t valid_ = 0;      // its bytes that are known
     size_t dirtyBegin_ = 0; // those that the chain does not have yet
     size_t dirtyEnd_ = 0;

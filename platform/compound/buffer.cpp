@@ -1,14 +1,14 @@
-#include "platform/compound/window.h"
+#include "platform/compound/buffer.h"
 
 namespace compound {
 
 namespace {
 
-constexpr size_t kWindowSize = 64 * 1024;
+constexpr size_t kBufferSize = 64 * 1024;
 
 } // namespace
 
-bool Window::flush() {
+bool Buffer::flush() {
     const size_t count = dirtyEnd_ - dirtyBegin_;
     if (count == 0)
         return true;
@@ -18,20 +18,20 @@ bool Window::flush() {
     return true;
 }
 
-bool Window::moveTo(uint64_t position) {
-    const uint64_t start = position / kWindowSize * kWindowSize;
+bool Buffer::moveTo(uint64_t position) {
+    const uint64_t start = position / kBufferSize * kBufferSize;
     if (start == start_ && !bytes_.empty())
         return true;
-    if (!flush() || (bytes_.empty() && !bytes_.resize(kWindowSize)))
+    if (!flush() || (bytes_.empty() && !bytes_.resize(kBufferSize)))
         return false;
     start_ = start;
     valid_ = 0;
-    const Moved moved = chain_.read(start, bytes_.data(), kWindowSize);
+    const Moved moved = chain_.read(start, bytes_.data(), kBufferSize);
     valid_ = moved.count;
     return !moved.failed;
 }
 
-Moved Window::read(uint64_t position, void* destination, size_t count) {
+Moved Buffer::read(uint64_t position, void* destination, size_t count) {
     auto* to = static_cast<uint8_t*>(destination);
     Moved moved;
     while (moved.count < count) {
@@ -49,7 +49,7 @@ Moved Window::read(uint64_t position, void* destination, size_t count) {
     return moved;
 }
 
-Moved Window::write(uint64_t position, const void* source, size_t count) {
+Moved Buffer::write(uint64_t position, const void* source, size_t count) {
     const auto* from = static_cast<const uint8_t*>(source);
     Moved moved;
     while (moved.count < count) {
@@ -58,7 +58,7 @@ Moved Window::write(uint64_t position, const void* source, size_t count) {
             break;
         }
         const auto at = static_cast<size_t>(position + moved.count - start_);
-        const size_t step = std::min(count - moved.count, kWindowSize - at);
+        const size_t step = std::min(count - moved.count, kBufferSize - at);
         if (at > valid_)
             std::memset(bytes_.data() + valid_, 0, at - valid_);
         std::memcpy(bytes_.data() + at, from + moved.count, step);

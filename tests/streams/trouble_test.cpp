@@ -1,0 +1,297 @@
+// Streams in trouble: no memory, failing and cut host calls, full disks, kills.
+#include "streams/close.h"
+#include "tests/support/faults.h"
+#include "tests/support/storage.h"
+#include "tests/support/trouble.h"
+#include "tests/support/vmem.h"
+
+#include <kal/path.h>
+#include <kal/storage.h>
+#include <kal/stream.h>
+
+#include <cerrno>
+#include <filesystem>
+
+namespace {
+
+class StreamTrouble : public VMemFixture {};
+
+using Open = std::function<int16_t(SFILE**)>;
+
+Open file(const std::string& name, uint16_t mode) {
+    return [=](SFILE** out) { return KalOpenFile(out, name.c_str(), mode, 0); };
+}
+
+Open compound(const std::string& name, uint16_t mode) {
+    return [=](SFILE** out) { return KalOpenFileAsIStream(out, name.c_str(), "s", mode); };
+}
+
+Open temporary(uint16_t keep) {
+    return [=](SFILE** out) { return KalOpenTempFile(out, KAL_MODE_NEW_FILE, keep); };
+}
+
+// Writes, reads and changes a stream, and closes it whatever came. The first status that told of trouble.
+int use(const Open& open, uint32_t bufSize, uint32_t size) {
+    SFILE* s = nullptr;
+    int16_t status = open(&s);
+    EXPECT_EQ(s != nullptr, status == KAL_OK);
+    if (s == nullptr)
+        return status;
+    const auto note = [&](int16_t given) { status = status != KAL_OK ? status : given; };
+    const Bytes bytes = randomBytes(size, 3);
+    Bytes back(size);
+    note(KalSetBuf(s, bufSize));
+    s->write(s, bytes.data(), 100);
+    note(s->status);
+    s->write(s, bytes.data() + 100, size - 100);
+    note(s->status);
+    note(s->seek(s, 0, KAL_SEEK_START));
+    const int32_t got = s->read(s, back.data(), size);
+    note(s->status);
+    EXPECT_TRUE(status != KAL_OK || (got == int32_t(size) && back == bytes));
+    note(s->seek(s, 700, KAL_SEEK_START));
+    note(s->putChar(s, '!'));
+    note(s->seek(s, -3, KAL_SEEK_END));
+    note(s->putChar(s, '!'));
+    note(closeForGood(s));
+    return status;
+}
+
+int useVMem() {
+    if (KalOpenVMem(0) != KAL_OK)
+        return KAL_ERR_VMEM;
+    const uint32_t blocks = liveGlobalBlocks();
+    const int status = use(file("", KAL_MODE_VMEM), 0, 50'000);
+    EXPECT_EQ(liveGlobalBlocks(), blocks) << "a closed stream keeps no block";
+    KalCloseVMem();
+    return status;
+}
+
+int append() {
+    SFILE* s = nullptr;
+    int16_t status = KalOpenFile(&s, "f", KAL_MODE_NEW_FILE, 0);
+    if (status != KAL_OK)
+        return status;
+    status = KalFileCat(s, "old");
+    status = status != KAL_OK ? status : s->status;
+    const int16_t closed = closeForGood(s);
+    return status != KAL_OK ? status : closed;
+}
+
+// A stream on a file of random bytes that stands at 2000, with its buffer at the start.
+SFILE* away(uint32_t bufSize, bool dirty = false) {
+    writeFile("f", randomBytes(3000, 2));
+    SFILE* s = nullptr;
+    EXPECT_EQ(KalOpenFile(&s, "f", KAL_MODE_UPDATE, 0) | KalSetBuf(s, bufSize), KAL_OK);
+    EXPECT_EQ(s->getChar(s), randomBytes(1, 2)[0]);
+    EXPECT_EQ(dirty ? s->putChar(s, 'x') : 0, KAL_OK);
+    s->pos = 2000;
+    return s;
+}
+
+} // namespace
+
+TEST_F(StreamTrouble, NoStreamLosesWhatItSaysItKept) {
+    std::filesystem::create_directory("home");
+    for (const char* name : {"old", "home/deep"})
+        writeFile(name, randomBytes(2000, 7));
+    ASSERT_EQ(use(compound("home/ole", KAL_MODE_NEW_FILE), 0, 1500), KAL_OK);
+    setenv("KAL_DRIVE_W", path("").c_str(), 1);
+    char text[] = "W:\\none;W:\\home";
+    KalSetHomeStr(text);
+    const std::string mapping = "trouble" + std::to_string(getpid());
+    ASSERT_EQ(use(file(mapping, KAL_MODE_FILEMAP | KAL_MODE_CREATE | KAL_MODE_UPDATE), 0, 1500), KAL_OK);
+
+    constexpr uint16_t kSearch = KAL_MODE_SEARCH | KAL_MODE_UPDATE;
+    const struct {
+        const char* name;
+        Open open = {};
+        uint32_t bufSize = 0;
+        unsigned troubles = kAllTrouble;
+        std::string unfinished = "f";
+        uint32_t size = 1500;
+        std::function<int()> run = [this] { return use(open, bufSize, size); };
+    } rows[] = {
+        {"disk", file("f", KAL_MODE_NEW_FILE), 0},
+        {"disk, buffered", file("f", KAL_MODE_NEW_FILE), 512},
+        {"disk, found", file("a\\deep", kSearch), 512, kNoMemory | kHostFails, "home/deep"},
+        {"compound", compound("f", KAL_MODE_NEW_FILE), 0},
+        {"compound, buffered", compound("f", KAL_MODE_NEW_FILE), 512},
+        {"compound, found", compound("ole", kSearch), 512, kNoMemory | kHostFails, "home/ole"},
+        {"memory", file("", KAL_MODE_MEMORY), 0, kNoMemory, "", 50'000},
+        {.name = "VMem", .troubles = kNoMemory, .unfinished = "", .run = useVMem},
+        {"mapping", file(mapping, KAL_MODE_FILEMAP | KAL_MODE_UPDATE), 0, kNoMemory | kHostFails},
+        {"temporary", temporary(0), 512, kAllTrouble, "ZEP0.TMP"},
+        {"temporary, kept", temporary(1), 512, kNoMemory | kHostFails, "ZEP0.TMP"},
+        // Errors of its reads, and those of a copy's writes, are not told.
+        {.name = "appended", .troubles = kNoMemory | kCutShort | kDiskFull, .run = append},
+        {.name = "copied", .troubles = kNoMemory | kCutShort, .run = [] { return KalCopyFile("f", "old"); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        walkTrouble(
+            {.run = row.run,
+             .statuses = {KAL_ERR_MEMORY, KAL_ERR_VMEM, KAL_ERR_BUFFER, KAL_ERR_STORAGE, KAL_ERR_SERVICE,
+                          KAL_ERR_WRITE, KAL_ERR_READ, KAL_ERR_CLOSE, KAL_ERR_DISK_FULL, KAL_ERR_SEEK,
+                          KAL_ERR_GLOBAL, KAL_ERR_OPEN - EIO, KAL_ERR_OPEN - ENOSPC, KAL_ERR_OPEN - ENOMEM},
+             .unfinished = {row.unfinished}},
+            row.troubles);
+        std::filesystem::remove("ZEP0.TMP");
+    }
+    KalSetHomeStr(nullptr);
+    unsetenv("KAL_DRIVE_W");
+}
+
+TEST_F(StreamTrouble, AFullDiskKeepsWhatFitsAndTheBuffer) {
+    const Bytes bytes = randomBytes(150'000, 9);
+    for (const bool inFile : {true, false})
+        for (const uint32_t bufSize : {0u, 512u, 9000u}) {
+            SCOPED_TRACE(::testing::Message() << (inFile ? "disk" : "compound") << " buffer " << bufSize);
+            SFILE* s = nullptr;
+            ASSERT_EQ((inFile ? file : compound)("f", KAL_MODE_NEW_FILE)(&s) | KalSetBuf(s, bufSize), KAL_OK);
+            FileSizeLimit limit(90'000); // more than a new compound file sets aside
+            int32_t got = 700;
+            while (got == 700)
+                got = s->write(s, &bytes[s->pos], 700);
+            const uint32_t accepted = s->pos;
+            EXPECT_TRUE(!inFile || (s->osPos == 90'000 && accepted == std::max(s->bufEnd + 1, 90'001u) - 1));
+            EXPECT_TRUE(s->status == KAL_ERR_DISK_FULL && s->write(s, "x", 1) == 0) << "blocked";
+            EXPECT_EQ(s->seek(s, 0, KAL_SEEK_START), KAL_ERR_DISK_FULL) << "blocked";
+            if (s->dirty != 0) {
+                EXPECT_EQ(got, KAL_ERR_DISK_FULL) << "the status itself is the result";
+                EXPECT_EQ(s->close(s), KAL_ERR_DISK_FULL) << "open and whole";
+            }
+            limit.lift();
+            EXPECT_EQ(KalFlushBuf(s), KAL_OK);
+            uint8_t byte;
+            s->pos = 0; // a caller that reads elsewhere
+            EXPECT_EQ(s->read(s, &byte, 1), 1) << "what succeeds lifts the block";
+            EXPECT_EQ(s->seek(s, int32_t(accepted), KAL_SEEK_START), KAL_OK);
+            EXPECT_EQ(s->write(s, &bytes[accepted], 150'000 - accepted), int32_t(150'000 - accepted));
+            EXPECT_EQ(s->close(s), KAL_OK);
+            Streams streams;
+            EXPECT_EQ(readStreams("f", streams), !inFile);
+            EXPECT_TRUE((inFile ? readFile("f") : streams[L"s"]) == bytes);
+        }
+}
+
+TEST_F(StreamTrouble, FailingHostCallsGiveTheirStatuses) {
+    static uint8_t bytes[1000];
+    const struct {
+        char fails;
+        int32_t (*work)(SFILE* s);
+        int result, status;
+        uint32_t pos = 2000;
+        bool dirty = false; // with a buffer that must be written back first
+    } rows[] = {
+        {'r', [](SFILE* s) { return s->read(s, bytes, 1000); }, 0, KAL_ERR_READ},
+        {'r', [](SFILE* s) { return s->read(s, bytes, 1); }, 0, KAL_ERR_READ},
+        {'r', [](SFILE* s) { return s->getChar(s); }, KAL_ERR_READ, KAL_ERR_READ},
+        {'r', [](SFILE* s) { return s->write(s, bytes, 2); }, 0, KAL_ERR_READ, 2000, true},
+        {'w', [](SFILE* s) { return s->write(s, bytes, 1000); }, 0, KAL_ERR_WRITE},
+        {'w', [](SFILE* s) { return s->write(s, bytes, 9); }, KAL_ERR_WRITE, KAL_ERR_WRITE, 2000, true},
+        {'w', [](SFILE* s) { return s->read(s, bytes, 9); }, KAL_ERR_WRITE, KAL_ERR_WRITE, 2000, true},
+        {'w', [](SFILE* s) { return +s->close(s); }, KAL_ERR_WRITE, KAL_ERR_WRITE, 2000, true},
+        {'s', [](SFILE* s) { return +KalFlushBuf(s); }, KAL_ERR_SEEK, KAL_ERR_SEEK, 2000, true},
+        {'s', [](SFILE* s) { return s->read(s, bytes, 9); }, 0, KAL_ERR_SEEK},
+        {'s', [](SFILE* s) { return s->read(s, bytes, 1000); }, 0, KAL_ERR_SEEK},
+        {'s', [](SFILE* s) { return s->write(s, bytes, 9); }, 0, KAL_ERR_SEEK},
+        {'s', [](SFILE* s) { return s->write(s, bytes, 1000); }, 0, KAL_ERR_SEEK},
+        {'s', [](SFILE* s) { return +s->seek(s, 0, KAL_SEEK_END); }, KAL_ERR_SEEK, KAL_ERR_SEEK,
+         KAL_NO_POSITION},
+    };
+    for (const auto& row : rows)
+        for (const uint32_t bufSize : {512u, 0u}) {
+            if (row.dirty && bufSize == 0)
+                continue;
+            SCOPED_TRACE(::testing::Message() << "row " << &row - rows << " buffer " << bufSize);
+            SFILE* s = away(bufSize, row.dirty);
+            {
+                const HostCallGuard guard;
+                errno = EIO;
+                if (row.fails == 'r')
+                    hostCalls.read = [](int, void*, size_t) { return ssize_t(-1); };
+                else if (row.fails == 'w')
+                    hostCalls.write = [](int, const void*, size_t) { return ssize_t(-1); };
+                else
+                    hostCalls.lseek = [](int, off_t, int) { return off_t(-1); };
+                EXPECT_EQ(row.work(s), row.result);
+            }
+            EXPECT_TRUE(s->status == row.status && s->pos == row.pos)
+                << val(s->status) << " at " << val(s->pos);
+            EXPECT_EQ(s->seek(s, 2000, KAL_SEEK_START), KAL_OK);
+            EXPECT_EQ(s->getChar(s), randomBytes(2001, 2)[2000]) << "what a failed read left is no data";
+            EXPECT_EQ(s->close(s), KAL_OK);
+        }
+    SFILE* s = away(0);
+    const HostCallGuard guard;
+    hostCalls.close = [](int fd) { return ::close(fd), -1; };
+    EXPECT_EQ(s->close(s), KAL_ERR_CLOSE);
+    hostCalls.lseek = [](int, off_t, int) { return off_t(-1); };
+    EXPECT_EQ(KalOpenFile(&s, "f", KAL_MODE_APPEND, 0), KAL_ERR_SEEK);
+    ASSERT_EQ(KalOpenFileAsIStream(&s, "ole", "s", KAL_MODE_CREATE | KAL_MODE_WRITE), KAL_OK);
+    EXPECT_EQ(s->write(s, "few bytes", 9), 9);
+    hostCalls.pwrite = [](int, const void*, size_t, off_t) { return errno = EIO, ssize_t(-1); };
+    EXPECT_EQ(s->close(s), KAL_ERR_CLOSE) << "they never reached the file";
+}
+
+TEST_F(StreamTrouble, NoMemoryForMoreLeavesAMemoryStreamWhole) {
+    SFILE* s = nullptr;
+    ASSERT_EQ(KalOpenFile(&s, nullptr, KAL_MODE_MEMORY, 0), KAL_OK);
+    const Bytes bytes = randomBytes(1000, 1);
+    Bytes got(5000);
+    EXPECT_EQ(s->write(s, bytes.data(), 1000), 1000);
+    failHeapAllocationsFrom(1);
+    EXPECT_EQ(s->write(s, got.data(), 5000), KAL_ERR_GLOBAL);
+    failHeapAllocation(0);
+    EXPECT_TRUE(s->status == KAL_ERR_GLOBAL && s->pos == 1000 && s->osPos == 1000);
+    s->seek(s, -10, KAL_SEEK_START); // just below 4 GiB
+    EXPECT_EQ(s->write(s, bytes.data(), 16), KAL_ERR_GLOBAL);
+    s->seek(s, 0, KAL_SEEK_START);
+    got.resize(size_t(s->read(s, got.data(), 1000)));
+    EXPECT_EQ(got, bytes);
+    const auto block = reinterpret_cast<void*>(uintptr_t(s->handle));
+    GlobalReAlloc(block, 0, GMEM_MOVEABLE); // such a block cannot be locked
+    EXPECT_EQ(s->read(s, got.data(), 1), KAL_ERR_GLOBAL);
+    EXPECT_EQ(s->close(s), KAL_OK);
+}
+
+TEST_F(StreamTrouble, VMemStreamsSayWhichMemoryWasShort) {
+    open(0);
+    std::set<int> writes, seeks;
+    const Bytes bytes = randomBytes(50'000, 2);
+    for (const auto fail : {failHeapAllocation, failHeapAllocationsFrom})
+        for (int64_t n = 1; n < 12; n++) {
+            SFILE* s = nullptr;
+            ASSERT_EQ(KalOpenFile(&s, nullptr, KAL_MODE_VMEM, 0), KAL_OK);
+            fail(n);
+            const int32_t moved = s->write(s, bytes.data(), 50'000);
+            writes.insert(s->status);
+            EXPECT_EQ(moved, s->status == KAL_OK ? 50'000 : 32'768) << n;
+            EXPECT_TRUE(s->pos == uint32_t(moved) && s->bufEnd == uint32_t(moved)) << "by what was moved";
+            const int16_t sought = s->seek(s, 100'000, KAL_SEEK_START);
+            seeks.insert(sought);
+            EXPECT_EQ(val(s->pos), sought == KAL_OK ? 100'000 : uint32_t(moved));
+            EXPECT_EQ(val(s->bufEnd), 100'000u) << "longer at once";
+            failHeapAllocation(0);
+            // Blocks that could not be made are made by the next seek, here or further on.
+            EXPECT_EQ(s->seek(s, n % 2 == 0 ? 100'000 : 200'000, KAL_SEEK_START), KAL_OK);
+            EXPECT_EQ(s->seek(s, 0, KAL_SEEK_START), KAL_OK);
+            Bytes got(50'000);
+            for (const int32_t wanted : {moved, 100'000 - moved - 50'000, 50'000})
+                EXPECT_EQ(s->read(s, got.data(), uint32_t(wanted)), wanted) << "no block is missing";
+            s->pos = 0x50000; // two blocks past the table: no seek goes there without making them
+            EXPECT_TRUE(s->write(s, "x", 1) == 0 && s->status == KAL_ERR_DISK_FULL);
+            EXPECT_EQ(s->close(s), KAL_OK);
+        }
+    EXPECT_EQ(writes, (std::set<int>{KAL_OK, KAL_ERR_DISK_FULL, KAL_ERR_GLOBAL}));
+    EXPECT_EQ(seeks, (std::set<int>{KAL_OK, KAL_ERR_BUFFER, KAL_ERR_VMEM}));
+    SFILE* late = nullptr; // outlives its manager
+    ASSERT_EQ(KalOpenFile(&late, nullptr, KAL_MODE_VMEM, 0), KAL_OK);
+    KalCloseVMem();
+    EXPECT_TRUE(late->write(late, "x", 1) == 0 && late->status == KAL_ERR_VMEM);
+    EXPECT_EQ(late->close(late), KAL_OK);
+    EXPECT_EQ(KalCloseVMemFile(nullptr) | KalCloseMemFile(nullptr), KAL_OK);
+    EXPECT_EQ(KalSetBuf(nullptr, 9) + KalFlushBuf(nullptr) + KalSetOffset(nullptr, 9),
+              3 * KAL_ERR_NULL_STREAM);
+}
