@@ -86,7 +86,7 @@ private:
 } // namespace
 
 TEST_F(RegistryProcesses, EachSeesAtOnceWhatAModelSays) {
-    const uint32_t seed = 20;
+    const uint32_t seed = firstSeed() + 19;
     std::mt19937 random(seed);
     Model model;
     obey({'s', false, "z", 1, 'z'}); // so that the companions inherit an open registry

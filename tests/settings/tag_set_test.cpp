@@ -119,7 +119,7 @@ struct Set {
 using Tags = RegistryTest;
 
 TEST_F(Tags, SeveralSetsDoAsAModelSays) {
-    for (const uint32_t seed : {1u, 2u, 3u}) {
+    for (uint32_t seed = firstSeed(), end = seed + 3; seed != end; seed++) {
         std::mt19937 random(seed);
         const auto below = [&](size_t count) { return random() % count; };
         keys = {};

@@ -100,8 +100,10 @@ TEST_F(Open, EveryNameInEveryMode) {
               (std::vector<std::string>{"d", "folder", "full", "made", longest, "ole", "ole, new"}));
     EXPECT_EQ(readFile("full"), Bytes(2000));
     Streams streams;
-    EXPECT_TRUE(readStreams("ole", streams) && readStreams("ole, new", streams));
-    EXPECT_EQ(streams, (Streams{{L"\xE9t\xE9", {}}, {L"log", {}}}));
+    EXPECT_TRUE(readStreams("ole", streams));
+    EXPECT_EQ(streams, (Streams{{L"\xE9t\xE9", {}}}));
+    EXPECT_TRUE(readStreams("ole, new", streams));
+    EXPECT_EQ(streams, (Streams{{L"log", {}}}));
 }
 
 TEST_F(Open, PathsOfThePlatformFindHostFiles) {
