@@ -161,6 +161,18 @@ void temporarySets(benchmark::State& state) {
         }
 }
 
+void temporaryMap(benchmark::State& state) {
+    Map map;
+    int64_t next = 0;
+    for (auto _ : state)
+        for (int i = 0; i < 1000; i++) {
+            map["next"] = kValue;
+            const std::string name = "Temp" + std::to_string(next++);
+            map[name] = kValue;
+            map.erase(name);
+        }
+}
+
 void temporaryLmdb(benchmark::State& state) {
     Lmdb::erase();
     Lmdb store;
@@ -174,29 +186,39 @@ void temporaryLmdb(benchmark::State& state) {
         }
 }
 
-void enumerate(benchmark::State& state) {
+void enumerate(benchmark::State& state, int count) {
     TagSet app;
     app.SetPath("Bench\\Many", 1);
-    const auto names = namesOf(10000);
-    for (const auto& name : names)
+    for (const auto& name : namesOf(count))
         app.SetTag(name.c_str(), kValue);
     for (auto _ : state) {
-        size_t count = 0;
+        int found = 0;
         TagSearch search(&app, "");
         while (search.NextTag() != nullptr)
-            count++;
-        check(count == names.size());
+            found++;
+        check(found == count);
     }
     app.ClearTags();
 }
 
-void enumerateLmdb(benchmark::State& state) {
+void enumerateLmdb(benchmark::State& state, int count) {
     Lmdb::erase();
     Lmdb store;
-    for (const auto& name : namesOf(10000))
+    for (const auto& name : namesOf(count))
         store.set(name);
     for (auto _ : state)
-        check(store.countAll() == 10000);
+        check(store.countAll() == count);
+}
+
+void enumerateMap(benchmark::State& state, int count) {
+    Map map;
+    for (const auto& name : namesOf(count))
+        map[name] = kValue;
+    for (auto _ : state)
+        for (const auto& [name, value] : map) {
+            std::string copy = value;
+            benchmark::DoNotOptimize(copy);
+        }
 }
 
 // A program that starts: opens its set of 10,000 and reads a tag.
@@ -290,18 +312,22 @@ int main(int count, char** arguments) {
         setenv(place, made, 1);
     constexpr char kRead[] = "100,000 settings read through three sets", kNew[] = "1,000 new settings",
                    kChanged[] = "1,000 settings changed",
-                   kTemporary[] = "1,000 temporary sets made and ended",
-                   kListed[] = "10,000 settings enumerated", kOpened[] = "10,000 settings opened",
+                   kTemporary[] = "1,000 temporary sets made and ended", kOpened[] = "10,000 settings opened",
                    kBeside[] = "1,000 settings changed beside another writer";
     cell(kRead, "kal", readThroughThreeSets);
     cell(kRead, "LMDB", readThroughLmdb);
     cell(kRead, "std::map", readThroughThreeMaps);
     cell(kNew, "kal", [](auto& state) { writeSettings(state, [](TagSet& app) { app.ClearTags(); }); });
-    cell(kNew, "std::map", [](auto& state) {
-        Map map;
-        writeThousand(
-            state, [&](const std::string& name) { map[name] = kValue; }, [&] { map.clear(); });
-    });
+    for (const char* row : {kNew, kChanged})
+        cell(row, "std::map", [clears = row == kNew](auto& state) {
+            Map map;
+            writeThousand(
+                state, [&](const std::string& name) { map[name] = kValue; },
+                [&] {
+                    if (clears)
+                        map.clear();
+                });
+        });
     cell(kChanged, "kal", [](auto& state) { writeSettings(state, [](TagSet&) {}); });
     cell(kChanged, "LMDB", [](auto& state) {
         Lmdb::erase();
@@ -311,8 +337,14 @@ int main(int count, char** arguments) {
     });
     cell(kTemporary, "kal", temporarySets);
     cell(kTemporary, "LMDB", temporaryLmdb);
-    cell(kListed, "kal", enumerate);
-    cell(kListed, "LMDB", enumerateLmdb);
+    cell(kTemporary, "std::map", temporaryMap);
+    for (const auto& [row, number] :
+         {std::pair("1,000 settings enumerated", 1000), {"10,000 settings enumerated", 10000}}) {
+        const int tags = number;
+        cell(row, "kal", [tags](auto& state) { enumerate(state, tags); });
+        cell(row, "LMDB", [tags](auto& state) { enumerateLmdb(state, tags); });
+        cell(row, "std::map", [tags](auto& state) { enumerateMap(state, tags); });
+    }
     cell(kOpened, "kal", openMany);
     cell(kOpened, "LMDB", openManyLmdb);
     cell(kBeside, "kal", writeBeside);

@@ -290,8 +290,9 @@ int16_t endWrittenRun(scfiletag* cfile) {
     if (!continues(self, Side::writing))
         return KAL_ERR_RUN;
 
-    TAGWRITELZW* const encoder = cfile->encoder;
-    int16_t status = writeCode(self, encoder->currentCode);
+    TAGWRITELZW* const encoder = cfile->encoder; // there is one: a run is being written
+    int16_t status =
+        writeCode(self, encoder->currentCode); // NOLINT(clang-analyzer-core.NullDereference): see above
     if (status == KAL_OK)
         status = writeCode(self, kEndCode);
     if (status != KAL_OK)

@@ -18,7 +18,10 @@ public:
         list->blockSize = 64u + input.word() / 4;
         const uint16_t left = input.word(), top = input.word(), width = input.word(), height = input.word();
         const uint8_t depth = input.byte(), choice = input.byte();
-        KalSetupOpList(list, left, top, width, height, depth, choice, input.word());
+        // An op that fits no block goes through all of them: no more than a megabyte of rows.
+        const uint32_t most = (1u << 20) / (KalDIBRowBytes(width, 24) + 1);
+        KalSetupOpList(list, left, top, width, static_cast<uint16_t>(height < most ? height : most), depth,
+                       choice, input.word());
     }
     ~BitmapList() {
         KalCloseOpList(list);

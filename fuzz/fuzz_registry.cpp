@@ -107,7 +107,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     forgetRegistry();
     memoryHost::start();
     Bytes log(kHeader);
-    log.insert(log.end(), data, data + size);
+    for (Input input(data, size); !input.ended();)
+        log.push_back(input.byte());
     if (size % 16 != 0) // else as it is
         repair(log);
     memoryHost::setContent(kLog, log);

@@ -1,9 +1,9 @@
 // Any bytes as the script of a resource file.
-#include "fuzz/memory_host.h"
-
 #include "tools/failure.h"
 #include "tools/resource_script.h"
 #include "tools/text.h"
+
+#include "fuzz/memory_host.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     memoryHost::start();

@@ -28,23 +28,17 @@ void countResident(VMemManager* manager, uint32_t gone, uint32_t come) {
 // their bytes, though, in records and in parts of pages; past 2 MiB that counts too.
 uint64_t occupied(const VMemManager* manager) {
     constexpr uint64_t kFree = 2 << 20;
-    constexpr uint64_t kRecord =
-        128; // with its heap block, its arrival and its places in the tables of ids and handles
+    constexpr uint64_t kRecord = 128; // with its heap block, its arrival and its places in the tables
     const uint64_t all =
         manager->pages + manager->recordCount * kRecord + extentListBytes(manager->shown.swapFile);
     return std::max(manager->resident, all > kFree ? all - kFree : 0);
-}
-
-// A copy of 0 bytes could not be told from none.
-uint32_t copySize(const Record* record) {
-    return std::max(record->used, 1u);
 }
 
 // On failure the block stays, and the first time the error handler is to be told. The extent that a short write leaves
 // must not be taken for a valid copy.
 bool swapOut(VMemManager* manager, Record* record) {
     const uint16_t id = idOf(record->handle);
-    const uint32_t size = copySize(record);
+    const uint32_t size = std::max(record->used, 1u); // a copy of 0 bytes could not be told from none
     const int32_t written = writeItem(manager->shown.swapFile, GlobalLock(record->handle), size, id);
     GlobalUnlock(record->handle);
     const uint16_t failed = written != static_cast<int32_t>(size) ? 1 : 0;

@@ -40,16 +40,11 @@ int16_t copyAttachment(dibinfo* clone, const dibinfo* source) {
     return KAL_OK;
 }
 
-// Rows of blocks without memory are zeros in the clone as they are here.
-bool standsInMemory(const OpList* list) {
-    return list->curBlock != nullptr && list->curBlock->vmem != nullptr;
-}
-
 bool copyRow(OpList* clone, OpList* source, uint32_t row) {
     const uint32_t rowBytes = source->dib->rowBytes;
     if (seekToRow(source, row, 0) != KAL_OK || seekToRow(clone, row, 0) != KAL_OK)
         return false;
-    if (!standsInMemory(source)) {
+    if (source->curBlock->vmem == nullptr) { // zeros in the clone as they are here
         passRow(source, rowBytes);
         passRow(clone, rowBytes);
         return true;

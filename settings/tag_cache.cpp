@@ -7,7 +7,7 @@
 namespace {
 
 constexpr uint32_t kFewestBuckets = 64;
-constexpr uint32_t kMostTags = 4096; // then all are forgotten
+constexpr uint32_t kMostTags = 16384; // then all are forgotten
 constexpr uint32_t kMostNameLength = 259;
 
 } // namespace

@@ -20,11 +20,9 @@ TagSearch::TagSearch(TagSet* searched, const char* searchedPrefix)
 TagSearch::~TagSearch() = default;
 
 char* TagSearch::NextTag() {
-    // One character of the entry at least is left for the value's terminating zero.
-    constexpr uint32_t kMostNameSize = sizeof entry - 1;
     const auto length = static_cast<size_t>(prefixLen);
     while (set != nullptr) {
-        if (RegEnumKeyA(set->hKey, static_cast<uint32_t>(enumIndex), entry, kMostNameSize) != ERROR_SUCCESS) {
+        if (RegEnumKeyA(set->hKey, static_cast<uint32_t>(enumIndex), entry, kTagNameSize) != ERROR_SUCCESS) {
             if (set->parent == nullptr)
                 return nullptr;
             set = set->parent;
@@ -33,7 +31,7 @@ char* TagSearch::NextTag() {
         }
         enumIndex++;
         const size_t nameSize = std::strlen(entry) + 1;
-        if (nameSize <= length || !namesBeginAlike(entry, prefix, length))
+        if (!namesBeginAlike(entry, prefix, length))
             continue;
         const char* value = set->GetTempTag(entry);
         const size_t room = sizeof entry - nameSize;

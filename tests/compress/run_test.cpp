@@ -68,7 +68,7 @@ void writeAndRead(uint16_t mode, uint32_t bufSize, uint32_t seed) {
     } runs[4];
     scfiletag* cfile = makeCFile(stream);
     for (auto& run : runs) { // the last of some clears its table more than 15 times
-        const bool isLong = seed == 3 && &run == &runs[3];
+        const bool isLong = seed % 25 == 3 && &run == &runs[3];
         run = {expected.size(), 0, isLong ? randomBytes(70'000, 1) : sample(random, 1 + random() % 12'000)};
         const size_t most = random() % 2 == 0 ? 12 : 9000;
         for (size_t at = 0, piece; at < run.data.size(); at += piece) {
@@ -135,7 +135,7 @@ TEST_F(RunModel, WritesTheSimpleCodersBytesAndReadsThem) {
 // Room runs out, and somebody else writes, again and again. What the stream took in a call that failed is lost for the
 // run; where it took nothing the run goes on.
 TEST(Run, GoesOnWhereNothingMovedAndStartsAnewElsewhere) {
-    const Bytes data = randomBytes(30'000, 1);
+    const Bytes data = randomBytes(20'000, 1);
     VectorStream stream;
     SFILE* file = stream.file();
     scfiletag* cfile = makeCFile(file);

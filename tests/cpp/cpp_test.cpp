@@ -14,18 +14,14 @@
 
 namespace {
 
-template <class Range, class Element>
-concept RangeOf = std::ranges::input_range<Range> && std::same_as<std::ranges::range_value_t<Range>, Element>;
-static_assert(RangeOf<const kal::OperationList, kal::Op> && RangeOf<const kal::GetList, kal::Op>);
-static_assert(RangeOf<const kal::Settings, kal::Setting> && RangeOf<kal::SettingRange, kal::Setting>);
-static_assert(RangeOf<const kal::ItemFile, kal::Entry> && std::ranges::forward_range<const kal::ItemFile>);
-static_assert(std::ranges::forward_range<const kal::ResourceFile> && std::ranges::view<kal::Rows>);
-static_assert(std::ranges::random_access_range<kal::Rows> && std::ranges::sized_range<kal::Rows>);
+using namespace std::ranges;
+static_assert(input_range<const kal::OperationList> && input_range<const kal::GetList>);
+static_assert(input_range<const kal::Settings> && input_range<kal::SettingRange> && view<kal::Rows>);
+static_assert(forward_range<const kal::ItemFile> && forward_range<const kal::ResourceFile>);
+static_assert(random_access_range<kal::Rows> && sized_range<kal::Rows>);
 
 template <class... Owners>
-constexpr bool moveOnly = ((std::is_nothrow_move_constructible_v<Owners> &&
-                            !std::is_copy_constructible_v<Owners> && std::is_move_assignable_v<Owners> &&
-                            !std::is_copy_assignable_v<Owners>)&&...);
+constexpr bool moveOnly = ((std::movable<Owners> && !std::is_copy_constructible_v<Owners>)&&...);
 static_assert(
     moveOnly<kal::Stream, kal::ItemFile, kal::ResourceFile, kal::OperationList, kal::OperationListFile,
              kal::PutList, kal::GetList, kal::CompressedStream, kal::Settings, kal::Draft, kal::VMem,
@@ -133,7 +129,7 @@ TEST_F(CppFace, StreambufDoesWhatAStringDoes) {
         }
         ASSERT_GT(model.size(), 50000U);
         EXPECT_EQ(buffer->pubsync(), 0);
-        EXPECT_TRUE(over || std::ranges::equal(items.read(2).value().bytes(), kal::bytesOf(model)));
+        EXPECT_TRUE(over || equal(items.read(2).value().bytes(), kal::bytesOf(model)));
     }
     // The first item cannot grow any more: the second lies behind it.
     kal::streambuf first(items, 1);
@@ -238,10 +234,10 @@ TEST_F(CppFace, LocksShowWhatWasSwappedOut) {
             blocks.push_back(kal::VMemBlock::allocate(100000).value());
         } else {
             const auto lock = blocks[i % 40].lockToRead().value();
-            ASSERT_EQ(std::ranges::count(lock.bytes(), std::byte(i - 40)), 100000);
+            ASSERT_EQ(count(lock.bytes(), std::byte(i - 40)), 100000);
         }
-        std::ranges::fill(blocks[i % 40].lock().value().bytes(),
-                          std::byte(i)); // a copy swapped out is old now
+        fill(blocks[i % 40].lock().value().bytes(),
+             std::byte(i)); // a copy swapped out is old now
     }
 }
 
@@ -256,12 +252,12 @@ kal::Bitmap pictureOf(uint16_t width, uint16_t height, uint16_t bits) {
 }
 
 bool same(const kal::Bitmap& left, const kal::Bitmap& right) {
-    const auto equal = [](const auto& one, const auto& other) {
-        return std::ranges::equal(one.bytes(), other.bytes());
+    const auto bytes = [](const kal::Row& row) {
+        return std::vector(row.bytes().begin(), row.bytes().end());
     };
     return left.bits() == right.bits() && left.width() == right.width() &&
-           std::ranges::equal(std::as_bytes(left.palette()), std::as_bytes(right.palette())) &&
-           std::ranges::equal(left.rows(), right.rows(), equal);
+           equal(std::as_bytes(left.palette()), std::as_bytes(right.palette())) &&
+           equal(left.rows(), right.rows(), {}, bytes, bytes);
 }
 
 TEST_F(CppFace, BitmapsComeBackFromAFile) {
@@ -271,7 +267,7 @@ TEST_F(CppFace, BitmapsComeBackFromAFile) {
         const auto picture = pictureOf(1001, 600, bits); // of 24 bits larger than the memory there is
         const auto rows = picture.rows();
         EXPECT_EQ(kal::textOf(rows[599].bytes().first(8)), textOfSeed(8, 599).c_str());
-        EXPECT_EQ(std::ranges::count(rows[3].bytes(), std::byte{0}), picture.rowBytes());
+        EXPECT_EQ(count(rows[3].bytes(), std::byte{0}), picture.rowBytes());
         EXPECT_TRUE(picture.store(file, bits).ok());
         EXPECT_TRUE(same(picture, kal::Bitmap::load(file, bits).value()));
         EXPECT_TRUE(same(picture, picture.clone().value()));
@@ -306,7 +302,7 @@ TEST_F(CppFace, BitmapsComeBackFromAFile) {
     must(plain.close());
     const auto item = kal::ItemFile::open("plain").value().read(1).value();
     const Bytes described = hexExample("docs/formats/bitmap.md");
-    EXPECT_TRUE(std::ranges::equal(item.bytes(), std::as_bytes(std::span(described))));
+    EXPECT_TRUE(equal(item.bytes(), std::as_bytes(std::span(described))));
 }
 
 // Whatever fails, no memory is lost and no failure goes untold.

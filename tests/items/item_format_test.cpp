@@ -203,8 +203,8 @@ TEST_F(ItemFormat, RewritesTakeTheSmallestFreeExtentAndAdditionsGrowInPlace) {
 // The lowest first, where all follow the longest; those without bytes behind all others; and none that stands where the
 // index ends.
 TEST_F(ItemFormat, TheGrowingIndexMovesWhatStandsInItsWayAndSharersTogether) {
-    const std::vector<Entry> entries = {{1, 0, 62}, {3, 9, 62},  {2, 5, 62}, {4, 3, 72},
-                                        {5, 0, 48}, {6, 1, 132}, {7, 0, 132}};
+    const std::vector<Entry> entries = {{5, 0, 48}, {1, 0, 62},  {3, 9, 62}, {2, 5, 62},
+                                        {4, 3, 72}, {6, 1, 132}, {7, 0, 132}};
     const uint32_t offsets[] = {0,   200, 200, 200, 209, 212, 132, 132, 200,
                                 200, 200, 200, 200, 200, 200, 200, 200};
     Bytes bytes = itemFile(0, entries, 200);
@@ -236,6 +236,7 @@ TEST_F(ItemFormat, LargeItemsNeedRoomMadeBefore) {
         EXPECT_EQ(KalReserveItems(file, room), KAL_OK);
         KalFlushBuf(file->stream);
         EXPECT_EQ(readFile("f").back(), room > 10 ? 0xFF : 0) << "what was never written to reads as free";
+        EXPECT_EQ(readFile("f").size(), 4u + std::max<uint16_t>(room, 10) * 10u);
         write(file, 0, large);
         EXPECT_EQ(item(file, 0), large) << "up to the stream's end";
         EXPECT_EQ(KalFlushIFile(file), KAL_OK);

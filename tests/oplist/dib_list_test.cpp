@@ -33,10 +33,11 @@ protected:
         rowBytes_ = KalDIBRowBytes(width_, depth_);
         const uint32_t whole = rowBytes_ * height_ + 36,
                        part = rowBytes_ * (1 + below(20)) + below(rowBytes_);
-        const uint32_t blockSize = seed % 5 == 0 ? whole : part;
+        const uint32_t blockSize = seed % 5 == 0 ? whole : seed % 7 == 0 && rowBytes_ > 8 ? rowBytes_ : part;
         perBlock_ = blockSize < whole ? blockSize / rowBytes_ : height_ + 1u;
         most_ = uint16_t(KalDIBLineBytes(width_, depth_) * 4 / 3 + 8 + below(3000));
         list_ = openBitmap(width_, height_, depth_, blockSize, most_, top_);
+        EXPECT_EQ(list_->blockCount == 1, blockSize >= whole);
         rows_.assign(height_, Bytes());
         last_ = 0;
     }
@@ -83,7 +84,11 @@ protected:
         } else if (what < 5) {
             const auto lines = uint16_t(1 + below(std::min<uint32_t>(9, height_ - line)));
             const Op band = bandOf(line, width_, lines, depth_, uint32_t(random_()));
-            ASSERT_NE(putOp(list_, band), KAL_OP_FAILED);
+            void* op = KalCreateOp(KAL_OP_DIB, uint32_t(band.payload.size()));
+            std::memcpy(op, band.payload.data(), band.payload.size());
+            ASSERT_NE((what == 3 ? KalPutDIBOp : KalPutOp)(list_, op), KAL_OP_FAILED);
+            ASSERT_EQ(val(list_->putPending), 1);
+            KalFreeSMem(KalOpBlock(op));
             for (uint32_t i = 0; i < lines; i++)
                 wasPut(line + i, rowOf(&band.payload[KAL_DIB_OP_HEADER + i * KalDIBLineBytes(width_, depth_)],
                                        width_, depth_, rowBytes_));
@@ -202,11 +207,13 @@ TEST_F(DibList, OpsOfOtherSizesAreBoundedAndThoseThatFitNoneAreTold) {
 }
 
 TEST_F(DibList, ListsThatAreNotSetUpAndLayoutsThatCannotBeAreRefused) {
-    OpList *list = openBitmap(0, 0, 0, 64), *clone = nullptr;
+    OpList *list = openBitmap(0, 0, 0, 20), *clone = nullptr;
     EXPECT_EQ(KalSeekOp(list, 0) | KalSeekDIBScanLineOffset(list, 5, 0), KAL_OK);
     EXPECT_EQ(KalGetOp(list), nullptr);
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 65535, 2, 24, 0, 1000), KAL_ERR_BUFFER) << "a row past 16 bits";
+    EXPECT_EQ(KalSetupOpList(list, 0, 0, 0, 2, 8, 0, 1000), KAL_ERR_BUFFER) << "rows without bytes";
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 100, 2, 8, 0, 1000), KAL_ERR_VMEM) << "a row longer than a block";
+    EXPECT_EQ(KalCloneDIBOpList(list, &clone), KAL_ERR_POSITION);
     EXPECT_EQ(KalSetupOpList(list, 0, 0, 10, 2, 8, 0, 1000), KAL_OK) << "and can be set up after all";
     list->dib->attachment = KalAllocSMem(6);
     std::strcpy(static_cast<char*>(val(list->dib->attachment)), "notes");

@@ -150,6 +150,15 @@ TEST_F(ListFile, WhatCannotBeStoredIsToldAndLeavesNoEntry) {
         close(source);
         file->ifile->stream->status = KAL_OK;
         EXPECT_EQ(store(file, 3, later), KAL_OK);
+        KalSetBuf(file->ifile->stream, 0);
+        OpList* list = nullptr;
+        ASSERT_EQ(KalOpenPutIOpList(file, 4, &list), KAL_OK);
+        putOp(list, first[0]);
+        FileSizeLimit full(readFile("f").size());
+        EXPECT_EQ(KalClosePutIOpList(file), KAL_ERR_DISK_FULL) << "no room for its end";
+        full.lift();
+        EXPECT_EQ(file->ifile->count, 2);
+        file->ifile->stream->status = KAL_OK;
         EXPECT_EQ(load(file, 1), first);
         EXPECT_EQ(load(file, 3), later);
         EXPECT_EQ(KalCloseIOpFile(file), KAL_OK);

@@ -158,6 +158,11 @@ TEST_F(List, BlocksPastThoseThatPositionsNameAreReadInOrder) {
         ASSERT_NE(KalPutOpData(list, 7, &i, sizeof i), KAL_OP_FAILED);
     KalSeekOp(list, 0);
     EXPECT_EQ(restOf(list).size(), 35000u);
+    const Bytes row((1 << 20) + 1);
+    EXPECT_NE(KalPutOpData(list, KAL_OP_ROW, row.data(), 1 << 20), KAL_OP_FAILED);
+    EXPECT_EQ(KalPutOpData(list, KAL_OP_ROW, row.data(), (1 << 20) + 1), KAL_OP_FAILED) << "past a position";
+    EXPECT_EQ(val(list->status), KAL_ERR_BUFFER);
+    list->status = KAL_OK;
     EXPECT_EQ(KalSeekOp(list, INT32_MIN), KAL_ERR_POSITION);
     close(list, KAL_ERR_POSITION);
 }
@@ -169,7 +174,7 @@ TEST_F(List, CompressedListsEndTheirRunWhateverTheBufferHolds) {
             ops = {{9, Bytes(65535, 'x')}, {9, randomBytes(65535, 1)}};
         OpList* list = open(kNew | KAL_OPL_COMPRESSED);
         for (const Op& op : ops)
-            ASSERT_NE(putOp(list, op), KAL_OP_FAILED);
+            ASSERT_NE((size % 2 == 0 ? putOp : putOpData)(list, op), KAL_OP_FAILED);
         KalFlushBuf(list->stream);
         for (int round = 0; round < 3; round++) {
             if (round == 1 || size % 2 == 0) {
@@ -185,8 +190,20 @@ TEST_F(List, CompressedListsEndTheirRunWhateverTheBufferHolds) {
     }
 }
 
+TEST_F(List, ARunThatCouldNotEndIsToldForGood) {
+    OpList* list = open(kNew | KAL_OPL_COMPRESSED);
+    KalSetBuf(list->stream, 0);
+    EXPECT_EQ(putOp(list, kOps[0]), 0u);
+    FileSizeLimit limit(readFile("f").size());
+    KalSeekOp(list, 0);
+    limit.lift();
+    list->stream->status = KAL_OK;
+    close(list, KAL_ERR_DISK_FULL);
+}
+
 TEST_F(List, TemporaryListsGoOrStay) {
     for (const auto& [asked, flags] : {std::pair{KAL_OPL_DIB | KAL_OPL_COMPRESSED, KAL_OPL_COMPRESSED},
+                                       {KAL_OPL_VMEM, KAL_OPL_VMEM},
                                        {KAL_OPL_VMEM | KAL_OPL_KEEP, KAL_OPL_KEEP}}) {
         OpList* list = nullptr;
         ASSERT_EQ(KalTempOpList(&list, uint16_t(asked)), KAL_OK);

@@ -30,6 +30,7 @@ protected:
         OpList* list = nullptr;
         EXPECT_EQ(KalTempOpList(&list, KAL_OPL_VMEM_DIB), KAL_OK);
         list->blockSize = blockSize;
+        EXPECT_NE(val(list->dib), nullptr);
         EXPECT_EQ(width == 0 ? 0 : KalSetupOpList(list, 7, top, width, height, depth, 9, most), KAL_OK);
         return list;
     }

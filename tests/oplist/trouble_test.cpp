@@ -76,6 +76,7 @@ TEST_F(ListTrouble, IsToldAndLosesNoStoredList) {
         EXPECT_EQ(KalCloseIOpFile(made), KAL_OK);
     }
     KalCloseVMem();
+    KalSetMaxVMem(12000); // so that blocks go out and come back
     const std::pair<std::function<int()>, unsigned> works[] = {
         {[] { return putAndGet(0); }, kAllTrouble & ~kKilled},
         {[] { return putAndGet(KAL_OPL_COMPRESSED); }, kAllTrouble & ~kKilled},

@@ -123,6 +123,12 @@ TEST_F(Registry, AnswersAboutValuesAndRefusesDeadHandles) {
     EXPECT_EQ(setValue(key, "large", std::string(kMostValueBytes + 1, 'l')), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(setValue(key, (longest + "n").c_str(), "v"), ERROR_FILENAME_EXCED_RANGE);
     EXPECT_EQ(setValue(HKEY_CLASSES_ROOT, nullptr, "v"), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(RegCreateKeyExA(key, "c", 0, nullptr, 0, 0, nullptr, nullptr, &type), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(RegCreateKeyExA(key, nullptr, 0, nullptr, 0, 0, nullptr, &again, &type),
+              ERROR_INVALID_PARAMETER);
+    const uint64_t state = registryState(key);
+    setValue(key, "Other", "");
+    EXPECT_NE(registryState(key), state);
     for (const uint32_t expected : {REG_CREATED_NEW_KEY, REG_OPENED_EXISTING_KEY}) {
         EXPECT_EQ(RegCreateKeyExA(key, "c", 0, nullptr, 0, 0, nullptr, &again, &type), 0);
         EXPECT_EQ(type, expected);
@@ -156,6 +162,8 @@ TEST_F(Registry, ANewKeyWaitsForItsFirstValueAKeyBelowItOrItsClosing) {
         if (way == 2)
             RegCloseKey(key);
         EXPECT_TRUE(isElsewhere(name, way == 0 ? "v" : "(no value)")) << name;
+        if (way != 2)
+            RegCloseKey(key);
     }
 }
 

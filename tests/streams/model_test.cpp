@@ -387,23 +387,17 @@ private:
         const bool backwards = window_ > 0; // from a window's end one goes back
         const uint32_t length = window_ > 0 ? window_ : kind_->isMemory() ? std::max(length_, pos_) : end();
         const uint32_t most = window_ > 0 ? window_ : std::min(length, kLast - 200) + 200;
-        uint32_t origin = below(4);
-        uint32_t target = kind_->first + below(most - kind_->first + 1);
-        if (below(8) == 0 && pos_ > kind_->first) { // a character back
-            origin = KAL_SEEK_CURRENT;
-            target = pos_ - 1;
-        } else if (const uint32_t edge = below(2) == 0 ? s_->bufEnd : s_->osPos;
-                   below(8) == 0 && kind_->onDisk() && kind_->first <= edge && edge <= most) {
-            target = edge;
-        } else if (below(5) == 0 && !kind_->isMemory()) // that goes anywhere
-            target = below(2) == 0        ? KAL_NO_POSITION
-                     : window_ > 0        ? window_ + 1
-                     : kind_->isVMem()    ? 0x80000000
-                     : kind_->isMapping() ? capacity_
-                                          : KAL_NO_POSITION;
-        const bool refused = target == KAL_NO_POSITION || (window_ > 0 && target > window_) ||
-                             (kind_->isVMem() && target >= 0x80000000) ||
-                             (kind_->isMapping() && (origin == 3 || target >= capacity_));
+        const auto refuses = [&](uint32_t to) { // a memory stream goes anywhere
+            return (to == KAL_NO_POSITION && !kind_->isMemory()) || (window_ > 0 && to > window_) ||
+                   (kind_->isVMem() && to >= 0x80000000) || (kind_->isMapping() && to >= capacity_);
+        };
+        const uint32_t edges[] = {pos_ - 1,        s_->bufEnd, s_->osPos, window_ + 1,
+                                  KAL_NO_POSITION, 0x80000000, capacity_};
+        const uint32_t edge = edges[below(7)];
+        const bool takesEdge = below(2) == 0 && edge >= kind_->first && (edge <= most || refuses(edge));
+        const uint32_t target = takesEdge ? edge : kind_->first + below(most - kind_->first + 1);
+        const uint32_t origin = target == pos_ - 1 ? KAL_SEEK_CURRENT : below(4);
+        const bool refused = refuses(target) || (kind_->isMapping() && origin == 3);
         const uint32_t from[] = {base_, pos_, length, window_ > 0 ? base_ : 0};
         const auto distance = int32_t(target - from[origin]);
         const int before = s_->status;
@@ -488,12 +482,9 @@ private:
 } // namespace
 
 TEST_F(Model, AllKindsAgreeInRandomSequences) {
-    constexpr uint16_t kLater[] = {0,
-                                   KAL_MODE_WRITE,
-                                   KAL_MODE_UPDATE,
-                                   KAL_MODE_APPEND,
-                                   0x4, // writes nothing, since it opens nothing for writing
-                                   KAL_MODE_APPEND | KAL_MODE_UPDATE};
+    constexpr uint16_t kNoAccess = 0x4; // a bit that opens nothing for writing
+    constexpr uint16_t kLater[] = {
+        0, KAL_MODE_WRITE, KAL_MODE_UPDATE, KAL_MODE_APPEND, kNoAccess, KAL_MODE_APPEND | KAL_MODE_UPDATE};
     constexpr uint32_t kBufSizes[] = {0, 1, 3, 512, 4096};
     for (const Kind& kind : kKinds) {
         const HeapBalance balance;
