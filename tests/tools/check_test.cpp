@@ -20,8 +20,8 @@ protected:
     void makeFiles() {
         for (const char* name : {"1", "2", "3"})
             writeFile(name, bytesOf(std::string(5000, *name)));
-        for (const uint32_t height : {10, 20, 30})
-            writeFile(std::to_string(height) + ".bmp", makeBmp({30, height, 8}, height));
+        for (const int32_t height : {10, 20, 30})
+            writeFile(std::to_string(height) + ".bmp", makeBmp({30, height, 8}));
         kalSucceeds({"store", "--plain", "archive", "10.bmp", "20.bmp", "30.bmp"});
         writeFile("script", bytesOf("1 file 1\n2 file 2\n3 file 3\n"));
         kalSucceeds({"resource", "make", "resources", "script"});

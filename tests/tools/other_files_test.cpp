@@ -82,7 +82,7 @@ kal resource list out.res | grep -qF '65534     14  text "a \"b\" \\ A\x0A" "\xE
 kal resource list out.res | grep -qF '    7      2  text ""'
 kal resource list --json out.res | grep -qF '"a \"b\" \\ A\u000a", "\u00e4"'
 fails 1 'resource 2 is damaged' kal resource list cut
-kal resource list cut 2>/dev/null | grep -q Close)sh");
+{ kal resource list cut 2>/dev/null || true; } | grep -q Close)sh");
     IFILE* file = nullptr;
     ASSERT_EQ(KalOpenRes(&file, "out.res", 0), 0);
     for (uint16_t id = 100; id < 140; id++) {

@@ -63,6 +63,10 @@ void expectFailure(const Outcome& outcome, int status, const std::string& why) {
     EXPECT_TRUE(outcome.err.ends_with('\n'));
 }
 
+Bytes extracted(const std::string& archive, unsigned id) {
+    return bytesOf(kalSucceeds({"extract", archive, std::to_string(id), "-o", "-"}));
+}
+
 void expectRefusals(const std::vector<Refusal>& refusals) {
     const auto state = [] {
         std::vector<std::pair<std::string, Bytes>> files;

@@ -36,6 +36,9 @@ Outcome kal(const Arguments& arguments);
 std::string kalSucceeds(const Arguments& arguments);
 void expectFailure(const Outcome& outcome, int status, const std::string& why);
 
+// Extracts a picture, expecting success.
+Bytes extracted(const std::string& archive, unsigned id);
+
 // Runs kal once a row and expects that failure, and the folder as it was.
 struct Refusal {
     Arguments arguments;
