@@ -46,11 +46,14 @@ bool startBlock(OpList* list, uint32_t capacity) {
     return true;
 }
 
-// Whether the bytes fit at the block's offset, if need be in the room that a bitmap's shrunk block then gets back.
+// Whether the bytes fit at the block's offset, if need be in the room that a bitmap's shrunk block then gets back: one
+// that was laid out, or one that was added for an op that fits in none of those.
 bool hasRoom(OpList* list, opblock* block, uint32_t bytes) {
     if (fits(block, bytes))
         return true;
-    const uint32_t capacity = laidOutBytes(list, block);
+    uint32_t capacity = laidOutBytes(list, block);
+    if (capacity == 0 && isDibList(list) && isSetUp(list))
+        capacity = std::max(bytes, uint32_t(list->blockSize));
     if (capacity <= block->capacity || uint64_t(block->offset) + bytes > capacity)
         return false;
     if (block->vmem != nullptr && KalReAllocVMem(block->vmem, capacity) == nullptr)
