@@ -62,7 +62,7 @@ TEST_F(CheckTool, FindsDamageOfEveryKindAndSavesTheRest) {
         const char* saved; // and lost
     } cases[] = {
         {"archive", "picture archive", 0, 0, " 2  ", "saved 2, lost 1"},
-        {"lists", "operation-list file", place("lists", "text", 8 + 4), 9, "  2  an op runs past",
+        {"lists", "operation-list file", place("lists", "text", 8 + 2), 9, "  2  an op runs past",
          "saved 2, lost 1"},
         {"resources", "resource file", 4 + 8 + 3, 0xFF, "  2  it runs past the end of the file",
          "saved 2, lost 1"},
