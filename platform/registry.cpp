@@ -101,23 +101,24 @@ struct Registry {
     }
 
     // Adds a record that makes a key or a value; a key that is there already is left alone. `home` takes a key that is
-    // not there; `*isNew`, unless null, tells whether it was not.
-    int write(const RegistryRecord& record, LogIndex home, bool* isNew = nullptr) {
+    // not there; `*isNew`, unless null, tells whether it was not. `with` goes to the same log in the same step.
+    int write(const RegistryRecord& record, LogIndex home, bool* isNew = nullptr,
+              const RegistryRecord* with = nullptr) {
         for (;;) {
             const KeyNode* key = keys.find(record.path);
             const LogIndex index = logOf(key, home);
             const uint64_t changes = RegistryLog::changes;
             int error = logs[index].lock();
-            if (error != 0)
-                return error;
-            error = refresh();
+            if (error == 0)
+                error = refresh();
             if (RegistryLog::changes != changes)
                 key = keys.find(record.path);
             const bool isMoved = logOf(key, home) != index; // another process made the key persistent
+            const bool isNeeded = key == nullptr || record.kind == RecordKind::value;
             if (isNew != nullptr)
                 *isNew = key == nullptr;
-            if (error == 0 && !isMoved && (key == nullptr || record.kind == RecordKind::value))
-                error = logs[index].append(record);
+            if (error == 0 && !isMoved)
+                error = logs[index].append(isNeeded ? &record : nullptr, with);
             logs[index].unlock();
             if (error != 0 || !isMoved)
                 return error;
@@ -129,22 +130,21 @@ struct Registry {
         const KeyNode* key = keys.find(path);
         if (key == nullptr)
             return missing();
-        bool has[kLogs] = {key->in[kPersistent], key->in[kVolatile]};
-        int error = 0;
-        for (const LogIndex index : {kPersistent, kVolatile}) // everybody takes the locks in this order
-            if (has[index]) {
-                error = error != 0 ? error : logs[index].lock();
-                has[index] = error == 0;
-            }
+        RegistryLog* const persistent = key->in[kPersistent] ? &logs[kPersistent] : nullptr;
+        RegistryLog* const passing = key->in[kVolatile] ? &logs[kVolatile] : nullptr;
+        int error = persistent != nullptr ? persistent->lock() : 0; // everybody takes the locks in this order
+        if (error == 0 && passing != nullptr)
+            error = passing->lock();
         if (error == 0)
             error = refresh();
         key = keys.find(path);
         if (error == 0 && !withSubkeys && key != nullptr && !key->below.empty())
             error = ENOTEMPTY;
-        for (const LogIndex index : {kVolatile, kPersistent}) // with the persistent one the key is gone
-            if (has[index]) {
-                error = error != 0 ? error : logs[index].append({RecordKind::deleted, path});
-                logs[index].unlock();
+        const RegistryRecord deleted = {RecordKind::deleted, path};
+        for (RegistryLog* const log : {passing, persistent}) // with the persistent one the key is gone
+            if (log != nullptr) {
+                error = error != 0 ? error : log->append(&deleted);
+                log->unlock();
             }
         return error;
     }
@@ -257,6 +257,27 @@ int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t, const char*, uin
     if (disposition != nullptr)
         *disposition = isNew ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
     return call.openHandle(home, pending, result);
+}
+
+int32_t registryDraw(HKEY counter, const char* text, const char* subKey, HKEY* result, bool* isNew) {
+    *result = nullptr;
+    Call call(HKEY_CLASSES_ROOT, false);
+    call.descend(subKey);
+    OpenKey* const open = openKeyOf(counter);
+    if (call.error == 0 && open == nullptr)
+        call.error = EBADF;
+    if (call.error == 0) {
+        const RegistryRecord value = {
+            RecordKind::value, open->path(), {}, REG_SZ, {text, std::strlen(text) + 1}};
+        const RegistryRecord key = {RecordKind::key, call.path()};
+        const bool isOneStep = logOf(registry->keys.find(open->path()), open->home) == kVolatile;
+        open->pending = false;
+        if (!isOneStep)
+            registry->write(value,
+                            open->home); // may fail: without it another number is drawn where it must be
+        call.error = registry->write(key, kVolatile, isNew, isOneStep ? &value : nullptr);
+    }
+    return call.error != 0 ? codeOf(call.error) : call.openHandle(kVolatile, false, result);
 }
 
 int32_t RegOpenKeyExA(HKEY key, const char* subKey, uint32_t, uint32_t, HKEY* result) {

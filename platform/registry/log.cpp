@@ -183,6 +183,7 @@ int RegistryLog::lockFile() {
         return kOtherFile;
     if (!setLock(fd_, LOCK_EX))
         return errno;
+    locked_ = true;
     struct stat own, named;
     if (index_ == kVolatile && !isReplaced())
         return 0; // what is lost with its folder does not outlive it anyway
@@ -228,27 +229,43 @@ int RegistryLog::lock() {
 }
 
 void RegistryLog::unlock() {
-    setLock(fd_, LOCK_UN);
+    if (locked_)
+        setLock(fd_, LOCK_UN);
+    locked_ = false;
 }
 
-int RegistryLog::append(const RegistryRecord& record) {
+int RegistryLog::append(const RegistryRecord* first, const RegistryRecord* second) {
+    const RegistryRecord* const records[] = {first, second};
+    uint32_t bytes = 0;
+    for (const RegistryRecord* record : records)
+        bytes += record != nullptr ? record->length() : 0;
+    if (bytes == 0)
+        return 0;
     if (const int error = writable())
         return error;
-    const uint32_t bytes = record.length();
     if (bytes >= kReplaced - end_)
         return EFBIG;
     auto* stored = static_cast<char*>(KalAllocSMem(bytes));
     if (stored == nullptr)
         return ENOMEM;
-    record.store(header_[kNumber], stored);
+    char* at = stored;
+    for (const RegistryRecord* record : records)
+        if (record != nullptr) {
+            record->store(header_[kNumber], at);
+            at += record->length();
+        }
     const int error = errorOf(writeAllAt(fd_, stored, bytes, off_t{end_}), bytes);
     KalFreeSMem(stored);
     if (error != 0)
         return error;
     header_[kCommitted] = end_ + bytes;
     changes++;
-    if (tree_.apply(index_, record)) // else it is read when memory is there
-        end_ += bytes;
+    for (const RegistryRecord* record : records)
+        if (record != nullptr) {
+            if (!tree_.apply(index_, *record))
+                break; // it is read when memory is there
+            end_ += record->length();
+        }
     return 0;
 }
 

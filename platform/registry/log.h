@@ -34,9 +34,9 @@ public:
     // Takes the lock and refreshes. The log is written anew when most of it is of the past, or its end makes no
     // sense: behind that nothing may be added.
     int lock();
-    void unlock();
-    // With the lock held. The record is everybody's when this returns 0.
-    int append(const RegistryRecord& record);
+    void unlock(); // nothing where it is not held
+    // With the lock held. The records (null: none) are everybody's, in one step, when this returns 0.
+    int append(const RegistryRecord* first, const RegistryRecord* second = nullptr);
 
     // Grows whenever this process learns of a change in any log.
     inline static uint64_t changes = 0;
@@ -62,6 +62,7 @@ private:
     const LogIndex index_;
     const char* const folder_;
     bool writable_ = false;
+    bool locked_ = false;
     int folderFd_ = -1;
     int fd_ = -1;
     int error_ = 0;                           // why the log is not attached

@@ -1,4 +1,4 @@
-// Tag sets in one process: a model of several sets over each other, and what the model leaves out.
+// Tag sets: a model of several sets over each other, and what the model leaves out.
 #include "tests/support/faults.h"
 #include "tests/support/registry_test.h"
 #include "tests/support/trouble.h"
@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <unistd.h>
 
 namespace {
 
@@ -136,8 +137,7 @@ TEST_F(Tags, SeveralSetsDoAsAModelSays) {
                                       : tag == "long" ? std::string(200 + below(800), 'l')
                                                       : tag + std::to_string(step % 40);
             SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step) + ", action " +
-                         std::to_string(action) + " of " + std::to_string(&set - sets) + " with " +
-                         std::to_string(&other - sets) + ", " + tag + " = " + value);
+                         std::to_string(action) + ", " + tag + " = " + value);
             if (set.real == nullptr) {
                 if (step >= 1490)
                     continue;
@@ -218,12 +218,10 @@ TEST_F(Tags, SeveralSetsDoAsAModelSays) {
                 continue;
             for (const char* asked : {"aa", "AB", "bb", "zz", "?a", "LONG", "x"}) {
                 const std::string wanted = reader.read(asked);
-                ASSERT_EQ(read(*reader.real, asked), wanted == "(no value)" ? "untouched" : wanted)
-                    << asked << " of " << &reader - sets;
+                ASSERT_EQ(read(*reader.real, asked), wanted == "(no value)" ? "untouched" : wanted) << asked;
             }
             for (const char* prefix : {"", "A", "parent", "lon"})
-                ASSERT_EQ(found(*reader.real, prefix), reader.found(prefix))
-                    << prefix << " of " << &reader - sets;
+                ASSERT_EQ(found(*reader.real, prefix), reader.found(prefix)) << prefix;
             ASSERT_EQ(reader.real->GetPath() != nullptr ? reader.real->GetPath() : "", reader.path);
         }
     }
@@ -340,10 +338,11 @@ TEST_F(Tags, PathsBringTheirParentsAndLongNamesAreRefused) {
         EXPECT_EQ(odd.SetTag("t", "v"), 0);
         EXPECT_EQ(odd.GetPath(), std::string("Temp\\") + counter);
     }
-    HKEY key = makeTestKey(kRoot + "NextTemp");
-    uint32_t size = 0;
-    RegQueryValueExA(key, nullptr, nullptr, nullptr, nullptr, &size);
-    EXPECT_EQ(size, textOf(kRoot + "NextTemp").size() + 1) << "stored with its zero";
+    char number[3];
+    uint32_t size = sizeof number;
+    const HKEY key = makeTestKey(kRoot + "NextTemp");
+    RegQueryValueExA(key, nullptr, nullptr, nullptr, reinterpret_cast<uint8_t*>(number), &size);
+    EXPECT_EQ(std::string(number, size), std::string("1", 2)) << "stored with its zero";
     RegCloseKey(key);
     const std::string path(256 - kRoot.size() - 1, 'p');
     TagSet longest, refused;
@@ -410,4 +409,30 @@ TEST_F(Tags, TroubleIsAStatusAndLeavesEachTagOldOrNew) {
     EXPECT_EQ(set.GetLastChild()->FuseWithParent() + set.ClearTags(), 0);
     EXPECT_EQ(set.GetPath(), nullptr);
     set.DestroyChild();
+}
+
+TEST_F(Tags, ProcessesDrawDifferentNumbersAndVolatileSetsOutliveTheirMaker) {
+    constexpr int kProcesses = 4, kSets = 30;
+    std::vector<pid_t> processes;
+    for (int p = 0; p < kProcesses; p++)
+        processes.push_back(startProcess([] {
+            std::vector<TagSet> sets(kSets);
+            const std::string own = std::to_string(getpid());
+            for (TagSet& set : sets)
+                set.SetTag("t", own.c_str());
+            for (TagSet& set : sets)
+                if (textOf(kRoot + set.GetPath() + "\\t") != own)
+                    return 1;
+            _exit(0); // leaves its sets behind, as a process does that is killed
+        }));
+    for (const pid_t process : processes)
+        EXPECT_EQ(endOf(process), 0) << "a number was drawn twice";
+    EXPECT_GE(std::stoi(textOf(kRoot + "NextTemp")), kProcesses * kSets);
+    TagSet kept, first;
+    ASSERT_EQ(kept.SetPath("Kept", 1), 0);
+    kept.SetTag("t", "v");
+    emptyVolatileTree();
+    EXPECT_STREQ(kept.GetTempTag("t"), "v");
+    first.SetTag("t", "v");
+    EXPECT_STREQ(first.GetPath(), "Temp\\0") << "the volatile sets are gone";
 }
