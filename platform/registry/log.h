@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <span>
 
 class RegistryLog {
 public:
@@ -34,9 +35,9 @@ public:
     // Takes the lock and refreshes. The log is written anew when most of it is of the past, or its end makes no
     // sense: behind that nothing may be added.
     int lock();
-    void unlock(); // nothing where it is not held
-    // With the lock held. The records (null: none) are everybody's, in one step, when this returns 0.
-    int append(const RegistryRecord* first, const RegistryRecord* second = nullptr);
+    void unlock();
+    // With the lock held. The records are everybody's, all at once, when this returns 0.
+    int append(std::span<const RegistryRecord> records);
 
     // Grows whenever this process learns of a change in any log.
     inline static uint64_t changes = 0;
@@ -50,9 +51,11 @@ private:
     int open();
     int attach();
     void detach();
-    int lockFile();
+    bool isGone() const;
     bool isMostlyPast();
+    int settle();
     int read();
+    bool apply(const RegistryRecord& record);
     int rewrite();
     uint32_t word() const { return header_[kCommitted]; }
     bool isReplaced() const { return (word() & kReplaced) != 0; }
@@ -62,7 +65,6 @@ private:
     const LogIndex index_;
     const char* const folder_;
     bool writable_ = false;
-    bool locked_ = false;
     int folderFd_ = -1;
     int fd_ = -1;
     int error_ = 0;                           // why the log is not attached
