@@ -128,7 +128,7 @@ TEST_F(Tags, SeveralSetsDoAsAModelSays) {
         keys = {};
         RegDeleteTreeA(HKEY_CLASSES_ROOT, "Morvek.Image");
         Set sets[5];
-        static const char* const kTags[] = {"aa", "Ab", "bb", "a?", "?b", "??", "long", "Parents"};
+        static const char* const kTags[] = {"aa", "Ab", "zz", "a?", "?z", "??", "long", "Parents"};
         for (int step = 0; step < 1500; step++) {
             Set &set = sets[below(5)], &other = sets[below(5)], &reader = sets[below(5)];
             const auto action = step < 1490 ? below(16) : 0; // all end
@@ -216,7 +216,7 @@ TEST_F(Tags, SeveralSetsDoAsAModelSays) {
             }
             if (reader.real == nullptr)
                 continue;
-            for (const char* asked : {"aa", "AB", "bb", "zz", "?a", "LONG", "x"}) {
+            for (const char* asked : {"aa", "AB", "zz", "aZ", "?a", "LONG", "x"}) {
                 const std::string wanted = reader.read(asked);
                 ASSERT_EQ(read(*reader.real, asked), wanted == "(no value)" ? "untouched" : wanted) << asked;
             }
@@ -245,10 +245,15 @@ TEST_F(Tags, PatternsValuesAndResultBuffersKeepTheirRules) {
         for (const auto& [tag, value] :
              {std::pair("x\xe4y", "2"), {"x\xc4y", "(none)"}, {"", "(none)"}, {"???x", "(none)"}})
             EXPECT_EQ(read(set, tag), value) << tag;
-        for (const auto& [size, expected] : {std::pair(2, "3"), {1, "abc"}, {0, "abc"}, {-1, "abc"}}) {
+        for (const auto& [size, expected] : {std::pair(2, "3\0c"), {1, "abc"}, {0, "abc"}, {-1, "abc"}}) {
             char small[4] = "abc";
             EXPECT_EQ(set.GetTag("exact", small, size), 0);
-            EXPECT_STREQ(small, expected) << "a value that does not fit leaves the buffer alone";
+            EXPECT_EQ(std::string(small, 3), std::string(expected, 3)) << "what does not fit is left alone";
+        }
+        for (int i = 100; i < 150; i++) {
+            const std::string tag = std::to_string(i);
+            EXPECT_EQ(twice == 0 ? set.SetTag(tag.c_str(), tag.c_str()) : 0, 0);
+            EXPECT_EQ(read(set, tag) + read(set, tag), tag + tag) << "many tags are kept apart";
         }
         EXPECT_EQ(read(set, "raw"), big.substr(0, 256));
         EXPECT_EQ(set.GetTempTag("raw"), big.substr(0, 255));
@@ -374,6 +379,7 @@ TEST_F(Tags, TroubleIsAStatusAndLeavesEachTagOldOrNew) {
             set.SetTag("held", "new");
             if (TagSet* child = set.CreateChild()) {
                 child->SetTag("long", std::string(300, 'x').c_str());
+                child->SetTag("he?d", "hidden");
                 child->GetTempTag("held");
                 child->FuseWithParent();
             }
