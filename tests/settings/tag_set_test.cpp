@@ -386,7 +386,8 @@ TEST_F(Tags, TroubleIsAStatusAndLeavesEachTagOldOrNew) {
             set.DestroyChild();
         }
         // Not every member has a status.
-        const bool done = textOf(kRoot + "App\\held") == "new" && textOf(kRoot + "App\\long").size() == 300;
+        const bool done = textOf(kRoot + "App\\held") == "new" && textOf(kRoot + "App\\long").size() == 300 &&
+                          textOf(kRoot + "App\\Wildcards\\he?d") == "hidden";
         forgetRegistry();
         emptyVolatileTree(); // its log tells more after some troubles
         return done ? 0 : -1;
