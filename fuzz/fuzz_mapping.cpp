@@ -46,7 +46,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             static const uint16_t modes[] = {KAL_MODE_CREATE | KAL_MODE_WRITE,
                                              KAL_MODE_CREATE | KAL_MODE_UPDATE, 0, KAL_MODE_UPDATE,
                                              KAL_MODE_WRITE};
-            numbers[at] = input.byte() % std::size(kSizes);
+            numbers[at] = input.byte() % static_cast<unsigned>(std::size(kSizes));
             KalOpenFile(&stream, ("m" + std::to_string(numbers[at])).c_str(),
                         static_cast<uint16_t>(KAL_MODE_FILEMAP | modes[step % std::size(modes)]),
                         kSizes[numbers[at]]);

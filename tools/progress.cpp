@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -62,7 +63,7 @@ void Progress::show() {
 }
 
 void Progress::hide() {
-    if (const Progress* const shown = current; shown != nullptr && shown->drawn_)
+    if (Progress* const shown = current; shown != nullptr && std::exchange(shown->drawn_, false))
         std::fputs("\r\033[K", stderr);
 }
 

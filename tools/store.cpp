@@ -95,6 +95,7 @@ void storeAll(const Arguments& arguments) {
     }
     const std::vector<std::string> notes = notesOn(stored, arguments.pictures);
     archive->commit(); // what comes now takes no memory, so that nothing fails once all is done
+    Progress::hide();
     for (size_t i = 0; i < count; i++)
         std::cout << stored[i].id << '\t' << arguments.pictures[i] << '\n';
     for (const std::string& note : notes)

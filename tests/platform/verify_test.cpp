@@ -134,7 +134,10 @@ TEST_F(VerifyFiles, TellWhereAndWhatIsWrong) {
     const size_t directory = sectorAt(ole, 48);
     const size_t miniFat = sectorAt(ole, 60);
     // Entries: 1 the storage, 2 the stream a, 3 the stream Big, 4 the stream in the storage.
-    const auto entry = [directory](size_t number, size_t field) { return directory + number * 128 + field; };
+    const size_t later = 512 * (size_t{1} + ole[fat + ole[48] * 4]); // the directory's second sector
+    const auto entry = [=](size_t number, size_t field) {
+        return (number < 4 ? directory : later) + number % 4 * 128 + field;
+    };
     const size_t big = ole[entry(3, 116)];
     const struct {
         Verify verify;
@@ -180,7 +183,7 @@ TEST_F(VerifyFiles, TellWhereAndWhatIsWrong) {
         {KalVerifyCompoundFile, with(ole, entry(1, 76), 2), entry(4, 66), "/4: no storage leads to it\n"},
         {KalVerifyCompoundFile, with(ole, entry(3, 0), ' '), entry(3, 0),
          "/3: its name is not where readers look for it in its storage\n"},
-        {KalVerifyCompoundFile, Bytes(ole.begin(), ole.end() - 1), 8191,
+        {KalVerifyCompoundFile, Bytes(ole.begin(), ole.end() - 1), ole.size() - 1,
          "/file: the file ends inside a sector of its tables\n"},
     };
     for (const auto& damage : damages) {
