@@ -1,6 +1,7 @@
 // The registry in one process: its calls, and what becomes of its files in every trouble.
 #include "tests/support/registry_test.h"
 #include "platform/registry/record.h"
+#include "tests/support/faults.h"
 #include "tests/support/trouble.h"
 
 #include <algorithm>
@@ -198,6 +199,12 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
         std::memcpy(&longer[12], &end, 4);
         damaged(whole.size(), longer);
     }
+    static size_t most;
+    const HostCallGuard guard;
+    hostCalls.pread = [](int fd, void* bytes, size_t count, off_t at) {
+        most = std::max(most, count);
+        return ::pread(fd, bytes, count, at);
+    };
     for (size_t at = 0; at < 20; at++)
         for (const int bit : {0x01, 0x10, 0x80}) {
             Bytes flipped = whole;
@@ -208,6 +215,7 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
                 << "header byte " << at << ": " << dump;
             setText("Next", "must not crash");
         }
+    EXPECT_LT(most, 100000u) << "memory for what the header claims and the file does not hold";
     for (const size_t size : {0, 100, 4095}) {
         dumpOf(log, Bytes(whole.begin(), whole.begin() + long(size)));
         EXPECT_EQ(setText("Next", "works"), 0)
