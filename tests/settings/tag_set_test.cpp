@@ -245,7 +245,8 @@ TEST_F(Tags, PatternsValuesAndResultBuffersKeepTheirRules) {
         for (const auto& [tag, value] :
              {std::pair("x\xe4y", "2"), {"x\xc4y", "(none)"}, {"", "(none)"}, {"???x", "(none)"}})
             EXPECT_EQ(read(set, tag), value) << tag;
-        for (const auto& [size, expected] : {std::pair(2, "3\0c"), {1, "abc"}, {0, "abc"}, {-1, "abc"}}) {
+        for (const auto& [size, expected] :
+             {std::pair(2, "3\0c"), {1, "abc"}, {0, "abc"}, {-1, "abc"}, {2, "3\0c"}}) {
             char small[4] = "abc";
             EXPECT_EQ(set.GetTag("exact", small, size), 0);
             EXPECT_EQ(std::string(small, 3), std::string(expected, 3)) << "what does not fit is left alone";
