@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
 #include <new>
 #include <pthread.h>
@@ -100,24 +101,25 @@ struct Registry {
         return error != 0 ? error : ENOENT;
     }
 
-    // Adds a record that makes a key or a value; a key that is there already is left alone. `home` takes a key that is
-    // not there; `*isNew`, unless null, tells whether it was not.
-    int write(const RegistryRecord& record, LogIndex home, bool* isNew = nullptr) {
+    // Adds the last of the records, which makes a key or a value; a key that is there already is left alone. `home` takes
+    // a key that is not there; `*isNew`, unless null, tells whether it was not. The other records go along in one step.
+    int write(std::initializer_list<RegistryRecord> records, LogIndex home, bool* isNew = nullptr) {
+        const RegistryRecord& record = records.end()[-1];
         for (;;) {
             const KeyNode* key = keys.find(record.path);
             const LogIndex index = logOf(key, home);
             const uint64_t changes = RegistryLog::changes;
             int error = logs[index].lock();
-            if (error != 0)
-                return error;
-            error = refresh();
+            if (error == 0)
+                error = refresh();
             if (RegistryLog::changes != changes)
                 key = keys.find(record.path);
             const bool isMoved = logOf(key, home) != index; // another process made the key persistent
+            const bool isNeeded = key == nullptr || record.kind == RecordKind::value;
             if (isNew != nullptr)
                 *isNew = key == nullptr;
-            if (error == 0 && !isMoved && (key == nullptr || record.kind == RecordKind::value))
-                error = logs[index].append(record);
+            if (error == 0 && !isMoved && (isNeeded || records.size() > 1))
+                error = logs[index].append({records.begin(), records.size() - !isNeeded});
             logs[index].unlock();
             if (error != 0 || !isMoved)
                 return error;
@@ -129,22 +131,21 @@ struct Registry {
         const KeyNode* key = keys.find(path);
         if (key == nullptr)
             return missing();
-        bool has[kLogs] = {key->in[kPersistent], key->in[kVolatile]};
-        int error = 0;
-        for (const LogIndex index : {kPersistent, kVolatile}) // everybody takes the locks in this order
-            if (has[index]) {
-                error = error != 0 ? error : logs[index].lock();
-                has[index] = error == 0;
-            }
+        RegistryLog* const persistent = key->in[kPersistent] ? &logs[kPersistent] : nullptr;
+        RegistryLog* const passing = key->in[kVolatile] ? &logs[kVolatile] : nullptr;
+        int error = persistent != nullptr ? persistent->lock() : 0; // everybody takes the locks in this order
+        if (error == 0 && passing != nullptr)
+            error = passing->lock();
         if (error == 0)
             error = refresh();
         key = keys.find(path);
         if (error == 0 && !withSubkeys && key != nullptr && !key->below.empty())
             error = ENOTEMPTY;
-        for (const LogIndex index : {kVolatile, kPersistent}) // with the persistent one the key is gone
-            if (has[index]) {
-                error = error != 0 ? error : logs[index].append({RecordKind::deleted, path});
-                logs[index].unlock();
+        const RegistryRecord deleted[] = {{RecordKind::deleted, path}};
+        for (RegistryLog* const log : {passing, persistent}) // with the persistent one the key is gone
+            if (log != nullptr) {
+                error = error != 0 ? error : log->append(deleted);
+                log->unlock();
             }
         return error;
     }
@@ -190,11 +191,18 @@ struct Call {
 
     std::string_view path() const { return {text, length}; }
     const KeyNode* key() const { return error == 0 ? registry->keys.find(path()) : nullptr; }
+    // The same for a key that must be there: else there is an error.
+    const KeyNode* found() {
+        const KeyNode* key = this->key();
+        if (key == nullptr && error == 0)
+            error = registry->missing();
+        return key;
+    }
 
     // A key that waits for its first value waits no longer.
     void settle() {
         if (error == 0 && open != nullptr && open->pending) {
-            error = registry->write({RecordKind::key, path()}, open->home);
+            error = registry->write({{RecordKind::key, path()}}, open->home);
             open->pending = error != 0;
         }
     }
@@ -215,6 +223,8 @@ struct Call {
     }
 
     int32_t openHandle(LogIndex home, bool pending, HKEY* result) {
+        if (error != 0)
+            return codeOf(error);
         void* block = KalAllocSMem(static_cast<uint32_t>(sizeof(OpenKey) + length));
         if (block == nullptr)
             return ERROR_NOT_ENOUGH_MEMORY;
@@ -251,12 +261,29 @@ int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t, const char*, uin
     const bool pending = isNew && disposition == nullptr;
     if (isNew)
         call.error = pending ? registry->logs[home].writable()
-                             : registry->write({RecordKind::key, call.path()}, home, &isNew);
-    if (call.error != 0)
-        return codeOf(call.error);
-    if (disposition != nullptr)
+                             : registry->write({{RecordKind::key, call.path()}}, home, &isNew);
+    if (disposition != nullptr && call.error == 0)
         *disposition = isNew ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
     return call.openHandle(home, pending, result);
+}
+
+int32_t registryDraw(HKEY counter, const char* text, const char* subKey, HKEY* result, bool* isNew) {
+    *result = nullptr;
+    Call call(HKEY_CLASSES_ROOT, false);
+    call.descend(subKey);
+    OpenKey* const open = openKeyOf(counter);
+    if (call.error != 0 || open == nullptr)
+        return codeOf(call.error != 0 ? call.error : EBADF);
+    open->pending = false;
+    const RegistryRecord key = {RecordKind::key, call.path()};
+    const RegistryRecord value = {RecordKind::value, open->path(), {}, REG_SZ, {text, std::strlen(text) + 1}};
+    if (call.key() == nullptr && logOf(registry->keys.find(open->path()), open->home) == kVolatile) {
+        call.error = registry->write({value, key}, kVolatile, isNew);
+    } else {
+        registry->write({value}, open->home); // may fail: another number is drawn then where it must be
+        call.error = registry->write({key}, kVolatile, isNew);
+    }
+    return call.openHandle(kVolatile, false, result);
 }
 
 int32_t RegOpenKeyExA(HKEY key, const char* subKey, uint32_t, uint32_t, HKEY* result) {
@@ -265,10 +292,7 @@ int32_t RegOpenKeyExA(HKEY key, const char* subKey, uint32_t, uint32_t, HKEY* re
     *result = nullptr;
     Call call(key);
     call.descend(subKey);
-    const KeyNode* found = call.key();
-    if (found == nullptr)
-        return codeOf(call.error != 0 ? call.error : registry->missing());
-    return call.openHandle(found->in[kPersistent] ? kPersistent : kVolatile, false, result);
+    return call.openHandle(logOf(call.found(), kVolatile), false, result);
 }
 
 int32_t RegQueryValueExA(HKEY key, const char* name, uint32_t*, uint32_t* type, uint8_t* data,
@@ -276,10 +300,10 @@ int32_t RegQueryValueExA(HKEY key, const char* name, uint32_t*, uint32_t* type, 
     if (data != nullptr && size == nullptr)
         return ERROR_INVALID_PARAMETER;
     Call call(key);
-    const KeyNode* found = call.key();
+    const KeyNode* found = call.found();
     const KeyValue* value = found != nullptr ? found->value(valueName(name)) : nullptr;
     if (value == nullptr)
-        return codeOf(call.error != 0 ? call.error : found != nullptr ? ENOENT : registry->missing());
+        return codeOf(call.error != 0 ? call.error : ENOENT);
     const uint32_t room = size != nullptr ? *size : 0;
     if (type != nullptr)
         *type = value->type;
@@ -306,7 +330,7 @@ int32_t RegSetValueExA(HKEY key, const char* name, uint32_t, uint32_t type, cons
         return codeOf(call.error);
     call.open->pending = false; // a key whose first value fails does not appear without it
     const std::string_view bytes = {reinterpret_cast<const char*>(data), size};
-    return codeOf(registry->write({RecordKind::value, call.path(), value, type, bytes}, call.open->home));
+    return codeOf(registry->write({{RecordKind::value, call.path(), value, type, bytes}}, call.open->home));
 }
 
 int32_t RegEnumKeyA(HKEY key, uint32_t index, char* name, uint32_t nameSize) {

@@ -70,6 +70,10 @@ int32_t RegDeleteTreeA(HKEY key, const char* subKey);
 
 int32_t RegCloseKey(HKEY key);
 
+// No call of the platform: gives a key's default value a text and makes the key `subKey` below the top, which lives until
+// the next start of the machine; in one step, unless the first one outlives that. `*isNew` tells whether it was not there.
+int32_t registryDraw(HKEY counter, const char* text, const char* subKey, HKEY* result, bool* isNew);
+
 // No call of the platform: a number that stays while nothing changes in the registry that the key lies in, whatever
 // process changes it, so that what was read can be kept. 0 when that is not known.
 uint64_t registryState(HKEY key);

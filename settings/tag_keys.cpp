@@ -33,10 +33,10 @@ bool matchesPattern(const char* stored, const char* tag) {
     return *stored == *tag; // both at their end
 }
 
-HKEY makeKey(HKEY above, const char* name, bool persistent, uint32_t* disposition) {
+HKEY makeKey(HKEY above, const char* name, bool persistent) {
     HKEY key = nullptr;
     RegCreateKeyExA(above, name, 0, "string", persistent ? REG_OPTION_NON_VOLATILE : REG_OPTION_VOLATILE,
-                    KEY_ALL_ACCESS, nullptr, &key, disposition);
+                    KEY_ALL_ACCESS, nullptr, &key, nullptr);
     return key;
 }
 

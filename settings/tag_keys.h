@@ -35,7 +35,7 @@ bool namesBeginAlike(const char* a, const char* b, size_t count);
 bool matchesPattern(const char* stored, const char* tag);
 
 // Makes or opens a key as every tag set's keys are made. Null on failure.
-HKEY makeKey(HKEY above, const char* name, bool persistent, uint32_t* disposition = nullptr);
+HKEY makeKey(HKEY above, const char* name, bool persistent);
 HKEY openKey(HKEY above, const char* name);
 
 // Reads a value of a key into `buffer`, ended by a zero where there is room for it. Whether there is such a value,

@@ -120,10 +120,6 @@ int16_t TagSet::SetTempPath() {
             std::strcpy(number, "0");
         char next[40];
         _itoa(static_cast<int>(static_cast<uint32_t>(std::atoi(number)) + 1), next, 10);
-        RegSetValueExA(counter, nullptr, 0, REG_SZ, reinterpret_cast<const uint8_t*>(next),
-                       static_cast<uint32_t>(std::strlen(next) + 1));
-        RegCloseKey(counter);
-
         char fresh[kTagNameSize + 8];
         join(fresh, "Temp\\", number);
         TagCache::freePath(path);
@@ -131,12 +127,13 @@ int16_t TagSet::SetTempPath() {
         persistent = 0;
         hKey = nullptr;
         char name[KAL_TAG_PATH_SIZE];
-        uint32_t disposition = 0;
+        bool isNew = false;
         if (path != nullptr && join(name, rootPath, path))
-            hKey = makeKey(HKEY_CLASSES_ROOT, name, false, &disposition);
+            registryDraw(counter, next, name, &hKey, &isNew);
+        RegCloseKey(counter);
         if (hKey == nullptr)
             break;
-        if (disposition == REG_CREATED_NEW_KEY)
+        if (isNew)
             return KAL_OK;
         RegCloseKey(hKey); // somebody else drew the number too
         hKey = nullptr;

@@ -141,62 +141,48 @@ int RegistryLog::read() {
     const uint32_t committed = word() & ~kReplaced;
     if (committed <= end_)
         return 0;
-    auto* bytes = static_cast<char*>(KalAllocSMem(committed - end_));
-    if (bytes == nullptr)
+    uint32_t bytes = committed - end_;
+    struct stat found;
+    // A damaged header may claim anything.
+    if (bytes > kShortLog && hostCalls.fstat(fd_, &found) == 0)
+        bytes = static_cast<uint32_t>(std::clamp<int64_t>(found.st_size - end_, 0, bytes));
+    auto* stored = static_cast<char*>(KalAllocSMem(bytes));
+    if (stored == nullptr)
         return ENOMEM;
-    const Moved got = readAllAt(fd_, bytes, committed - end_, off_t{end_});
+    const Moved got = readAllAt(fd_, stored, bytes, off_t{end_});
     int error = got.failed ? errno : 0;
-    std::string_view rest = {bytes, got.count};
+    std::string_view rest = {stored, got.count};
     for (RegistryRecord record; error == 0 && record.load(header_[kNumber], rest);) {
-        changes++;
-        if (!tree_.apply(index_, record)) {
-            error = ENOMEM;
-            break;
-        }
         rest.remove_prefix(record.length());
-        end_ += record.length();
+        error = apply(record) ? 0 : ENOMEM;
     }
-    KalFreeSMem(bytes);
+    KalFreeSMem(stored);
     return error;
+}
+
+bool RegistryLog::apply(const RegistryRecord& record) {
+    changes++;
+    const bool isApplied = tree_.apply(index_, record);
+    end_ += isApplied ? record.length() : 0;
+    return isApplied;
 }
 
 int RegistryLog::refresh() {
     if (header_ == nullptr || word() == end_)
         return 0;
-    if (!isReplaced())
-        return read();
-    // Waits for whoever replaces the file, but for no lock of the new one: the other log's may be held.
-    int error = lockFile();
-    const bool isLocked = error == 0;
-    if (error == kOtherFile)
-        error = attach();
-    if (error == 0)
-        error = read();
-    if (isLocked)
-        unlock();
-    return error;
+    // Waits for no lock: the other log's may be held. Until another file has the name this one tells all.
+    const int error = isReplaced() ? attach() : 0;
+    return error != 0 ? error : read();
 }
 
-// Locks the file if it still has the log's name.
-int RegistryLog::lockFile() {
-    if (header_ == nullptr || forks_ != forks)
-        return kOtherFile;
-    if (!setLock(fd_, LOCK_EX))
-        return errno;
+// Whether the log's name leads to another file.
+bool RegistryLog::isGone() const {
     struct stat own, named;
     if (index_ == kVolatile && !isReplaced())
-        return 0; // what is lost with its folder does not outlive it anyway
-    int error = hostCalls.fstat(fd_, &own) == 0 ? 0 : errno;
-    if (error == 0 &&
-        (own.st_nlink == 0 ||
-         (isReplaced() && (hostCalls.fstatat(folderFd_, kFileName, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-                           named.st_ino != own.st_ino || named.st_dev != own.st_dev))))
-        error = kOtherFile;
-    if (error != 0)
-        unlock();
-    else if (isReplaced() && writable_)
-        header_[kCommitted] = word() & ~kReplaced; // whoever was about to replace it died
-    return error;
+        return false; // what is lost with its folder does not outlive it anyway
+    return hostCalls.fstat(fd_, &own) != 0 || own.st_nlink == 0 ||
+           (isReplaced() && (hostCalls.fstatat(folderFd_, kFileName, &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+                             named.st_ino != own.st_ino || named.st_dev != own.st_dev));
 }
 
 bool RegistryLog::isMostlyPast() {
@@ -207,15 +193,24 @@ bool RegistryLog::isMostlyPast() {
     return end_ > lookAt_;
 }
 
+// Once locked: takes in what others wrote. kOtherFile when the lock is to be taken on another file.
+int RegistryLog::settle() {
+    if (isGone())
+        return kOtherFile;
+    if (isReplaced() && writable_)
+        header_[kCommitted] = word() & ~kReplaced; // whoever was about to replace it died
+    const int error = read();
+    if (error != 0 || !writable_ || !(isDamaged() || isMostlyPast()))
+        return error;
+    const int failed = rewrite();
+    return failed == 0 ? kOtherFile : isDamaged() ? failed : 0;
+}
+
 int RegistryLog::lock() {
     for (;;) {
-        int error = lockFile();
-        if (error == 0) {
-            error = read();
-            if (error == 0 && writable_ && (isDamaged() || isMostlyPast())) {
-                const int failed = rewrite();
-                error = failed == 0 ? kOtherFile : isDamaged() ? failed : 0;
-            }
+        int error = kOtherFile;
+        if (header_ != nullptr && forks_ == forks) {
+            error = setLock(fd_, LOCK_EX) ? settle() : errno;
             if (error == 0)
                 return 0;
             unlock();
@@ -231,24 +226,28 @@ void RegistryLog::unlock() {
     setLock(fd_, LOCK_UN);
 }
 
-int RegistryLog::append(const RegistryRecord& record) {
+int RegistryLog::append(std::span<const RegistryRecord> records) {
     if (const int error = writable())
         return error;
-    const uint32_t bytes = record.length();
+    uint32_t bytes = 0;
+    for (const RegistryRecord& record : records)
+        bytes += record.length();
     if (bytes >= kReplaced - end_)
         return EFBIG;
     auto* stored = static_cast<char*>(KalAllocSMem(bytes));
     if (stored == nullptr)
         return ENOMEM;
-    record.store(header_[kNumber], stored);
+    char* end = stored;
+    for (const RegistryRecord& record : records)
+        end = record.store(header_[kNumber], end);
     const int error = errorOf(writeAllAt(fd_, stored, bytes, off_t{end_}), bytes);
     KalFreeSMem(stored);
     if (error != 0)
         return error;
     header_[kCommitted] = end_ + bytes;
-    changes++;
-    if (tree_.apply(index_, record)) // else it is read when memory is there
-        end_ += bytes;
+    for (const RegistryRecord& record : records)
+        if (!apply(record))
+            break; // the rest is read when memory is there
     return 0;
 }
 
@@ -270,12 +269,12 @@ int RegistryLog::rewrite() {
         // Marked first: a process that found the old word after the renaming would never look again.
         header_[kCommitted] = word() | kReplaced;
         error = hostCalls.renameat(folderFd_, kNewFile, folderFd_, kFileName) == 0 ? 0 : errno;
-        if (error != 0)
-            header_[kCommitted] = word() & ~kReplaced;
     }
     if (fd >= 0)
         hostCalls.close(fd);
-    if (error != 0)
+    if (error != 0) {
+        header_[kCommitted] = word() & ~kReplaced;
         hostCalls.unlinkat(folderFd_, kNewFile, 0);
+    }
     return error;
 }

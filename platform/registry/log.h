@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <span>
 
 class RegistryLog {
 public:
@@ -35,8 +36,8 @@ public:
     // sense: behind that nothing may be added.
     int lock();
     void unlock();
-    // With the lock held. The record is everybody's when this returns 0.
-    int append(const RegistryRecord& record);
+    // With the lock held. The records are everybody's, all at once, when this returns 0.
+    int append(std::span<const RegistryRecord> records);
 
     // Grows whenever this process learns of a change in any log.
     inline static uint64_t changes = 0;
@@ -50,9 +51,11 @@ private:
     int open();
     int attach();
     void detach();
-    int lockFile();
+    bool isGone() const;
     bool isMostlyPast();
+    int settle();
     int read();
+    bool apply(const RegistryRecord& record);
     int rewrite();
     uint32_t word() const { return header_[kCommitted]; }
     bool isReplaced() const { return (word() & kReplaced) != 0; }

@@ -30,7 +30,7 @@ int checkPath(std::string_view path) {
     return path.size() > kMostPathBytes ? ENAMETOOLONG : name == 0 ? EINVAL : 0;
 }
 
-void RegistryRecord::store(uint32_t logNumber, char* at) const {
+char* RegistryRecord::store(uint32_t logNumber, char* at) const {
     std::memset(at, 0, kRecordHead);
     storeLittle(at, length());
     at[8] = static_cast<char>(kind);
@@ -41,6 +41,7 @@ void RegistryRecord::store(uint32_t logNumber, char* at) const {
     for (const std::string_view part : {path, name, bytes})
         end += part.copy(end, part.size());
     storeLittle(at + 4, checkOf(logNumber, {at, length()}));
+    return end;
 }
 
 bool RegistryRecord::load(uint32_t logNumber, std::string_view from) {

@@ -40,7 +40,7 @@ struct RegistryRecord {
     uint32_t length() const {
         return static_cast<uint32_t>(kRecordHead + path.size() + name.size() + bytes.size());
     }
-    void store(uint32_t logNumber, char* at) const;
+    char* store(uint32_t logNumber, char* at) const; // its end
     // The record at the start of `from`, its texts in there. False when none stands there whole and sound.
     bool load(uint32_t logNumber, std::string_view from);
 };

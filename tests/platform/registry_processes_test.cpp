@@ -2,7 +2,10 @@
 #include "tests/support/faults.h"
 #include "tests/support/registry_test.h"
 
+#include <chrono>
+#include <csignal>
 #include <random>
+#include <set>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -163,6 +166,36 @@ TEST_F(RegistryProcesses, LogsAreWrittenAnewBesideReadersAndWriters) {
     RegCloseKey(held);
     EXPECT_LT(readFile(persistentTree() + "/log").size(), 200000u);
     EXPECT_EQ(filesIn(persistentTree()), std::vector<std::string>{"log"});
+}
+
+TEST_F(RegistryProcesses, AWriterKilledAtAnyMomentTearsNothing) {
+    constexpr size_t kKeys = 8;
+    const auto keyOf = [](size_t number) { return std::to_string(number % kKeys); };
+    std::set<std::string> seen;
+    size_t looks = 0;
+    for (int round = 0; round < 500; round++) {
+        const pid_t writer = startProcess([&] {
+            for (size_t i = 0;; i++)
+                setText(keyOf(i), std::string(20 + i % 7 * 33, char('a' + i % 26)));
+            return 0;
+        });
+        const auto look = [&] {
+            const std::string text = textOf(keyOf(looks++));
+            if (text == "(no key)")
+                return;
+            EXPECT_EQ(text, std::string(text.size(), text[0]));
+            EXPECT_EQ(text.size() % 33, 20u);
+            seen.insert(text);
+        };
+        const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(round * 173 % 1000);
+        while (std::chrono::steady_clock::now() < end || seen.size() < 2) // however slow the machine
+            look();
+        kill(writer, SIGKILL);
+        EXPECT_EQ(endOf(writer), -1);
+        for (size_t i = 0; i < kKeys; i++)
+            look();
+        ASSERT_EQ(setText("after", std::to_string(round)), 0);
+    }
 }
 
 TEST_F(RegistryProcesses, AChildOfAForkWaitsForItsParent) {
