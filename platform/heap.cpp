@@ -82,7 +82,7 @@ constexpr size_t kKeptTo = 16384;
 std::atomic<void*> keptBlocks[kKeptTo / kKeptStep + 1];
 
 bool isKept(size_t bytes) {
-    return bytes >= kKeptFrom && bytes < kKeptTo;
+    return bytes >= kKeptFrom && bytes < kKeptTo; // cppcheck-suppress incorrectLogicOperator
 }
 
 // Puts a block, or none, in the place of the one that is kept, which it returns.

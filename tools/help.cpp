@@ -51,8 +51,8 @@ std::string callOf(const App* app) {
                 continue;
             std::string name = nameOf(option);
             if (const size_t comma = name.find(", "); !positional && comma != std::string::npos)
-                name = name.substr(0, 2) +
-                       (option->get_option_text().empty() ? "" : ' ' + option->get_option_text());
+                name.replace(2, std::string::npos,
+                             option->get_option_text().empty() ? "" : ' ' + option->get_option_text());
             call += option->get_required() ? ' ' + name : " [" + name + ']';
         }
     return call;

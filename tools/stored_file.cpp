@@ -62,8 +62,8 @@ StreamPtr streamOver(const File& file, uint16_t mode) {
     return made;
 }
 
-StoredFile::StoredFile(const std::string& path) : path_(path) {
-    file_ = File::openLocked(path, O_RDONLY, LOCK_SH);
+StoredFile::StoredFile(const std::string& path)
+    : path_(path), file_(File::openLocked(path, O_RDONLY, LOCK_SH)) {
     if (!file_.isOpen())
         throw Failure(path, hostErrorText(ENOENT));
     named(path, [this] {

@@ -392,7 +392,7 @@ private:
     FaultCount& faults_;
     bool ended_ = false;
     uint32_t shift_ = 9;
-    uint8_t header_[kHeaderSize];
+    uint8_t header_[kHeaderSize] = {};
     Units sectors_;
     Units mini_;
     Array<uint32_t> fatSectors_;
