@@ -174,6 +174,9 @@ void PngReader::row(uint8_t* out) {
     }
     const auto rowBytes = static_cast<size_t>(state.layout.rowBytes());
     if (state.whole.empty()) {
+        constexpr uint64_t mostOfAByte = 1032; // that the compression makes
+        if (uint64_t{rowBytes} * state.layout.height / mostOfAByte > state.file.size())
+            throw Failure("it ends too early");
         state.whole.resize(rowBytes * state.layout.height);
         std::vector<png_bytep> rows(state.layout.height);
         for (size_t y = 0; y < rows.size(); y++)

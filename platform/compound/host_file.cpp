@@ -27,6 +27,7 @@ HRESULT resultOfErrno() {
         return STG_E_FILEALREADYEXISTS;
     case ENOSPC:
     case EDQUOT:
+    case EFBIG:
         return STG_E_MEDIUMFULL;
     default:
         return STG_E_ACCESSDENIED;

@@ -261,7 +261,17 @@ TEST(Run, RefusesWhatIsNoRunAndSurvivesDamage) {
         EXPECT_LT(cfile->status, 0) << "round " << round;
         KalFreeCFile(cfile);
     }
-    scfiletag* cfile = makeCFile(nullptr);
+    const Bytes clearAndA = {0x00, 0x83, 0x00};
+    VectorStream stream(clearAndA);
+    scfiletag* cfile = makeCFile(stream.file());
+    EXPECT_EQ(read(cfile, 1), bytesOf("A"));
+    stream.file()->pos = 2;
+    EXPECT_TRUE(read(cfile, 1).empty() && cfile->status == KAL_ERR_END);
+    stream.bytes.insert(stream.bytes.end(), clearAndA.begin(), clearAndA.end());
+    EXPECT_EQ(read(cfile, 1), bytesOf("A"))
+        << "a start that failed where the old run stood does not go on with it";
+    KalFreeCFile(cfile);
+    cfile = makeCFile(nullptr);
     EXPECT_EQ(read(cfile, 1).size() + KalWriteCFile(cfile, good.data(), 1), 0u);
     EXPECT_EQ(cfile->status, KAL_ERR_NULL_STREAM);
     EXPECT_EQ(KalFlushCFile(cfile) | KalFreeCFile(cfile) | KalFreeCFile(nullptr), KAL_OK);
