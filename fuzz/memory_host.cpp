@@ -36,9 +36,11 @@ struct Open {
 
 std::map<std::string, std::shared_ptr<Node>> nodes;
 std::map<int, Open> opened;
+bool refused = false;
 
 template <class Result = int>
 Result fail(int error) {
+    refused = refused || error == ENOSPC;
     errno = error;
     return static_cast<Result>(-1);
 }
@@ -142,6 +144,7 @@ int rename(const std::string& from, const std::string& to) {
 
 void start() {
     nodes.clear();
+    refused = false;
     hostCalls.open = [](const char* path, int flags, mode_t) { return openFile(path, flags); };
     hostCalls.openat = [](int folder, const char* path, int flags, mode_t) {
         const int fd = openFile(pathAt(folder, path), flags);
@@ -220,6 +223,10 @@ void setContent(const std::string& path, const Bytes& bytes) {
 uint8_t* mapped(const std::string& path) {
     const auto found = nodes.find(path);
     return found != nodes.end() ? found->second->bytes.data() : nullptr;
+}
+
+bool wasFull() {
+    return refused;
 }
 
 void countBlocks() {

@@ -81,8 +81,8 @@ void checkArchive(const StoredFile& file, Faults& faults) {
         try {
             if (item.id != 0)
                 checkPicture(*raw, item.id);
-            else
-                Archive::forReading(file.path());
+            else if (Archive::forReading(file.path())->isAlbum())
+                throw Damaged("");
         } catch (const Damaged& damaged) {
             const std::string text =
                 item.id != 0 ? damaged.what() : "it is not the mark of a picture archive";
@@ -134,7 +134,9 @@ void print(const Arguments& arguments, FileKind kind, const Faults& faults,
     if (faults.count > 0)
         std::cout << faults.rows.table();
     else if (!asked.quiet)
-        std::cout << arguments.file << ": a " << namesOf(kind).words << ", whole\n";
+        std::cout << arguments.file
+                  << (*namesOf(kind).words == 'o' || *namesOf(kind).words == 'i' ? ": an " : ": a ")
+                  << namesOf(kind).words << ", whole\n";
     if (recovered && !recovered->lost.empty())
         std::cout << '\n' << lost.table();
     if (recovered && !asked.quiet)

@@ -8,6 +8,7 @@
 #include "tools/rows.h"
 
 #include <CLI/CLI.hpp>
+#include <kal/cpp/bitmap.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -31,9 +32,10 @@ struct NumberedOp {
 
     const char* name() const {
         constexpr const char* names[] = {"form", "before", "transparency", "rows", "padding", "after", "end"};
-        return type == KAL_OP_DIB                ? "band"
-               : type >= opForm && type <= opEnd ? names[type - opForm]
-                                                 : "unknown";
+        return type == KAL_OP_DIB                   ? "band"
+               : type == kal::Bitmap::descriptionOp ? "description"
+               : type >= opForm && type <= opEnd    ? names[type - opForm]
+                                                    : "unknown";
     }
     bool isBand() const { return type == KAL_OP_DIB && bytes.size() >= KAL_DIB_OP_HEADER; }
     uint32_t firstRow() const { return isBand() ? load16(bytes, 2) : 0; }

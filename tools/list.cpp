@@ -50,7 +50,7 @@ void list(const Arguments& arguments) {
     Failures failures;
     for (const kal::Entry& item : archive->pictures())
         failures.collect([&] {
-            if (item.id <= lastId) // ids only ever count up
+            if (item.id <= lastId && !archive->isAlbum()) // ids only ever count up
                 throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));
             archive->get(item.id, [&](OpList* ops) { addRow(rows, item, getPictureForm(ops, item.id)); });
             lastId = item.id;

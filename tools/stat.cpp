@@ -22,7 +22,7 @@ Holes holesOf(Archive& archive) {
     std::sort(items.begin(), items.end(),
               [](const kal::Entry& a, const kal::Entry& b) { return a.offset < b.offset; });
     Holes holes;
-    uint64_t end = Archive::indexRoom;
+    uint64_t end = archive.indexRoom();
     const auto passTo = [&](uint64_t offset) {
         if (offset > end) {
             holes.count++;
@@ -66,7 +66,7 @@ void stat(const std::string& path) {
         {"rows", "bytes of their rows", bytesCell(rows)},
         {"stored", "bytes stored of them", bytesCell(stored)},
         {"archive", "bytes of the archive", bytesCell(archive->bytes())},
-        {"index", "bytes of the index", bytesCell(Archive::indexRoom)},
+        {"index", "bytes of the index", bytesCell(archive->indexRoom())},
         {"entries", "entries in the index", numberCell(entries)},
         {"free", "  of removed pictures", numberCell(entries - archive->items().size())},
         {"holes", "holes", numberCell(holes.count)},
