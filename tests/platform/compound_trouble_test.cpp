@@ -102,8 +102,8 @@ TEST_F(CompoundTrouble, AFileIsAsBeforeOrAsAfter) {
     }
 }
 
-// Without room for a second directory what needs one is refused whole. Then the disk fills up through one stream: the
-// file holds what it held and what was taken, and what is there may still be changed.
+// The disk fills up through one stream: the file holds what it held and what was taken, and what is there may still be
+// changed.
 TEST_F(CompoundTrouble, AFullDiskLosesNothing) {
     const HostCallGuard guard;
     for (const bool setsAside : {true, false}) {
@@ -116,48 +116,28 @@ TEST_F(CompoundTrouble, AFullDiskLosesNothing) {
         writeStreams("full.ole", model);
         Ref<IStorage> storage, another;
         Ref<IStream> stream, other;
-        const auto write = [](IStream* to, int64_t at, const Bytes& bytes) {
+        const auto write = [](IStream* to, size_t at, const Bytes& bytes) {
             uint32_t written = 1;
-            EXPECT_EQ(to->Seek(at, STREAM_SEEK_SET, nullptr), S_OK);
+            EXPECT_EQ(to->Seek(static_cast<int64_t>(at), STREAM_SEEK_SET, nullptr), S_OK);
             EXPECT_EQ(to->Write(bytes.data(), static_cast<uint32_t>(bytes.size()), &written), S_OK);
             return written;
         };
         ASSERT_EQ(openFile("full.ole", kUpdate, storage), S_OK);
-        for (int i = 0; i < 20; i++) // what moves and goes leaves nothing behind
-            for (const Change& change :
-                 {Change{'p', L"moves", 5000}, {'r', L"moves", 100}, {'d', L"moves", 0}})
-                EXPECT_EQ(change(storage.get()) | storage->Commit(0), S_OK);
-        EXPECT_LT(readFile("full.ole").size(), 30000u) << "room that was set aside is given back";
         ASSERT_EQ(openStream(storage.get(), L"s9000", other), S_OK);
-        {
-            const FileSizeLimit limit(readFile("full.ole").size());
-            EXPECT_EQ(other->SetSize(8900), S_OK);
-            EXPECT_EQ(storage->Commit(0), S_OK) << "the directory changes in one sector";
-            const Bytes before = readFile("full.ole");
-            EXPECT_EQ(write(other.get(), 8900, {1}), 0u);
-            EXPECT_EQ(putStream(storage.get(), L"new", {1}), STG_E_MEDIUMFULL);
-            for (const wchar_t* name : {L"s64", L"s4095"}) {
-                EXPECT_EQ(storage->DestroyElement(name), S_OK);
-                model.erase(name);
-            }
-            EXPECT_EQ(storage->Commit(0), STG_E_MEDIUMFULL);
-            EXPECT_TRUE(readFile("full.ole") == before);
-        }
+        ASSERT_EQ(openStream(storage.get(), L"s10", stream), S_OK);
         const FileSizeLimit limit(600000);
         EXPECT_EQ(other->SetSize(10000000), STG_E_MEDIUMFULL); // what does not succeed takes no room
         EXPECT_EQ(write(other.get(), 10000000, {1}), 0u);
-        ASSERT_EQ(openStream(storage.get(), L"s10", stream), S_OK);
         const Bytes piece = randomBytes(30001, 9);
         Bytes& taken = model[L"s10"];
         for (uint32_t written = 30001; written == piece.size();) {
-            written = write(stream.get(), static_cast<int64_t>(taken.size()), piece);
+            written = write(stream.get(), taken.size(), piece);
             taken.insert(taken.end(), piece.begin(), piece.begin() + written);
         }
         EXPECT_GT(taken.size(), 540000u);
         EXPECT_EQ(write(other.get(), 0, model[L"s9000"] = randomBytes(9000, 77)), 9000u);
-        EXPECT_EQ(resize(storage.get(), L"s4096", 100), S_OK);
+        EXPECT_EQ(resize(storage.get(), L"s4096", 100) | storage->Commit(0), S_OK);
         model[L"s4096"].resize(100);
-        EXPECT_EQ(storage->Commit(0), S_OK);
         stream.reset();
         other.reset();
         storage.reset();
