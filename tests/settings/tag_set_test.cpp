@@ -30,7 +30,8 @@ public:
 
 // What a read into a buffer of so many bytes leaves there; kNone when it says that there is nothing.
 std::string read(TagSet& set, const std::string& tag, const char* valueName = nullptr, int size = 1200) {
-    char text[1200] = "untouched";
+    char text[1200];
+    std::strcpy(static_cast<char*>(std::memset(text, '~', sizeof text)), "untouched");
     return set.GetTag(tag.c_str(), text, size, valueName) == 0 ? std::string(text, strnlen(text, sizeof text))
                                                                : kNone;
 }
@@ -123,6 +124,7 @@ struct Set {
 using Tags = RegistryTest;
 
 TEST_F(Tags, SeveralSetsDoAsAModelSays) {
+    const HeapBalance balance;
     const uint32_t seed = firstSeed();
     std::mt19937 random(seed);
     const auto below = [&](size_t count) { return random() % count; };
@@ -224,6 +226,9 @@ TEST_F(Tags, SeveralSetsDoAsAModelSays) {
             ASSERT_EQ(found(*reader.real, prefix), reader.found(prefix)) << prefix;
         ASSERT_EQ(reader.real->GetPath() != nullptr ? reader.real->GetPath() : "", reader.path);
     }
+    for (Set& set : sets)
+        set = {};
+    forgetRegistry();
 }
 
 TEST_F(Tags, ValuesAndResultBuffersKeepTheirRules) {
@@ -267,8 +272,11 @@ TEST_F(Tags, ValuesAndResultBuffersKeepTheirRules) {
     EXPECT_EQ(read(set, "from"), "One");
     ASSERT_EQ(parent.SetPath("Two", 1), 0);
     EXPECT_EQ(read(set, "from"), "Two") << "what was known of the chain is not true any more";
+    delete parent.GetParent();
+    parent.SetParent(nullptr);
     EXPECT_EQ(parent.SetPath(parent.GetPath(), 1), 0) << "its own path";
     EXPECT_STREQ(parent.GetPath(), "Two");
+    delete parent.GetParent();
     set.SetParent(nullptr);
     static bool isFull;
     isFull = true;
