@@ -129,6 +129,7 @@ TEST_F(Compound, RandomChangesAgreeWithAModelAndOtherReaders) {
         Model model(name, static_cast<uint32_t>(std::hash<std::string>()(name)),
                     name == names.back() ? 3 << 20 : 70000);
         EXPECT_TRUE(name != "made.ole" || model.streams() == made);
+        EXPECT_EQ(toldOf(KalVerifyCompoundFile, readFile(name)), "");
         if (name.find(' ') == name.npos)
             expectOthersRead(name, model.streams());
         for (int session = 0; session < 16; session++) {

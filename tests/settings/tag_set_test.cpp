@@ -180,12 +180,9 @@ TEST_F(Tags, SeveralSetsDoAsAModelSays) {
             ASSERT_EQ(set.real->FuseWithParent(), set.parent != nullptr ? 0 : KAL_ERR_TAG_PARENT);
             if (set.parent != nullptr)
                 set.fuse();
-        } else if (action == 3) {
-            set.real->SetParent(nullptr);
-            set.parent = nullptr;
-        } else if (action == 4) {
-            set.real->SetChild(nullptr);
-            set.child = nullptr;
+        } else if (action < 5) {
+            action == 3 ? set.real->SetParent(nullptr) : set.real->SetChild(nullptr);
+            (action == 3 ? set.parent : set.child) = nullptr;
         } else if (action == 5 && other.real == nullptr) {
             other.real.reset(set.real->CreateChild());
             set.link(&other);
@@ -194,20 +191,15 @@ TEST_F(Tags, SeveralSetsDoAsAModelSays) {
             set.link(&other);
         } else if (action == 8 && !set.path.empty()) { // behind the set's back
             const std::string key = set.keyOf(tag);
-            value.empty() ? void(RegDeleteKeyA(HKEY_CLASSES_ROOT, key.c_str())) : void(setText(key, value));
-            value.empty() ? keys.erase(key) : keys.set(key, value);
-        } else if (action == 9) {
-            ASSERT_EQ(set.real->SetIntTag(tag.c_str(), step % 3), 0);
-            set.deepest()->set(tag, step % 3 == 0 ? "" : std::to_string(step % 3));
-        } else if (action == 10) {
-            ASSERT_EQ(set.real->SetGlobalTag(tag.c_str(), value.c_str()), 0);
-            set.top()->set(tag, value);
-        } else if (action == 11) {
-            ASSERT_EQ(set.real->SetRawTag(tag.c_str(), value.empty() ? nullptr : value.c_str()), 0);
+            value.empty() ? RegDeleteKeyA(HKEY_CLASSES_ROOT, key.c_str()) : setText(key, value);
             set.set(tag, value);
         } else {
-            ASSERT_EQ(set.real->SetTag(tag.c_str(), value.c_str()), 0);
-            set.deepest()->set(tag, value);
+            const char* text = value.empty() && below(2) == 0 ? nullptr : value.c_str();
+            ASSERT_EQ(action == 10   ? set.real->SetGlobalTag(tag.c_str(), text)
+                      : action == 11 ? set.real->SetRawTag(tag.c_str(), text)
+                                     : set.real->SetTag(tag.c_str(), text),
+                      0);
+            (action == 10 ? set.top() : action == 11 ? &set : set.deepest())->set(tag, value);
         }
         if (step % 4 == 3) {
             ASSERT_EQ(dumpRegistry(), keys.dump());
