@@ -32,8 +32,10 @@ public:
 std::string read(TagSet& set, const std::string& tag, const char* valueName = nullptr, int size = 1200) {
     char text[1200];
     std::strcpy(static_cast<char*>(std::memset(text, '~', sizeof text)), "untouched");
-    return set.GetTag(tag.c_str(), text, size, valueName) == 0 ? std::string(text, strnlen(text, sizeof text))
-                                                               : kNone;
+    const int16_t status = set.GetTag(tag.c_str(), text, size, valueName);
+    const int behind = std::max(size, 0);
+    EXPECT_TRUE(behind > 9 || text[behind] == "untouched"[behind]) << "written behind the buffer";
+    return status == 0 ? std::string(text, strnlen(text, sizeof text)) : kNone;
 }
 
 std::string found(TagSet& set, const std::string& prefix) {
@@ -288,7 +290,7 @@ TEST_F(Tags, ManyAreKeptApartAndNumbersAreTextInEveryLocale) {
         std::setlocale(LC_ALL, locale);
         TagSet set;
         for (int i = 0; i < 3000; i++) { // set and read, then known, then known no longer
-            const std::string tag = "i" + std::to_string(i % 350);
+            const std::string tag = std::to_string(uint32_t(i % 350) * 2654435761u);
             const int value = (i / 700 - 1) * 1073741823 - i % 350;
             if (i % 700 < 350)
                 set.SetIntTag(tag.c_str(), value);
