@@ -192,6 +192,9 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
         damaged(whole.size(), withRecord(whole, odd));
     for (const size_t length : {10, 12}) // of the path, of the name: to behind the record's end
         damaged(whole.size(), withRecord(whole, {value, "k", "n", 1, "text"}, length, 7));
+    for (const uint32_t type : {REG_SZ, REG_SZ + 1})
+        EXPECT_EQ(toldOf(KalVerifyRegistry, withRecord(whole, {value, "k", "", type, "text"})) == "",
+                  type != REG_SZ);
     static size_t most;
     const HostCallGuard guard;
     hostCalls.pread = [](int fd, void* bytes, size_t count, off_t at) {
