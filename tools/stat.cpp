@@ -5,8 +5,6 @@
 #include "tools/picture.h"
 #include "tools/rows.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 namespace {
@@ -88,17 +86,17 @@ void stat(const std::string& path) {
 
 } // namespace
 
-void addStat(CLI::App& program) {
-    CLI::App* command = addCommand(
-        program,
-        {"stat", "Show how an archive is filled",
-         R"(Pictures, their bytes as files, as rows and as stored, and what of the archive removed pictures left free, in the index and in holes between the others.
+void addStat(const Command& program) {
+    auto archive = std::make_shared<std::string>();
+    program
+        .add(
+            {"stat", "Show how an archive is filled",
+             R"(Pictures, their bytes as files, as rows and as stored, and what of the archive removed pictures left free, in the index and in holes between the others.
 
 Example:
-  kal stat --human pictures.kal)"});
-    auto archive = std::make_shared<std::string>();
-    command->add_option("ARCHIVE", *archive, "The archive")->required();
-    addJson(command);
-    addHuman(command);
-    command->callback([archive] { stat(*archive); });
+  kal stat --human pictures.kal)"})
+        .needs("ARCHIVE", *archive, "The archive")
+        .json()
+        .human()
+        .does([archive] { stat(*archive); });
 }
