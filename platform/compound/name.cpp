@@ -75,7 +75,7 @@ bool makeName(const wchar_t* text, Name& name) {
         return true;
     };
     for (; *text != 0; text++) {
-        const auto character = static_cast<uint32_t>(*text);
+        const auto character = static_cast<uint32_t>(*text); // NOLINT(bugprone-signed-char-misuse): wide
         if (character > 0x10FFFF)
             return false;
         const bool pair = character > 0xFFFF;
