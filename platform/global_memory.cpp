@@ -100,9 +100,22 @@ uint8_t* takeSpare(uint32_t spanClass) {
     return spare.span;
 }
 
-// Gives spans back to the host until no more than `most` bytes are kept, neighbours in one call: blocks are often
-// freed in the order of their addresses.
+void sortByAddress(uint16_t* list) {
+    static uint16_t sorted[kSlots];
+    uint16_t* end = sorted;
+    for (uint16_t index = *list; index != 0; index = spareTable[index].next)
+        *end++ = index;
+    std::sort(sorted, end, [](uint16_t a, uint16_t b) { return spareTable[a].span < spareTable[b].span; });
+    for (const uint16_t* index = sorted; index != end; index++)
+        list = &(spareTable[*list = *index].next);
+    *list = 0;
+}
+
+// Gives spans back to the host until no more than `most` bytes are kept, neighbours in one call. A few go in the order
+// in which they were freed, which often is that of their addresses.
 void trim(uint64_t most) {
+    if (most == 0)
+        std::ranges::for_each(spares, [](uint16_t& list) { sortByAddress(&list); });
     uint8_t* begin = nullptr;
     uint8_t* end = nullptr;
     for (uint32_t c = kClasses; c-- > 0;)

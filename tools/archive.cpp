@@ -5,6 +5,8 @@
 #include "tools/ops.h"
 #include "tools/output_file.h"
 
+#include <kal/cpp/bitmap.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -119,20 +121,33 @@ void Archive::lay(uint16_t mode, uint16_t format) {
     }
 }
 
-void Archive::checkSignature() {
-    const uint16_t format = lists_->ifile->formatFlags;
+bool Archive::beginsWith(uint16_t id, uint16_t type, ByteView bytes) {
     OpList* list = nullptr;
-    bool right = (format == plainFormat || format == compressedFormat) &&
-                 KalOpenGetIOpList(lists_, signatureId, &list) == 0;
-    if (right) {
-        const Op op(KalGetOp(list));
-        right = op != nullptr && KalOpType(op.get()) == opSignature &&
-                payload(op).size() == sizeof signature &&
-                std::memcmp(op.get(), signature, sizeof signature) == 0;
-        KalCloseGetIOpList(lists_);
-    }
-    if (!right)
+    if (KalOpenGetIOpList(lists_, id, &list) != 0)
+        return false;
+    const Op op(KalGetOp(list));
+    KalCloseGetIOpList(lists_);
+    return op != nullptr && KalOpType(op.get()) == type &&
+           (bytes.empty() || std::ranges::equal(payload(op), bytes));
+}
+
+// An album is only read.
+void Archive::checkSignature() {
+    const uint16_t format = index().formatFlags;
+    if ((format == plainFormat || format == compressedFormat) &&
+        beginsWith(signatureId, opSignature, {reinterpret_cast<const uint8_t*>(signature), sizeof signature}))
+        return;
+    const std::vector<kal::Entry> all = items();
+    isAlbum_ = index().stream->mode == 0 && !all.empty() &&
+               beginsWith(all.front().id, kal::Bitmap::descriptionOp, {});
+    if (!isAlbum_)
         throw Damaged(path_, "not a picture archive");
+}
+
+uint32_t Archive::indexRoom() const {
+    const uint32_t entryBytes =
+        (index().formatFlags & KAL_ITEMS_WIDE) != 0 ? sizeof(ItemIndexWide) : sizeof(ItemIndexNarrow);
+    return 4 + entryBytes * (isAlbum_ ? index().count : mostEntries);
 }
 
 // Pictures are larger than what a growing index moves out of its way.
@@ -156,13 +171,13 @@ std::vector<kal::Entry> Archive::items() const {
 
 std::vector<kal::Entry> Archive::pictures() const {
     std::vector<kal::Entry> found = items();
-    std::erase_if(found, [](const kal::Entry& item) { return item.id == signatureId; });
+    std::erase_if(found, [this](const kal::Entry& item) { return item.id == signatureId && !isAlbum_; });
     return found;
 }
 
 // The entry of a picture.
 ItemIndex* Archive::find(uint32_t id) const {
-    const bool possible = id != signatureId && id <= lastId;
+    const bool possible = (id != signatureId || isAlbum_) && id <= lastId;
     ItemIndex* entry = possible ? KalFindItem(lists_->ifile, static_cast<uint16_t>(id)) : nullptr;
     if (entry == nullptr)
         fail("there is no picture " + std::to_string(id));
@@ -266,7 +281,7 @@ void Archive::commit() {
     throwIfInterrupted();
     if (bytesBefore_ != 0)
         headBefore_ = named(path_, [this] {
-            return file_.readAt(0, static_cast<size_t>(std::min<uint64_t>(bytesBefore_, indexRoom)));
+            return file_.readAt(0, static_cast<size_t>(std::min<uint64_t>(bytesBefore_, indexRoom())));
         });
     writeIndex();
     if (new_ && !named(path_, [this] { return new_->place(); }))

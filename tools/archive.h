@@ -1,5 +1,6 @@
 // A picture archive: an operation-list file whose item 0 is the program's signature and whose other items are
-// pictures.
+// pictures. An album, an operation-list file without a signature whose first item is a picture that a program stored
+// by kal::Bitmap, is read like one.
 //
 // A picture is appended, one that is removed leaves a free entry and its bytes, and the index is written last, so that
 // whatever stops a change leaves an archive with the pictures that it had; one that can still act also takes its bytes
@@ -27,8 +28,8 @@ class Archive {
 public:
     enum class Compression { AsItIs, None }; // AsItIs: compressed when the archive is new
 
-    // Bytes before the items: of the index, as far as it may grow.
-    static constexpr uint32_t indexRoom = 4 + KAL_ITEMS_MAX_WIDE * sizeof(ItemIndexWide);
+    // Bytes before the items: of the index, as far as it may grow in an archive.
+    uint32_t indexRoom() const;
 
     // Each call throws a Failure that names the archive. An archive opened for a change is locked until it is
     // closed, one for reading against changes.
@@ -42,6 +43,7 @@ public:
     Archive& operator=(const Archive&) = delete;
 
     const IFILE& index() const { return *lists_->ifile; }
+    bool isAlbum() const { return isAlbum_; }
     bool compresses() const { return (index().formatFlags & KAL_IOP_COMPRESSED) != 0; }
     uint64_t bytes() { return file().size(); }
 
@@ -70,6 +72,7 @@ private:
     explicit Archive(const std::string& path) : path_(path) {}
     bool open(int flags, int lockKind);
     void lay(uint16_t mode, uint16_t format);
+    bool beginsWith(uint16_t id, uint16_t type, ByteView bytes);
     void checkSignature();
     void reserve();
     void putSignature();
@@ -86,6 +89,7 @@ private:
     std::optional<NewFile> new_; // a new archive until its commit
     File file_;                  // holds the lock; of a new archive empty
     IOPFILE* lists_ = nullptr;
+    bool isAlbum_ = false;
     uint64_t bytesBefore_ = 0;        // size of the archive that is being added to
     std::vector<uint8_t> headBefore_; // what writing the index may overwrite; from commit on
 };

@@ -10,8 +10,6 @@
 
 #include <kal/verify.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <exception>
 #include <iostream>
@@ -81,8 +79,8 @@ void checkArchive(const StoredFile& file, Faults& faults) {
         try {
             if (item.id != 0)
                 checkPicture(*raw, item.id);
-            else
-                Archive::forReading(file.path());
+            else if (Archive::forReading(file.path())->isAlbum())
+                throw Damaged("");
         } catch (const Damaged& damaged) {
             const std::string text =
                 item.id != 0 ? damaged.what() : "it is not the mark of a picture archive";
@@ -134,7 +132,9 @@ void print(const Arguments& arguments, FileKind kind, const Faults& faults,
     if (faults.count > 0)
         std::cout << faults.rows.table();
     else if (!asked.quiet)
-        std::cout << arguments.file << ": a " << namesOf(kind).words << ", whole\n";
+        std::cout << arguments.file
+                  << (*namesOf(kind).words == 'o' || *namesOf(kind).words == 'i' ? ": an " : ": a ")
+                  << namesOf(kind).words << ", whole\n";
     if (recovered && !recovered->lost.empty())
         std::cout << '\n' << lost.table();
     if (recovered && !asked.quiet)
@@ -175,11 +175,15 @@ void check(const Arguments& arguments) {
 
 } // namespace
 
-void addCheck(CLI::App& program) {
-    CLI::App* command = addCommand(
-        program,
-        {"check", "Look for damage in a file of any kind that the library stores",
-         R"(Prints each fault with its offset in bytes, the id of the picture, list or item (in a compound file the number of the directory entry, in the registry's log that of the record), and what is wrong. The exit status is 1 when there is any.
+void addCheck(const Command& program) {
+    auto arguments = std::make_shared<Arguments>();
+    std::vector<std::string> kinds;
+    for (const KindNames& names : kindNames)
+        kinds.emplace_back(names.name);
+    program
+        .add(
+            {"check", "Look for damage in a file of any kind that the library stores",
+             R"(Prints each fault with its offset in bytes, the id of the picture, list or item (in a compound file the number of the directory entry, in the registry's log that of the record), and what is wrong. The exit status is 1 when there is any.
 
 What the file is shows from its bytes; where it does not, --as says it: archive, lists (operation lists), items, resources, compound, registry.
 
@@ -187,17 +191,10 @@ What the file is shows from its bytes; where it does not, --as says it: archive,
 
 Example:
   kal check pictures.kal
-  kal check pictures.kal --recover saved.kal)"});
-    auto arguments = std::make_shared<Arguments>();
-    command->add_option("FILE", arguments->file, "The file")->required();
-    std::vector<std::string> kinds;
-    for (const KindNames& names : kindNames)
-        kinds.emplace_back(names.name);
-    command->add_option("--as", arguments->kind, "What the file is")
-        ->option_text("KIND")
-        ->check(CLI::IsMember(kinds));
-    command->add_option("--recover", arguments->recoverTo, "Save what still reads in this new file")
-        ->option_text("OUT");
-    addJson(command);
-    command->callback([arguments] { check(*arguments); });
+  kal check pictures.kal --recover saved.kal)"})
+        .needs("FILE", arguments->file, "The file")
+        .takes("--as", arguments->kind, "What the file is", {.shown = "KIND", .words = kinds})
+        .takes("--recover", arguments->recoverTo, "Save what still reads in this new file", {"OUT"})
+        .json()
+        .does([arguments] { check(*arguments); });
 }

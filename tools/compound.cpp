@@ -10,8 +10,6 @@
 
 #include <kal/compound.h>
 
-#include <CLI/CLI.hpp>
-
 #include <cctype>
 #include <cerrno>
 #include <fcntl.h>
@@ -365,40 +363,35 @@ Recovered recoverCompound(const StoredFile& damaged, const std::string& out) {
     return recovered;
 }
 
-void addCompound(CLI::App& program) {
-    CLI::App* compound = addCommand(
-        program, {"compound", "Look into compound files and change them",
-                  R"(Streams are named as list shows them, with / between a storage and what is in it.
+void addCompound(const Command& program) {
+    const Command compound =
+        program.add({"compound", "Look into compound files and change them",
+                     R"(Streams are named as list shows them, with / between a storage and what is in it.
 
 Example:
   kal compound list letter.doc)"});
-    compound->require_subcommand(1);
     auto arguments = std::make_shared<Arguments>();
     const auto add = [&](const CommandText& text, void (*action)(const Arguments&)) {
-        CLI::App* command = addCommand(*compound, text);
-        command->add_option("FILE", arguments->file, "The compound file")->required();
-        command->callback([arguments, action] { action(*arguments); });
-        return command;
+        return compound.add(text)
+            .needs("FILE", arguments->file, "The compound file")
+            .does([arguments, action] { action(*arguments); });
     };
     const char* streamHelp = "The stream, as list shows it";
-    CLI::App* listing = add({"list", "Show the storages and streams of a file", R"(Example:
+    add({"list", "Show the storages and streams of a file", R"(Example:
   kal compound list letter.doc)"},
-                            list);
-    addJson(listing);
-    addHuman(listing);
+        list)
+        .json()
+        .human();
     add({"cat", "Write a stream to standard output", R"(Example:
   kal compound cat letter.doc Contents > contents)"},
         cat)
-        ->add_option("STREAM", arguments->stream, streamHelp)
-        ->required();
-    CLI::App* putting = add(
-        {"put", "Make a stream, or replace it, from a file",
+        .needs("STREAM", arguments->stream, streamHelp);
+    add({"put", "Make a stream, or replace it, from a file",
          R"(The compound file is made where there is none. Whatever ends this early, the file has the old stream or the new one.
 
 Example:
   kal compound put letter.doc Notes notes.txt)"},
-        put);
-    putting->add_option("STREAM", arguments->stream, streamHelp)->required();
-    putting->add_option("INPUT", arguments->input, "The file with the stream's bytes; - is standard input")
-        ->required();
+        put)
+        .needs("STREAM", arguments->stream, streamHelp)
+        .needs("INPUT", arguments->input, "The file with the stream's bytes; - is standard input");
 }

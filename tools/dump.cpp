@@ -7,7 +7,7 @@
 #include "tools/picture_ops.h"
 #include "tools/rows.h"
 
-#include <CLI/CLI.hpp>
+#include <kal/cpp/bitmap.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -31,9 +31,10 @@ struct NumberedOp {
 
     const char* name() const {
         constexpr const char* names[] = {"form", "before", "transparency", "rows", "padding", "after", "end"};
-        return type == KAL_OP_DIB                ? "band"
-               : type >= opForm && type <= opEnd ? names[type - opForm]
-                                                 : "unknown";
+        return type == KAL_OP_DIB                   ? "band"
+               : type == kal::Bitmap::descriptionOp ? "description"
+               : type >= opForm && type <= opEnd    ? names[type - opForm]
+                                                    : "unknown";
     }
     bool isBand() const { return type == KAL_OP_DIB && bytes.size() >= KAL_DIB_OP_HEADER; }
     uint32_t firstRow() const { return isBand() ? load16(bytes, 2) : 0; }
@@ -109,27 +110,24 @@ void cat(const Arguments& arguments) {
 
 } // namespace
 
-void addDump(CLI::App& program) {
+void addDump(const Command& program) {
     auto arguments = std::make_shared<Arguments>();
     const auto add = [&](const CommandText& text, void (*action)(const Arguments&)) {
-        CLI::App* command = addCommand(program, text);
-        command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-        command->add_option("ID", arguments->id, "The picture's id, as list shows it")->required();
-        command->callback([arguments, action] { action(*arguments); });
-        return command;
+        return program.add(text)
+            .needs("ARCHIVE", arguments->archive, "The archive")
+            .needs("ID", arguments->id, "The picture's id, as list shows it")
+            .does([arguments, action] { action(*arguments); });
     };
-    CLI::App* dumping = add(
-        {"dump", "Show the operations in which a picture is stored",
+    add({"dump", "Show the operations in which a picture is stored",
          R"(Of each operation: its number, where it stands in the list, its type, its first row and number of rows where it is a band of them, its bytes, and the first of these.
 
 Example:
   kal dump pictures.kal 2)"},
-        dump);
-    addJson(dumping);
-    addHuman(dumping);
+        dump)
+        .json()
+        .human();
     add({"cat", "Write the bytes of an operation to standard output", R"(Example:
   kal cat pictures.kal 2 1 | od -A d -t x1)"},
         cat)
-        ->add_option("OP", arguments->op, "The operation's number, as dump shows it")
-        ->required();
+        .needs("OP", arguments->op, "The operation's number, as dump shows it");
 }

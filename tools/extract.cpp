@@ -6,8 +6,6 @@
 #include "tools/picture_file.h"
 #include "tools/progress.h"
 
-#include <CLI/CLI.hpp>
-
 #include <filesystem>
 #include <iostream>
 #include <strings.h>
@@ -95,31 +93,29 @@ void extract(const Arguments& arguments) {
 
 } // namespace
 
-void addExtract(CLI::App& program) {
-    CLI::App* command = addCommand(
-        program,
-        {"extract", "Write pictures of an archive as files again",
-         R"(A file that is there is replaced once the picture is known to be whole. Of several pictures those that cannot be had are told of, and the others written.
+void addExtract(const Command& program) {
+    auto arguments = std::make_shared<Arguments>();
+    program
+        .add(
+            {"extract", "Write pictures of an archive as files again",
+             R"(A file that is there is replaced once the picture is known to be whole. Of several pictures those that cannot be had are told of, and the others written.
 
 Example:
   kal extract pictures.kal 2 -o hill.bmp
-  kal extract --all pictures.kal -o folder)"});
-    auto arguments = std::make_shared<Arguments>();
-    command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    CLI::Option* ids = command->add_option("ID", arguments->ids, "The pictures' ids, as list shows them");
-    CLI::Option* all = command->add_flag("--all", arguments->all, "All pictures")->excludes(ids);
-    command
-        ->add_option(
-            "-o,--output", arguments->output,
-            "The file to write, a PNG file where the name ends in .png, else a BMP file; - is standard "
-            "output; into a folder go the files ID.bmp and ID.png, as they were stored")
-        ->required()
-        ->option_text("FILE");
-    command->add_flag("--png", arguments->png, "Write PNG files, whatever the name");
-    addJobs(command, arguments->jobs);
-    command->callback([arguments, ids, all] {
-        if (ids->empty() && all->empty())
-            throw CLI::RequiredError("ID");
-        extract(*arguments);
-    });
+  kal extract --all pictures.kal -o folder)"})
+        .needs("ARCHIVE", arguments->archive, "The archive")
+        .takes("ID", arguments->ids, "The pictures' ids, as list shows them")
+        .flag("--all", arguments->all, "All pictures")
+        .needs("-o,--output", arguments->output,
+               "The file to write, a PNG file where the name ends in .png, else a BMP file; - is standard "
+               "output; into "
+               "a folder go the files ID.bmp and ID.png, as they were stored",
+               "FILE")
+        .flag("--png", arguments->png, "Write PNG files, whatever the name")
+        .jobs(arguments->jobs)
+        .does([arguments] {
+            if (arguments->ids.empty() != arguments->all)
+                throw WrongUsage("either ID or --all is required");
+            extract(*arguments);
+        });
 }

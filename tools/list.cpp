@@ -5,8 +5,6 @@
 #include "tools/picture.h"
 #include "tools/rows.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 
 namespace {
@@ -50,7 +48,7 @@ void list(const Arguments& arguments) {
     Failures failures;
     for (const kal::Entry& item : archive->pictures())
         failures.collect([&] {
-            if (item.id <= lastId) // ids only ever count up
+            if (item.id <= lastId && !archive->isAlbum()) // ids only ever count up
                 throw Failure(arguments.archive, "its index is damaged at id " + std::to_string(item.id));
             archive->get(item.id, [&](OpList* ops) { addRow(rows, item, getPictureForm(ops, item.id)); });
             lastId = item.id;
@@ -62,17 +60,17 @@ void list(const Arguments& arguments) {
 
 } // namespace
 
-void addList(CLI::App& program) {
-    CLI::App* command = addCommand(
-        program,
-        {"list", "List the pictures of an archive",
-         R"(Of each picture: id, kind of file, size in pixels, bits a pixel, order of rows, bytes of its file, bytes stored, and their ratio.
+void addList(const Command& program) {
+    auto arguments = std::make_shared<Arguments>();
+    program
+        .add(
+            {"list", "List the pictures of an archive",
+             R"(Of each picture: id, kind of file, size in pixels, bits a pixel, order of rows, bytes of its file, bytes stored, and their ratio.
 
 Example:
-  kal list pictures.kal)"});
-    auto arguments = std::make_shared<Arguments>();
-    command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    addJson(command);
-    addHuman(command);
-    command->callback([arguments] { list(*arguments); });
+  kal list pictures.kal)"})
+        .needs("ARCHIVE", arguments->archive, "The archive")
+        .json()
+        .human()
+        .does([arguments] { list(*arguments); });
 }

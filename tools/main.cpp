@@ -20,8 +20,9 @@
 namespace {
 
 // The commands, in the order in which help shows them.
-constexpr void (*commands[])(CLI::App&) = {addStore, addList,  addExtract,  addRemove,   addStat,    addDump,
-                                           addCheck, addSheet, addSettings, addResource, addCompound};
+constexpr void (*commands[])(const Command&) = {addStore,    addList,     addExtract, addRemove,
+                                                addStat,     addDump,     addCheck,   addSheet,
+                                                addSettings, addResource, addCompound};
 
 constexpr int failed = 1;
 constexpr int wrongUsage = 2;
@@ -89,24 +90,28 @@ int run(int count, char** arguments) {
     setHelp(program);
     program.set_version_flag("--version", "kal " KAL_VERSION, "Print the version");
     program.footer(moreHelp);
-    program.require_subcommand(1);
     program.fallthrough();
     program.add_flag("-q,--quiet", asked.quiet, "Print no messages but errors");
     program.add_option("--wait", waitSeconds, "Wait so long for a file that is in use (default: 10)")
         ->option_text("SECONDS")
         ->check(CLI::Range(0, 86400));
     for (auto add : commands)
-        add(program);
+        add(Command(&program));
     addDescribe(program);
+    const auto refuse = [&](const std::exception& error) {
+        return complain(
+            (std::string(error.what()) + " (" + fullName(commandOf(&program)) + " --help tells more)")
+                .c_str(),
+            wrongUsage);
+    };
     try {
         program.parse(count, arguments);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() != 0)
-            return complain(
-                (std::string(error.what()) + " (" + fullName(commandOf(&program)) + " --help tells more)")
-                    .c_str(),
-                wrongUsage);
+            return refuse(error);
         program.exit(error); // prints the help that was asked for
+    } catch (const WrongUsage& error) {
+        return refuse(error);
     }
     if (!std::cout.flush())
         throw Failure("standard output", "cannot be written");

@@ -3,30 +3,7 @@
 #include "tools/failure.h"
 #include "tools/progress.h"
 
-#include <CLI/CLI.hpp>
-
-#include <algorithm>
 #include <cstdio>
-#include <thread>
-
-CLI::App* addCommand(CLI::App& parent, const CommandText& text) {
-    return parent.add_subcommand(text.name, text.summary)->footer(text.more);
-}
-
-void addJson(CLI::App* command) {
-    command->add_flag("--json", asked.json, "Print JSON");
-}
-
-void addHuman(CLI::App* command) {
-    command->add_flag("--human", asked.human, "Print sizes as 1.2 MiB");
-}
-
-void addJobs(CLI::App* command, size_t& jobs) {
-    jobs = std::max(1U, std::thread::hardware_concurrency());
-    command->add_option("-j,--jobs", jobs, "Pictures at a time (default: one a processor)")
-        ->option_text("N")
-        ->check(CLI::Range(1, 256));
-}
 
 void tell(const std::string& message) {
     if (asked.quiet)

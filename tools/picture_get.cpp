@@ -5,6 +5,7 @@
 #include "tools/picture_ops.h"
 #include "tools/pipe.h"
 #include "tools/row_filter.h"
+#include "tools/stored_bitmap.h"
 
 #include <cstring>
 #include <optional>
@@ -13,11 +14,25 @@ namespace {
 
 constexpr uint64_t threadPaysFrom = 1U << 20; // bytes of rows
 
-PictureForm readForm(OpList* list, uint16_t id) {
-    const Op op = nextOp(list);
-    if (op == nullptr || KalOpType(op.get()) != opForm)
+kal::OpIterator firstOp(OpList* list) {
+    kal::OpIterator op(list);
+    if (op != kal::OperationList::end())
+        return op;
+    const int16_t status = KalGetOpError(list);
+    requireMemory(status);
+    throw Damaged(status != 0 ? statusText(status) : "it does not begin as a picture does");
+}
+
+bool isBitmap(const kal::Op& op) {
+    return op.type == kal::Bitmap::descriptionOp;
+}
+
+PictureForm formOf(const kal::Op& op, uint16_t id) {
+    if (isBitmap(op))
+        return bitmapForm(op);
+    if (op.type != opForm)
         throw Damaged("it does not begin as a picture does");
-    return loadForm(payload(op), id);
+    return loadForm({reinterpret_cast<const uint8_t*>(op.bytes.data()), op.bytes.size()}, id);
 }
 
 // Makes a picture from operations of which nothing is believed.
@@ -155,19 +170,22 @@ private:
 } // namespace
 
 PictureForm getPictureForm(OpList* list, uint16_t id) {
-    return readForm(list, id);
+    return formOf(*firstOp(list), id);
 }
 
 void getPicture(OpList* list, uint16_t id, const std::function<PictureTaker&(const PictureForm&)>& start) {
-    const PictureForm form = readForm(list, id);
+    kal::OpIterator first = firstOp(list);
+    if (isBitmap(*first))
+        return getBitmap(first, start);
+    const PictureForm form = formOf(*first, id);
     Rebuilder picture(form, start(form));
     Pipe<Op> pipe(form.rowsBytes() < threadPaysFrom, [list](Pipe<Op>& ops) {
         while (Op op = nextOp(list))
             ops.put(std::move(op));
     });
-    while (const auto op = pipe.take()) {
+    while (const auto next = pipe.take()) {
         throwIfInterrupted();
-        picture.take(*op);
+        picture.take(*next);
     }
     picture.finish();
 }

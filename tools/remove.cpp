@@ -3,8 +3,6 @@
 #include "tools/command.h"
 #include "tools/manners.h"
 
-#include <CLI/CLI.hpp>
-
 namespace {
 
 struct Arguments {
@@ -21,25 +19,24 @@ void remove(const Arguments& arguments) {
 
 } // namespace
 
-void addRemove(CLI::App& program) {
+void addRemove(const Command& program) {
     auto arguments = std::make_shared<Arguments>();
-    CLI::App* removing = addCommand(
-        program, {"remove", "Remove pictures from an archive, all or none",
-                  R"(Their bytes stay in the archive until it is packed; their ids may be given again.
+    program
+        .add({"remove", "Remove pictures from an archive, all or none",
+              R"(Their bytes stay in the archive until it is packed; their ids may be given again.
 
 Example:
-  kal remove pictures.kal 2 5)"});
-    removing->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    removing->add_option("ID", arguments->ids, "The pictures' ids, as list shows them")->required();
-    removing->callback([arguments] { remove(*arguments); });
-
-    CLI::App* packing = addCommand(
-        program,
-        {"pack", "Write an archive anew, without what removed pictures left",
-         R"(The old archive stays whole until the new one takes its place; other commands wait until then. The pictures keep their ids and are not read: damage stays.
+  kal remove pictures.kal 2 5)"})
+        .needs("ARCHIVE", arguments->archive, "The archive")
+        .needs("ID", arguments->ids, "The pictures' ids, as list shows them")
+        .does([arguments] { remove(*arguments); });
+    program
+        .add(
+            {"pack", "Write an archive anew, without what removed pictures left",
+             R"(The old archive stays whole until the new one takes its place; other commands wait until then. The pictures keep their ids and are not read: damage stays.
 
 Example:
-  kal pack pictures.kal)"});
-    packing->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    packing->callback([arguments] { Archive::forChanging(arguments->archive)->pack(); });
+  kal pack pictures.kal)"})
+        .needs("ARCHIVE", arguments->archive, "The archive")
+        .does([arguments] { Archive::forChanging(arguments->archive)->pack(); });
 }

@@ -8,8 +8,6 @@
 
 #include <kal/cpp/items.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -178,37 +176,33 @@ void list(const ListArguments& arguments) {
 
 } // namespace
 
-void addResource(CLI::App& program) {
-    CLI::App* command = addCommand(program, {"resource", "Make or list a resource file", R"(Example:
+void addResource(const Command& program) {
+    const Command resource = program.add({"resource", "Make or list a resource file", R"(Example:
   kal resource list program.res)"});
-    command->require_subcommand(1);
-
-    CLI::App* making = addCommand(*command, {"make", "Make a resource file from a script",
-                                             R"(The script has a resource a line, the id, 0 to 65534, first:
+    auto toMake = std::make_shared<MakeArguments>();
+    resource
+        .add({"make", "Make a resource file from a script",
+              R"(The script has a resource a line, the id, 0 to 65534, first:
   1 text "Open" "Close \"now\""
   2 file icon.bmp
   # a comment
 Strings know \" \\ \n \r \t and \xHH. The name of a file is the rest of the line; a relative one counts from the script's folder.
 
 Example:
-  kal resource make program.res script.txt)"});
-    auto makeArguments = std::make_shared<MakeArguments>();
-    making
-        ->add_option("OUT", makeArguments->output,
-                     "The resource file; one that is there is replaced; - is standard output")
-        ->required();
-    making->add_option("SCRIPT", makeArguments->script, "The script; - is standard input")->required();
-    making->callback([makeArguments] { make(*makeArguments); });
-
-    CLI::App* listing =
-        addCommand(*command, {"list", "List the resources of a file",
-                              R"(Of each resource its id and bytes, and its strings where it can be a text.
+  kal resource make program.res script.txt)"})
+        .needs("OUT", toMake->output,
+               "The resource file; one that is there is replaced; - is standard output")
+        .needs("SCRIPT", toMake->script, "The script; - is standard input")
+        .does([toMake] { make(*toMake); });
+    auto toList = std::make_shared<ListArguments>();
+    resource
+        .add({"list", "List the resources of a file",
+              R"(Of each resource its id and bytes, and its strings where it can be a text.
 
 Example:
-  kal resource list program.res)"});
-    auto listArguments = std::make_shared<ListArguments>();
-    listing->add_option("FILE", listArguments->file, "The resource file")->required();
-    addJson(listing);
-    addHuman(listing);
-    listing->callback([listArguments] { list(*listArguments); });
+  kal resource list program.res)"})
+        .needs("FILE", toList->file, "The resource file")
+        .json()
+        .human()
+        .does([toList] { list(*toList); });
 }

@@ -4,8 +4,6 @@
 #include "tools/manners.h"
 #include "tools/rows.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -193,42 +191,37 @@ void printTree(const std::string& path, const std::string& indent) {
 
 } // namespace
 
-void addSettings(CLI::App& program) {
-    CLI::App* settings = addCommand(
-        program,
+void addSettings(const Command& program) {
+    const Command settings = program.add(
         {"settings", "Look at and change settings",
          R"(A set of settings is named by its path, its parts with \ between them; a tag whose name holds a ? is a pattern.
 
 Example:
   kal settings list 'Maker\App')"});
-    settings->require_subcommand(1);
     auto arguments = std::make_shared<Arguments>();
-    const auto add = [&](const CommandText& text, auto action) {
-        CLI::App* command = addCommand(*settings, text);
-        command->callback([arguments, action] { action(*arguments); });
-        return command;
+    const auto add = [&](const CommandText& text, void (*action)(const Arguments&)) {
+        return settings.add(text).does([arguments, action] { action(*arguments); });
     };
-    const auto addTag = [&](CLI::App* command) {
-        command->add_option("PATH", arguments->path, "The set, its parts with \\ between them")->required();
-        command->add_option("TAG", arguments->tag, "The tag, or a pattern with ?")->required();
-        return command;
+    const auto addForTag = [&](const CommandText& text, void (*action)(const Arguments&)) {
+        return add(text, action)
+            .needs("PATH", arguments->path, "The set, its parts with \\ between them")
+            .needs("TAG", arguments->tag, "The tag, or a pattern with ?");
     };
-    CLI::App* listing = add({"list", "List the tags and patterns of a set", R"(Example:
+    add({"list", "List the tags and patterns of a set", R"(Example:
   kal settings list 'Maker\App')"},
-                            list);
-    listing->add_option("PATH", arguments->path, "The set; the sets at the top when it is left out");
-    addJson(listing);
-    addTag(add({"get", "Print a tag of a set", R"(Example:
+        list)
+        .takes("PATH", arguments->path, "The set; the sets at the top when it is left out")
+        .json();
+    addForTag({"get", "Print a tag of a set", R"(Example:
   kal settings get 'Maker\App' Colour)"},
-               get));
-    addTag(add({"set", "Set a tag; makes the set if it is new", R"(Example:
+              get);
+    addForTag({"set", "Set a tag; makes the set if it is new", R"(Example:
   kal settings set 'Maker\App' Colour blue)"},
-               set))
-        ->add_option("VALUE", arguments->value, "The text")
-        ->required();
-    addTag(add({"unset", "Remove a tag", R"(Example:
+              set)
+        .needs("VALUE", arguments->value, "The text");
+    addForTag({"unset", "Remove a tag", R"(Example:
   kal settings unset 'Maker\App' Colour)"},
-               unset));
+              unset);
     add({"tree", "Print all sets with their tags", R"(Example:
   kal settings tree)"},
         [](const Arguments&) { printTree("", ""); });

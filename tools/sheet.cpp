@@ -7,8 +7,6 @@
 #include "tools/progress.h"
 #include "tools/thumbnail.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cstring>
 
 namespace {
@@ -151,23 +149,17 @@ void sheet(const Arguments& arguments) {
 
 } // namespace
 
-void addSheet(CLI::App& program) {
-    CLI::App* command = addCommand(
-        program,
-        {"sheet", "Draw all pictures of an archive, small, with id and size, in one PNG file", R"(Example:
-  kal sheet pictures.kal -o sheet.png)"});
+void addSheet(const Command& program) {
     auto arguments = std::make_shared<Arguments>();
-    command->add_option("ARCHIVE", arguments->archive, "The archive")->required();
-    command->add_option("-o,--output", arguments->output, "The PNG file to write; - is standard output")
-        ->required()
-        ->option_text("FILE");
-    command
-        ->add_option("--columns", arguments->columns,
-                     "Pictures side by side (default: as many as below one another)")
-        ->check(CLI::Range(1, 1000))
-        ->option_text("N");
-    command->add_option("--size", arguments->size, "Pixels of a picture's longer side (default: 160)")
-        ->check(CLI::Range(16, 2000))
-        ->option_text("PIXELS");
-    command->callback([arguments] { sheet(*arguments); });
+    program
+        .add(
+            {"sheet", "Draw all pictures of an archive, small, with id and size, in one PNG file", R"(Example:
+  kal sheet pictures.kal -o sheet.png)"})
+        .needs("ARCHIVE", arguments->archive, "The archive")
+        .needs("-o,--output", arguments->output, "The PNG file to write; - is standard output", "FILE")
+        .takes("--columns", arguments->columns,
+               "Pictures side by side (default: as many as below one another)", {"N", 1, 1000})
+        .takes("--size", arguments->size, "Pixels of a picture's longer side (default: 160)",
+               {"PIXELS", 16, 2000})
+        .does([arguments] { sheet(*arguments); });
 }

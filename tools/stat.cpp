@@ -5,8 +5,6 @@
 #include "tools/picture.h"
 #include "tools/rows.h"
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 namespace {
@@ -22,7 +20,7 @@ Holes holesOf(Archive& archive) {
     std::sort(items.begin(), items.end(),
               [](const kal::Entry& a, const kal::Entry& b) { return a.offset < b.offset; });
     Holes holes;
-    uint64_t end = Archive::indexRoom;
+    uint64_t end = archive.indexRoom();
     const auto passTo = [&](uint64_t offset) {
         if (offset > end) {
             holes.count++;
@@ -66,7 +64,7 @@ void stat(const std::string& path) {
         {"rows", "bytes of their rows", bytesCell(rows)},
         {"stored", "bytes stored of them", bytesCell(stored)},
         {"archive", "bytes of the archive", bytesCell(archive->bytes())},
-        {"index", "bytes of the index", bytesCell(Archive::indexRoom)},
+        {"index", "bytes of the index", bytesCell(archive->indexRoom())},
         {"entries", "entries in the index", numberCell(entries)},
         {"free", "  of removed pictures", numberCell(entries - archive->items().size())},
         {"holes", "holes", numberCell(holes.count)},
@@ -88,17 +86,17 @@ void stat(const std::string& path) {
 
 } // namespace
 
-void addStat(CLI::App& program) {
-    CLI::App* command = addCommand(
-        program,
-        {"stat", "Show how an archive is filled",
-         R"(Pictures, their bytes as files, as rows and as stored, and what of the archive removed pictures left free, in the index and in holes between the others.
+void addStat(const Command& program) {
+    auto archive = std::make_shared<std::string>();
+    program
+        .add(
+            {"stat", "Show how an archive is filled",
+             R"(Pictures, their bytes as files, as rows and as stored, and what of the archive removed pictures left free, in the index and in holes between the others.
 
 Example:
-  kal stat --human pictures.kal)"});
-    auto archive = std::make_shared<std::string>();
-    command->add_option("ARCHIVE", *archive, "The archive")->required();
-    addJson(command);
-    addHuman(command);
-    command->callback([archive] { stat(*archive); });
+  kal stat --human pictures.kal)"})
+        .needs("ARCHIVE", *archive, "The archive")
+        .json()
+        .human()
+        .does([archive] { stat(*archive); });
 }

@@ -7,8 +7,6 @@
 #include "tools/picture_source.h"
 #include "tools/progress.h"
 
-#include <CLI/CLI.hpp>
-
 #include <cerrno>
 #include <filesystem>
 #include <iostream>
@@ -115,20 +113,20 @@ void store(const Arguments& arguments) {
 
 } // namespace
 
-void addStore(CLI::App& program) {
-    CLI::App* command = addCommand(
-        program,
-        {"store", "Store pictures in an archive, all or none, and print the id of each",
-         R"(A BMP file without runs comes back byte for byte; of other BMP files and of PNG files the pixels come back exactly, and the command says so. An archive holds 3,265 pictures.
+void addStore(const Command& program) {
+    auto arguments = std::make_shared<Arguments>();
+    program
+        .add(
+            {"store", "Store pictures in an archive, all or none, and print the id of each",
+             R"(A BMP file without runs comes back byte for byte; of other BMP files and of PNG files the pixels come back exactly, and the command says so. An archive holds 3,265 pictures.
 
 Example:
-  kal store pictures.kal lake.bmp hill.bmp)"});
-    auto arguments = std::make_shared<Arguments>();
-    command->add_option("ARCHIVE", arguments->archive, "The archive; made where there is none")->required();
-    command->add_option("PICTURE", arguments->pictures, "BMP and PNG files; - is standard input")->required();
-    command->add_flag("--plain", arguments->plain, "Do not compress (a new archive, or one made so)");
-    command->add_flag("--dib", arguments->dib,
-                      "Store rows as DIB operations, for programs that play them into a bitmap list");
-    addJobs(command, arguments->jobs);
-    command->callback([arguments] { store(*arguments); });
+  kal store pictures.kal lake.bmp hill.bmp)"})
+        .needs("ARCHIVE", arguments->archive, "The archive; made where there is none")
+        .needs("PICTURE", arguments->pictures, "BMP and PNG files; - is standard input")
+        .flag("--plain", arguments->plain, "Do not compress (a new archive, or one made so)")
+        .flag("--dib", arguments->dib,
+              "Store rows as DIB operations, for programs that play them into a bitmap list")
+        .jobs(arguments->jobs)
+        .does([arguments] { store(*arguments); });
 }

@@ -82,8 +82,7 @@ FileKind StoredFile::kind() const {
     if (begins(head, registrySignature))
         return FileKind::Registry;
     try {
-        Archive::forReading(path_);
-        return FileKind::Archive;
+        return Archive::forReading(path_)->isAlbum() ? FileKind::Lists : FileKind::Archive;
     } catch (const Damaged&) {
     }
     if (!looksLikeItems())

@@ -220,4 +220,24 @@ fails 1 'standard output: cannot be written' eval 'kal list a.kal >&-' || true
 cmp a.kal before)sh");
 }
 
+// In an album the ids have no order, and 0 is one like the others.
+TEST_F(Archive, OfPicturesThatProgramsStoreIsRead) {
+    writeAlbum("album.kal");
+    runScript(R"sh(
+[ "$(kal list album.kal | awk '{print $1, $3, $4, $5}' | xargs)" = \
+  "id size bits rows 3 37x2100 1 top-down 2 37x2100 4 top-down 1 37x2100 8 top-down 0 37x2100 24 top-down" ]
+mkdir out
+kal extract -j 2 --all album.kal -o out >ids
+for id in 3 2 1 0; do cmp -i 54 $id.bmp out/$id.bmp; done
+kal sheet --size 16 album.kal -o sheet.png
+kal check album.kal | grep -q 'an operation-list file, whole'
+for command in 'store album.kal 0.bmp' 'remove album.kal 1' 'pack album.kal' 'list 0.bmp'; do
+    fails 1 'not a picture archive' kal $command
+done
+rm out/*
+head -c -2000 album.kal >cut.kal
+fails 1 'picture 0 is damaged' kal extract --all cut.kal -o out
+[ "$(ls out | xargs)" = '1.bmp 2.bmp 3.bmp' ])sh");
+}
+
 } // namespace

@@ -18,6 +18,9 @@ struct BmpKind {
 // The same kind and seed give the same bytes. Pixels, palette, gap and rest are random.
 Bytes makeBmp(const BmpKind& kind, uint32_t seed = 1);
 
+// Writes 0.bmp to 3.bmp, of 24, 8, 4 and 1 bits, and an album in which kal::Bitmap stored their pictures, the last first.
+void writeAlbum(const char* name);
+
 // Sets a little-endian number of `size` bytes.
 void setNumber(Bytes& bytes, size_t offset, size_t size, uint32_t number);
 

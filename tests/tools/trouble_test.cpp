@@ -30,7 +30,8 @@ TEST_F(ShortMemory, IsToldOrDoesNoHarm) {
     if (slowBuild)
         GTEST_SKIP() << "the sanitizer has an allocator of its own";
     writeFile("p.bmp", makeBmp({40, 30, 8}, 1));
-    runScript(R"(mkdir here; mv p.bmp here; cd here; printf '1 text "Open"\n2 file p.bmp\n' >script
+    writeAlbum("album.kal");
+    runScript(R"(mkdir here; mv p.bmp album.kal here; cd here; printf '1 text "Open"\n2 file p.bmp\n' >script
 kal store a.kal p.bmp p.bmp p.bmp; kal remove a.kal 2; kal extract a.kal 1 -o p.png; kal resource make r.res script
 kal compound put c.ole s script; kal compound put c.ole t p.bmp
 for tag in Tag Other Third; do kal settings set 'Maker\App' $tag value; done)");
@@ -50,6 +51,7 @@ for tag in Tag Other Third; do kal settings set 'Maker\App' $tag value; done)");
                                                            {"extract", "a.kal", "1", "-o", "out"},
                                                            {"extract", "a.kal", "1", "-o", "out.png"},
                                                            {"extract", "a.kal", "1", "-o", "-"},
+                                                           {"extract", "album.kal", "1", "-o", "out"},
                                                            {"sheet", "a.kal", "--size", "16", "-o", "out"},
                                                            {"remove", "a.kal", "1"},
                                                            {"pack", "a.kal"},

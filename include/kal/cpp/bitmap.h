@@ -114,10 +114,16 @@ private:
 
 // How a bitmap ends: a bitmap list, of which the palette is the attachment.
 struct BitmapTraits : RecordTraits<OpList> {
+    // Takes a block, or none, for the one that the list has.
+    static void attach(OpList* list, void* block) {
+        void* old = list->dib->attachment; // no reference: the record is packed
+        list->dib->attachment = block;
+        KalFreeSMem(old);
+    }
     // The list's status.
     static Status close(OpList* list) {
         if (list->dib != nullptr)
-            KalFreeSMem(std::exchange(list->dib->attachment, nullptr));
+            attach(list, nullptr);
         return OperationListTraits::close(list);
     }
 };
@@ -170,7 +176,7 @@ public:
         if (block == nullptr)
             return KAL_ERR_MEMORY;
         std::copy(colours.begin(), colours.end(), static_cast<Colour*>(block));
-        KalFreeSMem(std::exchange(get()->dib->attachment, block));
+        BitmapTraits::attach(get(), block);
         return KAL_OK;
     }
 
@@ -228,19 +234,25 @@ public:
         return !bands.ok() ? bands : !status().ok() ? status() : closed;
     }
 
-    // The picture that item `id` holds. The statuses of OperationListFile::get and create, what went wrong on the way,
-    // KAL_ERR_FORMAT when it is no picture, or KAL_ERR_SHORT_READ when a row is missing.
+    // The picture that item `id` holds. The statuses of OperationListFile::get and read, or what went wrong on the way.
     static Expected<Bitmap> load(const OperationListFile& file, uint16_t id) {
         const auto item = file.get(id);
         if (!item)
             return Unexpected{item.error()};
         OpIterator op = item->begin();
-        if (op == item->end() || (*op).type != descriptionOp || (*op).bytes.size() < 8)
-            return Unexpected{item->status().ok() ? Status(KAL_ERR_FORMAT) : item->status()};
+        auto picture = read(op);
+        return picture || item->status().ok() ? std::move(picture) : Unexpected{item->status()};
+    }
+
+    // The picture that an iterator over ops stands at, which then stands at the last band. The statuses of create,
+    // KAL_ERR_FORMAT when it is no picture, or KAL_ERR_SHORT_READ when a row is missing.
+    static Expected<Bitmap> read(OpIterator& op) {
+        if (op == end() || (*op).type != descriptionOp)
+            return Unexpected{KAL_ERR_FORMAT};
         auto made = described((*op).bytes);
         for (uint32_t next = 0; made && next < made->height();) {
-            if (++op == item->end())
-                return Unexpected{item->status().ok() ? Status(KAL_ERR_SHORT_READ) : item->status()};
+            if (++op == end())
+                return Unexpected{KAL_ERR_SHORT_READ};
             const auto count =
                 number((*op).bytes, 2) == next ? made->putBand(*op) : Unexpected{KAL_ERR_FORMAT};
             if (!count)
