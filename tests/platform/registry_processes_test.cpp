@@ -83,7 +83,7 @@ TEST_F(RegistryProcesses, EachSeesAtOnceWhatAModelSays) {
             const int32_t expected = model.obey(order);
             if (step % 1000 == 999)
                 model.logs[1] = {};
-            for (int waits = 0; isOwn && turn < step && waits < 10000000; waits++)
+            for (int waits = 0; isOwn && turn < step && waits < 100000000; waits++)
                 sched_yield();
             if (!isOwn)
                 continue;
