@@ -70,7 +70,7 @@ TEST_F(RegistryProcesses, EachSeesAtOnceWhatAModelSays) {
         std::mt19937 random(seed);
         Model model;
         model.obey({'s', false, "z", "z"});
-        for (int step = 0; step < 3000; step++) {
+        for (int step = 0; step < 2000; step++) {
             Order order{"ssssdtl"[random() % 7], random() % 3 == 0, kKeys[random() % std::size(kKeys)], ""};
             if (random() % 4 == 0)
                 order.key = std::string("c\\d\\") + kOdd[random() % std::size(kOdd)];
