@@ -9,9 +9,9 @@ VectorStream::VectorStream(std::vector<uint8_t> content) : bytes(std::move(conte
     file.bufEnd = KAL_NO_POSITION;
     file.read = [](SFILE* stream, void* destination, uint32_t count) {
         const auto& from = ownerOf(stream)->bytes;
-        const size_t left = from.size() - std::min<size_t>(stream->pos, from.size());
-        const auto got = static_cast<uint32_t>(std::min<size_t>(count, left));
-        std::copy_n(from.data() + stream->pos, got, static_cast<uint8_t*>(destination));
+        const size_t at = std::min<size_t>(stream->pos, from.size());
+        const auto got = static_cast<uint32_t>(std::min<size_t>(count, from.size() - at));
+        std::copy_n(from.data() + at, got, static_cast<uint8_t*>(destination));
         stream->pos += got;
         stream->status = got == count ? KAL_OK : got > 0 ? KAL_ERR_SHORT_READ : KAL_ERR_END;
         return static_cast<int32_t>(got);
