@@ -6,6 +6,7 @@
 #include "compress/stretch_decoder.h"
 #include "compress/stretch_encoder.h"
 #include "memory/record.h"
+#include "platform/uncleared.h"
 
 #include <kal/heap.h>
 
@@ -98,7 +99,7 @@ int16_t startReading(CompressedStream* self) {
     self->open = false;
     shown->pending = 0;
     if (self->decoderStrings == nullptr) {
-        self->decoderStrings = allocate<BlockStrings>();
+        self->decoderStrings = static_cast<BlockStrings*>(allocateUncleared(sizeof(BlockStrings)));
         if (self->decoderStrings == nullptr)
             return KAL_ERR_BUFFER;
         startStrings(self->decoderStrings);
@@ -221,7 +222,7 @@ int16_t KalMakeCFile(scfiletag** out, SFILE* stream) {
     shown->runPos = KAL_NO_POSITION;
     shown->encoder = allocate<TAGWRITELZW>();
     shown->decoder = allocate<readlzw>();
-    shown->expansion = static_cast<uint8_t*>(KalAllocSMem(kExpansionBytes));
+    shown->expansion = static_cast<uint8_t*>(allocateUncleared(kExpansionBytes));
     int16_t status = KAL_ERR_MEMORY;
     if (shown->encoder != nullptr && shown->decoder != nullptr && shown->expansion != nullptr) {
         status = KalInitWriteLZW(shown->encoder, kRoots);

@@ -1,6 +1,7 @@
 // The decoder step by step: a byte in, the codes that it completes out. The compressed stream reads the same
 // codes by a faster way (stretch_decoder.h).
 #include "compress/lzw_codes.h"
+#include "platform/uncleared.h"
 
 #include <kal/heap.h>
 
@@ -31,7 +32,7 @@ int16_t init(Decoder* decoder, uint16_t rootCount) {
     decoder->table = nullptr;
     if (!fitsTable(rootCount))
         return KAL_ERR_BUFFER;
-    decoder->table = static_cast<Entry*>(KalAllocSMem(KAL_LZW_CODES * sizeof(Entry)));
+    decoder->table = static_cast<Entry*>(allocateUncleared(KAL_LZW_CODES * sizeof(Entry)));
     if (decoder->table == nullptr)
         return KAL_ERR_BUFFER;
     setUpCodes(decoder, rootCount);

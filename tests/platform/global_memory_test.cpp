@@ -38,8 +38,7 @@ void holdToModel(uint32_t seed) {
             model[block].bytes.resize(size);
             continue;
         }
-        HGLOBAL block = chosen->first;
-        Block& now = chosen->second;
+        auto& [block, now] = *chosen;
         const auto old = static_cast<uint32_t>(now.bytes.size());
         const auto way = random() % 5;
         if (way < 2) { // locked, compared, changed
@@ -49,8 +48,8 @@ void holdToModel(uint32_t seed) {
             now.locks += address != nullptr ? 1 : 0;
             now.address = address;
             ASSERT_TRUE(old == 0 || std::memcmp(address, now.bytes.data(), old) == 0);
-            now.bytes = randomBytes(old, uint32_t(random()));
-            std::copy(now.bytes.begin(), now.bytes.end(), static_cast<uint8_t*>(address));
+            std::memset(address, static_cast<int>(random() % 256), old);
+            now.bytes.assign(static_cast<uint8_t*>(address), static_cast<uint8_t*>(address) + old);
         } else if (way == 2) {
             now.locks -= now.locks > 0 ? 1 : 0;
             ASSERT_EQ(GlobalUnlock(block) != 0, now.locks > 0);
@@ -69,10 +68,8 @@ void holdToModel(uint32_t seed) {
         ASSERT_EQ(GlobalFlags(block), now.locks | (now.bytes.empty() ? GMEM_DISCARDED : 0));
     }
     for (HGLOBAL block : dead) {
-        EXPECT_EQ(GlobalFree(block), block);
-        EXPECT_EQ(GlobalLock(block), nullptr);
-        EXPECT_EQ(GlobalUnlock(block) + int32_t(GlobalSize(block)), 0);
-        EXPECT_EQ(GlobalReAlloc(block, 10, GMEM_MOVEABLE), nullptr);
+        EXPECT_TRUE(GlobalFree(block) == block && GlobalLock(block) == nullptr && GlobalUnlock(block) == 0);
+        EXPECT_TRUE(GlobalSize(block) == 0 && GlobalReAlloc(block, 10, GMEM_MOVEABLE) == nullptr);
         EXPECT_EQ(GlobalFlags(block), GMEM_INVALID_HANDLE);
     }
     for (const auto& [block, state] : model)
@@ -155,7 +152,7 @@ TEST(GlobalMemory, RunsOutOfHandlesAndOfMemoryCleanly) {
     GlobalFree(block);
 }
 
-class MemoryStatus : public FolderTest {};
+using MemoryStatus = FolderTest;
 
 TEST_F(MemoryStatus, IsClampedToItsField) {
     HostCallGuard guard;
