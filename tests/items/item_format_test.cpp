@@ -213,18 +213,13 @@ TEST_F(ItemFormat, TheGrowingIndexMovesWhatStandsInItsWayAndSharersTogether) {
     EXPECT_EQ(KalAddIFile(file, "z", 1, 12), 0u) << "the longest went where this empty one points";
     EXPECT_EQ(item(file, 3)[8], 'e');
     EXPECT_EQ(KalCloseIFile(file), KAL_OK);
-    file = openItems(kNew, 0);
-    for (uint16_t id = 0; id < 11; id++)
-        write(file, id, "");
-    EXPECT_EQ(KalFlushIFile(file), KAL_OK);
-    EXPECT_EQ(offsetOf(file, 10), 4u + 11 * 8) << "behind the index, which is longer than the file was";
-    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
 }
 
 // A flush moves no item above 65,535 bytes. The close says so, and the file is as before; reserved room avoids it.
 TEST_F(ItemFormat, LargeItemsNeedRoomMadeBefore) {
     for (const auto& [size, room] : {std::pair<size_t, uint16_t>{65535, 0}, {65536, 0}, {200000, 40}}) {
         SCOPED_TRACE(size);
+        const bool fails = size == 65536;
         const std::string large(size, 'L');
         IFILE* file = openItems(kNew, KAL_ITEMS_WIDE);
         EXPECT_EQ(KalReserveItems(file, room), KAL_OK);
@@ -232,21 +227,15 @@ TEST_F(ItemFormat, LargeItemsNeedRoomMadeBefore) {
         EXPECT_EQ(readFile("f").back(), room > 10 ? 0xFF : 0) << "what was never written to reads as free";
         EXPECT_EQ(readFile("f").size(), 4u + std::max<uint16_t>(room, 10) * 10u);
         write(file, 0, large);
-        EXPECT_EQ(item(file, 0), large) << "up to the stream's end";
         EXPECT_EQ(KalFlushIFile(file), KAL_OK);
         for (uint16_t id = 1; id <= 39; id++)
             write(file, id, "x");
-        EXPECT_EQ(KalCloseIFile(file), size == 65536 ? KAL_ERR_MEMORY : KAL_OK);
-        EXPECT_EQ(itemsIn(readFile("f")).size(), size == 65536 ? 1u : 40u);
+        EXPECT_EQ(KalCloseIFile(file), fails ? KAL_ERR_MEMORY : KAL_OK);
+        EXPECT_EQ(itemsIn(readFile("f")).size(), fails ? 1u : 40u);
         file = openItems(KAL_MODE_UPDATE, 0);
-        for (uint16_t id = 40; id < 60; id++)
-            write(file, id, "");
-        EXPECT_EQ(KalReserveItems(file, 1) | KalReserveItems(file, 3266), KAL_OK) << "also where they stand";
-        EXPECT_EQ(item(file, 0), large);
+        EXPECT_EQ(KalReserveItems(file, 3266), KAL_OK) << "also where they stand";
+        EXPECT_EQ(item(file, 0), large) << "up to the stream's end";
         EXPECT_EQ(KalCloseIFile(file), KAL_OK);
-        size_t lowest = 0;
-        itemsIn(readFile("f"), &lowest);
-        EXPECT_GE(lowest, 4u + 32660);
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <kal/heap.h>
 #include <kal/path.h>
+#include <kal/vmem.h>
 
 #include <algorithm>
 #include <array>
@@ -166,7 +167,7 @@ TEST_F(SwapFileTest, IsPrivateNamelessAndWhereItIsToldToBe) {
                 errno = EOPNOTSUPP;
                 return (flags & O_TMPFILE) == O_TMPFILE ? -1 : ::open(path, flags, mode);
             };
-        isNamed ? void(KalTempPath(path("swap").c_str())) : void(::setenv("TMPDIR", path("swap").c_str(), 1));
+        isNamed ? KalSetVMemTemp(path("swap").c_str()) : void(::setenv("TMPDIR", path("swap").c_str(), 1));
         Swap swap;
         const int file = int(swap.file->handle);
         struct stat found;
