@@ -229,8 +229,9 @@ KAL_API int16_t KalPutStr(SFILE* stream, const char* text);
 // Writes a text with a carriage return before each line feed. 0, or the status of the byte that failed.
 KAL_API int16_t KalPutStrX(SFILE* stream, const char* text);
 
-// The next byte of any stream as its getChar slot gives it, straight from the buffer where it can be: what a
-// tight loop calls.
+// The next byte of any stream, straight from the buffer where that holds it, else as its getChar slot gives it:
+// what a tight loop calls. A stream that is only written gives the bytes of its buffer too, also where the slot
+// refuses.
 inline int32_t KalNextChar(SFILE* stream) {
     const uint32_t pos = stream->pos;
     // A position before the buffer's end is in it, where there is one. A window's buffer may reach past its end.

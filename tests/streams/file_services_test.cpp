@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <filesystem>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -59,23 +57,6 @@ TEST_F(FileServices, TemporaryFilesGoOrStayAsAsked) {
     SFILE* s = nullptr;
     EXPECT_EQ(KalOpenTempFile(&s, KAL_MODE_NEW_FILE, 0), KAL_ERR_OPEN - EMFILE) << "no name was had";
     EXPECT_EQ(readFile("ZEP0.TMP"), bytesOf("x")) << "another's";
-}
-
-TEST_F(FileServices, ProcessesNeverShareATemporaryName) {
-    for (int child = 0; child < 3; child++)
-        if (fork() == 0) {
-            for (int i = 0; i < 40; i++) {
-                SFILE* s = nullptr;
-                if (KalOpenTempFile(&s, KAL_MODE_NEW_FILE, 1) != KAL_OK || s->putChar(s, 'x') | s->close(s))
-                    _exit(1);
-            }
-            _exit(0);
-        }
-    for (int child = 0, status = 0; child < 3; child++) {
-        ::wait(&status);
-        EXPECT_EQ(status, 0);
-    }
-    EXPECT_EQ(filesIn(".").size(), 120u);
 }
 
 TEST_F(FileServices, ExistenceIsBeingReadable) {

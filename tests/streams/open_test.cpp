@@ -49,7 +49,8 @@ TEST_F(Open, EveryNameInEveryMode) {
     }
     std::filesystem::create_directory(deep);
     std::replace(deep.begin(), deep.end(), '/', '\\');
-    const std::string longest(255, 'n'), tooLong(300, 'n'), strange = tooLong + '\xE9';
+    const std::string longest(255, 'n'), tooLong = std::string(300, 'n') + '.' + std::string(300, 'e'),
+                                         strange = tooLong + '\xE9';
     constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
     const struct {
         std::string name;
@@ -88,12 +89,15 @@ TEST_F(Open, EveryNameInEveryMode) {
         {"ole", 0, KAL_ERR_STORAGE, strange.c_str()},
         {"ole, new", KAL_MODE_APPEND, KAL_OK, "log"},
     };
+    char home[] = "Q"; // a search text without room to spare
+    KalSetHomeStr(home);
     for (const auto& row : rows) {
         const HeapBalance balance;
         if (SFILE* s = open(row.name.c_str(), row.mode, row.status, row.stream)) {
             EXPECT_EQ(s->close(s), KAL_OK);
         }
     }
+    KalSetHomeStr(nullptr);
     open(nullptr, 0, kMissing);
     open(nullptr, 0, KAL_ERR_STORAGE, "s");
     EXPECT_EQ(filesIn("."),
