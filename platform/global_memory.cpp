@@ -43,9 +43,11 @@ uint32_t classOf(uint32_t size) {
     return shift * 8 + (last >> shift);
 }
 
-uint64_t capacityOf(uint32_t spanClass) {
+// More than can be had where it is more than an object can have.
+size_t capacityOf(uint32_t spanClass) {
     const uint32_t shift = std::max(spanClass / 8, 1u) - 1;
-    return uint64_t(spanClass - shift * 8 + 1) * kUnit << shift;
+    const uint64_t bytes = uint64_t(spanClass - shift * 8 + 1) * kUnit << shift;
+    return bytes <= SIZE_MAX / 2 ? static_cast<size_t>(bytes) : SIZE_MAX;
 }
 
 // --- Spans -------------------------------------------------------------------------------------------------
@@ -68,30 +70,22 @@ uint8_t* chunkNext;
 size_t chunkLeft;
 size_t chunkBytesEver;
 
-bool newChunk() {
-    constexpr size_t kChunk = 1 << 20;
-    constexpr size_t kLargeChunk = 8 << 20;
-    const bool isLarge = chunkBytesEver >= kLargeChunk;
-    const size_t bytes = isLarge ? kLargeChunk : kChunk;
-    uint8_t* chunk = mapPages(bytes);
-    if (chunk == nullptr)
-        return false;
-    if (isLarge)
-        wantLargePages(chunk, bytes);
-    chunkBytesEver += bytes;
-    chunkNext = chunk;
-    chunkLeft = bytes;
-    return true;
-}
-
-uint8_t* makeSpan(uint64_t capacity) {
-    if (capacity > SIZE_MAX / 2)
-        return nullptr;
-    const auto bytes = static_cast<size_t>(capacity);
+uint8_t* makeSpan(size_t bytes) {
+    constexpr size_t kChunk = 1 << 20, kLargeChunk = 8 << 20;
     if (bytes > kMostCut)
         return mapPages(bytes);
-    if (chunkLeft < bytes && !newChunk())
-        return nullptr;
+    if (chunkLeft < bytes) {
+        const bool isLarge = chunkBytesEver >= kLargeChunk;
+        const size_t chunkBytes = isLarge ? kLargeChunk : kChunk;
+        uint8_t* chunk = mapPages(chunkBytes);
+        if (chunk == nullptr)
+            return nullptr;
+        if (isLarge)
+            wantLargePages(chunk, chunkBytes);
+        chunkBytesEver += chunkBytes;
+        chunkNext = chunk;
+        chunkLeft = chunkBytes;
+    }
     chunkLeft -= bytes;
     return std::exchange(chunkNext, chunkNext + bytes);
 }
@@ -127,7 +121,7 @@ void trim(uint64_t most) {
     for (uint32_t c = kClasses; c-- > 0;)
         while (spares[c] != 0 && keptBytes > most) {
             uint8_t* span = takeSpare(c);
-            const auto bytes = static_cast<size_t>(capacityOf(c));
+            const size_t bytes = capacityOf(c);
             if (span + bytes != begin && span != end) {
                 unmapPages(begin, static_cast<size_t>(end - begin));
                 begin = end = span;
@@ -152,15 +146,14 @@ uint8_t* takeSpan(uint32_t spanClass) {
 
 void giveSpan(uint8_t* span, uint32_t spanClass) {
     constexpr uint64_t kMostKept = uint64_t(sizeof(void*) == 4 ? 128 : 512) << 20;
-    const uint64_t capacity = capacityOf(spanClass);
-    const auto bytes = static_cast<size_t>(capacity);
-    if (keptBytes + capacity > kMostKept || (unusedSpares == 0 && sparesEverUsed + 1 == kSlots))
+    const size_t bytes = capacityOf(spanClass);
+    if (keptBytes + bytes > kMostKept || (unusedSpares == 0 && sparesEverUsed + 1 == kSlots))
         return unmapPages(span, bytes);
     const auto index = static_cast<uint16_t>(unusedSpares != 0 ? unusedSpares : ++sparesEverUsed);
     unusedSpares = spareTable[index].next;
     spareTable[index] = {span, spares[spanClass]};
     spares[spanClass] = index;
-    keptBytes += capacity;
+    keptBytes += bytes;
     markUnusable(span, bytes);
 }
 
@@ -182,42 +175,26 @@ Slot* liveSlot(HGLOBAL block) {
     return block != nullptr && slot->handle == reinterpret_cast<uintptr_t>(block) ? slot : nullptr;
 }
 
-// Sets the size of a block whose span holds as much, and clears bytes gained when asked to.
-void setSize(Slot* slot, uint16_t index, uint32_t size, bool clear) {
-    const uint32_t old = std::exchange(globalSizes[index], size);
-    markUsable(slot->span, std::min(old, kMostWatched));
-    if (size > old) {
-        markUsable(slot->span + old, size - old);
-        if (clear)
-            std::memset(slot->span + old, 0, size - old);
-    } else {
-        markUnusable(slot->span + size, old - size);
-    }
-    if (slot->locks == 0)
-        watch(slot, markUnusable);
-}
-
 // Moves an unlocked block to a span of another class: a spare one, else the same pages at another place.
 bool moveTo(Slot* slot, uint16_t index, uint32_t spanClass) {
     const uint32_t oldClass = extras[index].spanClass;
-    const auto oldBytes = static_cast<size_t>(capacityOf(oldClass));
-    const uint64_t capacity = capacityOf(spanClass);
-    const auto kept = static_cast<size_t>(std::min<uint64_t>(globalSizes[index], capacity));
-    uint8_t* span = nullptr;
+    const size_t capacity = capacityOf(spanClass);
+    const auto kept = static_cast<uint32_t>(std::min<size_t>(globalSizes[index], capacity));
+    uint8_t* span;
     markUsable(slot->span, kept);
     if (spares[spanClass] != 0) {
         span = takeSpare(spanClass);
         markUsable(span, kept);
         std::memcpy(span, slot->span, kept);
         giveSpan(slot->span, oldClass);
-    } else if (capacity <= SIZE_MAX / 2) {
-        span = remapPages(slot->span, oldBytes, static_cast<size_t>(capacity));
-        markUsable(span, span != nullptr ? kept : 0);
+    } else {
+        span = remapPages(slot->span, capacityOf(oldClass), capacity);
+        if (span == nullptr)
+            return false;
+        markUsable(span, kept);
     }
-    if (span == nullptr)
-        return false;
     slot->span = span;
-    globalSizes[index] = static_cast<uint32_t>(kept);
+    globalSizes[index] = kept;
     extras[index].spanClass = static_cast<uint8_t>(spanClass);
     return true;
 }
@@ -237,10 +214,26 @@ bool fitSpan(Slot* slot, uint16_t index, uint32_t size) {
             moveTo(slot, index, wanted);
         return true;
     }
-    const uint64_t roomy = capacityOf(now) * 3 / 2;
+    const uint64_t roomy = uint64_t{capacityOf(now)} * 3 / 2;
     return slot->locks == 0 &&
            ((roomy > size && roomy <= UINT32_MAX && moveTo(slot, index, classOf(uint32_t(roomy)))) ||
             moveTo(slot, index, wanted));
+}
+
+// Gives a block another size, its bytes gained cleared when that is asked for. False, and no change, without memory.
+bool resize(Slot* slot, uint16_t index, uint32_t size, uint32_t flags) {
+    if (!fitSpan(slot, index, size))
+        return false;
+    const uint32_t old = std::exchange(globalSizes[index], size);
+    const uint32_t gained = size > old ? size - old : 0;
+    markUsable(slot->span, std::min(old, kMostWatched));
+    markUsable(slot->span + old, gained);
+    markUnusable(slot->span + size, old + gained - size);
+    if ((flags & GMEM_ZEROINIT) != 0)
+        std::memset(slot->span + old, 0, gained);
+    if (slot->locks == 0)
+        watch(slot, markUnusable);
+    return true;
 }
 
 // The pages go to whoever asks next for as many.
@@ -270,12 +263,9 @@ HGLOBAL GlobalAlloc(uint32_t flags, uint32_t size) {
     slot->handle += 0x10000 + index;
     slot->locks = 0;
     liveBlocks++;
-    if (size > 0) {
-        if (!fitSpan(slot, index, size)) {
-            freeSlot(slot, index);
-            return nullptr;
-        }
-        setSize(slot, index, size, (flags & GMEM_ZEROINIT) != 0);
+    if (size > 0 && !resize(slot, index, size, flags)) {
+        freeSlot(slot, index);
+        return nullptr;
     }
     return reinterpret_cast<HGLOBAL>(uintptr_t(slot->handle));
 }
@@ -288,10 +278,8 @@ HGLOBAL GlobalReAlloc(HGLOBAL block, uint32_t size, uint32_t flags) {
     const auto lock = lockTable();
     if (size == 0)
         discard(slot, index);
-    else if (!fitSpan(slot, index, size))
+    else if (!resize(slot, index, size, flags))
         return nullptr;
-    else
-        setSize(slot, index, size, (flags & GMEM_ZEROINIT) != 0);
     return block;
 }
 

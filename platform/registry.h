@@ -16,8 +16,6 @@ using HKEY = void*;
 inline constexpr uint32_t KEY_ALL_ACCESS = 0xF003F;
 inline constexpr uint32_t REG_OPTION_NON_VOLATILE = 0;
 inline constexpr uint32_t REG_OPTION_VOLATILE = 1; // the key lives until the next start of the machine
-inline constexpr uint32_t REG_CREATED_NEW_KEY = 1;
-inline constexpr uint32_t REG_OPENED_EXISTING_KEY = 2;
 inline constexpr uint32_t REG_SZ = 1;
 
 inline constexpr int32_t ERROR_SUCCESS = 0;
@@ -38,11 +36,10 @@ inline constexpr uint32_t kMostValueBytes = 1 << 20;
 
 // `subKey` is a path of names with `\` between them, compared without regard to (ASCII) case; one `\` at its
 // end is let through. A name has at most 255 bytes, a path 4,095. The caller closes every handle that it gets.
-// Reserved words, classes, access and security are ignored.
+// Reserved words, classes, access, security and `disposition` are ignored.
 
 // Opens a key, or makes it with the keys on the way to it. A new key appears with its first value, when a key below it
-// is asked for or when the handle is closed, whichever comes first, and at once when `disposition` is given, which tells
-// which it was: so a key and its value come into being in one step, and of two makers one is told that it was first.
+// is asked for or when the handle is closed, whichever comes first: so a key and its value come into being in one step.
 int32_t RegCreateKeyExA(HKEY key, const char* subKey, uint32_t reserved, const char* className,
                         uint32_t options, uint32_t access, const void* security, HKEY* result,
                         uint32_t* disposition);

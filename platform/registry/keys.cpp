@@ -12,8 +12,8 @@ int order(std::string_view a, std::string_view b) {
     if (a == b) // as nearly always
         return 0;
     for (size_t i = 0; i < a.size() && i < b.size(); i++)
-        if (const int difference = folded(a[i]) - folded(b[i]))
-            return difference;
+        if (a[i] != b[i] && folded(a[i]) != folded(b[i]))
+            return folded(a[i]) - folded(b[i]);
     return a.size() < b.size() ? -1 : a.size() > b.size();
 }
 
@@ -85,25 +85,25 @@ bool drop(KeyNode& key, LogIndex log) {
 }
 
 // `path` holds the way to the keys, of `length` bytes.
-uint64_t packBelow(const KeyNode& above, LogIndex log, uint32_t logNumber, char* at, char* path,
+uint64_t packBelow(const KeyNode& above, LogIndex log, uint32_t logNumber, Array<char>* to, char* path,
                    size_t length) {
     uint64_t bytes = 0;
     const auto say = [&](const RegistryRecord& record) {
-        if (at != nullptr)
-            record.store(logNumber, at + bytes);
         bytes += record.length();
+        if (to != nullptr)
+            record.store(logNumber, *to);
     };
     for (const KeyNode* key : above.below) {
         if (!key->in[log])
             continue;
         const uint64_t start = bytes;
-        const size_t end = length + key->name().copy(path + length, key->nameLength);
+        const std::string_view own = {path, length + key->name().copy(path + length, key->nameLength)};
         for (const KeyValue* value = key->values[log]; value != nullptr; value = value->next)
-            say({RecordKind::value, {path, end}, value->name(), value->type, value->bytes()});
-        path[end] = '\\';
-        bytes += packBelow(*key, log, logNumber, at != nullptr ? at + bytes : nullptr, path, end + 1);
+            say({RecordKind::value, own, value->name(), value->type, value->bytes()});
+        path[own.size()] = '\\';
+        bytes += packBelow(*key, log, logNumber, to, path, own.size() + 1);
         if (bytes == start) // neither values nor subkeys tell of it
-            say({RecordKind::key, {path, end}});
+            say({RecordKind::key, own});
     }
     return bytes;
 }
@@ -116,11 +116,6 @@ const KeyValue* KeyNode::value(std::string_view wanted) const {
             if (order(wanted, value->name()) == 0)
                 return value;
     return nullptr;
-}
-
-KeyTree::~KeyTree() {
-    forget(kPersistent);
-    forget(kVolatile);
 }
 
 const KeyNode* KeyTree::find(std::string_view path) const {
@@ -157,7 +152,7 @@ void KeyTree::forget(LogIndex log) {
     top_.in[log] = true;
 }
 
-uint64_t KeyTree::pack(LogIndex log, uint32_t logNumber, char* at) const {
+uint64_t KeyTree::pack(LogIndex log, uint32_t logNumber, Array<char>* to) const {
     char path[kMostPathBytes + 1];
-    return packBelow(top_, log, logNumber, at, path, 0);
+    return packBelow(top_, log, logNumber, to, path, 0);
 }

@@ -30,18 +30,17 @@ struct KeyNode {
     const KeyValue* value(std::string_view name) const;
 };
 
+// Both logs are to be forgotten before it goes.
 class KeyTree {
 public:
-    ~KeyTree();
-
     // Null when there is no such key; the top for an empty path.
     const KeyNode* find(std::string_view path) const;
     // Makes true what a log's record says. False when memory is short; it may be asked again.
     bool apply(LogIndex log, const RegistryRecord& record);
     // Takes back all that a log said.
     void forget(LogIndex log);
-    // The fewest records that say what the log says now, stored at `at` unless that is null. Their bytes.
-    uint64_t pack(LogIndex log, uint32_t logNumber, char* at) const;
+    // The bytes of the fewest records that say what the log says now; adds them to `to`, which has room or is null.
+    uint64_t pack(LogIndex log, uint32_t logNumber = 0, Array<char>* to = nullptr) const;
 
 private:
     KeyNode top_ = {{}, {}, {true, true}};

@@ -2,12 +2,8 @@
 
 #include "platform/host_calls.h"
 #include "platform/host_io.h"
-#include "platform/little_endian.h"
-
-#include <kal/heap.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -26,8 +22,7 @@ int makeFolders(const char* path) {
     int error = ENOENT;
     for (size_t i = 1; i <= std::strlen(path); i++)
         if (path[i] == '/' || path[i] == 0) {
-            std::memcpy(part, path, i);
-            part[i] = 0;
+            part[std::string_view(path).copy(part, i)] = 0;
             error = hostCalls.mkdirat(AT_FDCWD, part, 0700) == 0 || errno == EEXIST ? 0 : errno;
         }
     return error;
@@ -38,9 +33,10 @@ int errorOf(const Moved& moved, size_t wanted) {
 }
 
 // Writes a log. Every block must be there: a store into a hole of a full disk kills the process.
-int writeLog(int fd, uint32_t number, const char* records, uint32_t bytes) {
+int writeLog(int fd, uint32_t number, const Array<char>& records) {
+    const auto bytes = static_cast<uint32_t>(records.size());
     const uint32_t header[kHeaderBytes / 4] = {kMagic, kVersion, number, kHeaderBytes + bytes};
-    const int error = errorOf(writeAllAt(fd, records, bytes, kHeaderBytes), bytes);
+    const int error = errorOf(writeAllAt(fd, records.data(), bytes, kHeaderBytes), bytes);
     return error != 0 ? error : errorOf(writeAllAt(fd, header, sizeof header, 0), sizeof header);
 }
 
@@ -62,17 +58,15 @@ int RegistryLog::openOwn(int folder, const char* name, int flags) {
     const int fd = untilDone(
         [&] { return hostCalls.openat(folder, name, flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600); });
     struct stat found = {};
-    if (fd < 0)
-        return -1;
-    int error = hostCalls.fstat(fd, &found) != 0 ? errno : 0;
+    const bool isKnown = fd >= 0 && hostCalls.fstat(fd, &found) == 0;
     // In a folder that everybody may write another user could be let into one's own.
     const bool isOpen = index_ == kVolatile && (found.st_mode & 077) != 0;
     const bool isPlain = S_ISREG(found.st_mode) || S_ISDIR(found.st_mode);
-    if (error == 0 && (found.st_uid != hostCalls.geteuid() || isOpen || !isPlain))
-        error = EACCES;
-    if (error == 0)
+    if (isKnown && found.st_uid == hostCalls.geteuid() && !isOpen && isPlain)
         return fd;
-    hostCalls.close(fd);
+    const int error = isKnown ? EACCES : errno;
+    if (fd >= 0)
+        hostCalls.close(fd);
     errno = error;
     return -1;
 }
@@ -90,12 +84,11 @@ int RegistryLog::open() {
         return errno;
     int error = examine(fd_);
     if (error == ENODATA && writable_) {
-        // Somebody is just making it, or died over it: the lock tells which. Closing gives it up, too.
+        // Somebody is just making it, or died over it: the lock tells which.
         error = setLock(fd_, LOCK_EX) ? examine(fd_) : errno;
         if (error == ENODATA)
-            error = writeLog(fd_, 1, nullptr, 0);
-        if (error == 0 && !setLock(fd_, LOCK_UN))
-            error = errno;
+            error = writeLog(fd_, 1, {});
+        unlock();
     }
     if (error != 0)
         return error;
@@ -109,7 +102,6 @@ int RegistryLog::open() {
 
 int RegistryLog::attach() {
     detach();
-    tree_.forget(index_);
     changes++;
     forks_ = forks;
     end_ = kHeaderBytes;
@@ -129,6 +121,7 @@ void RegistryLog::detach() {
         hostCalls.close(folderFd_);
     header_ = nullptr;
     fd_ = folderFd_ = -1;
+    tree_.forget(index_);
 }
 
 void RegistryLog::look() {
@@ -146,18 +139,17 @@ int RegistryLog::read() {
     // A damaged header may claim anything.
     if (bytes > kShortLog && hostCalls.fstat(fd_, &found) == 0)
         bytes = static_cast<uint32_t>(std::clamp<int64_t>(found.st_size - end_, 0, bytes));
-    auto* stored = static_cast<char*>(KalAllocSMem(bytes));
-    if (stored == nullptr)
+    Array<char> stored;
+    if (!stored.reserve(bytes))
         return ENOMEM;
-    const Moved got = readAllAt(fd_, stored, bytes, off_t{end_});
-    int error = got.failed ? errno : 0;
-    std::string_view rest = {stored, got.count};
-    for (RegistryRecord record; error == 0 && record.load(header_[kNumber], rest);) {
-        rest.remove_prefix(record.length());
-        error = apply(record) ? 0 : ENOMEM;
-    }
-    KalFreeSMem(stored);
-    return error;
+    const Moved got = readAllAt(fd_, stored.data(), bytes, off_t{end_});
+    if (got.failed)
+        return errno;
+    std::string_view rest = {stored.data(), got.count};
+    for (RegistryRecord record; record.load(header_[kNumber], rest); rest.remove_prefix(record.length()))
+        if (!apply(record))
+            return ENOMEM;
+    return 0;
 }
 
 bool RegistryLog::apply(const RegistryRecord& record) {
@@ -171,7 +163,7 @@ int RegistryLog::refresh() {
     if (header_ == nullptr || word() == end_)
         return 0;
     // Waits for no lock: the other log's may be held. Until another file has the name this one tells all.
-    const int error = isReplaced() ? attach() : 0;
+    const int error = isReplaced() && isGone() ? attach() : 0;
     return error != 0 ? error : read();
 }
 
@@ -185,14 +177,6 @@ bool RegistryLog::isGone() const {
                              named.st_ino != own.st_ino || named.st_dev != own.st_dev));
 }
 
-bool RegistryLog::isMostlyPast() {
-    if (end_ < lookAt_)
-        return false;
-    const uint64_t live = tree_.pack(index_, 0, nullptr);
-    lookAt_ = static_cast<uint32_t>(std::clamp<uint64_t>(live * 2, kShortLog, kReplaced - 1));
-    return end_ > lookAt_;
-}
-
 // Once locked: takes in what others wrote. kOtherFile when the lock is to be taken on another file.
 int RegistryLog::settle() {
     if (isGone())
@@ -200,49 +184,43 @@ int RegistryLog::settle() {
     if (isReplaced() && writable_)
         header_[kCommitted] = word() & ~kReplaced; // whoever was about to replace it died
     const int error = read();
-    if (error != 0 || !writable_ || !(isDamaged() || isMostlyPast()))
+    const bool isDamaged = word() != end_;
+    if (error != 0 || !writable_ || !(isDamaged || end_ >= lookAt_))
         return error;
-    const int failed = rewrite();
-    return failed == 0 ? kOtherFile : isDamaged() ? failed : 0;
+    const uint64_t live = tree_.pack(index_);
+    lookAt_ = static_cast<uint32_t>(std::clamp<uint64_t>(live * 2, kShortLog, kReplaced - 1));
+    const int failed = isDamaged || end_ > lookAt_ ? rewrite(live) : 0;
+    return isDamaged || failed == kOtherFile ? failed : 0;
 }
 
 int RegistryLog::lock() {
-    for (;;) {
-        int error = kOtherFile;
-        if (header_ != nullptr && forks_ == forks) {
-            error = setLock(fd_, LOCK_EX) ? settle() : errno;
-            if (error == 0)
-                return 0;
-            unlock();
-        }
+    int error = header_ != nullptr && forks_ == forks ? 0 : attach();
+    while (error == 0) {
+        error = setLock(fd_, LOCK_EX) ? settle() : errno;
+        if (error == 0)
+            break;
+        unlock();
         if (error == kOtherFile)
             error = attach();
-        if (error != 0)
-            return error;
     }
+    return error;
 }
 
 void RegistryLog::unlock() {
     setLock(fd_, LOCK_UN);
 }
 
-int RegistryLog::append(std::span<const RegistryRecord> records) {
+int RegistryLog::append(std::initializer_list<RegistryRecord> records) {
     if (const int error = writable())
         return error;
-    uint32_t bytes = 0;
+    Array<char> stored;
     for (const RegistryRecord& record : records)
-        bytes += record.length();
+        if (!record.store(header_[kNumber], stored))
+            return ENOMEM;
+    const auto bytes = static_cast<uint32_t>(stored.size());
     if (bytes >= kReplaced - end_)
         return EFBIG;
-    auto* stored = static_cast<char*>(KalAllocSMem(bytes));
-    if (stored == nullptr)
-        return ENOMEM;
-    char* end = stored;
-    for (const RegistryRecord& record : records)
-        end = record.store(header_[kNumber], end);
-    const int error = errorOf(writeAllAt(fd_, stored, bytes, off_t{end_}), bytes);
-    KalFreeSMem(stored);
-    if (error != 0)
+    if (const int error = errorOf(writeAllAt(fd_, stored.data(), bytes, off_t{end_}), bytes))
         return error;
     header_[kCommitted] = end_ + bytes;
     for (const RegistryRecord& record : records)
@@ -251,28 +229,26 @@ int RegistryLog::append(std::span<const RegistryRecord> records) {
     return 0;
 }
 
-// Puts a file with the fewest records in this one's place.
-int RegistryLog::rewrite() {
-    const auto bytes = static_cast<uint32_t>(tree_.pack(index_, 0, nullptr));
-    auto* records = static_cast<char*>(KalAllocSMem(bytes));
-    if (records == nullptr)
+// Puts a file with the fewest records, of so many bytes, in this one's place: then kOtherFile.
+int RegistryLog::rewrite(uint64_t live) {
+    Array<char> records;
+    if (!records.reserve(live))
         return ENOMEM;
-    tree_.pack(index_, header_[kNumber] + 1, records);
+    tree_.pack(index_, header_[kNumber] + 1, &records);
     hostCalls.unlinkat(folderFd_, kNewFile, 0); // of a writer that died
     const int fd = openOwn(folderFd_, kNewFile, O_RDWR | O_CREAT | O_EXCL);
-    int error = fd < 0 ? errno : writeLog(fd, header_[kNumber] + 1, records, bytes);
-    KalFreeSMem(records);
+    int error = fd < 0 ? errno : writeLog(fd, header_[kNumber] + 1, records);
     // After a power cut the new file must not be there without what is in it.
     if (error == 0 && hostCalls.fsync(fd) != 0)
         error = errno;
     if (error == 0) {
         // Marked first: a process that found the old word after the renaming would never look again.
         header_[kCommitted] = word() | kReplaced;
-        error = hostCalls.renameat(folderFd_, kNewFile, folderFd_, kFileName) == 0 ? 0 : errno;
+        error = hostCalls.renameat(folderFd_, kNewFile, folderFd_, kFileName) == 0 ? kOtherFile : errno;
     }
     if (fd >= 0)
         hostCalls.close(fd);
-    if (error != 0) {
+    if (error != kOtherFile) {
         header_[kCommitted] = word() & ~kReplaced;
         hostCalls.unlinkat(folderFd_, kNewFile, 0);
     }

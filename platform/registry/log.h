@@ -11,7 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
-#include <span>
+#include <initializer_list>
 
 class RegistryLog {
 public:
@@ -26,8 +26,8 @@ public:
     void look();
 
     // 0, or why nothing is known of what the file says; and why nothing can be added to it.
-    int readable() const { return header_ != nullptr ? 0 : error_; }
-    int writable() const { return readable() != 0 ? readable() : writable_ ? 0 : EACCES; }
+    int readable() const { return error_; }
+    int writable() const { return error_ != 0 || writable_ ? error_ : EACCES; }
 
     // Makes the tree say what the log says now. One load where it does already.
     int refresh();
@@ -37,7 +37,7 @@ public:
     int lock();
     void unlock();
     // With the lock held. The records are everybody's, all at once, when this returns 0.
-    int append(std::span<const RegistryRecord> records);
+    int append(std::initializer_list<RegistryRecord> records);
 
     // Grows whenever this process learns of a change in any log.
     inline static uint64_t changes = 0;
@@ -52,14 +52,12 @@ private:
     int attach();
     void detach();
     bool isGone() const;
-    bool isMostlyPast();
     int settle();
     int read();
     bool apply(const RegistryRecord& record);
-    int rewrite();
+    int rewrite(uint64_t live);
     uint32_t word() const { return header_[kCommitted]; }
     bool isReplaced() const { return (word() & kReplaced) != 0; }
-    bool isDamaged() const { return (word() & ~kReplaced) != end_; }
 
     KeyTree& tree_;
     const LogIndex index_;

@@ -30,8 +30,11 @@ int checkPath(std::string_view path) {
     return path.size() > kMostPathBytes ? ENAMETOOLONG : name == 0 ? EINVAL : 0;
 }
 
-char* RegistryRecord::store(uint32_t logNumber, char* at) const {
-    std::memset(at, 0, kRecordHead);
+bool RegistryRecord::store(uint32_t logNumber, Array<char>& to) const {
+    const size_t start = to.size();
+    if (!to.resize(start + length()))
+        return false;
+    char* const at = to.data() + start;
     storeLittle(at, length());
     at[8] = static_cast<char>(kind);
     storeLittle(at + 10, static_cast<uint16_t>(path.size()));
@@ -41,7 +44,7 @@ char* RegistryRecord::store(uint32_t logNumber, char* at) const {
     for (const std::string_view part : {path, name, bytes})
         end += part.copy(end, part.size());
     storeLittle(at + 4, checkOf(logNumber, {at, length()}));
-    return end;
+    return true;
 }
 
 bool RegistryRecord::load(uint32_t logNumber, std::string_view from) {

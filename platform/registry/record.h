@@ -9,6 +9,7 @@
 #ifndef KAL_PLATFORM_REGISTRY_RECORD_H
 #define KAL_PLATFORM_REGISTRY_RECORD_H
 
+#include "platform/array.h"
 #include "platform/registry.h"
 
 #include <cstdint>
@@ -40,7 +41,8 @@ struct RegistryRecord {
     uint32_t length() const {
         return static_cast<uint32_t>(kRecordHead + path.size() + name.size() + bytes.size());
     }
-    char* store(uint32_t logNumber, char* at) const; // its end
+    // Adds it to those in `to`. False when memory is short.
+    bool store(uint32_t logNumber, Array<char>& to) const;
     // The record at the start of `from`, its texts in there. False when none stands there whole and sound.
     bool load(uint32_t logNumber, std::string_view from);
 };

@@ -49,8 +49,8 @@ void holdToModel(uint32_t seed) {
             now.locks += address != nullptr ? 1 : 0;
             now.address = address;
             ASSERT_TRUE(old == 0 || std::memcmp(address, now.bytes.data(), old) == 0);
-            now.bytes = randomBytes(old, uint32_t(random()));
-            std::copy(now.bytes.begin(), now.bytes.end(), static_cast<uint8_t*>(address));
+            std::memset(address, static_cast<int>(random() % 256), old);
+            now.bytes.assign(static_cast<uint8_t*>(address), static_cast<uint8_t*>(address) + old);
         } else if (way == 2) {
             now.locks -= now.locks > 0 ? 1 : 0;
             ASSERT_EQ(GlobalUnlock(block) != 0, now.locks > 0);
