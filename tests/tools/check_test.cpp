@@ -149,7 +149,7 @@ for height in 4000 8000 16000 32000 64000; do
     script -qec 'kal store a.kal large.bmp' /dev/null >shown </dev/null
     grep -qaF $'\r\e[K[#' shown && break
 done
-grep -qaP '\r\e\[K\[#*-*\] +\d+%  [\d.]+ [KMG]iB  [\d.]+ [KMG]?i?B/s  \d+:\d\d left  large.bmp' shown
+grep -qaP '\r\e\[K\[#*-*\] +(100|\d\d?)%  [\d.]+ [KMG]iB  [\d.]+ [KMG]?i?B/s  \d+:\d\d left  large.bmp' shown
 [ $(wc -l <shown) = 1 ]; tail -c 17 shown | cmp - <(printf '\r\e[K1\tlarge.bmp\r\n')
 [ "$(grep -caP '\e\[[\d;]*m' shown || true)" = 0 ] # colours
 [ "$(script -qec 'kal store --quiet b.kal large.bmp' /dev/null </dev/null)" = $'1\tlarge.bmp\r' ]
