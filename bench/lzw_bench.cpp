@@ -2,7 +2,7 @@
 // memory. The limits: one table look-up a byte that waits for the one before, and the strings of known codes written
 // one after the other.
 #include "bench/row.h"
-#include "tests/support/samples.h"
+#include "bench/samples.h"
 
 #include <kal/cfile.h>
 #include <kal/stream.h>

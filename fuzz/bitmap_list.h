@@ -13,13 +13,13 @@ inline constexpr size_t kBitmapBytes = 14; // of an input, that describe it
 class BitmapList {
 public:
     explicit BitmapList(Input& input) {
-        static const bool opened = (KalSetMaxVMem(64 << 20), KalOpenVMem(0) == KAL_OK);
+        static const bool opened = (KalSetMaxVMem(1 << 19), KalOpenVMem(0) == KAL_OK);
         require(opened && KalTempOpList(&list, KAL_OPL_VMEM_DIB) == KAL_OK, "a bitmap list can be made");
         list->blockSize = 64u + input.word() / 4;
         const uint16_t left = input.word(), top = input.word(), width = input.word(), height = input.word();
         const uint8_t depth = input.byte(), choice = input.byte();
-        // An op that fits no block goes through all of them: no more than a megabyte of rows.
-        const uint32_t most = (1u << 20) / (KalDIBRowBytes(width, 24) + 1);
+        // An op that fits no block goes through all of them: no more than 64 KiB of rows, or two.
+        const uint32_t most = 2 + (1u << 16) / (KalDIBRowBytes(width, 24) + 1);
         KalSetupOpList(list, left, top, width, static_cast<uint16_t>(height < most ? height : most), depth,
                        choice, input.word());
     }

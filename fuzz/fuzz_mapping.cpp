@@ -1,10 +1,11 @@
 // A mapping whose words another process scribbles over while streams on it are open.
 #include "fuzz/memory_host.h"
 
+#include "platform/host_calls.h"
+
 #include <kal/mapping.h>
 
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
@@ -12,7 +13,7 @@ constexpr int32_t kSizes[] = {4, 5, 8, 100, 4096}; // a mapping a size
 
 // What the host calls the mapping of that number.
 std::string objectOf(unsigned number) {
-    return "/kal." + std::to_string(geteuid()) + ".m" + std::to_string(number);
+    return "/kal." + std::to_string(hostCalls.geteuid()) + ".m" + std::to_string(number);
 }
 
 void scribble(Input& input, unsigned number) {

@@ -11,7 +11,7 @@
 namespace {
 
 // However good the input is, this much of it will do: a few hundred bytes can hold megabytes.
-constexpr size_t kEnough = 1 << 20;
+constexpr size_t kEnough = 1 << 16;
 
 void readRun(const std::vector<uint8_t>& run, uint16_t piece) {
     VectorStream stream(run);

@@ -17,10 +17,10 @@ uint16_t pieceAt(const std::vector<uint8_t>& bytes, size_t at) {
 }
 
 // Fuzz inputs are short; said several times over they fill tables.
-std::vector<uint8_t> repeated(const uint8_t* data, size_t size, unsigned times) {
+std::vector<uint8_t> repeated(const uint8_t* data, size_t size, unsigned times, size_t most) {
     std::vector<uint8_t> bytes;
     for (unsigned time = 0; time < times; time++)
-        for (size_t at = 0; at < size && bytes.size() < 16000; at++)
+        for (size_t at = 0; at < size && bytes.size() < most; at++)
             bytes.push_back(static_cast<uint8_t>(data[at] + time * (1 + at % 7)));
     return bytes;
 }
@@ -30,7 +30,7 @@ std::vector<uint8_t> repeated(const uint8_t* data, size_t size, unsigned times) 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 3)
         return 0;
-    const auto bytes = repeated(data + 2, size - 2, 1u + data[0] % 16);
+    const auto bytes = repeated(data + 2, size - 2, 1u + data[0] % 16, data[0] < 240 ? 500 : 6000);
     const bool fillsUp = data[1] % 2 != 0;
 
     VectorStream stream;

@@ -16,6 +16,8 @@ Bytes content(const std::string& path);
 void setContent(const std::string& path, const Bytes& bytes);
 // What is mapped of a file; null when nothing is.
 uint8_t* mapped(const std::string& path);
+// Whether something was refused its room since start().
+bool wasFull();
 // Behind an input: as many blocks of the heap live as behind the first one. Counted now and then, since it takes long.
 void countBlocks();
 

@@ -9,7 +9,7 @@ extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t most);
 
 // Leaks are found by counting blocks; the search for them would not follow pointers in packed records.
 extern "C" [[gnu::visibility("default")]] const char* __asan_default_options() {
-    return "detect_leaks=0:malloc_context_size=3:quarantine_size_mb=16";
+    return "detect_leaks=0:malloc_context_size=3:quarantine_size_mb=16:use_sigaltstack=0";
 }
 
 __attribute__((weak)) std::vector<Field> fieldsOf(const Bytes&) {

@@ -110,6 +110,9 @@ struct PngReader::State {
             layout.height = png_get_image_height(png, info);
             layout.depth = png_get_bit_depth(png, info);
             layout.colour = PngColour{png_get_color_type(png, info)};
+            constexpr uint64_t mostOfAByte = 1032; // that the compression makes
+            if (layout.rowBytes() > file.size() * mostOfAByte / layout.height)
+                throw Failure("it ends too early"); // before anybody asks for memory for a row
             if (png_get_interlace_type(png, info) != PNG_INTERLACE_NONE)
                 png_set_interlace_handling(png);
             png_read_update_info(png, info);
@@ -158,9 +161,6 @@ void PngReader::row(uint8_t* out) {
         return attempt(state.png, [&] { png_read_row(state.png, out, nullptr); });
     const auto rowBytes = static_cast<size_t>(state.layout.rowBytes());
     if (state.whole.empty()) {
-        constexpr uint64_t mostOfAByte = 1032; // that the compression makes
-        if (uint64_t{rowBytes} * state.layout.height / mostOfAByte > state.file.size())
-            throw Failure("it ends too early");
         state.whole.resize(rowBytes * state.layout.height);
         std::vector<png_bytep> rows(state.layout.height);
         for (size_t y = 0; y < rows.size(); y++)

@@ -38,7 +38,7 @@ public:
     // The entries of a storage, which stay loaded. Null when memory is short.
     Children* childrenOf(uint32_t storage);
     // To be called before the file takes more: whether there is room to write what changes then.
-    bool prepare() { return directory_.prepare(); }
+    bool prepare() { return miniSectors_.prepare() && directory_.prepare(); }
     // Adds an entry to a storage. kNoEntry when there is no room.
     uint32_t add(Children& children, const Name& name, EntryType type);
 

@@ -75,6 +75,8 @@ bool AllocationTable::allocatePages(uint32_t pages) {
 }
 
 bool AllocationTable::grow(uint32_t pages) {
+    if (pages == 0)
+        return true;
     const uint32_t before = pageCount();
     if (!bytes_.resize(uint64_t(before + pages) * pageSize_))
         return false;

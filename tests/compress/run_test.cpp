@@ -18,8 +18,8 @@ constexpr uint16_t kCompound = 0x8000; // no mode of KalOpenFile
 
 Bytes sample(std::mt19937& random, size_t count) {
     const auto seed = uint32_t(random());
-    return seed % 4 == 0   ? sampleText(count, seed)
-           : seed % 4 == 1 ? samplePicture(count, seed)
+    return seed % 4 == 0   ? randomLetters(count, seed, 4)
+           : seed % 4 == 1 ? randomLetters(count, seed, 40)
            : seed % 4 == 2 ? randomBytes(count, seed)
                            : Bytes(count, uint8_t(seed >> 8));
 }
@@ -189,7 +189,7 @@ TEST(Run, GoesOnWhereNothingMovedAndStartsAnewElsewhere) {
 // Other writers let the table fill up and go on with 12 bits, or clear when they like; streams end anywhere.
 TEST(Run, ReadsWhatOthersWriteAndWhatIsCut) {
     for (const uint32_t lastCode : {258u, 259u, 600u, 4094u, 4095u, 100'000u})
-        for (const Bytes& data : {sampleText(30'000, 1), randomBytes(12'000, 2), Bytes(60'000, 7)}) {
+        for (const Bytes& data : {randomLetters(30'000, 1, 4), randomBytes(12'000, 2), Bytes(60'000, 7)}) {
             VectorStream stream(runOf(data, lastCode).bytes);
             stream.bytes.resize(stream.bytes.size() + 50, 0xAA);
             scfiletag* cfile = makeCFile(stream.file());
@@ -197,7 +197,7 @@ TEST(Run, ReadsWhatOthersWriteAndWhatIsCut) {
             EXPECT_EQ(cfile->status, KAL_ERR_RUN);
             KalFreeCFile(cfile);
         }
-    const Bytes data = sampleText(3000, 5);
+    const Bytes data = randomLetters(3000, 5, 4);
     const SimpleRun whole = runOf(data);
     size_t held = 0; // codes
     for (size_t length = 0; length < 300; length++) {
@@ -248,7 +248,7 @@ TEST(Run, RefusesWhatIsNoRunAndSurvivesDamage) {
         KalFreeCFile(cfile);
     }
     std::mt19937 random(11);
-    const Bytes good = runOf(sampleText(20'000, 3)).bytes;
+    const Bytes good = runOf(randomLetters(20'000, 3, 4)).bytes;
     for (int round = 0; round < 300; round++) {
         VectorStream stream(round % 2 == 0 ? randomBytes(2000, uint32_t(random())) : good);
         stream.bytes[0] = 0;

@@ -4,7 +4,6 @@
 
 #include "tests/support/faults.h"
 #include "tests/support/files.h"
-#include "tests/support/samples.h"
 #include "tests/support/vector_stream.h"
 
 #include <kal/cfile.h>
@@ -12,6 +11,14 @@
 #include <bit>
 #include <map>
 #include <random>
+
+// Of few letters, so that strings come again.
+inline Bytes randomLetters(size_t count, uint32_t seed, int letters) {
+    Bytes bytes = randomBytes(count, seed);
+    for (uint8_t& byte : bytes)
+        byte = uint8_t('a' + byte % letters);
+    return bytes;
+}
 
 struct SimpleRun {
     Bytes bytes;

@@ -230,14 +230,11 @@ TEST_F(CppFace, SettingsAreARangeAndDraftsAreKeptOrDropped) {
 TEST_F(CppFace, LocksShowWhatWasSwappedOut) {
     std::vector<kal::VMemBlock> blocks;
     for (uint32_t i = 0; i < 120; i++) {
-        if (i < 40) {
+        if (i < 40)
             blocks.push_back(kal::VMemBlock::allocate(100000).value());
-        } else {
-            const auto lock = blocks[i % 40].lockToRead().value();
-            ASSERT_EQ(count(lock.bytes(), std::byte(i - 40)), 100000);
-        }
-        fill(blocks[i % 40].lock().value().bytes(),
-             std::byte(i)); // a copy swapped out is old now
+        else
+            ASSERT_EQ(count(blocks[i % 40].lockToRead().value().bytes(), std::byte(i - 40)), 100000);
+        fill(blocks[i % 40].lock().value().bytes(), std::byte(i)); // a copy swapped out is old now
     }
 }
 
@@ -252,12 +249,10 @@ kal::Bitmap pictureOf(uint16_t width, uint16_t height, uint16_t bits) {
 }
 
 bool same(const kal::Bitmap& left, const kal::Bitmap& right) {
-    const auto bytes = [](const kal::Row& row) {
-        return std::vector(row.bytes().begin(), row.bytes().end());
-    };
+    const auto equalBytes = [](const kal::Row& a, const kal::Row& b) { return equal(a.bytes(), b.bytes()); };
     return left.bits() == right.bits() && left.width() == right.width() &&
            equal(std::as_bytes(left.palette()), std::as_bytes(right.palette())) &&
-           equal(left.rows(), right.rows(), {}, bytes, bytes);
+           equal(left.rows(), right.rows(), equalBytes);
 }
 
 TEST_F(CppFace, BitmapsComeBackFromAFile) {

@@ -108,7 +108,7 @@ TEST_F(MessageLog, ExitLosesNothingAndAForkLeavesTheParentsTailAlone) {
     for (int i = 0; i < 300; i++)
         expected += std::to_string(i) + "\r";
     EXPECT_EQ(
-        inChild([&expected] {
+        inChild([] {
             std::atexit([] { log({"from an exit handler"}); }); // runs after the log's own
             log({"=log", "0"});
             EXPECT_EQ(inChild([] { log({"=other", "child", "+"}); }) | inChild([] { log({"=other"}); }), 0);

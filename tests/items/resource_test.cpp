@@ -40,7 +40,7 @@ class Resources : public FolderTest {};
 } // namespace
 
 TEST_F(Resources, DataOfEverySize) {
-    const std::vector<std::string> contents = {std::string(65535, 'x'), "\x7F", "", std::string(50, 'y')};
+    const std::string contents[] = {std::string(65535, 'x'), "\x7F", "", std::string(50, 'y')};
     const auto calls = {KalReadByteResData, KalReadWordResData, KalReadSByteResData, KalReadSWordResData};
     for (uint16_t way = 0; way < 16; way++) {
         HeapBalance balance;
@@ -50,7 +50,7 @@ TEST_F(Resources, DataOfEverySize) {
             return way & 4 ? (small ? KalGetSRes : KalGetRes)(file, id, type, data)
                            : calls.begin()[way % 4](file, id, data);
         };
-        IFILE* file = resources(contents, way & 8 ? KAL_ITEMS_WIDE : 0, 40);
+        IFILE* file = resources({contents, contents + 4}, way & 8 ? KAL_ITEMS_WIDE : 0, 40);
         void* data = &balance;
         for (const uint16_t none : Words{99, KAL_ITEM_FREE})
             EXPECT_EQ(read(file, none, &data), KAL_ERR_RESOURCE);
@@ -58,9 +58,10 @@ TEST_F(Resources, DataOfEverySize) {
         const int statuses[] = {KAL_OK, KAL_OK, type == KAL_RES_WORDS ? KAL_ERR_READ : KAL_OK, KAL_ERR_END};
         for (uint16_t id = 1; id <= 4; id++) {
             EXPECT_EQ(read(file, id, &data), statuses[id - 1]) << id;
-            std::string content = contents[id - 1u];
-            content.replace(id == 4 ? 10 : content.size(), 40, id == 4 ? 40 : 0, '\0'); // whole all the same
-            EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)), content);
+            const std::string content =
+                id < 4 ? contents[id - 1] : std::string(10, 'y') + std::string(40, '\0');
+            EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)), content)
+                << "whole all the same";
             EXPECT_EQ(small ? KalDestroySRes(data) : KalDestroyRes(data), KAL_OK);
         }
         failHeapAllocation(1);
@@ -75,18 +76,14 @@ TEST_F(Resources, DataOfEverySize) {
 
 TEST_F(Resources, TextsEndWhereTheirItemDoes) {
     const std::string y(65535, 'y');
-    const std::pair<std::string, std::string> rows[] = {
-        {"a\0bc\0\0"s, "a bc "}, {"\0\0"s, " "},        {""s, " "},
-        {"abc"s, "abc "},        {"a\0bc\0"s, "a bc "}, {"a\0\0b\0\0"s, "a "},
-        {"\0a\0\0"s, " a "},     {y, y + " "},          {"cut\0off"s, "cut "}};
-    std::vector<std::string> contents;
-    for (const auto& row : rows)
-        contents.push_back(row.first);
+    const std::vector<std::string> contents = {"a\0bc\0\0"s,  "\0\0"s,    "", "abc",      "a\0bc\0"s,
+                                               "a\0\0b\0\0"s, "\0a\0\0"s, y,  "cut\0off"s};
+    const std::string expected[] = {"a bc ", " ",   " ",     "abc ", "a bc ",
+                                    "a ",    " a ", y + " ", "cut ", "KAL_ERR_RESOURCE"};
     const HeapBalance balance;
     IFILE* file = resources(contents, 0, 3);
-    for (uint16_t id = 1; id <= contents.size(); id++)
-        EXPECT_EQ(strings(file, id), rows[id - 1].second);
-    EXPECT_EQ(strings(file, 99), "KAL_ERR_RESOURCE");
+    for (uint16_t id = 1; id <= 10; id++)
+        EXPECT_EQ(strings(file, id), expected[id - 1]) << id;
     char notOurs = 0;
     auto** array = static_cast<char**>(KalAllocSMem(sizeof(char*)));
     array[0] = &notOurs;

@@ -12,16 +12,15 @@ TEST(Group, OneCallFreesAllOfBothKinds) {
                   listhd* group = nullptr;
                   void* const blocks[] = {KalGroupMem(&group, 100), KalGroupSMem(&group, 200)};
                   EXPECT_EQ(blocks[0] == nullptr || blocks[1] == nullptr, heapFaultHappened());
-                  auto* entry =
-                      group->first != nullptr ? reinterpret_cast<KalGroupEntry*>(group->first + 1) : nullptr;
+                  void* node = group->first != nullptr ? group->first + 1 : nullptr;
                   for (uint32_t kind = 1; kind <= 2; kind++)
                       if (void* block = blocks[kind - 1]) {
+                          const auto* entry = static_cast<KalGroupEntry*>(node);
                           EXPECT_EQ(KalSizeSMem(block), kind * 100);
-                          EXPECT_EQ(val(entry->block), block);
-                          EXPECT_EQ(val(entry->kind), kind);
-                          entry = static_cast<KalGroupEntry*>(KalNextNode(entry));
+                          EXPECT_TRUE(entry->block == block && entry->kind == kind);
+                          node = KalNextNode(node);
                       }
-                  EXPECT_EQ(entry, nullptr);
+                  EXPECT_EQ(node, nullptr);
                   KalGroupFree(&group);
                   KalGroupFree(&group);
                   EXPECT_EQ(group, nullptr);

@@ -139,10 +139,7 @@ TYPED_TEST(ListTest, ANodeThatCannotBeFreedStopsOnlyThePlainDestroy) {
     EXPECT_EQ(KalIsSListGood(reinterpret_cast<slisthd*>(list)), 0);
     EXPECT_EQ(F::destroy(list), F::badNode);
     bad[4] ^= 0xFF;
-    if (F::badNode == KAL_OK)
-        F::destroyNode(bad);
-    else
-        EXPECT_EQ(F::count(list) * 10 + F::destroy(list), 20) << "what is left is still a list";
+    EXPECT_EQ(F::badNode == KAL_OK ? F::destroyNode(bad) : F::destroy(list), KAL_OK);
 }
 
 TEST(List, SizeCountsBlocksAndGuards) {

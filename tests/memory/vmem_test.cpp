@@ -208,7 +208,7 @@ TEST_F(VMemTest, ShortMemoryIsMadeUpForBySwapping) {
 
 TEST_F(VMemTest, NothingIsLostOrLeftInTrouble) {
     KalSetVMemTemp(path("").c_str()); // where the walk sees what a killed process leaves
-    const auto work = [this]() -> int {
+    const auto work = []() -> int {
         KalSetMaxVMem(30000);
         const int16_t status = KalOpenVMem(0);
         int lost = 0;

@@ -135,10 +135,18 @@ TEST_F(ListFile, WhatCannotBeStoredIsToldAndLeavesNoEntry) {
     for (uint16_t format : Words{0x8000, 0xC000}) {
         SCOPED_TRACE(format);
         file = openFile("f", kNew, format);
+        OpList *source = open(KAL_OPL_VMEM), *list = nullptr;
+        if (format == 0xC000) {
+            ASSERT_EQ(KalOpenPutIOpList(file, 1, &list), KAL_OK);
+            failHeapAllocationsFrom(1);
+            EXPECT_EQ(KalPutOpData(list, 1, "x", 1), KAL_OP_FAILED);
+            failHeapAllocation(0);
+            EXPECT_EQ(KalClosePutIOpList(file), KAL_OK) << "an op of which nothing was taken breaks no run";
+            EXPECT_EQ(file->ifile->count--, 1);
+        }
         const std::vector<Op> first = {{1, bytesOf("first")}}, later = {{3, bytesOf("later")}};
         EXPECT_EQ(store(file, 1, first), KAL_OK);
         KalFlushBuf(file->ifile->stream);
-        OpList* source = open(KAL_OPL_VMEM);
         for (uint32_t i = 0; i < 20; i++)
             putOp(source, {2, randomBytes(1000, i)});
         KalSeekOp(source, 0);
@@ -151,7 +159,6 @@ TEST_F(ListFile, WhatCannotBeStoredIsToldAndLeavesNoEntry) {
         file->ifile->stream->status = KAL_OK;
         EXPECT_EQ(store(file, 3, later), KAL_OK);
         KalSetBuf(file->ifile->stream, 0);
-        OpList* list = nullptr;
         ASSERT_EQ(KalOpenPutIOpList(file, 4, &list), KAL_OK);
         putOp(list, first[0]);
         FileSizeLimit full(readFile("f").size());

@@ -155,10 +155,11 @@ TEST_F(List, BlocksAreFilledAndFillersLeft) {
 
 TEST_F(List, BlocksPastThoseThatPositionsNameAreReadInOrder) {
     OpList* list = open(KAL_OPL_VMEM, 64);
-    for (uint32_t i = 0; i < 35000; i++) // some 5,000 blocks
+    for (uint32_t i = 0; i < 28675; i++) // 4,096 blocks, and one that shares its positions with block 2,048
         ASSERT_NE(KalPutOpData(list, 7, &i, sizeof i), KAL_OP_FAILED);
     KalSeekOp(list, 0);
-    EXPECT_EQ(restOf(list).size(), 35000u);
+    KalShrinkOpList(list);
+    EXPECT_EQ(restOf(list).size(), 28675u);
     const Bytes row((1 << 20) + 1);
     EXPECT_NE(KalPutOpData(list, KAL_OP_ROW, row.data(), 1 << 20), KAL_OP_FAILED);
     EXPECT_EQ(KalPutOpData(list, KAL_OP_ROW, row.data(), (1 << 20) + 1), KAL_OP_FAILED) << "past a position";
@@ -171,7 +172,7 @@ TEST_F(List, BlocksPastThoseThatPositionsNameAreReadInOrder) {
 TEST_F(List, CompressedListsEndTheirRunWhateverTheBufferHolds) {
     for (size_t size = 0; size < 140; size++) {
         std::vector<Op> ops = {{7, Bytes(size)}, {8, Bytes(size % 9, 'x')}};
-        if (size == 139) // more than one call on the run takes
+        if (size >= 138) // more than one call on the run takes
             ops = {{9, Bytes(65535, 'x')}, {9, randomBytes(65535, 1)}};
         OpList* list = open(kNew | KAL_OPL_COMPRESSED);
         for (const Op& op : ops)

@@ -38,8 +38,7 @@ void holdToModel(uint32_t seed) {
             model[block].bytes.resize(size);
             continue;
         }
-        HGLOBAL block = chosen->first;
-        Block& now = chosen->second;
+        auto& [block, now] = *chosen;
         const auto old = static_cast<uint32_t>(now.bytes.size());
         const auto way = random() % 5;
         if (way < 2) { // locked, compared, changed
@@ -69,10 +68,8 @@ void holdToModel(uint32_t seed) {
         ASSERT_EQ(GlobalFlags(block), now.locks | (now.bytes.empty() ? GMEM_DISCARDED : 0));
     }
     for (HGLOBAL block : dead) {
-        EXPECT_EQ(GlobalFree(block), block);
-        EXPECT_EQ(GlobalLock(block), nullptr);
-        EXPECT_EQ(GlobalUnlock(block) + int32_t(GlobalSize(block)), 0);
-        EXPECT_EQ(GlobalReAlloc(block, 10, GMEM_MOVEABLE), nullptr);
+        EXPECT_TRUE(GlobalFree(block) == block && GlobalLock(block) == nullptr && GlobalUnlock(block) == 0);
+        EXPECT_TRUE(GlobalSize(block) == 0 && GlobalReAlloc(block, 10, GMEM_MOVEABLE) == nullptr);
         EXPECT_EQ(GlobalFlags(block), GMEM_INVALID_HANDLE);
     }
     for (const auto& [block, state] : model)
@@ -155,7 +152,7 @@ TEST(GlobalMemory, RunsOutOfHandlesAndOfMemoryCleanly) {
     GlobalFree(block);
 }
 
-class MemoryStatus : public FolderTest {};
+using MemoryStatus = FolderTest;
 
 TEST_F(MemoryStatus, IsClampedToItsField) {
     HostCallGuard guard;

@@ -22,9 +22,8 @@ void holdToModel(uint32_t seed, bool fails) {
     for (int step = 0; step < 1000; step++) {
         SCOPED_TRACE(::testing::Message() << "seed " << seed << ", step " << step);
         auto& [block, model] = blocks[random() % std::size(blocks)];
-        const auto size = static_cast<uint32_t>(random() % (random() % 4 == 0   ? 70000
-                                                            : random() % 2 == 0 ? 1500
-                                                                                : 40));
+        const auto size =
+            static_cast<uint32_t>(random() % (random() % 2 == 0 ? 70000 : 1500) >> random() % 8);
         const bool isNew = random() % 4 == 0, isDue = fails && random() % 8 == 0;
         if (isNew) {
             ASSERT_EQ(KalFreeSMem(block), 0);

@@ -70,7 +70,7 @@ TEST_F(RegistryProcesses, EachSeesAtOnceWhatAModelSays) {
         std::mt19937 random(seed);
         Model model;
         model.obey({'s', false, "z", "z"});
-        for (int step = 0; step < 3000; step++) {
+        for (int step = 0; step < 2000; step++) {
             Order order{"ssssdtl"[random() % 7], random() % 3 == 0, kKeys[random() % std::size(kKeys)], ""};
             if (random() % 4 == 0)
                 order.key = std::string("c\\d\\") + kOdd[random() % std::size(kOdd)];
@@ -83,7 +83,7 @@ TEST_F(RegistryProcesses, EachSeesAtOnceWhatAModelSays) {
             const int32_t expected = model.obey(order);
             if (step % 1000 == 999)
                 model.logs[1] = {};
-            for (int waits = 0; isOwn && turn < step && waits < 10000000; waits++)
+            for (int waits = 0; isOwn && turn < step && waits < 100000000; waits++)
                 sched_yield();
             if (!isOwn)
                 continue;

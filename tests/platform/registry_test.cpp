@@ -102,21 +102,22 @@ TEST_F(Registry, AnswersAboutKeysAndValuesAndRefusesWhatIsNone) {
             EXPECT_EQ(std::string(data.data(), data.data() + size), bytes);
         }
     const uint64_t state = registryState(key);
-    for (const auto& [code, expected] :
-         {std::pair(RegQueryValueExA(key, "OTHER", nullptr, nullptr, nullptr, nullptr), 0),
-          {RegQueryValueExA(key, "Othe", nullptr, nullptr, nullptr, nullptr), ERROR_FILE_NOT_FOUND},
-          {RegQueryValueExA(key, "Other", nullptr, nullptr, data.data(), nullptr), ERROR_INVALID_PARAMETER},
-          {setValue(key, "large", std::string(kMostValueBytes + 1, 'l')), ERROR_INVALID_PARAMETER},
-          {setValue(key, (longest + "n").c_str(), "v"), ERROR_FILENAME_EXCED_RANGE},
-          {setValue(HKEY_CLASSES_ROOT, nullptr, "v"), ERROR_FILE_NOT_FOUND},
-          {RegOpenKeyExA(key, "c", 0, 0, nullptr), ERROR_INVALID_PARAMETER},
-          {RegOpenKeyExA(key, nullptr, 0, 0, &none), ERROR_INVALID_PARAMETER},
-          {setValue(key, "Other", ""), 0},
-          {RegDeleteKeyA(HKEY_CLASSES_ROOT, "app"), ERROR_ACCESS_DENIED}, // it has a subkey
-          {RegDeleteTreeA(HKEY_CLASSES_ROOT, "app"), 0},
-          {RegDeleteTreeA(HKEY_CLASSES_ROOT, "app"), ERROR_FILE_NOT_FOUND},
-          {RegQueryValueExA(key, nullptr, nullptr, &type, data.data(), &size), ERROR_FILE_NOT_FOUND}})
-        EXPECT_EQ(code, expected);
+    const std::pair<int32_t, int32_t> answers[] = {
+        {RegQueryValueExA(key, "OTHER", nullptr, nullptr, nullptr, nullptr), 0},
+        {RegQueryValueExA(key, "Othe", nullptr, nullptr, nullptr, nullptr), ERROR_FILE_NOT_FOUND},
+        {RegQueryValueExA(key, "Other", nullptr, nullptr, data.data(), nullptr), ERROR_INVALID_PARAMETER},
+        {setValue(key, "large", std::string(kMostValueBytes + 1, 'l')), ERROR_INVALID_PARAMETER},
+        {setValue(key, (longest + "n").c_str(), "v"), ERROR_FILENAME_EXCED_RANGE},
+        {setValue(HKEY_CLASSES_ROOT, nullptr, "v"), ERROR_FILE_NOT_FOUND},
+        {RegOpenKeyExA(key, "c", 0, 0, nullptr), ERROR_INVALID_PARAMETER},
+        {RegOpenKeyExA(key, nullptr, 0, 0, &none), ERROR_INVALID_PARAMETER},
+        {setValue(key, "Other", ""), 0},
+        {RegDeleteKeyA(HKEY_CLASSES_ROOT, "app"), ERROR_ACCESS_DENIED}, // it has a subkey
+        {RegDeleteTreeA(HKEY_CLASSES_ROOT, "app"), 0},
+        {RegDeleteTreeA(HKEY_CLASSES_ROOT, "app"), ERROR_FILE_NOT_FOUND},
+        {RegQueryValueExA(key, nullptr, nullptr, &type, data.data(), &size), ERROR_FILE_NOT_FOUND}};
+    for (const auto& answer : answers)
+        EXPECT_EQ(answer.first, answer.second) << "row " << &answer - answers;
     EXPECT_NE(registryState(key), state);
     EXPECT_EQ(setValue(key, nullptr, std::string("back", 5)), 0);
     EXPECT_EQ(textOf("App"), "back") << "what is written behind the handle of a deleted key is not lost";

@@ -338,11 +338,13 @@ TEST_F(Tags, PathsBringTheirParentsAndLongNamesAreRefused) {
         }
         EXPECT_EQ(paths, chain) << "links that come round are cut, a number that is taken is drawn again";
     }
+    RegDeleteKeyA(HKEY_CLASSES_ROOT, (kRoot + "NextTemp").c_str()); // it stays from now on
     for (const char* counter : {"2147483647", "words", "-5", "a\\b"}) {
         setText(kRoot + "NextTemp", counter);
         TagSet odd;
         EXPECT_EQ(odd.SetTag("t", "v"), 0);
         EXPECT_EQ(odd.GetPath(), std::string("Temp\\") + counter);
+        EXPECT_EQ(textOf(kRoot + "NextTemp"), std::to_string(int32_t(std::atoi(counter) + 1u)));
     }
     const std::string path(256 - kRoot.size() - 1, 'p');
     TagSet longest, refused;

@@ -11,7 +11,7 @@ VectorStream::VectorStream(std::vector<uint8_t> content) : bytes(std::move(conte
         const auto& from = ownerOf(stream)->bytes;
         const size_t left = from.size() - std::min<size_t>(stream->pos, from.size());
         const auto got = static_cast<uint32_t>(std::min<size_t>(count, left));
-        std::copy_n(from.begin() + stream->pos, got, static_cast<uint8_t*>(destination));
+        std::copy_n(from.data() + stream->pos, got, static_cast<uint8_t*>(destination));
         stream->pos += got;
         stream->status = got == count ? KAL_OK : got > 0 ? KAL_ERR_SHORT_READ : KAL_ERR_END;
         return static_cast<int32_t>(got);
@@ -25,7 +25,7 @@ VectorStream::VectorStream(std::vector<uint8_t> content) : bytes(std::move(conte
         const size_t room = owner->capacity - std::min<size_t>(stream->pos, owner->capacity);
         const auto taken = static_cast<uint32_t>(std::min<size_t>(count, room));
         owner->bytes.resize(std::max<size_t>(owner->bytes.size(), size_t{stream->pos} + taken));
-        std::copy_n(static_cast<const uint8_t*>(source), taken, owner->bytes.begin() + stream->pos);
+        std::copy_n(static_cast<const uint8_t*>(source), taken, owner->bytes.data() + stream->pos);
         stream->pos += taken;
         stream->status = taken == count ? KAL_OK : KAL_ERR_DISK_FULL;
         return static_cast<int32_t>(taken);

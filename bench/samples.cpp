@@ -1,4 +1,4 @@
-#include "tests/support/samples.h"
+#include "bench/samples.h"
 
 #include <cmath>
 #include <random>

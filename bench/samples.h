@@ -1,6 +1,6 @@
-// Bytes of the kinds that compress differently, for tests and benchmarks. The same seed gives the same ones.
-#ifndef KAL_TESTS_SUPPORT_SAMPLES_H
-#define KAL_TESTS_SUPPORT_SAMPLES_H
+// Bytes of the kinds that compress differently. The same seed gives the same ones.
+#ifndef KAL_BENCH_SAMPLES_H
+#define KAL_BENCH_SAMPLES_H
 
 #include <cstddef>
 #include <cstdint>
