@@ -26,9 +26,10 @@ void repairPng(Bytes& file) {
                                 (load16(file, at) & 0xFF00u) << 8 | uint32_t{file[at]} << 24;
         if (length > file.size() - at - 12)
             return;
-        const uint32_t sum = crc32({&file[at + 4], length + 4});
+        Checksum sum;
+        sum.add({&file[at + 4], length + 4});
         for (unsigned k = 0; k < 4; k++)
-            file[at + 8 + length + k] = static_cast<uint8_t>(sum >> (24 - 8 * k));
+            file[at + 8 + length + k] = static_cast<uint8_t>(sum.crc >> (24 - 8 * k));
         at += 12 + length;
     }
 }

@@ -4,6 +4,7 @@
 #include "tools/interrupt.h"
 #include "tools/ops.h"
 #include "tools/output_file.h"
+#include "tools/stored_file.h"
 
 #include <kal/cpp/bitmap.h>
 
@@ -67,7 +68,9 @@ std::unique_ptr<Archive> Archive::forStoring(const std::string& path, Compressio
     named(path, [&] { archive->new_.emplace(path); });
     archive->lay(KAL_MODE_CREATE | KAL_MODE_WRITE, plain ? plainFormat : compressedFormat);
     archive->reserve();
-    archive->putSignature();
+    archive->put(signatureId, [](OpList* list) {
+        putOp(list, opSignature, {reinterpret_cast<const uint8_t*>(signature), sizeof signature});
+    });
     return archive;
 }
 
@@ -98,27 +101,18 @@ void Archive::takeBack() {
 
 // Lays the operation-list file over the open file.
 void Archive::lay(uint16_t mode, uint16_t format) {
-    const int handle = ::fcntl(file().handle(), F_DUPFD_CLOEXEC, 3);
-    if (handle < 0)
-        fail(hostErrorText(errno));
-    SFILE* stream = nullptr;
-    if (const int16_t status = KalMakeSFile(&stream, handle); status != 0) {
-        ::close(handle);
+    StreamPtr stream = named(path_, [&] { return streamOver(file(), mode, bufferBytes); });
+    const int16_t status = KalMakeIOpFile(&lists_, stream.get(), format);
+    if (status == 0) {
+        stream.release();
+        return;
+    }
+    lists_ = nullptr;
+    if (status == KAL_ERR_MEMORY) // KAL_ERR_BUFFER says as well that the index makes no sense
         require(status);
-    }
-    stream->mode = mode;
-    int16_t status = KalSetBuf(stream, bufferBytes);
-    if (status == 0)
-        status = KalMakeIOpFile(&lists_, stream, format);
-    if (status != 0) {
-        lists_ = nullptr;
-        stream->close(stream);
-        if (status == KAL_ERR_MEMORY) // KAL_ERR_BUFFER says as well that the index makes no sense
-            require(status);
-        if (mode & KAL_MODE_CREATE)
-            fail(statusText(status));
-        throw Damaged(path_, "not a picture archive");
-    }
+    if (mode & KAL_MODE_CREATE)
+        fail(statusText(status));
+    throw Damaged(path_, "not a picture archive");
 }
 
 bool Archive::beginsWith(uint16_t id, uint16_t type, ByteView bytes) {
@@ -153,15 +147,6 @@ uint32_t Archive::indexRoom() const {
 // Pictures are larger than what a growing index moves out of its way.
 void Archive::reserve() {
     require(KalReserveItems(lists_->ifile, mostEntries));
-}
-
-void Archive::putSignature() {
-    OpList* list = nullptr;
-    require(KalOpenPutIOpList(lists_, signatureId, &list));
-    const bool put = KalPutOpData(list, opSignature, signature, sizeof signature) != KAL_OP_FAILED;
-    const int16_t status = put ? int16_t{0} : KalGetOpError(list);
-    const int16_t closed = KalClosePutIOpList(lists_);
-    require(status != 0 ? status : closed);
 }
 
 std::vector<kal::Entry> Archive::items() const {
@@ -221,7 +206,10 @@ void Archive::put(uint16_t id, const std::function<void(OpList*)>& fill) {
     } catch (const Failure& failure) {
         throw failure.of(path_);
     }
-    require(finishPut());
+    SFILE* stream = lists_->ifile->stream;
+    const int16_t ended = KalClosePutIOpList(lists_);
+    const int16_t status = stream->status; // nobody else reports on the last bytes
+    require(ended != 0 ? ended : status != 0 ? status : KalFlushBuf(stream));
 }
 
 void Archive::remove(uint32_t id) {
@@ -259,14 +247,6 @@ void Archive::pack() {
     packed.writeIndex();
     ::fdatasync(out.file().handle()); // the host may not put the name before the bytes
     out.commit();
-}
-
-// Ends the list being stored, whose last bytes nobody else reports on.
-int16_t Archive::finishPut() {
-    SFILE* stream = lists_->ifile->stream;
-    const int16_t ended = KalClosePutIOpList(lists_);
-    const int16_t status = stream->status;
-    return ended != 0 ? ended : status != 0 ? status : KalFlushBuf(stream);
 }
 
 void Archive::writeIndex() {

@@ -75,10 +75,8 @@ private:
     bool beginsWith(uint16_t id, uint16_t type, ByteView bytes);
     void checkSignature();
     void reserve();
-    void putSignature();
     ItemIndex* find(uint32_t id) const;
     void writeIndex();
-    int16_t finishPut();
     void closeWithoutWriting();
     void takeBack();
     File& file() { return new_ ? new_->file() : file_; }

@@ -1,4 +1,4 @@
-// Little-endian numbers in bytes, and the checksum over them.
+// Little-endian numbers in bytes.
 #ifndef KAL_TOOLS_BYTES_H
 #define KAL_TOOLS_BYTES_H
 
@@ -23,8 +23,5 @@ inline void store32(uint8_t* place, uint32_t number) {
     store16(place, number);
     store16(place + 2, number >> 16);
 }
-
-// The CRC-32 of ISO 3309 over `bytes`, going on from the `crc` of what came before (0 at the start).
-uint32_t crc32(ByteView bytes, uint32_t crc = 0);
 
 #endif

@@ -6,23 +6,9 @@
 
 #include <cstring>
 #include <optional>
+#include <utility>
 
 namespace {
-
-// The parts in front of the rows, of which a long one is not kept whole.
-struct Parts {
-    std::vector<uint8_t> before;
-    std::vector<uint8_t> transparency;
-
-    void take(PicturePart part, ByteView bytes) {
-        if (part == PicturePart::After)
-            return;
-        std::vector<uint8_t>& to = part == PicturePart::Before ? before : transparency;
-        bytes =
-            bytes.first(std::min(bytes.size(), Pixels::mostBytes - std::min(to.size(), Pixels::mostBytes)));
-        to.insert(to.end(), bytes.begin(), bytes.end());
-    }
-};
 
 class BmpAsItWas : public PictureFile {
 public:
@@ -37,40 +23,55 @@ private:
     size_t rowBytes_;
 };
 
-class PngAsItWas : public PictureFile {
+// Row by row, in another form than the rows have. What stands in front of them is known at the first.
+class MadeOfRows : public PictureFile {
 public:
-    PngAsItWas(OutputFile& out, const PictureForm& form) : out_(out), form_(form) {}
-    void part(PicturePart part, ByteView bytes) override { parts_.take(part, bytes); }
-    void rows(const uint8_t* rows, uint32_t count) override {
-        if (!writer_)
-            writer_.emplace(out_, PngLayout{form_.width, form_.height, form_.depth, PngColour{form_.colour},
-                                            parts_.before, parts_.transparency});
+    MadeOfRows(OutputFile& out, const PictureForm& form) : out_(out), form_(form) {}
+    void part(PicturePart part, ByteView bytes) final { parts_.take(part, bytes); }
+    void rows(const uint8_t* rows, uint32_t count) final {
+        if (!std::exchange(started_, true))
+            start();
         for (; count > 0; count--, rows += form_.rowBytes)
-            writer_->row(rows);
+            row(rows);
     }
+
+protected:
+    virtual void start() = 0;
+    virtual void row(const uint8_t* row) = 0;
+    void takePixels() {
+        pixels_.emplace(form_, parts_);
+        rgba_.resize(size_t{form_.width} * 4);
+    }
+
+    OutputFile& out_;
+    const PictureForm form_;
+    FrontParts parts_;
+    std::optional<Pixels> pixels_;
+    std::vector<uint8_t> rgba_; // of a row
+
+private:
+    bool started_ = false;
+};
+
+class PngAsItWas : public MadeOfRows {
+public:
+    using MadeOfRows::MadeOfRows;
     void finish() override { writer_->finish(); }
 
 private:
-    OutputFile& out_;
-    const PictureForm form_;
-    Parts parts_;
+    void start() override {
+        writer_.emplace(out_, PngLayout{form_.width, form_.height, form_.depth, PngColour{form_.colour},
+                                        parts_.before, parts_.transparency});
+    }
+    void row(const uint8_t* row) override { writer_->row(row); }
+
     std::optional<PngWriter> writer_;
 };
 
 // A picture whose bottom row comes first is held whole.
-class PngOfBmp : public PictureFile {
+class PngOfBmp : public MadeOfRows {
 public:
-    PngOfBmp(OutputFile& out, const PictureForm& form) : out_(out), form_(form) {}
-    void part(PicturePart part, ByteView bytes) override { parts_.take(part, bytes); }
-    void rows(const uint8_t* rows, uint32_t count) override {
-        if (!writer_)
-            start();
-        if (form_.topDown)
-            for (; count > 0; count--, rows += form_.rowBytes)
-                write(rows);
-        else
-            held_.insert(held_.end(), rows, rows + size_t{count} * form_.rowBytes);
-    }
+    using MadeOfRows::MadeOfRows;
     void finish() override {
         for (size_t line = held_.size() / form_.rowBytes; line-- > 0;)
             write(&held_[line * form_.rowBytes]);
@@ -78,8 +79,8 @@ public:
     }
 
 private:
-    void start() {
-        pixels_.emplace(form_, parts_.before, parts_.transparency);
+    void start() override {
+        takePixels();
         const bool indexed = !pixels_->palette().empty();
         const PngColour colour = indexed               ? PngColour::Palette
                                  : pixels_->hasAlpha() ? PngColour::RgbAlpha
@@ -87,7 +88,12 @@ private:
         writer_.emplace(
             out_,
             PngLayout{form_.width, form_.height, indexed ? form_.bits : 8U, colour, pixels_->palette(), {}});
-        rgba_.resize(size_t{form_.width} * 4);
+    }
+    void row(const uint8_t* row) override {
+        if (form_.topDown)
+            write(row);
+        else
+            held_.insert(held_.end(), row, row + form_.rowBytes);
     }
     void write(const uint8_t* row) {
         if (!pixels_->palette().empty())
@@ -99,33 +105,21 @@ private:
         writer_->row(rgba_.data());
     }
 
-    OutputFile& out_;
-    const PictureForm form_;
-    Parts parts_;
-    std::optional<Pixels> pixels_;
     std::optional<PngWriter> writer_;
-    std::vector<uint8_t> rgba_;
     std::vector<uint8_t> held_;
 };
 
 // The topmost row comes first.
-class BmpOfPng : public PictureFile {
+class BmpOfPng : public MadeOfRows {
 public:
-    BmpOfPng(OutputFile& out, const PictureForm& form) : out_(out), form_(form) {
+    BmpOfPng(OutputFile& out, const PictureForm& form) : MadeOfRows(out, form) {
         if (form.depth == 16)
             throw Failure("its samples of 16 bits fit a PNG file only");
     }
-    void part(PicturePart part, ByteView bytes) override { parts_.take(part, bytes); }
-    void rows(const uint8_t* rows, uint32_t count) override {
-        if (!pixels_)
-            start();
-        for (; count > 0; count--, rows += form_.rowBytes)
-            write(rows);
-    }
 
 private:
-    void start() {
-        pixels_.emplace(form_, parts_.before, parts_.transparency);
+    void start() override {
+        takePixels();
         const std::vector<uint8_t>& colours = pixels_->palette();
         std::vector<uint8_t> palette;
         bits_ = pixels_->hasAlpha() ? 32 : 24;
@@ -138,10 +132,9 @@ private:
         if (rowBytes * form_.height > UINT32_MAX - mostBmpHeaders)
             throw Failure("its pixels fit a PNG file only");
         row_.resize(static_cast<size_t>(rowBytes));
-        rgba_.resize(size_t{form_.width} * 4);
         out_.append(bmpHeaders(form_.width, form_.height, true, bits_, palette));
     }
-    void write(const uint8_t* row) {
+    void row(const uint8_t* row) override {
         if (bits_ == form_.bits && bits_ <= 8) {
             std::memcpy(row_.data(), row, form_.rowBytes);
         } else if (bits_ <= 8) { // two bits to four
@@ -165,13 +158,8 @@ private:
         out_.append(row_);
     }
 
-    OutputFile& out_;
-    const PictureForm form_;
-    Parts parts_;
     uint32_t bits_ = 0;
-    std::optional<Pixels> pixels_;
     std::vector<uint8_t> row_;
-    std::vector<uint8_t> rgba_;
 };
 
 } // namespace

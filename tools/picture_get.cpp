@@ -74,22 +74,17 @@ public:
     }
 
 private:
-    void count(ByteView bytes) {
-        checksum_ = crc32(bytes, checksum_);
-        bytes_ += bytes.size();
-    }
-
     void takePart(PicturePart part, ByteView bytes, bool belongs) {
         if (!belongs || !partial_.empty())
             throw Damaged("its parts stand in the wrong order");
-        count(bytes);
+        sum_.add(bytes);
         taker_.part(part, bytes);
     }
 
     void giveRows(const std::vector<uint8_t>& rows, uint32_t lines) {
         if (lines == 0)
             return;
-        count(rows);
+        sum_.add(rows);
         taker_.rows(rows.data(), lines);
         line_ += lines;
     }
@@ -147,9 +142,9 @@ private:
 
     void takeEnd(ByteView bytes) {
         if (bytes.size() != endPayload || line_ != form_.height || !partial_.empty() || !padding_.empty() ||
-            (load32(bytes, 4) | uint64_t{load32(bytes, 8)} << 32) != bytes_)
+            (load32(bytes, 4) | uint64_t{load32(bytes, 8)} << 32) != sum_.bytes)
             throw Damaged("a part of it is missing");
-        if (load32(bytes, 0) != checksum_)
+        if (load32(bytes, 0) != sum_.crc)
             throw Damaged("its checksum is wrong");
         ended_ = true;
     }
@@ -162,8 +157,7 @@ private:
     std::vector<uint8_t> rows_;
     std::vector<uint8_t> padding_;
     uint32_t line_ = 0; // the next
-    uint32_t checksum_ = 0;
-    uint64_t bytes_ = 0;
+    Checksum sum_;
     bool ended_ = false;
 };
 

@@ -5,6 +5,7 @@
 #include "tools/png_file.h"
 
 #include <cstring>
+#include <zlib.h>
 
 namespace {
 
@@ -65,6 +66,12 @@ PictureForm loadForm(ByteView from, uint16_t id) {
     return form;
 }
 
+void Checksum::add(ByteView more) {
+    if (!more.empty()) // else it would begin anew
+        crc = static_cast<uint32_t>(crc32_z(crc, more.data(), more.size()));
+    bytes += more.size();
+}
+
 Bands::Bands(const PictureForm& form) : width_(form.width), wide_(form.bits == 24) {
     fit_ = form.kind == PictureKind::Bmp && (form.bits <= 8 || wide_) && form.width <= UINT16_MAX &&
            form.height <= UINT16_MAX;
@@ -82,12 +89,8 @@ void Bands::toLine(const uint8_t* row, uint8_t* to) const {
         std::memcpy(to, row, carriedBytes_);
         return;
     }
-    for (uint32_t x = 0; x < width_; x++, row += 3, to += 4) {
-        to[0] = row[0];
-        to[1] = row[1];
-        to[2] = row[2];
-        to[3] = 0;
-    }
+    for (uint32_t x = 0; x < width_; x++, row += 3, to += 4)
+        std::memcpy(to, row, 3);
 }
 
 void Bands::fromLine(const uint8_t* from, uint8_t* row) const {

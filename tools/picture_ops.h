@@ -21,6 +21,13 @@ void storeForm(uint8_t (&to)[formPayload], const PictureForm& form, uint16_t id)
 // Throws Damaged when the payload is no form, or that of another picture.
 PictureForm loadForm(ByteView from, uint16_t id);
 
+// Over the bytes of a picture, as they come.
+struct Checksum {
+    uint32_t crc = 0; // the CRC-32 of ISO 3309
+    uint64_t bytes = 0;
+    void add(ByteView more);
+};
+
 // How a picture's rows stand in bands.
 class Bands {
 public:

@@ -64,7 +64,7 @@ public:
         storeForm(form, form_, id_);
         put(opForm, form);
         const auto putPart = [this](PicturePart part, ByteView bytes) {
-            count(bytes);
+            sum_.add(bytes);
             const uint16_t type = part == PicturePart::Before         ? opBefore
                                   : part == PicturePart::Transparency ? opTransparency
                                                                       : opAfter;
@@ -74,19 +74,15 @@ public:
         makeRows();
         source_.after(putPart);
         uint8_t end[endPayload];
-        store32(end, checksum_);
-        store32(end + 4, static_cast<uint32_t>(bytes_));
-        store32(end + 8, static_cast<uint32_t>(bytes_ >> 32));
+        store32(end, sum_.crc);
+        store32(end + 4, static_cast<uint32_t>(sum_.bytes));
+        store32(end + 8, static_cast<uint32_t>(sum_.bytes >> 32));
         put(opEnd, end);
     }
 
 private:
     enum class RowsAs { Filtered, Unfiltered, Bands };
 
-    void count(ByteView bytes) {
-        checksum_ = crc32(bytes, checksum_);
-        bytes_ += bytes.size();
-    }
     void put(uint16_t type, ByteView bytes) { pipe_.put({type, {bytes.begin(), bytes.end()}}); }
 
     // Reads the next rows, `most` bytes at most but one row at least.
@@ -94,7 +90,7 @@ private:
         const uint32_t lines = std::min(form_.height - line_, std::max(1U, most / form_.rowBytes));
         rows_.resize(size_t{lines} * form_.rowBytes);
         source_.rows(rows_.data(), lines);
-        count(rows_);
+        sum_.add(rows_);
         line_ += lines;
         return rows_;
     }
@@ -190,8 +186,7 @@ private:
     std::vector<uint8_t> rows_;
     std::vector<uint8_t> op_; // the beginning of the next operation
     uint32_t line_ = 0;       // the next to read
-    uint32_t checksum_ = 0;
-    uint64_t bytes_ = 0;
+    Checksum sum_;
 };
 
 } // namespace

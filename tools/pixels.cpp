@@ -24,9 +24,18 @@ uint8_t* putRgba(uint8_t* to, uint8_t red, uint8_t green, uint8_t blue, uint8_t 
 
 } // namespace
 
-Pixels::Pixels(const PictureForm& form, ByteView before, ByteView transparency)
-    : form_(form), transparency_(transparency.begin(), transparency.end()) {
-    form.kind == PictureKind::Bmp ? takeBmp(before) : takePng(before);
+void FrontParts::take(PicturePart part, ByteView bytes) {
+    if (part == PicturePart::After)
+        return;
+    constexpr size_t most = mostBmpHeaders + 1024;
+    std::vector<uint8_t>& to = part == PicturePart::Before ? before : transparency;
+    bytes = bytes.first(std::min(bytes.size(), most - to.size()));
+    to.insert(to.end(), bytes.begin(), bytes.end());
+}
+
+Pixels::Pixels(const PictureForm& form, const FrontParts& parts)
+    : form_(form), transparency_(parts.transparency) {
+    form.kind == PictureKind::Bmp ? takeBmp(parts.before) : takePng(parts.before);
 }
 
 void Pixels::takeBmp(ByteView before) {

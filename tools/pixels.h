@@ -5,12 +5,17 @@
 #include "tools/bmp.h"
 #include "tools/picture_form.h"
 
+// The parts in front of the rows, of which a long one is not kept whole.
+struct FrontParts {
+    std::vector<uint8_t> before;
+    std::vector<uint8_t> transparency;
+    void take(PicturePart part, ByteView bytes);
+};
+
 class Pixels {
 public:
-    // `before` and `transparency` are the parts in front of the rows; of a long `before` its first mostBytes do. Throws
-    // Damaged when they make no sense.
-    static constexpr size_t mostBytes = mostBmpHeaders + 1024;
-    Pixels(const PictureForm& form, ByteView before, ByteView transparency);
+    // Throws Damaged when the parts make no sense.
+    Pixels(const PictureForm& form, const FrontParts& parts);
 
     bool hasAlpha() const { return hasAlpha_; }
     // The colours of a picture of 1 to 8 bits without alpha, as many as its bits can name: red, green, blue. Else none.

@@ -9,8 +9,8 @@
 
 namespace {
 
-// The picture library leaves a call that fails by a jump. So each call of ours that uses it sets the mark anew, keeps
-// nothing beside it that wants to be destroyed, and throws from here on.
+// The picture library leaves a call that fails by a jump to the mark that `attempt` sets. What it attempts makes nothing
+// that wants to be destroyed.
 struct Trouble {
     std::string text;
     std::exception_ptr thrown; // by a call back
@@ -22,10 +22,19 @@ struct Trouble {
 }
 void ignoreWarning(png_structp, png_const_charp) {}
 
-[[noreturn]] void rethrow(const Trouble& trouble) {
-    if (trouble.thrown)
-        std::rethrow_exception(trouble.thrown);
-    throw Failure(trouble.text);
+template <class Work>
+void attempt(png_structp png, Work work) {
+    if (setjmp(png_jmpbuf(png)) == 0)
+        return work();
+    const auto* trouble = static_cast<Trouble*>(png_get_error_ptr(png));
+    if (trouble->thrown)
+        std::rethrow_exception(trouble->thrown);
+    throw Failure(trouble->text);
+}
+
+void requireMade(png_infop info) {
+    if (info == nullptr)
+        throw std::bad_alloc();
 }
 
 // Does `work` in a call back, out of which nothing may be thrown.
@@ -89,33 +98,25 @@ struct PngReader::State {
         guarded(png, [&] { static_cast<State*>(png_get_io_ptr(png))->give(to, count); });
     }
 
-    bool start() {
+    void start() {
         png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &trouble, fail, ignoreWarning);
         info = png != nullptr ? png_create_info_struct(png) : nullptr;
-        if (info == nullptr)
-            throw std::bad_alloc();
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_set_user_limits(png, PNG_UINT_31_MAX, PNG_UINT_31_MAX);
-        png_set_read_fn(png, this, readCall);
-        png_read_info(png, info);
-        return true;
-    }
-
-    bool takeLayout() {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        layout.width = png_get_image_width(png, info);
-        layout.height = png_get_image_height(png, info);
-        layout.depth = png_get_bit_depth(png, info);
-        layout.colour = PngColour{png_get_color_type(png, info)};
-        constexpr uint64_t mostOfAByte = 1032; // that the compression makes
-        if (layout.rowBytes() > file.size() * mostOfAByte / layout.height)
-            throw Failure("it ends too early"); // before anybody asks for memory for a row
-        if (png_get_interlace_type(png, info) != PNG_INTERLACE_NONE)
-            png_set_interlace_handling(png);
-        png_read_update_info(png, info);
-        return true;
+        requireMade(info);
+        attempt(png, [this] {
+            png_set_user_limits(png, PNG_UINT_31_MAX, PNG_UINT_31_MAX);
+            png_set_read_fn(png, this, readCall);
+            png_read_info(png, info);
+            layout.width = png_get_image_width(png, info);
+            layout.height = png_get_image_height(png, info);
+            layout.depth = png_get_bit_depth(png, info);
+            layout.colour = PngColour{png_get_color_type(png, info)};
+            constexpr uint64_t mostOfAByte = 1032; // that the compression makes
+            if (layout.rowBytes() > file.size() * mostOfAByte / layout.height)
+                throw Failure("it ends too early"); // before anybody asks for memory for a row
+            if (png_get_interlace_type(png, info) != PNG_INTERLACE_NONE)
+                png_set_interlace_handling(png);
+            png_read_update_info(png, info);
+        });
     }
 
     void takeColours() {
@@ -141,24 +142,10 @@ struct PngReader::State {
             layout.transparency.insert(layout.transparency.end(),
                                        {static_cast<uint8_t>(sample >> 8), static_cast<uint8_t>(sample)});
     }
-
-    bool readWhole(png_bytep* rows) {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_read_image(png, rows);
-        return true;
-    }
-    bool readRow(uint8_t* out) {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_read_row(png, out, nullptr);
-        return true;
-    }
 };
 
 PngReader::PngReader(const File& file) : state_(std::make_unique<State>(file)) {
-    if (!state_->start() || !state_->takeLayout())
-        rethrow(state_->trouble);
+    state_->start();
     state_->takeColours();
 }
 
@@ -170,19 +157,15 @@ const PngLayout& PngReader::layout() const {
 
 void PngReader::row(uint8_t* out) {
     State& state = *state_;
-    if (png_get_interlace_type(state.png, state.info) == PNG_INTERLACE_NONE) {
-        if (!state.readRow(out))
-            rethrow(state.trouble);
-        return;
-    }
+    if (png_get_interlace_type(state.png, state.info) == PNG_INTERLACE_NONE)
+        return attempt(state.png, [&] { png_read_row(state.png, out, nullptr); });
     const auto rowBytes = static_cast<size_t>(state.layout.rowBytes());
     if (state.whole.empty()) {
         state.whole.resize(rowBytes * state.layout.height);
         std::vector<png_bytep> rows(state.layout.height);
         for (size_t y = 0; y < rows.size(); y++)
             rows[y] = &state.whole[y * rowBytes];
-        if (!state.readWhole(rows.data()))
-            rethrow(state.trouble);
+        attempt(state.png, [&] { png_read_image(state.png, rows.data()); });
     }
     std::memcpy(out, &state.whole[state.rowsGiven++ * rowBytes], rowBytes);
 }
@@ -201,38 +184,25 @@ struct PngWriter::State {
     }
     static void flushCall(png_structp) {}
 
-    bool start(const PngLayout& layout, const png_color* colours, int colourCount,
-               const png_color_16& unseen) {
+    void start(const PngLayout& layout, const std::vector<png_color>& colours, const png_color_16& unseen) {
         png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &trouble, fail, ignoreWarning);
         info = png != nullptr ? png_create_info_struct(png) : nullptr;
-        if (info == nullptr)
-            throw std::bad_alloc();
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
+        requireMade(info);
+        attempt(png, [&] { writeHead(layout, colours, unseen); });
+    }
+    void writeHead(const PngLayout& layout, const std::vector<png_color>& colours,
+                   const png_color_16& unseen) {
         png_set_user_limits(png, PNG_UINT_31_MAX, PNG_UINT_31_MAX);
         png_set_write_fn(png, this, writeCall, flushCall);
         png_set_IHDR(png, info, layout.width, layout.height, static_cast<int>(layout.depth),
                      static_cast<int>(layout.colour), PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
                      PNG_FILTER_TYPE_DEFAULT);
-        if (colourCount > 0)
-            png_set_PLTE(png, info, colours, colourCount);
+        if (!colours.empty())
+            png_set_PLTE(png, info, colours.data(), static_cast<int>(colours.size()));
         if (!layout.transparency.empty())
             png_set_tRNS(png, info, layout.transparency.data(), static_cast<int>(layout.transparency.size()),
                          &unseen);
         png_write_info(png, info);
-        return true;
-    }
-    bool writeRow(const uint8_t* bytes) {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_write_row(png, bytes);
-        return true;
-    }
-    bool finish() {
-        if (setjmp(png_jmpbuf(png)) != 0)
-            return false;
-        png_write_end(png, info);
-        return true;
     }
 };
 
@@ -250,18 +220,15 @@ PngWriter::PngWriter(OutputFile& out, const PngLayout& layout) : state_(std::mak
     unseen.gray = unseen.red = big(0);
     unseen.green = big(1);
     unseen.blue = big(2);
-    if (!state_->start(layout, colours.data(), static_cast<int>(colours.size()), unseen))
-        rethrow(state_->trouble);
+    state_->start(layout, colours, unseen);
 }
 
 PngWriter::~PngWriter() = default;
 
 void PngWriter::row(const uint8_t* bytes) {
-    if (!state_->writeRow(bytes))
-        rethrow(state_->trouble);
+    attempt(state_->png, [&] { png_write_row(state_->png, bytes); });
 }
 
 void PngWriter::finish() {
-    if (!state_->finish())
-        rethrow(state_->trouble);
+    attempt(state_->png, [&] { png_write_end(state_->png, state_->info); });
 }

@@ -5,17 +5,10 @@
 #include "tools/output_file.h"
 #include "tools/resource_script.h"
 #include "tools/rows.h"
-
-#include <kal/cpp/items.h>
+#include "tools/stored_file.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <fcntl.h>
-#include <iostream>
 #include <memory>
-#include <set>
-#include <unistd.h>
 
 namespace {
 
@@ -23,34 +16,9 @@ constexpr size_t kHeader = 4;
 constexpr size_t kSpareEntries = 10; // a new file has room for these
 constexpr size_t kMostResources = KAL_ITEMS_MAX_NARROW;
 
-struct MakeArguments {
-    std::string output;
-    std::string script;
-};
-
-struct ListArguments {
+struct Arguments {
     std::string file;
-};
-
-// A stream and the item file over it, released in their order.
-class Items {
-public:
-    explicit Items(SFILE* stream) : stream_(stream) {}
-    ~Items() {
-        if (file_ != nullptr)
-            KalFreeIFile(file_);
-        if (stream_ != nullptr)
-            stream_->close(stream_);
-    }
-    Items(const Items&) = delete;
-    Items& operator=(const Items&) = delete;
-    int16_t lay() { return KalMakeIFile(&file_, stream_, 0); }
-    SFILE* stream() const { return stream_; }
-    IFILE* file() const { return file_; }
-
-private:
-    SFILE* stream_;
-    IFILE* file_ = nullptr;
+    std::string script;
 };
 
 void require(bool done) {
@@ -61,33 +29,34 @@ void require(bool done) {
 // The resources as an item file: behind the index, which has its final size from the start, one item after
 // the other.
 std::vector<uint8_t> itemFileOf(const std::vector<Resource>& resources) {
-    SFILE* memory = nullptr;
-    require(KalOpenFile(&memory, nullptr, KAL_MODE_MEMORY | KAL_MODE_CREATE | KAL_MODE_UPDATE, 0) == 0);
-    Items items(memory);
-    require(items.lay() == 0);
-    require(KalReserveItems(items.file(), static_cast<uint16_t>(resources.size())) == 0);
+    auto memory = kal::Stream::open(nullptr, KAL_MODE_MEMORY | KAL_MODE_CREATE | KAL_MODE_UPDATE);
+    require(memory.has_value());
+    SFILE* const stream = memory->get();
+    auto items = kal::ItemFile::over(std::move(*memory));
+    require(items.has_value());
+    require(items->reserve(static_cast<uint16_t>(resources.size())).ok());
     size_t end = kHeader + std::max(resources.size(), kSpareEntries) * sizeof(ItemIndexNarrow);
     for (const Resource& resource : resources) {
         const auto size = static_cast<uint16_t>(resource.bytes.size());
-        ItemIndex* entry = KalAppendItemIndex(items.file());
+        ItemIndex* entry = KalAppendItemIndex(items->get());
         require(entry != nullptr);
         entry->narrow = {resource.id, size, static_cast<uint32_t>(end)};
-        require(KalWriteItem(items.file(), entry, resource.bytes.data()) == size);
+        require(KalWriteItem(items->get(), entry, resource.bytes.data()) == size);
         end += size;
     }
-    require(KalFlushIFile(items.file()) == 0);
+    require(items->flush().ok());
     std::vector<uint8_t> bytes(end);
-    memory->seek(memory, 0, KAL_SEEK_END);
-    memory->seek(memory, 0, KAL_SEEK_START);
-    require(memory->read(memory, bytes.data(), uint32_t(end)) == int32_t(end));
+    stream->seek(stream, 0, KAL_SEEK_END);
+    stream->seek(stream, 0, KAL_SEEK_START);
+    require(stream->read(stream, bytes.data(), uint32_t(end)) == int32_t(end));
     return bytes;
 }
 
-void make(const MakeArguments& arguments) {
+void make(const Arguments& arguments) {
     const std::vector<Resource> resources = readResourceScript(arguments.script);
     if (resources.size() > kMostResources)
         throw Failure(arguments.script, std::to_string(kMostResources) + " resources are the most");
-    OutputFile output(arguments.output);
+    OutputFile output(arguments.file);
     output.append(itemFileOf(resources));
     output.commit();
 }
@@ -135,18 +104,13 @@ void addRow(Rows& rows, const Row& row) {
 }
 
 // The item file at `path`, open for reading.
-std::unique_ptr<Items> openItems(const std::string& path) {
+kal::ItemFile openItems(const std::string& path) {
     return named(path, [&] {
-        File file = File::toRead(path);
-        SFILE* stream = nullptr;
-        require(KalMakeSFile(&stream, file.handle()) == 0);
-        file.release();
-        auto items = std::make_unique<Items>(stream);
-        const int16_t status = items->lay();
-        require(status != KAL_ERR_MEMORY);
-        if (status != 0)
+        auto items = kal::ItemFile::over(kal::Stream(streamOver(File::toRead(path), 0).release()));
+        require(items || items.error().code() != KAL_ERR_MEMORY);
+        if (!items)
             throw Failure("not a resource file");
-        return items;
+        return std::move(*items);
     });
 }
 
@@ -160,15 +124,12 @@ Row readRow(IFILE* file, uint16_t id) {
     return row;
 }
 
-void list(const ListArguments& arguments) {
-    const auto items = openItems(arguments.file);
+void list(const Arguments& arguments) {
+    const kal::ItemFile items = openItems(arguments.file);
     Rows rows({{"id", "id"}, {"bytes", "bytes"}, {"text", "content"}});
-    std::set<uint16_t> seen;
     Failures damage;
-    IFILE* const file = items->file();
-    for (auto entry = kal::EntryIterator(file, 0); entry != kal::EntryIterator(file, file->count); ++entry)
-        if (const uint16_t id = (*entry).id; seen.insert(id).second) // an earlier one hides it
-            damage.collect([&] { addRow(rows, readRow(file, id)); });
+    for (const kal::Entry& item : itemsOf(items.get()))
+        damage.collect([&] { addRow(rows, readRow(items.get(), item.id)); });
     // What can be read is listed even where some cannot.
     rows.print();
     named(arguments.file, [&] { damage.end(); });
@@ -179,7 +140,7 @@ void list(const ListArguments& arguments) {
 void addResource(const Command& program) {
     const Command resource = program.add({"resource", "Make or list a resource file", R"(Example:
   kal resource list program.res)"});
-    auto toMake = std::make_shared<MakeArguments>();
+    auto arguments = std::make_shared<Arguments>();
     resource
         .add({"make", "Make a resource file from a script",
               R"(The script has a resource a line, the id, 0 to 65534, first:
@@ -190,19 +151,18 @@ Strings know \" \\ \n \r \t and \xHH. The name of a file is the rest of the line
 
 Example:
   kal resource make program.res script.txt)"})
-        .needs("OUT", toMake->output,
+        .needs("OUT", arguments->file,
                "The resource file; one that is there is replaced; - is standard output")
-        .needs("SCRIPT", toMake->script, "The script; - is standard input")
-        .does([toMake] { make(*toMake); });
-    auto toList = std::make_shared<ListArguments>();
+        .needs("SCRIPT", arguments->script, "The script; - is standard input")
+        .does([arguments] { make(*arguments); });
     resource
         .add({"list", "List the resources of a file",
               R"(Of each resource its id and bytes, and its strings where it can be a text.
 
 Example:
   kal resource list program.res)"})
-        .needs("FILE", toList->file, "The resource file")
+        .needs("FILE", arguments->file, "The resource file")
         .json()
         .human()
-        .does([toList] { list(*toList); });
+        .does([arguments] { list(*arguments); });
 }

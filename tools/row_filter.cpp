@@ -49,7 +49,7 @@ uint32_t differences(const uint8_t* row, const uint8_t* above, uint32_t count, u
 
 // The distance to the pixel before as a constant, or 0 for any other.
 template <Filter filter, uint32_t fixedPixelBytes>
-void undo(const uint8_t* stored, const uint8_t* above, uint32_t count, uint32_t pixelBytes, uint8_t* row) {
+void undoAt(const uint8_t* stored, const uint8_t* above, uint32_t count, uint32_t pixelBytes, uint8_t* row) {
     const uint32_t distance = fixedPixelBytes != 0 ? fixedPixelBytes : pixelBytes;
     const uint8_t* left = row - distance;
     const uint8_t* before = above - distance;
@@ -60,11 +60,11 @@ void undo(const uint8_t* stored, const uint8_t* above, uint32_t count, uint32_t 
 template <Filter filter>
 void undo(const uint8_t* stored, const uint8_t* above, uint32_t count, uint32_t pixelBytes, uint8_t* row) {
     if (pixelBytes == 3)
-        undo<filter, 3>(stored, above, count, pixelBytes, row);
+        undoAt<filter, 3>(stored, above, count, pixelBytes, row);
     else if (pixelBytes == 4)
-        undo<filter, 4>(stored, above, count, pixelBytes, row);
+        undoAt<filter, 4>(stored, above, count, pixelBytes, row);
     else
-        undo<filter, 0>(stored, above, count, pixelBytes, row);
+        undoAt<filter, 0>(stored, above, count, pixelBytes, row);
 }
 
 } // namespace
@@ -96,25 +96,11 @@ void RowFilter::filter(const uint8_t* row, uint8_t* stored, bool filtering) {
 }
 
 bool RowFilter::restore(const uint8_t* stored, uint8_t* row) {
-    switch (stored[0]) {
-    case kNone:
-        std::memcpy(current_, stored + 1, rowBytes_);
-        break;
-    case kLeft:
-        undo<kLeft>(stored + 1, above_, rowBytes_, pixelBytes_, current_);
-        break;
-    case kAbove:
-        undo<kAbove>(stored + 1, above_, rowBytes_, pixelBytes_, current_);
-        break;
-    case kAverage:
-        undo<kAverage>(stored + 1, above_, rowBytes_, pixelBytes_, current_);
-        break;
-    case kNearest:
-        undo<kNearest>(stored + 1, above_, rowBytes_, pixelBytes_, current_);
-        break;
-    default:
+    constexpr decltype(&undo<kNone>) undoes[kFilters] = {undo<kNone>, undo<kLeft>, undo<kAbove>,
+                                                         undo<kAverage>, undo<kNearest>};
+    if (stored[0] >= kFilters)
         return false;
-    }
+    undoes[stored[0]](stored + 1, above_, rowBytes_, pixelBytes_, current_);
     std::memcpy(row, current_, rowBytes_);
     std::swap(above_, current_);
     return true;

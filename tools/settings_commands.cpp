@@ -4,6 +4,8 @@
 #include "tools/manners.h"
 #include "tools/rows.h"
 
+#include <kal/cpp/settings.h>
+
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -17,9 +19,6 @@ struct Arguments {
     std::string tag;
     std::string value;
 };
-
-// The longest value that the registry keeps, and its zero.
-constexpr int kMostValueSize = (1 << 20) + 1;
 
 // A set as a person names it: opened only if it is there, without its parents' tags.
 class OpenedSet {
@@ -41,16 +40,9 @@ public:
 
     explicit OpenedSet(const std::string& path) {
         const int16_t status = set_.SetPath(path.c_str(), 1);
-        while (TagSet* parent = set_.GetParent()) {
-            TagSet* const above = parent->GetParent();
-            set_.SetParent(nullptr);
-            delete parent;
-            for (TagSet* next = above; next != nullptr;) {
-                TagSet* const following = next->GetParent();
-                delete next;
-                next = following;
-            }
-        }
+        TagSet* const parents = set_.GetParent();
+        set_.SetParent(nullptr);
+        kal::ParentsTraits::close(parents);
         if (status != KAL_OK)
             throw Failure("settings " + path, statusText(status));
     }
@@ -73,20 +65,10 @@ bool holds(TagSet& set, const std::string& tag) {
            KAL_OK;
 }
 
-std::string valueOf(TagSet& set, const std::string& tag) {
-    static std::vector<char> text(kMostValueSize);
-    text[0] = 0;
-    set.GetTag(tag.c_str(), text.data(), kMostValueSize);
-    return text.data();
-}
-
 std::vector<Entry> entriesOf(TagSet& set) {
     std::vector<Entry> entries;
-    TagSearch search(&set, "");
-    while (const char* name = search.NextTag())
-        entries.push_back({name, ""});
-    for (Entry& entry : entries)
-        entry.value = valueOf(set, entry.name);
+    for (const auto [name, value] : kal::SettingRange(&set, ""))
+        entries.push_back({std::string(name), std::string(value)});
     return entries;
 }
 
@@ -133,11 +115,11 @@ void list(const Arguments& arguments) {
 void get(const Arguments& arguments) {
     requireSet(arguments.path);
     OpenedSet set(arguments.path);
-    if ((*set).GetTag(arguments.tag.c_str(), nullptr, 0) != KAL_OK)
-        throw Failure("settings " + arguments.path, "there is no tag " + arguments.tag);
-    const std::string value = valueOf(*set, arguments.tag);
+    const auto value = kal::tagValue(&*set, arguments.tag.c_str());
     requireMemory();
-    std::cout << value << '\n';
+    if (!value)
+        throw Failure("settings " + arguments.path, "there is no tag " + arguments.tag);
+    std::cout << *value << '\n';
 }
 
 void write(const Arguments& arguments, const char* value) {
@@ -154,11 +136,11 @@ void set(const Arguments& arguments) {
     // A name that no tag can have is not written, and the library does not tell. Where memory was short but the value can be
     // read, it was written all the same.
     OpenedSet opened(arguments.path);
-    const bool is = holds(*opened, arguments.tag) && valueOf(*opened, arguments.tag) == arguments.value;
-    if (!is)
-        requireMemory();
-    if (!is)
-        throw Failure("settings " + arguments.path, "no tag can be named " + arguments.tag);
+    if (holds(*opened, arguments.tag) &&
+        kal::tagValue(&*opened, arguments.tag.c_str()).value_or("") == arguments.value)
+        return;
+    requireMemory();
+    throw Failure("settings " + arguments.path, "no tag can be named " + arguments.tag);
 }
 
 void unset(const Arguments& arguments) {

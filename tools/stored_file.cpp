@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr uint32_t bufferBytes = 65536;
 constexpr uint64_t mostBytes = UINT32_MAX;
 constexpr uint8_t compoundSignature[] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
 constexpr uint8_t registrySignature[] = {'K', 'R', 'E', 'G'};
@@ -46,7 +45,7 @@ public:
 
 } // namespace
 
-StreamPtr streamOver(const File& file, uint16_t mode) {
+StreamPtr streamOver(const File& file, uint16_t mode, uint32_t bufferBytes) {
     const int handle = ::fcntl(file.handle(), F_DUPFD_CLOEXEC, 3);
     if (handle < 0)
         throw Failure(hostErrorText(errno));

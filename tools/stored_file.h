@@ -38,7 +38,7 @@ struct FreeLists {
 using ListsPtr = std::unique_ptr<IOPFILE, FreeLists>;
 
 // The library's stream over an open file, which stays open. Throws a Failure.
-StreamPtr streamOver(const File& file, uint16_t mode);
+StreamPtr streamOver(const File& file, uint16_t mode, uint32_t bufferBytes = 65536);
 
 // The file, open for reading and kept from being changed, as the library's stream. What is read of it counts for
 // progress, and a read fails once the program is to stop.

@@ -12,16 +12,12 @@ Thumbnail::Thumbnail(const PictureForm& form, uint32_t most) : form_(form) {
 }
 
 void Thumbnail::part(PicturePart part, ByteView bytes) {
-    if (part == PicturePart::After)
-        return;
-    std::vector<uint8_t>& to = part == PicturePart::Before ? before_ : transparency_;
-    const size_t room = Pixels::mostBytes - std::min(to.size(), Pixels::mostBytes);
-    to.insert(to.end(), bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(std::min(bytes.size(), room)));
+    parts_.take(part, bytes);
 }
 
 void Thumbnail::rows(const uint8_t* rows, uint32_t count) {
     if (!pixels_)
-        pixels_.emplace(form_, before_, transparency_);
+        pixels_.emplace(form_, parts_);
     for (; count > 0; count--, line_++, rows += form_.rowBytes) {
         pixels_->toRgba(rows, rgba_.data());
         const uint32_t y = form_.topDown ? line_ : form_.height - 1 - line_;

@@ -28,8 +28,7 @@ private:
     PictureForm form_;
     uint32_t width_;
     uint32_t height_;
-    std::vector<uint8_t> before_;
-    std::vector<uint8_t> transparency_;
+    FrontParts parts_;
     std::optional<Pixels> pixels_;
     std::vector<uint8_t> rgba_;
     std::vector<Sum> sums_;
