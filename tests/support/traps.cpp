@@ -86,9 +86,8 @@ Answer answerTo(const char* name, int openFlags) {
         if (!takesRoom(name, openFlags) || pastNth(trap.changes) < 0)
             return Answer::real;
         return transfer && pastNth(trap.changes) == 0 ? Answer::half : Answer::failure;
-    case Effect::kKillAt:
     case Effect::kKillBefore:
-        if (trap.effect == Effect::kKillAt ? call == 0 : change && pastNth(trap.changes) == 0)
+        if (change && pastNth(trap.changes) == 0)
             ::kill(::getpid(), SIGKILL);
     }
     return Answer::real;

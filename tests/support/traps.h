@@ -17,12 +17,10 @@ public:
         kFailOn,    // and so does every later one
         kShorten,   // transfer `nth` moves half of its bytes; a single byte is interrupted by a signal
         kNoRoom,    // change `nth` finds the disk full, after half of its bytes, and so does every later one
-        kKillAt,    // the process is killed at call `nth`
         kKillBefore // the process is killed before change `nth`
     };
 
     HostCallTrap(Effect effect, int64_t nth, int error = 0);
-    explicit HostCallTrap(int64_t nth) : HostCallTrap(kKillAt, nth) {}
 
     // The names of the calls so far: all, those that move bytes, and those that change files.
     static const std::vector<std::string>& names();
