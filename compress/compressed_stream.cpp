@@ -225,7 +225,7 @@ int16_t KalMakeCFile(scfiletag** out, SFILE* stream) {
     shown->expansion = static_cast<uint8_t*>(allocateUncleared(kExpansionBytes));
     int16_t status = KAL_ERR_MEMORY;
     if (shown->encoder != nullptr && shown->decoder != nullptr && shown->expansion != nullptr) {
-        status = initUnclearedEncoder(shown->encoder);
+        status = KalInitWriteLZW(shown->encoder, kRoots);
         if (status == KAL_OK)
             status = KalInitReadLZW(shown->decoder, kRoots);
     }

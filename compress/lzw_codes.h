@@ -26,7 +26,4 @@ constexpr bool fitsTable(uint16_t rootCount) {
     return rootCount + 2u <= KAL_LZW_CODES;
 }
 
-// KalInitWriteLZW with 256 roots, but what lies behind these in the tree is undefined.
-int16_t initUnclearedEncoder(TAGWRITELZW* encoder);
-
 #endif

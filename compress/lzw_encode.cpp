@@ -1,42 +1,23 @@
 // The encoder step by step, over a tree of strings: what callers with a loop of their own use. The compressed
 // stream writes the same codes by a faster way (stretch_encoder.h).
 #include "compress/lzw_codes.h"
-#include "platform/uncleared.h"
 
 #include <kal/heap.h>
 
-namespace {
-
-// All of an entry, so that nothing need be clear before it is one.
-void startEntry(KalLzwTreeEntry* entry, uint8_t character) {
-    *entry = {};
-    entry->character = character;
-}
-
-int16_t init(TAGWRITELZW* encoder, uint16_t rootCount, void* (*allocateTree)(uint32_t)) {
+int16_t KalInitWriteLZW(TAGWRITELZW* encoder, uint16_t rootCount) {
     // Two colours get four roots, as in pictures with a minimum code size of 2.
     const uint16_t roots = rootCount == 2 ? 4 : rootCount;
     encoder->tree = nullptr;
     if (!fitsTable(roots))
         return KAL_ERR_BUFFER;
-    encoder->tree = static_cast<KalLzwTreeEntry*>(allocateTree(KAL_LZW_CODES * sizeof(KalLzwTreeEntry)));
+    encoder->tree = static_cast<KalLzwTreeEntry*>(KalAllocSMem(KAL_LZW_CODES * sizeof(KalLzwTreeEntry)));
     if (encoder->tree == nullptr)
         return KAL_ERR_BUFFER;
     encoder->nextCode = static_cast<uint16_t>(roots + 2);
     encoder->codeWidth = static_cast<uint8_t>(widthFor(encoder->nextCode));
     for (uint16_t code = 0; code < encoder->nextCode; code++)
-        startEntry(&encoder->tree[code], static_cast<uint8_t>(code));
+        encoder->tree[code].character = static_cast<uint8_t>(code);
     return KAL_OK;
-}
-
-} // namespace
-
-int16_t KalInitWriteLZW(TAGWRITELZW* encoder, uint16_t rootCount) {
-    return init(encoder, rootCount, KalAllocSMem);
-}
-
-int16_t initUnclearedEncoder(TAGWRITELZW* encoder) {
-    return init(encoder, kRoots, allocateUncleared);
 }
 
 int16_t KalDestroyWriteLZW(TAGWRITELZW* encoder) {
@@ -51,7 +32,7 @@ int16_t KalDestroyWriteLZW(TAGWRITELZW* encoder) {
 uint16_t KalFindString(TAGWRITELZW* encoder) {
     const uint16_t prefix = encoder->currentCode;
     encoder->outputCode = prefix;
-    if (prefix >= encoder->nextCode)
+    if (prefix >= KAL_LZW_CODES)
         return 0;
     const uint8_t character = encoder->character;
     // A full table learns nothing more: its links stay empty.
@@ -83,7 +64,7 @@ int16_t KalAddTreeEntry(TAGWRITELZW* encoder) {
     const uint16_t code = encoder->nextCode;
     if (code >= KAL_LZW_CODES)
         return KAL_OK;
-    startEntry(&encoder->tree[code], encoder->character);
+    encoder->tree[code].character = encoder->character;
     encoder->nextCode = static_cast<uint16_t>(code + 1);
     if (std::has_single_bit(code))
         encoder->codeWidth++;
