@@ -58,13 +58,17 @@ uint32_t offsetOf(IFILE* file, uint16_t id) {
 
 TEST_F(ItemFormat, NewFilesAndExpectedFormats) {
     EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0), KAL_ERR_OPEN - ENOENT);
-    for (const auto& [mode, size] : {std::pair<uint16_t, size_t>{0, 4}, {KAL_MODE_UPDATE, 84}, {kNew, 84}}) {
+    for (const auto& [mode, size] : {std::pair<uint16_t, size_t>{0, 4}, {KAL_MODE_UPDATE, 84}}) {
         writeFile("f", itemFile(0x0123, {}));
-        EXPECT_EQ(mode == kNew ? KAL_ERR_FORMAT : tryOpen(mode, 0x8123), KAL_ERR_FORMAT);
+        EXPECT_EQ(tryOpen(mode, 0x8123), KAL_ERR_FORMAT);
         EXPECT_EQ(tryOpen(mode, 0x0123), KAL_OK);
         EXPECT_EQ(readFile("f"), itemFile(0x0123, {}, size)) << "with room for ten entries";
     }
-    IFILE* file = openItems(kNew, KAL_ITEMS_WIDE);
+    IFILE* file = openItems(kNew, 0x0123);
+    KalFlushBuf(file->stream);
+    EXPECT_EQ(readFile("f"), itemFile(0x0123, {}, 84)) << "at once";
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
+    file = openItems(kNew, KAL_ITEMS_WIDE);
     EXPECT_EQ(write(file, 0x1234, "hello") + write(file, 7, "x"), 6u);
     EXPECT_EQ(KalCloseIFile(file), KAL_OK);
     const Bytes before = readFile("f");

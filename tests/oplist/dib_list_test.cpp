@@ -148,6 +148,8 @@ TEST_F(DibList, LayoutsAndAddresses) {
                  {1, 16, 24, 4}, {2, 0, 24, 8},    {33, 1, 1, 8}, {5, 9, 24, 16}};
     for (const auto& [width, depth, depthSet, rowBytes] : cases) {
         OpList* list = openBitmap(width, 7, depth);
+        EXPECT_EQ(KalSetupOpList(list, 7, 0, width, 7, depth, 9, 1000), KAL_OK);
+        EXPECT_EQ(list->blockCount, 1) << "set up anew";
         EXPECT_EQ(val(list->dib->bitsPerPixel), depthSet);
         EXPECT_EQ(val(list->dib->rowBytes), rowBytes) << width << "x" << depth;
         EXPECT_EQ(val(list->curBlock->capacity), 7u * rowBytes + 36);

@@ -108,7 +108,9 @@ TEST_F(List, StoresHeadersPayloadsAndTheEndOp) {
     EXPECT_EQ(readFile("f"), stored(ops)) << "no longer owed after the get";
     list = open(KAL_MODE_UPDATE);
     KalSeekOp(list, 11);
-    putOp(list, kOps[2]);
+    EXPECT_EQ(putOp(list, kOps[2]) + putOp(list, {KAL_OP_END, {}}), 11u + 20);
+    EXPECT_EQ(val(list->endPos), 20u) << "of a caller's own end op";
+    list->putPending = 0; // so that there is no other
     close(list);
     EXPECT_EQ(readFile("f"), stored({kOps[0], kOps[1], kOps[2], {0, {}}}));
     writeFile("f", hexExample("docs/formats/operation-list.md"));
