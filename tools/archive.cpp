@@ -160,19 +160,21 @@ std::vector<kal::Entry> Archive::pictures() const {
     return found;
 }
 
-// The entry of a picture.
-ItemIndex* Archive::find(uint32_t id) const {
-    const bool possible = (id != signatureId || isAlbum_) && id <= lastId;
-    ItemIndex* entry = possible ? KalFindItem(lists_->ifile, static_cast<uint16_t>(id)) : nullptr;
-    if (entry == nullptr)
-        fail("there is no picture " + std::to_string(id));
-    return entry;
+bool Archive::mayBePicture(uint32_t id) const {
+    return (id != signatureId || isAlbum_) && id <= lastId;
+}
+
+void Archive::failMissing(uint32_t id) const {
+    fail("there is no picture " + std::to_string(id));
 }
 
 void Archive::get(uint32_t id, const std::function<void(OpList*)>& use) {
-    find(id);
     OpList* list = nullptr;
-    require(KalOpenGetIOpList(lists_, static_cast<uint16_t>(id), &list));
+    const int16_t opened =
+        mayBePicture(id) ? KalOpenGetIOpList(lists_, static_cast<uint16_t>(id), &list) : int16_t{1};
+    if (opened == 1)
+        failMissing(id);
+    require(opened);
     try {
         require(KalGetOpError(list));
         use(list);
@@ -213,7 +215,10 @@ void Archive::put(uint16_t id, const std::function<void(OpList*)>& fill) {
 }
 
 void Archive::remove(uint32_t id) {
-    find(id)->wide.id = KAL_ITEM_FREE;
+    ItemIndex* entry = mayBePicture(id) ? KalFindItem(lists_->ifile, static_cast<uint16_t>(id)) : nullptr;
+    if (entry == nullptr)
+        failMissing(id);
+    entry->wide.id = KAL_ITEM_FREE;
 }
 
 // Appends the items of another archive, as they are.

@@ -75,7 +75,8 @@ private:
     bool beginsWith(uint16_t id, uint16_t type, ByteView bytes);
     void checkSignature();
     void reserve();
-    ItemIndex* find(uint32_t id) const;
+    bool mayBePicture(uint32_t id) const;
+    [[noreturn]] void failMissing(uint32_t id) const;
     void writeIndex();
     void closeWithoutWriting();
     void takeBack();
