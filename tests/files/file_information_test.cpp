@@ -1,7 +1,7 @@
 #include "platform/clock.h"
 #include "tests/support/faults.h"
+#include "tests/support/files.h"
 #include "tests/support/processes.h"
-#include "tests/support/trouble.h"
 
 #include <kal/file.h>
 #include <kal/path.h>
@@ -111,20 +111,6 @@ TEST_F(FileInformation, TriesHarmNoFile) {
     EXPECT_EQ(readFile("f0"), bytesOf("mine too"));
     EXPECT_EQ(KalExplicitAccessFile("made", 0x0102), KAL_OK);
     EXPECT_TRUE(fileExists("made")) << "only the trying mode deletes";
-}
-
-TEST_F(FileInformation, TroubleLeavesNothingBehind) {
-    writeFile("A0.B", bytesOf("mine"));
-    FILEINFO info;
-    FILESTAT stat;
-    const std::function<int()> works[] = {
-        [&] { return KalGetFileDateTimeSize("A0.B", &info); }, [] { return KalAccessFile("A0.B", kTry); },
-        [] { return KalAccessFile("new", kTry); }, [&] { return KalFileStat("A.B", &stat); }};
-    for (const auto& work : works)
-        walkTrouble({.run = work,
-                     .statuses = {KAL_ERR_MEMORY, KAL_ERR_SERVICE, KAL_ERR_OPEN - EIO, KAL_ERR_OPEN - ENOSPC,
-                                  KAL_ERR_CLOSE, KAL_ERR_EXAMINE}},
-                    &work - works < 2 ? kAllTrouble : kAllTrouble & ~kKilled); // which leaves what was tried
 }
 
 TEST_F(FileInformation, WithoutRights) {

@@ -26,58 +26,6 @@ Open compound(const std::string& name, uint16_t mode) {
     return [=](SFILE** out) { return KalOpenFileAsIStream(out, name.c_str(), "s", mode); };
 }
 
-Open temporary(uint16_t keep) {
-    return [=](SFILE** out) { return KalOpenTempFile(out, KAL_MODE_NEW_FILE, keep); };
-}
-
-// Writes, reads and changes a stream, and closes it whatever came. The first status that told of trouble.
-int use(const Open& open, uint32_t bufSize, uint32_t size) {
-    SFILE* s = nullptr;
-    int16_t status = open(&s);
-    EXPECT_EQ(s != nullptr, status == KAL_OK);
-    if (s == nullptr)
-        return status;
-    const auto note = [&](int16_t given) { status = status != KAL_OK ? status : given; };
-    const Bytes bytes = randomBytes(size, 3);
-    Bytes back(size);
-    note(KalSetBuf(s, bufSize));
-    s->write(s, bytes.data(), 100);
-    note(s->status);
-    s->write(s, bytes.data() + 100, size - 100);
-    note(s->status);
-    note(s->seek(s, 0, KAL_SEEK_START));
-    const int32_t got = s->read(s, back.data(), size);
-    note(s->status);
-    EXPECT_TRUE(status != KAL_OK || (got == int32_t(size) && back == bytes));
-    note(s->seek(s, 700, KAL_SEEK_START));
-    note(s->putChar(s, '!'));
-    note(s->seek(s, -3, KAL_SEEK_END));
-    note(s->putChar(s, '!'));
-    note(closeForGood(s));
-    return status;
-}
-
-int useVMem() {
-    if (KalOpenVMem(0) != KAL_OK)
-        return KAL_ERR_VMEM;
-    const uint32_t blocks = liveGlobalBlocks();
-    const int status = use(file("", KAL_MODE_VMEM), 0, 50'000);
-    EXPECT_EQ(liveGlobalBlocks(), blocks) << "a closed stream keeps no block";
-    KalCloseVMem();
-    return status;
-}
-
-int append() {
-    SFILE* s = nullptr;
-    int16_t status = KalOpenFile(&s, "f", KAL_MODE_NEW_FILE, 0);
-    if (status != KAL_OK)
-        return status;
-    status = KalFileCat(s, "old");
-    status = status != KAL_OK ? status : s->status;
-    const int16_t closed = closeForGood(s);
-    return status != KAL_OK ? status : closed;
-}
-
 // A stream on a file of random bytes that stands at 2000, with its buffer at the start.
 SFILE* away(uint32_t bufSize, bool dirty = false) {
     writeFile("f", randomBytes(3000, 2));
@@ -90,57 +38,6 @@ SFILE* away(uint32_t bufSize, bool dirty = false) {
 }
 
 } // namespace
-
-TEST_F(StreamTrouble, NoStreamLosesWhatItSaysItKept) {
-    std::filesystem::create_directory("home");
-    for (const char* name : {"old", "home/deep"})
-        writeFile(name, randomBytes(2000, 7));
-    ASSERT_EQ(use(compound("home/ole", KAL_MODE_NEW_FILE), 0, 1500), KAL_OK);
-    setenv("KAL_DRIVE_W", path("").c_str(), 1);
-    char text[] = "W:\\none;W:\\home";
-    KalSetHomeStr(text);
-    const std::string mapping = "trouble" + std::to_string(getpid());
-    ASSERT_EQ(use(file(mapping, KAL_MODE_FILEMAP | KAL_MODE_CREATE | KAL_MODE_UPDATE), 0, 1500), KAL_OK);
-
-    constexpr uint16_t kSearch = KAL_MODE_SEARCH | KAL_MODE_UPDATE;
-    const struct {
-        const char* name;
-        Open open = {};
-        uint32_t bufSize = 0;
-        unsigned troubles = kAllTrouble;
-        std::string unfinished = "f";
-        uint32_t size = 1500;
-        std::function<int()> run = [this] { return use(open, bufSize, size); };
-    } rows[] = {
-        {"disk", file("f", KAL_MODE_NEW_FILE), 0},
-        {"disk, buffered", file("f", KAL_MODE_NEW_FILE), 512},
-        {"disk, found", file("a\\deep", kSearch), 512, kNoMemory | kHostFails, "home/deep"},
-        {"compound", compound("f", KAL_MODE_NEW_FILE), 0},
-        {"compound, buffered", compound("f", KAL_MODE_NEW_FILE), 512},
-        {"compound, found", compound("ole", kSearch), 512, kNoMemory | kHostFails, "home/ole"},
-        {"memory", file("", KAL_MODE_MEMORY), 0, kNoMemory, "", 50'000},
-        {.name = "VMem", .troubles = kNoMemory, .unfinished = "", .run = useVMem},
-        {"mapping", file(mapping, KAL_MODE_FILEMAP | KAL_MODE_UPDATE), 0, kNoMemory | kHostFails},
-        {"temporary", temporary(0), 512, kAllTrouble, "ZEP0.TMP"},
-        {"temporary, kept", temporary(1), 512, kNoMemory | kHostFails, "ZEP0.TMP"},
-        // Errors of its reads, and those of a copy's writes, are not told.
-        {.name = "appended", .troubles = kNoMemory | kCutShort | kDiskFull, .run = append},
-        {.name = "copied", .troubles = kNoMemory | kCutShort, .run = [] { return KalCopyFile("f", "old"); }},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        walkTrouble(
-            {.run = row.run,
-             .statuses = {KAL_ERR_MEMORY, KAL_ERR_VMEM, KAL_ERR_BUFFER, KAL_ERR_STORAGE, KAL_ERR_SERVICE,
-                          KAL_ERR_WRITE, KAL_ERR_READ, KAL_ERR_CLOSE, KAL_ERR_DISK_FULL, KAL_ERR_SEEK,
-                          KAL_ERR_GLOBAL, KAL_ERR_OPEN - EIO, KAL_ERR_OPEN - ENOSPC, KAL_ERR_OPEN - ENOMEM},
-             .unfinished = {row.unfinished}},
-            row.troubles);
-        std::filesystem::remove("ZEP0.TMP");
-    }
-    KalSetHomeStr(nullptr);
-    unsetenv("KAL_DRIVE_W");
-}
 
 TEST_F(StreamTrouble, AFullDiskKeepsWhatFitsAndTheBuffer) {
     const Bytes bytes = randomBytes(150'000, 9);

@@ -135,7 +135,7 @@ TEST_F(Trouble, OfSignalsLeavesWhatWasThere) {
                                      {"store", "-j", "2", "new", "p.bmp", "p.bmp"},
                                      {"extract", "kept.kal", "1", "-o", "new"},
                                      {"pack", "kept.kal"},
-                                     {"remove", "kept.kal", "1"},
+                                     {"remove", "kept.kal", "2"},
                                      {"compound", "put", "new", "s", "p.bmp"},
                                      {"compound", "put", "kept.ole", "s", "kept.kal"}})
         for (useconds_t delay = 1000; delay < 90000; delay += slowBuild ? 40000 : 8000) {
@@ -150,8 +150,9 @@ TEST_F(Trouble, OfSignalsLeavesWhatWasThere) {
                 EXPECT_EQ(outcome.status, -signal) << outcome.err;
                 EXPECT_EQ(outcome.err, "");
                 EXPECT_EQ(filesIn("."), (std::vector<std::string>{"kept.kal", "kept.ole", "p.bmp"}));
-                runScript("for i in 1 2; do kal extract kept.kal $i -o - | cmp - p.bmp; done; kal compound "
-                          "cat kept.ole s | cmp - p.bmp");
+                // Killed when all was done but the end of the process, it may have done it.
+                runScript("kal extract kept.kal 1 -o - | cmp - p.bmp; kal compound cat kept.ole s | "
+                          "cmp - p.bmp || kal compound cat kept.ole s | cmp - kept.kal");
                 if (signal != SIGKILL) {
                     EXPECT_TRUE(readFile("kept.kal") == archive && readFile("kept.ole") == compound);
                 }
