@@ -1,5 +1,4 @@
 #include "tests/support/faults.h"
-#include "tests/support/trouble.h"
 #include "tests/support/vmem.h"
 
 #include <kal/heap.h>
@@ -204,31 +203,6 @@ TEST_F(VMemTest, ShortMemoryIsMadeUpForBySwapping) {
     EXPECT_EQ(KalReAllocVMem(blocks[0], 1 << 20), blocks[0]);
     EXPECT_EQ(KalReAllocVMem(blocks[0], 1 << 30), nullptr);
     EXPECT_EQ(KalAllocVMem(2, 1 << 30), nullptr);
-}
-
-TEST_F(VMemTest, NothingIsLostOrLeftInTrouble) {
-    KalSetVMemTemp(path("").c_str()); // where the walk sees what a killed process leaves
-    const auto work = []() -> int {
-        KalSetMaxVMem(30000);
-        const int16_t status = KalOpenVMem(0);
-        int lost = 0;
-        std::vector<void*> blocks(status == KAL_OK ? 6 : 0);
-        for (uint32_t i = 0; i < blocks.size(); i++)
-            blocks[i] = make(10000, i);
-        if (!blocks.empty())
-            KalReAllocVMem(blocks[1], 14000);
-        for (uint32_t i = 0; i < blocks.size(); i++)
-            if (const void* bytes = KalLockVMem(blocks[i]); bytes == nullptr)
-                lost++;
-            else
-                EXPECT_EQ(std::memcmp(bytes, pattern(10000, i).data(), 10000), 0) << "block " << i;
-        EXPECT_EQ(KalCloseVMem(), KAL_OK);
-        return status != KAL_OK ? status : lost;
-    };
-    walkTrouble({.run = work,
-                 .statuses = {KAL_ERR_MEMORY, KAL_ERR_VMEM, KAL_ERR_BUFFER, KAL_ERR_SERVICE,
-                              KAL_ERR_OPEN - EIO, KAL_ERR_OPEN - ENOSPC, 1, 2, 3, 4, 5, 6}});
-    KalTempPath(nullptr);
 }
 
 // Whatever the blocks' size, the process holds little more than the limit; what is kept of freed blocks counts too.

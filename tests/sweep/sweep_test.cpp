@@ -298,8 +298,13 @@ void useVMem() {
     withVMem([] {
         void* blocks[4] = {};
         KalSetVMemErrorHandler([] {});
-        for (void*& block : blocks) {
-            block = had(KalAllocVMem(2, 6000)), had(KalLockVMem(block));
+        for (uint8_t i = 0; i < 8; i++) { // and each comes back with its bytes
+            void*& block = blocks[i % 4];
+            block = i < 4 ? had(KalAllocVMem(2, 6000)) : block;
+            auto* bytes = static_cast<uint8_t*>(had(KalLockVMem(block)));
+            EXPECT_TRUE(i < 4 || bytes == nullptr || (bytes[0] == i - 4 && bytes[5999] == i - 4));
+            if (bytes != nullptr)
+                std::memset(bytes, i, 6000);
             KalMarkDirtyVMem(block), KalUnLockVMem(block);
         }
         had(KalReAllocVMem(blocks[0], 9000)), had(KalLockVMem(blocks[0]));

@@ -46,7 +46,7 @@ class BasicLock : public Owner<LockTraits> {
 public:
     // Locks a block of `size` bytes. Owns nothing where it cannot be brought back.
     BasicLock(void* handle, size_t size) : BasicLock(handle, static_cast<Byte*>(KalLockVMem(handle)), size) {}
-    BasicLock(BasicLock&&) = default;
+    BasicLock(BasicLock&&) noexcept = default;
     BasicLock& operator=(BasicLock&& other) noexcept {
         tellChange();
         Owner::operator=(std::move(other));
