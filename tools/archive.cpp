@@ -104,7 +104,7 @@ void Archive::lay(uint16_t mode, uint16_t format) {
     StreamPtr stream = named(path_, [&] { return streamOver(file(), mode, bufferBytes); });
     const int16_t status = KalMakeIOpFile(&lists_, stream.get(), format);
     if (status == 0) {
-        stream.release();
+        static_cast<void>(stream.release()); // which the lists own now
         return;
     }
     lists_ = nullptr;
