@@ -115,16 +115,20 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     Keys keys = readAnew();
     HKEY key;
-    if (RegCreateKeyExA(HKEY_CLASSES_ROOT, "fuzz", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr) ==
-        ERROR_SUCCESS) {
+    std::string name = "fuzz";
+    for (; RegOpenKeyExA(HKEY_CLASSES_ROOT, name.c_str(), 0, KEY_ALL_ACCESS, &key) == ERROR_SUCCESS;
+         name += 'z')
+        RegCloseKey(key); // there already, however it is spelt
+    if (RegCreateKeyExA(HKEY_CLASSES_ROOT, name.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key,
+                        nullptr) == ERROR_SUCCESS) {
         const Bytes value(100, 'x');
         require(RegSetValueExA(key, nullptr, 0, REG_SZ, value.data(), 100) == ERROR_SUCCESS,
                 "a value can be set");
         RegCloseKey(key);
-        keys["fuzz"] = "=" + std::string(100, 'x');
+        keys[name] = "=" + std::string(100, 'x');
         require(readAnew() == keys, "a set value is all that changes");
-        require(RegDeleteTreeA(HKEY_CLASSES_ROOT, "fuzz") == ERROR_SUCCESS, "a key can be deleted");
-        keys.erase("fuzz");
+        require(RegDeleteTreeA(HKEY_CLASSES_ROOT, name.c_str()) == ERROR_SUCCESS, "a key can be deleted");
+        keys.erase(name);
         require(readAnew() == keys, "a deleted key is all that changes");
         useSettings();
     }

@@ -72,7 +72,7 @@ void require(HRESULT result, const std::string& what) {
 std::string shown(const std::wstring& name) {
     std::string text;
     for (const wchar_t character : name) {
-        const auto code = static_cast<uint32_t>(character);
+        const auto code = static_cast<uint32_t>(character); // NOLINT(bugprone-signed-char-misuse): wide
         if (code < 0x80) {
             text += static_cast<char>(code);
         } else {
