@@ -98,7 +98,7 @@ private:
     void write(const uint8_t* row) {
         if (!pixels_->palette().empty())
             return writer_->row(row);
-        pixels_->toRgba(row, rgba_.data());
+        pixels_->toRgba(row, form_.width, rgba_.data());
         if (!pixels_->hasAlpha())
             for (size_t x = 0; x < form_.width; x++)
                 std::memmove(&rgba_[3 * x], &rgba_[4 * x], 3);
@@ -143,7 +143,7 @@ private:
                 row_[x / 2] = static_cast<uint8_t>(x % 2 == 0 ? index << 4 : row_[x / 2] | index);
             }
         } else {
-            pixels_->toRgba(row, rgba_.data());
+            pixels_->toRgba(row, form_.width, rgba_.data());
             const size_t bytes = bits_ / 8U;
             for (size_t x = 0; x < form_.width; x++) {
                 const uint8_t* from = &rgba_[4 * x];

@@ -90,17 +90,17 @@ void Pixels::takePng(ByteView before) {
     }
 }
 
-void Pixels::toRgba(const uint8_t* row, uint8_t* rgba) const {
+void Pixels::toRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const {
     if (!palette_.empty())
-        indexedToRgba(row, rgba);
+        indexedToRgba(row, count, rgba);
     else if (form_.kind == PictureKind::Bmp)
-        bmpToRgba(row, rgba);
+        bmpToRgba(row, count, rgba);
     else
-        pngToRgba(row, rgba);
+        pngToRgba(row, count, rgba);
 }
 
-void Pixels::indexedToRgba(const uint8_t* row, uint8_t* rgba) const {
-    for (uint32_t x = 0; x < form_.width; x++) {
+void Pixels::indexedToRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const {
+    for (uint32_t x = 0; x < count; x++) {
         const uint32_t index = packed(row, x, form_.bits);
         const uint8_t* colour = &palette_[3 * index];
         rgba = putRgba(rgba, colour[0], colour[1], colour[2],
@@ -108,9 +108,9 @@ void Pixels::indexedToRgba(const uint8_t* row, uint8_t* rgba) const {
     }
 }
 
-void Pixels::bmpToRgba(const uint8_t* row, uint8_t* rgba) const {
+void Pixels::bmpToRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const {
     const uint32_t bytes = form_.bits / 8U;
-    for (uint32_t x = 0; x < form_.width; x++, row += bytes) {
+    for (uint32_t x = 0; x < count; x++, row += bytes) {
         uint32_t pixel = 0;
         std::memcpy(&pixel, row, bytes);
         rgba = putRgba(rgba, channels_[0].of(pixel), channels_[1].of(pixel), channels_[2].of(pixel),
@@ -119,12 +119,12 @@ void Pixels::bmpToRgba(const uint8_t* row, uint8_t* rgba) const {
 }
 
 // Of 16-bit samples the high byte.
-void Pixels::pngToRgba(const uint8_t* row, uint8_t* rgba) const {
+void Pixels::pngToRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const {
     const auto colour = PngColour{form_.colour};
     const bool grey = colour == PngColour::Grey || colour == PngColour::GreyAlpha;
     const bool alpha = colour == PngColour::GreyAlpha || colour == PngColour::RgbAlpha;
     const uint32_t sample = form_.depth / 8U;
-    for (uint32_t x = 0; x < form_.width; x++, row += form_.bits / 8U) {
+    for (uint32_t x = 0; x < count; x++, row += form_.bits / 8U) {
         const uint8_t red = row[0];
         const uint8_t green = grey ? red : row[sample];
         const uint8_t blue = grey ? red : row[2 * sample];

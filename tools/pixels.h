@@ -21,8 +21,8 @@ public:
     // The colours of a picture of 1 to 8 bits without alpha, as many as its bits can name: red, green, blue. Else none.
     const std::vector<uint8_t>& palette() const { return palette_; }
 
-    // Red, green, blue and alpha of each pixel of a row, 8 bits each.
-    void toRgba(const uint8_t* row, uint8_t* rgba) const;
+    // Red, green, blue and alpha of so many pixels of a row, 8 bits each; the first begins at a byte.
+    void toRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const;
 
 private:
     struct Channel {
@@ -38,9 +38,9 @@ private:
 
     void takeBmp(ByteView before);
     void takePng(ByteView before);
-    void indexedToRgba(const uint8_t* row, uint8_t* rgba) const;
-    void bmpToRgba(const uint8_t* row, uint8_t* rgba) const;
-    void pngToRgba(const uint8_t* row, uint8_t* rgba) const;
+    void indexedToRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const;
+    void bmpToRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const;
+    void pngToRgba(const uint8_t* row, uint32_t count, uint8_t* rgba) const;
 
     PictureForm form_;
     std::vector<uint8_t> transparency_;

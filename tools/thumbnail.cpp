@@ -8,7 +8,6 @@ Thumbnail::Thumbnail(const PictureForm& form, uint32_t most) : form_(form) {
     width_ = fitted(form.width);
     height_ = fitted(form.height);
     sums_.resize(size_t{width_} * height_);
-    rgba_.resize(size_t{form.width} * 4);
 }
 
 void Thumbnail::part(PicturePart part, ByteView bytes) {
@@ -19,11 +18,12 @@ void Thumbnail::rows(const uint8_t* rows, uint32_t count) {
     if (!pixels_)
         pixels_.emplace(form_, parts_);
     for (; count > 0; count--, line_++, rows += form_.rowBytes) {
-        pixels_->toRgba(rows, rgba_.data());
         const uint32_t y = form_.topDown ? line_ : form_.height - 1 - line_;
         Sum* sums = &sums_[static_cast<size_t>(uint64_t{y} * height_ / form_.height) * width_];
         for (uint32_t x = 0; x < form_.width; x++) {
-            const uint8_t* pixel = &rgba_[size_t{x} * 4];
+            if (x % piece == 0)
+                pixels_->toRgba(rows + uint64_t{x} * form_.bits / 8, std::min(piece, form_.width - x), rgba_);
+            const uint8_t* pixel = &rgba_[size_t{x % piece} * 4];
             const uint32_t alpha = pixel[3];
             const auto onWhite = [alpha](uint32_t sample) {
                 return (sample * alpha + 255 * (255 - alpha)) / 255;

@@ -30,7 +30,8 @@ private:
     uint32_t height_;
     FrontParts parts_;
     std::optional<Pixels> pixels_;
-    std::vector<uint8_t> rgba_;
+    static constexpr uint32_t piece = 4096; // pixels of a row at a time, which may be long
+    uint8_t rgba_[4 * piece];
     std::vector<Sum> sums_;
     uint32_t line_ = 0;
 };
