@@ -31,7 +31,7 @@ private:
     FrontParts parts_;
     std::optional<Pixels> pixels_;
     static constexpr uint32_t piece = 4096; // pixels of a row at a time, which may be long
-    uint8_t rgba_[4 * piece];
+    uint8_t rgba_[4 * piece] = {};
     std::vector<Sum> sums_;
     uint32_t line_ = 0;
 };
