@@ -1,7 +1,6 @@
 #include "tests/tools/run_tool.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <spawn.h>
@@ -18,34 +17,28 @@ std::string readAll(int handle) {
     return text;
 }
 
-} // namespace
-
-RunningTool::RunningTool(const Arguments& arguments, const char* program)
-    : out_(::memfd_create("out", MFD_CLOEXEC)), err_(::memfd_create("err", MFD_CLOEXEC)) {
+Outcome run(const char* program, const Arguments& arguments) {
+    const int out = ::memfd_create("out", MFD_CLOEXEC), err = ::memfd_create("err", MFD_CLOEXEC);
     std::vector<char*> pointers = {const_cast<char*>(program)};
     for (const std::string& argument : arguments)
         pointers.push_back(const_cast<char*>(argument.c_str()));
     pointers.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out_, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err_, STDERR_FILENO);
-    EXPECT_EQ(::posix_spawn(&process_, program, &actions, nullptr, pointers.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-}
-
-void RunningTool::kill(int signal) const {
-    ::kill(process_, signal);
-}
-
-Outcome RunningTool::wait() {
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+    pid_t process;
     int status = 0;
-    EXPECT_EQ(::waitpid(process_, &status, 0), process_);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), readAll(out_), readAll(err_)};
+    EXPECT_EQ(::posix_spawn(&process, program, &actions, nullptr, pointers.data(), environ), 0);
+    EXPECT_EQ(::waitpid(process, &status, 0), process);
+    posix_spawn_file_actions_destroy(&actions);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), readAll(out), readAll(err)};
 }
+
+} // namespace
 
 Outcome kal(const Arguments& arguments) {
-    return RunningTool(arguments).wait();
+    return run(KAL_TOOL, arguments);
 }
 
 std::string kalSucceeds(const Arguments& arguments) {
@@ -96,6 +89,6 @@ fails() {
 }
 )sh";
     setenv("KAL_TOOL", KAL_TOOL, 1);
-    const Outcome outcome = RunningTool({"-euxo", "pipefail", "-c", start + script}, "/bin/bash").wait();
+    const Outcome outcome = run("/bin/bash", {"-euxo", "pipefail", "-c", start + script});
     EXPECT_EQ(outcome.status, 0) << outcome.out << outcome.err;
 }

@@ -5,7 +5,6 @@
 #include "tests/support/files.h"
 
 #include <string>
-#include <sys/types.h>
 #include <vector>
 
 struct Outcome {
@@ -15,19 +14,6 @@ struct Outcome {
 };
 
 using Arguments = std::vector<std::string>;
-
-// A program that runs.
-class RunningTool {
-public:
-    explicit RunningTool(const Arguments& arguments, const char* program = KAL_TOOL);
-    void kill(int signal) const;
-    Outcome wait();
-
-private:
-    pid_t process_;
-    int out_;
-    int err_;
-};
 
 Outcome kal(const Arguments& arguments);
 
