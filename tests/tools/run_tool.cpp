@@ -83,10 +83,11 @@ exec 9>&2; BASH_XTRACEFD=9
 PATH=${KAL_TOOL%/*}:$PATH
 fails() {
     local status=0
-    "${@:3}" >/dev/null 2>err || status=$?
+    told=$("${@:3}" 2>err) || status=$?
     cat err >&9
     [ $status = $1 ] && grep -qF -- "$2" err && [ "$(grep -c '^kal: ' err)$(wc -l <err)" = 11 ] && rm err
 }
+poke() { printf "\\x$3" | dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none; }
 )sh";
     setenv("KAL_TOOL", KAL_TOOL, 1);
     const Outcome outcome = run("/bin/bash", {"-euxo", "pipefail", "-c", start + script});

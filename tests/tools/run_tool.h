@@ -33,8 +33,8 @@ struct Refusal {
 };
 void expectRefusals(const std::vector<Refusal>& refusals);
 
-// Runs a script of bash, where `kal` is the program and `fails STATUS WHY COMMAND...` expects such a failure; each command
-// must succeed. A failure prints what was run.
+// Runs a script of bash, where `kal` is the program, `fails STATUS WHY COMMAND...` expects such a failure, of which `told`
+// is the output, and `poke FILE PLACE HEX` sets a byte; each command must succeed. A failure prints what was run.
 void runScript(const std::string& script);
 
 // Under the sanitizers or an emulator starting a process takes many times as long.

@@ -222,8 +222,7 @@ for how in '' --plain --dib; do
         cp whole a.kal
         for ((flips = round % 3; flips >= 0; flips--)); do # in the index, or behind its room
             at=$((round % 4 == 0 ? RANDOM % 54 : 32664 + RANDOM % (size - 32664)))
-            byte=$(($(od -An -tu1 -j $at -N 1 a.kal) ^ 1 << RANDOM % 8))
-            printf "\\x$(printf %x $byte)" | dd of=a.kal bs=1 seek=$at conv=notrunc status=none
+            poke a.kal $at $(printf %x $(($(od -An -tu1 -j $at -N 1 a.kal) ^ 1 << RANDOM % 8)))
         done
         [ $((round % 5)) != 4 ] || truncate -s $((RANDOM % (RANDOM % 2 ? 200 : size))) a.kal
         for command in 'list a.kal' 'stat a.kal' 'sheet a.kal -o -' 'dump a.kal 2' 'extract a.kal 1 2 3 4 -o out'; do
