@@ -1,7 +1,6 @@
 // kal check on files of every kind, whole and damaged; what it saves; and the bar of long work on a terminal.
 #include "tests/support/registry_test.h"
-#include "tests/tools/bmp_files.h"
-#include "tests/tools/run_tool.h"
+#include "tests/tools/tool_test.h"
 
 #include <kal.h>
 

@@ -1,8 +1,7 @@
 // What goes wrong from outside: no memory, no room, signals, other programs, damage.
 #include "tests/support/processes.h"
 #include "tests/support/registry_test.h"
-#include "tests/tools/bmp_files.h"
-#include "tests/tools/run_tool.h"
+#include "tests/tools/tool_test.h"
 
 #include <cstddef>
 #include <fcntl.h>

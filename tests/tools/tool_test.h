@@ -1,8 +1,21 @@
-// BMP files made byte by byte.
-#ifndef KAL_TESTS_TOOLS_BMP_FILES_H
-#define KAL_TESTS_TOOLS_BMP_FILES_H
+// The built kal program, run as a user runs it, and BMP files made byte by byte for it.
+#ifndef KAL_TESTS_TOOLS_TOOL_TEST_H
+#define KAL_TESTS_TOOLS_TOOL_TEST_H
 
 #include "tests/support/files.h"
+
+// Runs a script of bash, each command of which must succeed; a failure prints what was run. In it `kal` is the program.
+// `fails STATUS WHY COMMAND...` expects a failure that says WHY on one line and nothing else; $told is the output.
+// `refuses` expects it of kal with each line of its input, "STATUS|WHY|ARGUMENTS", and the files as they were.
+// `poke FILE PLACE HEX...` sets bytes.
+void runScript(const std::string& script);
+
+// Under the sanitizers or an emulator starting a process takes many times as long.
+#if defined(__SANITIZE_ADDRESS__) || defined(KAL_EMULATED)
+inline constexpr bool slowBuild = true;
+#else
+inline constexpr bool slowBuild = false;
+#endif
 
 struct BmpKind {
     uint32_t width;
