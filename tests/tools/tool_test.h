@@ -5,7 +5,8 @@
 #include "tests/support/files.h"
 
 // Runs a script of bash, each command of which must succeed; a failure prints what was run. In it `kal` is the program.
-// `fails STATUS WHY COMMAND...` expects a failure that says WHY on one line and nothing else; $told is the output.
+// `fails STATUS WHY COMMAND...` expects a failure that says WHY on one line and nothing else; `ends WHY COMMAND...` that or
+// success; then $status and $told are the status and the output.
 // `refuses` expects it of kal with each line of its input, "STATUS|WHY|ARGUMENTS", and the files as they were.
 // `poke FILE PLACE HEX...` sets bytes.
 void runScript(const std::string& script);

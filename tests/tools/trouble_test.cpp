@@ -194,7 +194,7 @@ twelve=$(printf 'small.bmp %.0s' {1..12})
 for ((taken = 0; taken < 120000; taken += step)); do
     for command in "store tiny/a.kal $twelve" 'pack tiny/a.kal'; do
         head -c $taken /dev/zero >tiny/filler
-        kal $command >/dev/null 2>&1 || { fails 1 'a.kal: ' kal $command; cmp tiny/a.kal before; }
+        ends 'a.kal: ' kal $command; [ $status = 0 ] || cmp tiny/a.kal before
         rm tiny/filler; cp before tiny/a.kal
     done
 done
@@ -211,7 +211,7 @@ TEST_F(Trouble, OfWrongBytesIsFound) {
     writeFile("p2", makeBmp({25, -20, 4, 40, 3, 5, true}, 2));
     writeFile("p3", makeBmp({80, 60, 8}, 3));
     writeFile("p4", makeBmp({40, 30, 24}, 4));
-    runScript((slowBuild ? "rounds=8" : "rounds=60") + std::string(R"sh(
+    runScript((slowBuild ? "rounds=8" : "rounds=40") + std::string(R"sh(
 RANDOM=1
 mkdir out
 for how in '' --plain --dib; do
@@ -224,13 +224,13 @@ for how in '' --plain --dib; do
             poke a.kal $at $(printf %x $(($(od -An -tu1 -j $at -N 1 a.kal) ^ 1 << RANDOM % 8)))
         done
         [ $((round % 5)) != 4 ] || truncate -s $((RANDOM % (RANDOM % 2 ? 200 : size))) a.kal
-        for command in 'list a.kal' 'stat a.kal' 'sheet a.kal -o -' 'dump a.kal 2' 'extract a.kal 1 2 3 4 -o out'; do
-            kal $command >/dev/null 2>&1 && whole=1 || { fails 1 'a.kal: ' kal $command; whole=0; }
+        for command in 'list a.kal' 'stat a.kal' 'sheet a.kal -o out.png' 'dump a.kal 2' 'extract a.kal 1 2 3 4 -o out'; do
+            ends 'a.kal: ' kal $command 2>/dev/null; [ $status -lt 2 ]
         done
         pictures=$(ls out)
         for picture in $pictures; do cmp out/$picture p${picture%.bmp}; done
         missing=$((4 - $(wc -w <<<$pictures)))
-        [ $whole = $((missing == 0)) ]
+        [ $status = $((missing > 0)) ]
         rm -f out/*; lost=$((lost + missing))
     done
     [ $lost -gt $((rounds / 2)) ] # else the damage hardly showed
