@@ -21,10 +21,14 @@ bool readInto(IStorage* storage, const std::wstring& prefix, Streams& streams, u
         CoTaskMemFree(element.pwcsName);
         if (element.type == STGTY_STREAM) {
             Ref<IStream> stream;
-            HRESULT result = openStream(storage, name, stream, mode);
             Bytes bytes;
-            if (result == S_OK)
-                bytes = readAll(stream.get(), result);
+            HRESULT result = openStream(storage, name, stream, mode);
+            for (uint32_t got = 1; result == S_OK && got > 0;) {
+                const size_t before = bytes.size();
+                bytes.resize(before + std::max<size_t>(before, 8192));
+                result = stream->Read(&bytes[before], static_cast<uint32_t>(bytes.size() - before), &got);
+                bytes.resize(before + got);
+            }
             if (result == S_OK && bytes.size() == element.cbSize)
                 streams[prefix + name] = std::move(bytes);
             else
@@ -39,45 +43,6 @@ bool readInto(IStorage* storage, const std::wstring& prefix, Streams& streams, u
 }
 
 } // namespace
-
-std::wstring wide(const std::string& text) {
-    return std::wstring(text.begin(), text.end());
-}
-
-HRESULT createFile(const std::string& path, Ref<IStorage>& storage) {
-    return StgCreateDocfile(wide(path).c_str(), kUpdate | STGM_CREATE, 0, storage.out());
-}
-
-HRESULT openFile(const std::string& path, uint32_t mode, Ref<IStorage>& storage) {
-    return StgOpenStorage(wide(path).c_str(), nullptr, mode, nullptr, 0, storage.out());
-}
-
-HRESULT makeStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream) {
-    return storage->CreateStream(name.c_str(), kUpdate | STGM_CREATE, 0, 0, stream.out());
-}
-
-HRESULT openStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream, uint32_t mode) {
-    return storage->OpenStream(name.c_str(), nullptr, mode, 0, stream.out());
-}
-
-void writeAll(IStream* stream, const Bytes& bytes) {
-    uint32_t written = 0;
-    ASSERT_EQ(stream->Write(bytes.data(), static_cast<uint32_t>(bytes.size()), &written), S_OK);
-    ASSERT_EQ(written, bytes.size());
-}
-
-Bytes readAll(IStream* stream, HRESULT& result) {
-    Bytes bytes;
-    result = stream->Seek(0, STREAM_SEEK_SET, nullptr);
-    for (uint32_t got = 1; got > 0 && result == S_OK;) {
-        const size_t before = bytes.size();
-        const size_t step = std::max<size_t>(before, 8192);
-        bytes.resize(before + step);
-        result = stream->Read(bytes.data() + before, static_cast<uint32_t>(step), &got);
-        bytes.resize(before + got);
-    }
-    return bytes;
-}
 
 HRESULT putStream(IStorage* storage, const std::wstring& name, const Bytes& bytes) {
     Ref<IStream> stream;

@@ -15,12 +15,9 @@ class Settings : public RegistryTest {};
 
 TEST_F(Compound, PutCatAndListAgree) {
     Ref<IStorage> root, inner;
-    Ref<IStream> stream;
     ASSERT_EQ(createFile("nested.ole", root), S_OK);
     ASSERT_EQ(root->CreateStorage(L"inner", kUpdate, 0, 0, inner.out()), S_OK);
-    ASSERT_EQ(makeStream(inner.get(), L"x", stream), S_OK);
-    writeAll(stream.get(), bytesOf("deep"));
-    stream.reset();
+    EXPECT_EQ(putStream(inner.get(), L"x", bytesOf("deep")), S_OK);
     inner.reset();
     runScript("fails 1 'nested.ole: in use' kal compound list nested.ole --wait 0");
     root.reset();
