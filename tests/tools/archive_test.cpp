@@ -212,6 +212,7 @@ done
 [ $(find . -mindepth 1 -maxdepth 1 -printf . | wc -c) = 10 ]
 [ "$(kal --version)" = "kal 1.0.0" ]
 for command in store list extract remove pack stat dump cat; do kal $command --help | grep -q "  kal $command "; done
+kal extract --help | grep -qxF 'Usage: kal extract [--all] -o FILE [--png] [-j N] ARCHIVE [ID...]'
 fails 1 'standard output: cannot be written' eval 'kal list a.kal >/dev/full'
 cp a.kal before
 fails 1 'standard output: cannot be written' eval 'kal list a.kal >&-' || true
