@@ -147,12 +147,10 @@ TEST_F(Compound, RandomChangesAgreeWithAModelAndOtherReaders) {
 
 // How many entries of a directory stand below each other, at the most.
 int depthBelow(const Bytes& directory, uint32_t index) {
-    if (index == 0xFFFFFFFF)
-        return 0;
-    const auto below = [&](size_t field) {
-        return depthBelow(directory, word(directory, index * size_t(128) + field));
-    };
-    return 1 + std::max(below(68), below(72));
+    const size_t entry = index * size_t(128);
+    return index == 0xFFFFFFFF ? 0
+                               : 1 + std::max(depthBelow(directory, word(directory, entry + 68)),
+                                              depthBelow(directory, word(directory, entry + 72)));
 }
 
 TEST_F(Compound, TheDirectoryIsABalancedTreeInTheFormatsOrder) {

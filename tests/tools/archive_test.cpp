@@ -133,9 +133,10 @@ for how in '' --plain; do
     kal extract a.kal 1 -o link && cmp a.kal in/1.bmp # the file that the link leads to
     rm a.kal link fresh.kal out/*
 done
-kal store a.kal - <in/1.bmp
-kal extract a.kal 1 -o - | cmp - in/1.bmp
+kal store a.kal - <in/2.bmp
+kal extract a.kal 1 -o - | cmp - in/2.bmp
 kal extract a.kal 1 --png -o - | cmp - <(kal extract a.kal 1 -o p.png && cat p.png)
+kal store a.kal p.png; kal extract a.kal 2 --png -o - | cmp - p.png # more than is read at a time
 kal sheet a.kal -o - | head -c 4 | grep -q PNG)sh");
 }
 
