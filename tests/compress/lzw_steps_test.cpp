@@ -1,10 +1,6 @@
 // The codec step by step, as callers with loops of their own use it, against the simple coder.
 #include "tests/compress/runs.h"
 
-#include <kal/heap.h>
-
-#include <cstring>
-
 namespace {
 
 constexpr uint32_t kNever = UINT32_MAX; // that the table is cleared

@@ -1,11 +1,6 @@
 // Compressed streams against the simple coder: every byte of every run, over every kind of stream, and what trouble leaves.
 #include "tests/compress/runs.h"
 
-#include <kal/storage.h>
-#include <kal/vmem.h>
-
-#include <unistd.h>
-
 namespace {
 
 scfiletag* makeCFile(SFILE* stream) {

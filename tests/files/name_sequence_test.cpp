@@ -1,10 +1,4 @@
-#include "tests/support/files.h"
 #include "tests/support/room.h"
-
-#include <kal/file.h>
-#include <kal/path.h>
-
-#include <random>
 
 namespace {
 

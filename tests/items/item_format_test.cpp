@@ -3,8 +3,6 @@
 #include "tests/support/faults.h"
 #include "tests/support/vector_stream.h"
 
-#include <cerrno>
-
 namespace {
 
 class ItemFormat : public FolderTest {

@@ -3,11 +3,6 @@
 #include "tests/support/faults.h"
 #include "tests/support/trouble.h"
 
-#include <kal/resource.h>
-
-#include <cerrno>
-#include <random>
-
 namespace {
 
 class ItemModel : public FolderTest {

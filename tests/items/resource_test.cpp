@@ -2,12 +2,6 @@
 #include "tests/items/items.h"
 #include "tests/support/faults.h"
 
-#include <kal/path.h>
-#include <kal/resource.h>
-
-#include <cerrno>
-#include <filesystem>
-
 namespace {
 
 using namespace std::string_literals;
@@ -18,7 +12,7 @@ IFILE* resources(const std::vector<std::string>& contents, uint16_t format, size
     for (size_t i = 0; i < contents.size(); i++)
         write(file, uint16_t(i + 1), contents[i]);
     EXPECT_EQ(KalCloseIFile(file), KAL_OK);
-    std::filesystem::resize_file("f", std::filesystem::file_size("f") - cut);
+    fs::resize_file("f", fs::file_size("f") - cut);
     EXPECT_EQ(KalOpenRes(&file, "f", 0), KAL_OK);
     return file;
 }
@@ -94,7 +88,7 @@ TEST_F(Resources, TextsEndWhereTheirItemDoes) {
 }
 
 TEST_F(Resources, TheyAreFoundAlongTheSearchTextAndOnlyRead) {
-    std::filesystem::create_directory("home");
+    fs::create_directory("home");
     const Bytes described = hexExample("docs/formats/resource-file.md");
     writeFile("home/APP.RES", described);
     IFILE* file = nullptr;

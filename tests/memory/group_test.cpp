@@ -1,10 +1,6 @@
 #include "tests/support/faults.h"
 
-#include <kal/heap.h>
-#include <kal/memory.h>
-
 #include <sys/mman.h>
-#include <unistd.h>
 
 TEST(Group, OneCallFreesAllOfBothKinds) {
     EXPECT_EQ(withEachAllocationFailing([](int) {

@@ -1,13 +1,6 @@
 #include "tests/support/faults.h"
 
-#include <kal/heap.h>
-#include <kal/list.h>
-
-#include <algorithm>
 #include <list>
-#include <random>
-#include <utility>
-#include <vector>
 
 namespace {
 

@@ -1,24 +1,9 @@
 #include "memory/swap_file.h"
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 
-#include <kal/heap.h>
-#include <kal/path.h>
-#include <kal/vmem.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <map>
-#include <random>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -174,7 +159,7 @@ TEST_F(SwapFileTest, IsPrivateNamelessAndWhereItIsToldToBe) {
         ASSERT_EQ(::fstat(file, &found), 0);
         EXPECT_EQ(found.st_mode & 0777, 0600u);
         EXPECT_EQ(found.st_nlink, 0u) << "has a name";
-        const std::string link = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file));
+        const std::string link = fs::read_symlink("/proc/self/fd/" + std::to_string(file));
         EXPECT_EQ(link.rfind(path("swap"), 0), 0u) << link;
         EXPECT_NE(std::string(swap.file->nameBuf).find("swap\\ZEP"), std::string::npos);
         EXPECT_EQ(KalSizeSMem(swap.file->nameBuf), 772u);

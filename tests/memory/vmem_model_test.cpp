@@ -4,11 +4,7 @@
 
 #include "memory/vmem_used.h"
 
-#include <kal/heap.h>
-
-#include <algorithm>
 #include <list>
-#include <random>
 
 namespace {
 

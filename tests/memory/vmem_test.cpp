@@ -1,14 +1,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/vmem.h"
 
-#include <kal/heap.h>
-#include <kal/path.h>
-#include <kal/tagset.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <fcntl.h>
-#include <random>
 #include <thread>
 
 class VMemTest : public VMemFixture {

@@ -1,8 +1,6 @@
 // Lists in streams and in blocks against a model: the ops in order, and where each was put.
 #include "tests/oplist/lists.h"
 
-#include <cerrno>
-
 namespace {
 
 class List : public ListTest {};

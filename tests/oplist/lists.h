@@ -6,8 +6,6 @@
 #include "tests/support/faults.h"
 #include "tests/support/ops.h"
 
-#include <kal/vmem.h>
-
 class ListTest : public FolderTest {
 protected:
     ListTest() : FolderTest(kInMemory) {

@@ -2,8 +2,6 @@
 #include "tests/oplist/lists.h"
 #include "tests/support/trouble.h"
 
-#include <cerrno>
-
 namespace {
 
 class ListTrouble : public ListTest {

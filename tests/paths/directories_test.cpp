@@ -3,15 +3,8 @@
 #include "tests/support/room.h"
 #include "tests/support/trouble.h"
 
-#include <kal/heap.h>
-#include <kal/path.h>
-
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <thread>
-
-namespace fs = std::filesystem;
 
 namespace {
 

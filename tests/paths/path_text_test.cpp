@@ -1,13 +1,7 @@
 // Paths as text, and the names that are made of them.
 #include "paths/temp_names.h"
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 #include "tests/support/room.h"
-
-#include <kal/heap.h>
-#include <kal/path.h>
-
-#include <filesystem>
 
 namespace {
 
@@ -94,7 +88,7 @@ TEST_F(TempNames, NamesCountOnFromTheTemplateWhereTheyFit) {
     Room tooSmall(2, "A.B");
     EXPECT_EQ(KalGetUnique(tooSmall.data(), 2) | KalGetUnique(nullptr, 10), KAL_ERR_SERVICE);
     EXPECT_EQ(tooSmall.text(), "A.B");
-    std::filesystem::create_directory("sub");
+    fs::create_directory("sub");
     for (const char* directory : {"sub", "sub\\", ""}) {
         const HeapBalance balance;
         EXPECT_EQ(KalTempPath(directory), KAL_OK);

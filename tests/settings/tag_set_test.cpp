@@ -3,16 +3,9 @@
 #include "tests/support/registry_test.h"
 #include "tests/support/trouble.h"
 
-#include <kal/tagset.h>
-
-#include <algorithm>
 #include <clocale>
 #include <cmath>
-#include <cstring>
 #include <memory>
-#include <random>
-#include <unistd.h>
-#include <utility>
 
 namespace {
 

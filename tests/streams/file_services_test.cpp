@@ -1,15 +1,7 @@
 // Temporary files, existence, appending, copying.
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 
-#include <kal/path.h>
-#include <kal/stream.h>
-
-#include <cerrno>
-#include <filesystem>
 #include <sys/stat.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 

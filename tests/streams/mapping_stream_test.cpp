@@ -1,16 +1,9 @@
 // What lies in a mapping, and who holds its name: within and between processes.
 #include "platform/file_mapping.h"
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
-
-#include <kal/mapping.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 

@@ -4,17 +4,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/storage.h"
 
-#include <kal/mapping.h>
-#include <kal/storage.h>
-#include <kal/stream.h>
-#include <kal/vmem.h>
-
-#include <algorithm>
-#include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <random>
-#include <unistd.h>
 
 namespace {
 

@@ -2,15 +2,6 @@
 #include "tests/support/faults.h"
 #include "tests/support/storage.h"
 
-#include <kal/path.h>
-#include <kal/storage.h>
-#include <kal/stream.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-
 namespace {
 
 class Open : public FolderTest {
@@ -40,14 +31,14 @@ constexpr int kMissing = KAL_ERR_OPEN - ENOENT;
 } // namespace
 
 TEST_F(Open, EveryNameInEveryMode) {
-    std::filesystem::create_directory("folder");
+    fs::create_directory("folder");
     writeFile("full", Bytes(2000));
     std::string deep = "d"; // of short names, but longer than any one name
     for (int i = 0; i < 30; i++) {
-        std::filesystem::create_directory(deep);
+        fs::create_directory(deep);
         deep += "/component";
     }
-    std::filesystem::create_directory(deep);
+    fs::create_directory(deep);
     std::replace(deep.begin(), deep.end(), '/', '\\');
     const std::string longest(255, 'n'), tooLong = std::string(300, 'n') + '.' + std::string(300, 'e'),
                                          strange = tooLong + '\xE9';
@@ -111,7 +102,7 @@ TEST_F(Open, EveryNameInEveryMode) {
 }
 
 TEST_F(Open, PathsOfThePlatformFindHostFiles) {
-    std::filesystem::create_directories("Some/Folder");
+    fs::create_directories("Some/Folder");
     writeFile("Some/Folder/File.Txt", bytesOf("a"));
     writeFile("Some/Folder/file.txt", bytesOf("b"));
     writeFile("plain", bytesOf("c"));
@@ -142,7 +133,7 @@ TEST_F(Open, PathsOfThePlatformFindHostFiles) {
 
 TEST_F(Open, SearchGoesThroughTheWholeText) {
     for (const char* folder : {"home", "two", "last"})
-        std::filesystem::create_directory(folder);
+        fs::create_directory(folder);
     writeFile("last/DEEP.DAT", bytesOf("x"));
     SFILE* s = open("last/f.ole", KAL_MODE_CREATE | KAL_MODE_UPDATE, KAL_OK, "s");
     EXPECT_EQ(s->putChar(s, 'y') | s->close(s), KAL_OK);
@@ -158,7 +149,7 @@ TEST_F(Open, SearchGoesThroughTheWholeText) {
         open(name + (stream == nullptr ? 10 : 0), 0, kMissing, stream);
         open("absent", KAL_MODE_SEARCH, kMissing, stream);
         EXPECT_EQ(firstByte("absent", KAL_MODE_SEARCH | KAL_MODE_APPEND, stream), KAL_ERR_END);
-        EXPECT_TRUE(std::filesystem::remove("absent")) << "made under the name as given";
+        EXPECT_TRUE(fs::remove("absent")) << "made under the name as given";
     }
     KalSetHomeStr(nullptr);
     unsetenv("KAL_DRIVE_W");

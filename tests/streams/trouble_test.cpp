@@ -5,13 +5,6 @@
 #include "tests/support/trouble.h"
 #include "tests/support/vmem.h"
 
-#include <kal/path.h>
-#include <kal/storage.h>
-#include <kal/stream.h>
-
-#include <cerrno>
-#include <filesystem>
-
 namespace {
 
 class StreamTrouble : public VMemFixture {};

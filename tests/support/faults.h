@@ -6,11 +6,7 @@
 #include "platform/global_memory.h"
 #include "platform/heap_faults.h"
 #include "platform/host_calls.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <unistd.h>
+#include "tests/support/files.h"
 
 // A field of a packed record by value: the assertion macros bind references, which packed fields do not take.
 template <class T>

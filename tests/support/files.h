@@ -1,13 +1,26 @@
-// Real files for tests, made and read with plain host calls.
+// Real files for tests, made and read with plain host calls; and what nearly every test includes.
 #ifndef KAL_TESTS_SUPPORT_FILES_H
 #define KAL_TESTS_SUPPORT_FILES_H
 
 #include <gtest/gtest.h>
+#include <kal.h>
 
-#include <cstdint>
-#include <initializer_list>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
+
+namespace fs = std::filesystem;
 
 using Bytes = std::vector<uint8_t>;
 

@@ -4,12 +4,6 @@
 
 #include "tests/support/files.h"
 
-#include <kal/heap.h>
-#include <kal/oplist.h>
-
-#include <cstring>
-#include <random>
-
 struct Op {
     uint16_t type;
     Bytes payload;

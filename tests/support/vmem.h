@@ -5,12 +5,7 @@
 #include "platform/global_memory.h"
 #include "tests/support/files.h"
 
-#include <kal/vmem.h>
-
-#include <cstring>
-#include <fstream>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 inline constexpr bool kSanitized = true; // slower, and the process's memory is not its own

@@ -1,13 +1,6 @@
 // Strings, blocks, sorting and statuses.
 #include "tests/support/room.h"
 
-#include <kal/status.h>
-#include <kal/text.h>
-
-#include <algorithm>
-#include <random>
-#include <vector>
-
 namespace {
 
 std::string compared;
