@@ -1,7 +1,7 @@
 // Every kind of stream against one model: a vector of bytes, a position, and what the kinds do differently. Random
 // sequences of all operations; positions, statuses, bytes and the record must agree after each. What is kept when the
 // stream is closed is looked at from outside, and the stream is opened again with another access.
-#include "tests/support/faults.h"
+#include "tests/streams/streams.h"
 #include "tests/support/storage.h"
 
 #include <fcntl.h>
@@ -40,7 +40,6 @@ constexpr Kind kKinds[] = {
 class Model : public FolderTest {
 protected:
     Model() : FolderTest(kInMemory) {}
-    ~Model() override { KalSetMaxVMem(0); }
 
     void run(const Kind& kind, uint16_t mode, uint16_t later, uint32_t bufSize, uint32_t seed) {
         kind_ = &kind;
@@ -88,9 +87,7 @@ private:
             s_->mode = mode;
             s_->status = KAL_OK;
         } else {
-            ASSERT_EQ(kind_->compound ? KalOpenFileAsIStream(&s_, name.c_str(), "s", mode)
-                                      : KalOpenFile(&s_, name.c_str(), kind_->mode | mode, 5004),
-                      KAL_OK);
+            s_ = openStream(name.c_str(), kind_->mode | mode, KAL_OK, kind_->compound ? "s" : nullptr, 5004);
             const bool adds = appends && access == 0 && kind_->buffered();
             ASSERT_EQ(val(s_->mode), kind_->mode | mode | (adds ? KAL_MODE_WRITE : 0));
             ASSERT_EQ(kind_->buffered() ? std::string(s_->name) : name, name);
@@ -477,7 +474,6 @@ TEST_F(Model, AllKindsAgreeInRandomSequences) {
         0, KAL_MODE_WRITE, KAL_MODE_UPDATE, KAL_MODE_APPEND, kNoAccess, KAL_MODE_APPEND | KAL_MODE_UPDATE};
     constexpr uint32_t kBufSizes[] = {0, 1, 3, 512, 4096};
     for (const Kind& kind : kKinds) {
-        const HeapBalance balance;
         KalSetMaxVMem(200'000); // six blocks of a stream, so that others are swapped out
         ASSERT_EQ(KalOpenVMem(0), KAL_OK);
         for (uint32_t seed = firstSeed(), end = seed + 60; seed != end; seed++) {
@@ -497,8 +493,7 @@ TEST_F(Model, AllKindsAgreeInRandomSequences) {
 TEST_F(Model, NothingIsReadPastTheLastPosition) {
     writeFile("f", {});
     ASSERT_EQ(::truncate("f", 0x100000010), 0); // by others
-    SFILE* s = nullptr;
-    ASSERT_EQ(KalOpenFile(&s, "f", 0, 0), KAL_OK);
+    SFILE* s = openStream("f", 0);
     EXPECT_EQ(s->seek(s, 0, KAL_SEEK_END), KAL_ERR_SEEK);
     EXPECT_EQ(::lseek(int(s->handle), 0, SEEK_CUR), val(s->osPos));
     Bytes bytes(10);
@@ -513,8 +508,7 @@ TEST_F(Model, NothingIsReadPastTheLastPosition) {
 
 TEST_F(Model, AStandingStatusEndsTheLineAfterOneCharacter) {
     writeFile("f", bytesOf("abc\rdef"));
-    SFILE* s = nullptr;
-    ASSERT_EQ(KalOpenFile(&s, "f", 0, 0), KAL_OK);
+    SFILE* s = openStream("f", 0);
     EXPECT_EQ(s->getChar(s), 'a');
     s->status = KAL_ERR_SEEK; // as a refused seek leaves it, with bytes still in the buffer
     char line[] = "########";

@@ -53,22 +53,6 @@ private:
     static inline int64_t all_, writes_, seeks_;
 };
 
-// Fails if blocks of small or global memory were leaked or freed too often in its scope.
-class HeapBalance {
-public:
-    HeapBalance() : before_(liveHeapBlocks()), globalBefore_(liveGlobalBlocks()) {}
-    ~HeapBalance() {
-        EXPECT_EQ(liveHeapBlocks(), before_) << "small-memory blocks leaked or lost";
-        EXPECT_EQ(liveGlobalBlocks(), globalBefore_) << "global memory blocks leaked or lost";
-    }
-    HeapBalance(const HeapBalance&) = delete;
-    HeapBalance& operator=(const HeapBalance&) = delete;
-
-private:
-    uint64_t before_;
-    uint32_t globalBefore_;
-};
-
 // Runs `attempt(n)` with the n-th allocation failing, for n = 1, 2, ... until one run needs no more than
 // n - 1. Each run must leave the heap as it found it. Returns the number of runs that met the fault.
 template <class Attempt>

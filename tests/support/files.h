@@ -2,6 +2,9 @@
 #ifndef KAL_TESTS_SUPPORT_FILES_H
 #define KAL_TESTS_SUPPORT_FILES_H
 
+#include "platform/global_memory.h"
+#include "platform/heap_faults.h"
+
 #include <gtest/gtest.h>
 #include <kal.h>
 
@@ -27,7 +30,24 @@ using Bytes = std::vector<uint8_t>;
 // For loops over modes, formats and ids.
 using Words = std::initializer_list<uint16_t>;
 
-// A folder of its own for each test, gone afterwards; the current directory while the test runs.
+// Fails if blocks of small or global memory were leaked or freed too often in its scope.
+class HeapBalance {
+public:
+    HeapBalance() : before_(liveHeapBlocks()), globalBefore_(liveGlobalBlocks()) {}
+    ~HeapBalance() {
+        EXPECT_EQ(liveHeapBlocks(), before_) << "small-memory blocks leaked or lost";
+        EXPECT_EQ(liveGlobalBlocks(), globalBefore_) << "global memory blocks leaked or lost";
+    }
+    HeapBalance(const HeapBalance&) = delete;
+    HeapBalance& operator=(const HeapBalance&) = delete;
+
+private:
+    uint64_t before_;
+    uint32_t globalBefore_;
+};
+
+// A folder of its own for each test, gone afterwards; the current directory while the test runs. What a test has set for
+// its task is as it was then, and no memory may be left.
 class FolderTest : public ::testing::Test {
 protected:
     // In memory, where that is to be had, for thousands of small files, which would have to wait for the disk.
@@ -37,6 +57,7 @@ protected:
     std::string path(const std::string& name) const { return folder_ + "/" + name; }
 
 private:
+    const HeapBalance balance_;
     std::string folder_;
     std::string before_;
 };

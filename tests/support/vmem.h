@@ -15,11 +15,6 @@ inline constexpr bool kSanitized = false;
 
 class VMemFixture : public FolderTest {
 protected:
-    ~VMemFixture() override {
-        KalCloseVMem();
-        KalSetMaxVMem(0);
-    }
-
     static void open(uint32_t limit) {
         KalSetMaxVMem(limit);
         ASSERT_EQ(KalOpenVMem(0), 0);
