@@ -60,8 +60,7 @@ TEST_F(VMemTest, EveryCallServesInEveryState) {
     std::thread(walk, kClosed).join(); // another task knows nothing of it
     walk(kListClosed);
     KalOpenLRUVList();
-    void* unlisted = make(1000, 1);
-    void* listed = make(3000, 2);
+    void *unlisted = make(1000, 1), *listed = make(3000, 2);
     KalDeleteLRU(unlisted);
     EXPECT_EQ(KalCloseLRUVList(), KAL_OK);
     EXPECT_EQ(GlobalFlags(listed), GMEM_INVALID_HANDLE);
@@ -73,23 +72,16 @@ TEST_F(VMemTest, EveryCallServesInEveryState) {
 
 TEST_F(VMemTest, TheLruListServesAnyHandle) {
     open(0);
-    int a = 0, b = 0; // no blocks: the list holds what it is given
-    void* block = make(10, 1);
-    for (void* handle : {static_cast<void*>(&a), static_cast<void*>(&b), block, static_cast<void*>(&a)})
+    int blocks[2]; // no blocks: the list holds what it is given
+    void *a = &blocks[0], *b = &blocks[1], *node;
+    for (void* handle : {a, b, a})
         EXPECT_EQ(KalAddLRU(handle), KAL_OK);
     slisthd* list = state().lruList;
-    void* wanted = &b;
-    void* node = KalSPeekList(list, KalFindLRUNode, &wanted);
-    ASSERT_EQ(node, KalNextNode(KalNextNode(list->first + 1)));
-    EXPECT_EQ(KalDeleteLRU(&a) + KalDeleteLRU(block) + KalDeleteLRU(&list),
-              KAL_OK); // the newer of two each, and none
+    ASSERT_EQ(node = KalSPeekList(list, KalFindLRUNode, &b), KalNextNode(list->first + 1));
+    EXPECT_EQ(KalDeleteLRU(a) + KalDeleteLRU(&list), KAL_OK) << "the newer of two, and none";
     EXPECT_EQ(reinterpret_cast<void*>(list->first + 1), node);
-    EXPECT_EQ(KalDeleteLRU(&a) + KalDeleteLRU(block), KAL_OK);
+    EXPECT_EQ(KalDeleteLRU(a), KAL_OK);
     EXPECT_EQ(KalSCountList(list), 1);
-    failHeapAllocation(1);
-    EXPECT_EQ(KalAddLRU(&a), KAL_ERR_BUFFER);
-    EXPECT_EQ(KalAddLRU(&a), KAL_OK);
-    KalFreeVMem(block); // what no list holds is its owner's
 }
 
 TEST_F(VMemTest, ProbesForTheLargestBlockThatCanBeHad) {
@@ -99,11 +91,6 @@ TEST_F(VMemTest, ProbesForTheLargestBlockThatCanBeHad) {
     };
     ASSERT_EQ(KalOpenVMem(0), KAL_OK);
     EXPECT_EQ(KalGetVMemSize(), 524288);
-    KalCloseVMem();
-    failHeapAllocationsFrom(6); // behind what the manager needs itself
-    EXPECT_EQ(KalOpenVMem(0), KAL_ERR_VMEM);
-    failHeapAllocation(0);
-    EXPECT_EQ(KalGetTaskData(6), nullptr);
 }
 
 // The handler is told once, and again only after a write has come through; what cannot be written stays in memory.
@@ -148,8 +135,7 @@ TEST_F(VMemTest, TheHandlerMayFreeBlocksAndEvenClose) {
 
 TEST_F(VMemTest, ABlockThatCannotBeReadBackIsNullAndKeepsItsCopy) {
     open(20000);
-    void* first = make(15000, 1);
-    void* second = make(15000, 2);
+    void *first = make(15000, 1), *second = make(15000, 2);
     {
         HostCallGuard guard;
         hostCalls.read = [](int, void*, size_t) -> ssize_t { return errno = EIO, -1; };
@@ -175,14 +161,13 @@ TEST_F(VMemTest, ABlockThatCannotBeReadBackIsNullAndKeepsItsCopy) {
 TEST_F(VMemTest, ShortMemoryIsMadeUpForBySwapping) {
     open(1 << 30);
     HostCallGuard guard;
-    static std::vector<void*> blocks;
-    blocks.clear();
+    void* blocks[5];
     for (uint32_t i = 0; i < 4; i++)
-        blocks.push_back(make(1 << 20, i));
+        blocks[i] = make(1 << 20, i);
     hostCalls.mmap = [](void*, size_t, int, int, int, off_t) { return MAP_FAILED; };
     hostCalls.mremap = [](void*, size_t, size_t, int) { return MAP_FAILED; };
     trimGlobalMemory(0);
-    blocks.push_back(make(1 << 20, 4));
+    blocks[4] = make(1 << 20, 4);
     for (uint32_t i = 0; i < 5; i++)
         expect(blocks[i], 1 << 20, i);
     EXPECT_EQ(val(state().bytesResident), 4 << 20);
@@ -196,7 +181,7 @@ TEST_F(VMemTest, ShortMemoryIsMadeUpForBySwapping) {
 TEST_F(VMemTest, TheProcessStaysWithinTheLimit) {
     constexpr uint32_t kLimit = 8 << 20, kSlack = 4 << 20;
     KalSetVMemTemp("/dev/shm"); // the disk's own speed is not the point
-    for (const uint32_t size : {1u << 20, 8948u, 700000u, 4096u}) {
+    for (const uint32_t size : {1u << 20, 8948u, 700000u, 1024u}) {
         std::vector<void*> blocks((kSanitized ? 16u << 20 : 64u << 20) / size);
         open(kLimit);
         const int64_t before = residentBytes();
