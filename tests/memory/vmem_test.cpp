@@ -181,7 +181,7 @@ TEST_F(VMemTest, ShortMemoryIsMadeUpForBySwapping) {
 TEST_F(VMemTest, TheProcessStaysWithinTheLimit) {
     constexpr uint32_t kLimit = 8 << 20, kSlack = 4 << 20;
     KalSetVMemTemp("/dev/shm"); // the disk's own speed is not the point
-    for (const uint32_t size : {1u << 20, 8948u, 700000u, 1024u}) {
+    for (const uint32_t size : {1u << 20, 8948u, 700000u, 4096u}) {
         std::vector<void*> blocks((kSanitized ? 16u << 20 : 64u << 20) / size);
         open(kLimit);
         const int64_t before = residentBytes();

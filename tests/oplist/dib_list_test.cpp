@@ -83,11 +83,8 @@ protected:
         } else if (what < 5) {
             const auto lines = uint16_t(1 + below(std::min<uint32_t>(9, height_ - line)));
             const Op band = randomBand(line, width_, lines, depth_, uint32_t(random_()));
-            void* op = KalCreateOp(KAL_OP_DIB, uint32_t(band.payload.size()));
-            std::memcpy(op, band.payload.data(), band.payload.size());
-            ASSERT_NE((what == 3 ? KalPutDIBOp : KalPutOp)(list_, op), KAL_OP_FAILED);
+            ASSERT_NE(putOp(list_, band, what == 3 ? KalPutDIBOp : KalPutOp), KAL_OP_FAILED);
             ASSERT_EQ(val(list_->putPending), 1);
-            KalFreeSMem(KalOpBlock(op));
             for (uint32_t i = 0; i < lines; i++)
                 wasPut(line + i, rowOf(&band.payload[KAL_DIB_OP_HEADER + i * KalDIBLineBytes(width_, depth_)],
                                        width_, depth_, rowBytes_));
