@@ -29,8 +29,7 @@ void append(Bytes* bytes, const Bytes& more) {
     bytes->insert(bytes->end(), more.begin(), more.end());
 }
 
-class RunModel : public FolderTest {
-protected:
+struct RunModel : FolderTest {
     RunModel() : FolderTest(kInMemory) {}
 };
 
@@ -76,8 +75,7 @@ void writeAndRead(uint16_t mode, uint32_t bufSize, uint32_t seed) {
         append(&expected, runOf(run.data).bytes);
         run.end = expected.size();
         EXPECT_EQ(KalFlushCFile(cfile), KAL_OK);
-        if (cfile->runPos != KAL_NO_POSITION ||
-            random() % 2 == 0) { // nothing unwritten: only freeing ends it
+        if (cfile->runPos != KAL_NO_POSITION || random() % 2 == 0) { // only freeing ends it
             EXPECT_EQ(KalFreeCFile(cfile), KAL_OK);
             cfile = makeCFile(stream);
         }
@@ -104,10 +102,8 @@ void writeAndRead(uint16_t mode, uint32_t bufSize, uint32_t seed) {
     KalFreeCFile(cfile);
     seek(0);
     Bytes all(expected.size());
-    for (size_t at = 0, piece; at < all.size(); at += piece) {
-        piece = std::min<size_t>(all.size() - at, 60'000);
-        ASSERT_EQ(stream->read(stream, &all[at], uint32_t(piece)), int32_t(piece));
-    }
+    for (size_t at = 0; at < all.size(); at += 60'000)
+        stream->read(stream, &all[at], uint32_t(std::min<size_t>(all.size() - at, 60'000)));
     EXPECT_TRUE(all == expected && stream->getChar(stream) <= 0) << "other bytes";
     EXPECT_EQ(stream->close(stream), KAL_OK);
 }

@@ -22,10 +22,9 @@ struct Entry {
 };
 
 constexpr uint16_t kFree = KAL_ITEM_FREE;
-constexpr size_t kUncut = SIZE_MAX;
 
 // A file with these entries, cut or made to be `length` bytes long.
-Bytes itemFile(uint16_t format, const std::vector<Entry>& entries, size_t length = kUncut) {
+Bytes itemFile(uint16_t format, const std::vector<Entry>& entries, size_t length) {
     Bytes file;
     const auto append = [&](const auto& record) {
         const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
@@ -34,16 +33,10 @@ Bytes itemFile(uint16_t format, const std::vector<Entry>& entries, size_t length
     append(format);
     append(uint16_t(entries.size()));
     for (const auto& [id, size, offset] : entries)
-        if (format & KAL_ITEMS_WIDE)
-            append(ItemIndexWide{id, size, offset});
-        else
-            append(ItemIndexNarrow{id, uint16_t(size), offset});
-    file.resize(length == kUncut ? file.size() : length);
+        format& KAL_ITEMS_WIDE ? append(ItemIndexWide{id, size, offset})
+                               : append(ItemIndexNarrow{id, uint16_t(size), offset});
+    file.resize(length);
     return file;
-}
-
-std::vector<Entry> freeEntries(size_t count) {
-    return std::vector<Entry>(count, Entry{kFree, 50, 4});
 }
 
 uint32_t offsetOf(IFILE* file, uint16_t id) {
@@ -56,7 +49,7 @@ uint32_t offsetOf(IFILE* file, uint16_t id) {
 TEST_F(ItemFormat, NewFilesAndExpectedFormats) {
     EXPECT_EQ(tryOpen(KAL_MODE_UPDATE, 0), KAL_ERR_OPEN - ENOENT);
     for (const auto& [mode, size] : {std::pair<uint16_t, size_t>{0, 4}, {KAL_MODE_UPDATE, 84}}) {
-        writeFile("f", itemFile(0x0123, {}));
+        writeFile("f", itemFile(0x0123, {}, 4));
         EXPECT_EQ(tryOpen(mode, 0x8123), KAL_ERR_FORMAT);
         EXPECT_EQ(tryOpen(mode, 0x0123), KAL_OK);
         EXPECT_EQ(readFile("f"), itemFile(0x0123, {}, size)) << "with room for ten entries";
@@ -87,6 +80,7 @@ TEST_F(ItemFormat, DamageIsToldAndWhatCannotBeReadIsRefusedAndLeftAlone) {
                                       {4, 0, 3},  {5, 1, 52}, {kFree, 99, 0}};
     const std::vector<Entry> bad = {{1, 1, 83}, {2, 4, 97}, {3, 9, 88}, {4, 2, 90}, {5, 2, 93},
                                     {6, 1, 85}, {7, 1, 85}, {6, 0, 0},  {9, 0, 0},  {6, 0, 0}};
+    const auto freeEntries = [](size_t count) { return std::vector<Entry>(count, {kFree, 50, 4}); };
     // Format, entries, length; the status of opening, and what the walk tells.
     const std::tuple<uint16_t, std::vector<Entry>, size_t, int, const char*> rows[] = {
         {0, {}, 0, KAL_ERR_END, "0/file header "},

@@ -122,23 +122,6 @@ TEST_F(SwapFileTest, AgreesWithTheModelInRandomSequences) {
     }
 }
 
-// The manager finds an extent freed in the list too, if not at once.
-TEST_F(SwapFileTest, AnExtentFreedInTheListIsNotLost) {
-    Swap swap;
-    const Bytes bytes(30000);
-    for (uint32_t id = 1; id <= 40; id++)
-        swap.write(id, bytes);
-    auto* node = swap.file->items->first;
-    while (reinterpret_cast<vitem*>(node + 1)->id != 26)
-        node = node->next;
-    reinterpret_cast<vitem*>(node + 1)->id = 0;
-    for (uint16_t id = 101; id <= 160; id++)
-        writeItem(swap.file, bytes.data(), 30000, id);
-    EXPECT_EQ(swap.pieces().size(), 99u);
-    EXPECT_GT(swap.pieces()[25][kId], 100u);
-    EXPECT_GT(extentListBytes(swap.file), 99u * sizeof(vitem));
-}
-
 TEST_F(SwapFileTest, IsPrivateNamelessAndWhereItIsToldToBe) {
     fs::create_directory("swap");
     writeFile("swap/ZEP0.TMP", bytesOf("taken"));
