@@ -214,17 +214,17 @@ TEST(Run, ReadsWhatOthersWriteAndWhatIsCut) {
 }
 
 TEST(Run, RefusesWhatIsNoRun) {
-    // What is stored, how many bytes of it come, the status, and where the stream then stands.
+    // What is stored, how many bytes of it come, the status, and where the stream then stands: nothing, too little; starts with
+    // the end code, a character, a code that nobody knows; clear and then the end, 258, 'A' and 259.
     const std::tuple<Bytes, size_t, int16_t, uint32_t> rows[] = {
         {{}, 0, KAL_ERR_END, 0},
         {{0x00}, 0, KAL_ERR_END, 1},
-        {{0x01, 0x01, 0, 0}, 0, KAL_ERR_RUN, 2},          // starts with the end code
-        {{0x41, 0x00, 0, 0}, 0, KAL_ERR_RUN, 2},          // with a character
-        {{0xFF, 0xFF, 0, 0}, 0, KAL_ERR_RUN, 2},          // with a code that nobody knows
-        {{0x00, 0x03, 0x02, 0, 0}, 0, KAL_ERR_RUN, 3},    // clear, end
-        {{0x00, 0x05, 0x02, 0, 0}, 0, KAL_ERR_RUN, 3},    // clear, 258
-        {{0x00, 0x83, 0x0C, 0x04, 0}, 1, KAL_ERR_RUN, 4}, // clear, 'A', 259
-    };
+        {{0x01, 0x01, 0, 0}, 0, KAL_ERR_RUN, 2},
+        {{0x41, 0x00, 0, 0}, 0, KAL_ERR_RUN, 2},
+        {{0xFF, 0xFF, 0, 0}, 0, KAL_ERR_RUN, 2},
+        {{0x00, 0x03, 0x02, 0, 0}, 0, KAL_ERR_RUN, 3},
+        {{0x00, 0x05, 0x02, 0, 0}, 0, KAL_ERR_RUN, 3},
+        {{0x00, 0x83, 0x0C, 0x04, 0}, 1, KAL_ERR_RUN, 4}};
     for (const auto& [stored, delivered, status, pos] : rows) {
         SCOPED_TRACE(::testing::PrintToString(stored));
         VectorStream stream(stored);

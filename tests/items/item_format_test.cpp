@@ -81,7 +81,7 @@ TEST_F(ItemFormat, DamageIsToldAndWhatCannotBeReadIsRefusedAndLeftAlone) {
     const std::vector<Entry> bad = {{1, 1, 83}, {2, 4, 97}, {3, 9, 88}, {4, 2, 90}, {5, 2, 93},
                                     {6, 1, 85}, {7, 1, 85}, {6, 0, 0},  {9, 0, 0},  {6, 0, 0}};
     const auto freeEntries = [](size_t count) { return std::vector<Entry>(count, {kFree, 50, 4}); };
-    // Format, entries, length; the status of opening, and what the walk tells.
+    // Format, entries (of 6,554, 10 bytes each wrap in 16 bits), length; the status of opening, and what the walk tells.
     const std::tuple<uint16_t, std::vector<Entry>, size_t, int, const char*> rows[] = {
         {0, {}, 0, KAL_ERR_END, "0/file header "},
         {0, {}, 3, KAL_ERR_SHORT_READ, "3/file header "},
@@ -92,11 +92,10 @@ TEST_F(ItemFormat, DamageIsToldAndWhatCannotBeReadIsRefusedAndLeftAlone) {
         {1, freeEntries(4086), 40000, KAL_ERR_BUFFER, "2/file with "},
         {0x8001, freeEntries(3266), 40000, KAL_OK, ""},
         {0x8001, freeEntries(3267), 40000, KAL_ERR_BUFFER, "2/file with "},
-        {0x8001, freeEntries(6554), 70000, KAL_ERR_BUFFER, "2/file with "}, // 10 bytes each wrap in 16 bits
+        {0x8001, freeEntries(6554), 70000, KAL_ERR_BUFFER, "2/file with "},
         {0, whole, 100, KAL_OK, ""},
         {0, bad, 100, KAL_OK, "4/1 index 52/7 item 28/4 item 36/5 item 12/2 file 60/6 it 76/6 it "},
-        {0x8000, {{1, 0xFFFFFFFF, 96}}, 100, KAL_OK, "4/1 file "},
-    };
+        {0x8000, {{1, 0xFFFFFFFF, 96}}, 100, KAL_OK, "4/1 file "}};
     for (const auto& [format, entries, length, status, told] : rows) {
         const Bytes bytes = itemFile(format, entries, length);
         VectorStream stream(bytes);

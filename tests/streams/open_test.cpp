@@ -31,37 +31,31 @@ TEST_F(Open, EveryNameInEveryMode) {
     const std::string longest(255, 'n'), tooLong = std::string(300, 'n') + '.' + std::string(300, 'e'),
                                          strange = tooLong + '\xE9';
     constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
-    const struct {
-        std::string name;
-        uint16_t mode;
-        int status;
-        const char* stream = nullptr;
-    } rows[] = {
-        {"none", 0, kMissing},
-        {"none", KAL_MODE_UPDATE, kMissing},
-        {"", KAL_MODE_CREATE, kMissing},
-        {"nowhere\\f", kNew, kMissing},
-        {"full\\f", 0, KAL_ERR_OPEN - ENOTDIR},
-        {"folder", KAL_MODE_WRITE, KAL_ERR_OPEN - EACCES},
-        {longest, KAL_MODE_CREATE, KAL_OK},
-        {tooLong, 0, KAL_ERR_OPEN - ENAMETOOLONG},
-        {tooLong, KAL_MODE_SEARCH | KAL_MODE_APPEND, KAL_ERR_OPEN - ENAMETOOLONG},
-        {deep + "\\f", KAL_MODE_CREATE, KAL_OK},
-        {"made", KAL_MODE_APPEND, KAL_OK},
-        // Memory comes before VMem, whose manager is not open, and that before mapping.
-        {"f", KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP | kNew, KAL_OK},
-        {"f", KAL_MODE_VMEM | KAL_MODE_FILEMAP | kNew, KAL_ERR_VMEM},
+    // Memory comes before VMem, whose manager is not open, and that before mapping; "full" is no compound file.
+    const std::tuple<std::string, uint16_t, int, const char*> rows[] = {
+        {"none", 0, kMissing, nullptr},
+        {"none", KAL_MODE_UPDATE, kMissing, nullptr},
+        {"", KAL_MODE_CREATE, kMissing, nullptr},
+        {"nowhere\\f", kNew, kMissing, nullptr},
+        {"full\\f", 0, KAL_ERR_OPEN - ENOTDIR, nullptr},
+        {"folder", KAL_MODE_WRITE, KAL_ERR_OPEN - EACCES, nullptr},
+        {longest, KAL_MODE_CREATE, KAL_OK, nullptr},
+        {tooLong, 0, KAL_ERR_OPEN - ENAMETOOLONG, nullptr},
+        {tooLong, KAL_MODE_SEARCH | KAL_MODE_APPEND, KAL_ERR_OPEN - ENAMETOOLONG, nullptr},
+        {deep + "\\f", KAL_MODE_CREATE, KAL_OK, nullptr},
+        {"made", KAL_MODE_APPEND, KAL_OK, nullptr},
+        {"f", KAL_MODE_MEMORY | KAL_MODE_VMEM | KAL_MODE_FILEMAP | kNew, KAL_OK, nullptr},
+        {"f", KAL_MODE_VMEM | KAL_MODE_FILEMAP | kNew, KAL_ERR_VMEM, nullptr},
         {"none", KAL_MODE_UPDATE, KAL_ERR_STORAGE, "s"},
         {"no/f", kNew, KAL_ERR_STORAGE, "s"},
-        {"full", KAL_MODE_APPEND | KAL_MODE_UPDATE, KAL_ERR_STORAGE, "s"}, // no compound file
+        {"full", KAL_MODE_APPEND | KAL_MODE_UPDATE, KAL_ERR_STORAGE, "s"},
         {"ole", kNew, KAL_OK, "\xE9t\xE9"},
         {"ole", 0, KAL_OK, "\xE9T\xE9"},
         {"ole", KAL_MODE_UPDATE | KAL_MODE_APPEND, KAL_ERR_STORAGE, "t"},
         {"ole", 0, KAL_ERR_STORAGE, ""},
         {"ole", 0, KAL_ERR_STORAGE, "a/b"},
         {"ole", 0, KAL_ERR_STORAGE, strange.c_str()},
-        {"ole, new", KAL_MODE_APPEND, KAL_OK, "log"},
-    };
+        {"ole, new", KAL_MODE_APPEND, KAL_OK, "log"}};
     char home[] = "Q"; // a search text without room to spare
     KalSetHomeStr(home);
     for (const auto& [name, mode, status, stream] : rows)
