@@ -84,30 +84,6 @@ TEST_F(VMemTest, ProbesForTheLargestBlockThatCanBeHad) {
     EXPECT_EQ(KalGetVMemSize(), 524288);
 }
 
-// The handler is told once, and again only after a write has come through; what cannot be written stays in memory.
-TEST_F(VMemTest, AFullDiskCallsTheHandlerOnceAndLosesNothing) {
-    static int calls, room;
-    calls = 0;
-    HostCallGuard guard;
-    hostCalls.write = [](int fd, const void* bytes, size_t count) -> ssize_t {
-        return room-- > 0 ? ::write(fd, bytes, count) : full(fd, bytes, count);
-    };
-    open(100000);
-    KalSetVMemErrorHandler([] { calls++; });
-    std::vector<void*> blocks;
-    for (const auto& [writes, told] : {std::pair(1, 1), {0, 1}, {2, 2}, {50, 2}}) {
-        room = writes;
-        for (int i = 0; i < 12; i++)
-            blocks.push_back(make(10000, uint32_t(blocks.size())));
-        EXPECT_EQ(calls, told) << "with room for " << writes << " writes";
-        EXPECT_EQ(val(state().swapFailed), writes < 50 ? 1 : 0);
-        EXPECT_EQ(val(state().bytesResident) > 100000, writes < 50);
-    }
-    for (size_t i = 0; i < blocks.size(); i++)
-        expect(blocks[i], 10000, uint32_t(i));
-    EXPECT_EQ(calls, 2);
-}
-
 TEST_F(VMemTest, TheHandlerMayFreeBlocksAndEvenClose) {
     static std::vector<void*> blocks;
     HostCallGuard guard;
