@@ -11,6 +11,8 @@ IFILE* resources(const std::vector<std::string>& contents, uint16_t format, size
     IFILE* file = openItems(kNew, format);
     for (size_t i = 0; i < contents.size(); i++)
         write(file, uint16_t(i + 1), contents[i]);
+    EXPECT_EQ(KalFlushIFile(file), KAL_OK);
+    EXPECT_EQ(faultsIn(file->stream, KalVerifyResources), "");
     EXPECT_EQ(KalCloseIFile(file), KAL_OK);
     fs::resize_file("f", fs::file_size("f") - cut);
     EXPECT_EQ(KalOpenRes(&file, "f", 0), KAL_OK);
