@@ -3,8 +3,6 @@
 
 #include <gif_lib.h>
 
-#include <cstring>
-
 namespace {
 
 // A picture of one row, with a colour map of two, whose pixels are the run.

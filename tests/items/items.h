@@ -5,15 +5,6 @@
 
 #include "tests/support/files.h"
 
-#include <kal/heap.h>
-#include <kal/item.h>
-#include <kal/status.h>
-#include <kal/verify.h>
-
-#include <algorithm>
-#include <cstring>
-#include <map>
-
 inline constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
 
 inline IFILE* openItems(uint16_t mode, uint16_t format) {
