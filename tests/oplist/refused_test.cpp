@@ -1,8 +1,9 @@
 // What lists refuse: no list at all, positions that lead nowhere, blocks that cannot be brought back.
 #include "tests/oplist/lists.h"
-#include "tests/support/traps.h"
 #include "tests/support/trouble.h"
 #include "tests/support/vector_stream.h"
+
+#include <sys/mman.h>
 
 namespace {
 
@@ -136,11 +137,13 @@ TEST_F(Refused, ABlockThatCannotBeBroughtBackIsTold) {
     const std::pair<Step, uint16_t> cases[] = {{getsOp, 0},  {putsOp, 0},  {putsLongOp, 0}, {copies, 0},
                                                {getsOp, 8},  {getsOp, 24}, {putsOp, 8},     {copies, 8},
                                                {getsRow, 8}, {putsRow, 8}};
+    EXPECT_EQ(KalCloseVMem(), KAL_OK); // each run has a manager of its own
     for (const auto& [step, depth] : cases) {
-        size_t calls = 1;
-        for (size_t n = 1; n <= calls; n++) {
-            SCOPED_TRACE(::testing::Message() << "case " << &step - &cases[0].first << ", host call " << n);
-            OpList* list = depth != 0 ? openBitmap(8, 20, depth) : open(KAL_OPL_VMEM, 1000);
+        SCOPED_TRACE(::testing::Message() << "case " << &step - &cases[0].first);
+        OpList* list = nullptr;
+        const auto makeSwapped = [&, depth = depth] {
+            EXPECT_EQ(KalOpenVMem(0), KAL_OK);
+            list = depth != 0 ? openBitmap(8, 20, depth) : open(KAL_OPL_VMEM, 1000);
             for (int i = 0; i < 8; i++)
                 EXPECT_TRUE(depth != 0 ? putsRow(list) : putsOp(list));
             EXPECT_EQ(KalSeekOp(list, 0), KAL_OK);
@@ -148,21 +151,22 @@ TEST_F(Refused, ABlockThatCannotBeBroughtBackIsTold) {
             for (uint32_t bytes = 2 << 20; large == nullptr; bytes -= 64) // all there is
                 large = KalAllocVMem(2, bytes);
             KalFreeVMem(large);
-            {
-                const HostCallTrap trap(HostCallTrap::kFailOn, int64_t(n), EIO);
-                const bool could = step(list);
-                EXPECT_TRUE(n > 0 || !could);
-                calls = HostCallTrap::names().size();
-                EXPECT_TRUE(could || step == copies ||
-                            KalGetOpError(list) == KAL_ERR_VMEM); // a copy tells itself
-            }
+        };
+        const auto goOn = [&, step = step](int status) {
+            EXPECT_TRUE(step == copies || KalGetOpError(list) == status); // a copy tells itself
             list->status = KAL_OK;
             EXPECT_EQ(KalSeekOp(list, 0), KAL_OK);
             EXPECT_TRUE(step(list));
             close(list);
-        }
-        EXPECT_GT(calls, 0u) << "nothing was swapped";
+            EXPECT_EQ(KalCloseVMem(), KAL_OK);
+        };
+        const auto run = [&, step = step] { return step(list) ? int(KAL_OK) : int(KAL_ERR_VMEM); };
+        EXPECT_GT(walkTrouble({.prepare = makeSwapped, .run = run, .statuses = {KAL_ERR_VMEM}, .check = goOn},
+                              kHostFails),
+                  1)
+            << "nothing was swapped";
     }
+    EXPECT_EQ(KalOpenVMem(0), KAL_OK);
 }
 
 // Memory that runs out behind a filler leaves a list that reads to there, and goes on where memory is there again.
@@ -196,7 +200,8 @@ TEST_F(Refused, APutWithoutMemoryLeavesNothing) {
     EXPECT_EQ(KalSeekOp(bitmap, 8), KAL_OK);
     KalShrinkDIBOpList(bitmap);
     {
-        const HostCallTrap trap(HostCallTrap::kFailOn, 1, ENOMEM);
+        const HostCallGuard guard;
+        hostCalls.mmap = [](auto...) { return MAP_FAILED; };
         failHeapAllocationsFrom(1);
         EXPECT_FALSE(putsRow(bitmap)) << "the block cannot grow back";
         failHeapAllocation(0);
