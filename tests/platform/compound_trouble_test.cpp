@@ -209,6 +209,33 @@ TEST_F(CompoundTrouble, ALargeFileTellsWhatItDoesNotGet) {
                 kNoMemory | kHostFails);
 }
 
+// In a file whose last sector is cut short the last byte of a stream is looked for: one that the host does not give is not
+// one that the file has not.
+TEST_F(CompoundTrouble, AReadThatFailsTakesNoStreamAway) {
+    Streams model = {{L"a", randomBytes(5000, 1)}};
+    writeStreams("short.ole", model);
+    const Bytes file = readFile("short.ole");
+    writeFile("short.ole", Bytes(file.begin(), file.end() - 50));
+    walkTrouble({.run =
+                     [] {
+                         Ref<IStorage> root;
+                         if (const HRESULT opened = openFile("short.ole", kUpdate, root); opened != S_OK)
+                             return int(opened);
+                         const HRESULT put = putStream(root.get(), L"b", Bytes(10));
+                         const HRESULT kept = root->Commit(0);
+                         return int(put != S_OK ? put : kept);
+                     },
+                 .statuses = {STG_E_READFAULT, STG_E_WRITEFAULT, STG_E_MEDIUMFULL, STG_E_ACCESSDENIED,
+                              STG_E_DOCFILECORRUPT, STG_E_SHAREVIOLATION, STG_E_INSUFFICIENTMEMORY},
+                 .check =
+                     [&](int) {
+                         Streams found;
+                         EXPECT_TRUE(readStreams("short.ole", found) && found[L"a"] == model[L"a"]);
+                     },
+                 .loose = {"short.ole"}},
+                kHostFails);
+}
+
 // --- Damage -----------------------------------------------------------------------------------------------
 
 // Opens a file that may be anything, reads all that it gives, writes to it if it may be written to, and reads what was
