@@ -72,7 +72,10 @@ Bytes decode(uint16_t roots, const Bytes& coded) {
         for (uint16_t k = 0, completed = KalDecodeLZW(&decoder); k < completed; k++)
             append(&characters, decoder.table, decoder.codes[k]);
     }
+    decoder.codeWidth = 0;
+    EXPECT_EQ(KalDecodeLZW(&decoder), 0) << "codes without bits";
     EXPECT_EQ(KalDestroyReadLZW(&decoder) | KalDestroyReadLZW(&decoder), KAL_OK) << "nothing is left to free";
+    EXPECT_EQ(KalDestroyReadLZW(static_cast<readlzw*>(nullptr)), KAL_OK);
     return characters;
 }
 

@@ -25,6 +25,31 @@ Bytes read(scfiletag* cfile, size_t count) {
     return bytes;
 }
 
+// What is read of a stored run until that ends, in pieces of up to `most` bytes.
+Bytes readAll(SFILE* stream, uint32_t most, int16_t* status) {
+    std::mt19937 random(most);
+    scfiletag* cfile = makeCFile(stream);
+    Bytes all;
+    do {
+        const Bytes piece = read(cfile, 1 + random() % most);
+        all.insert(all.end(), piece.begin(), piece.end());
+    } while (cfile->status == KAL_OK);
+    *status = cfile->status;
+    KalFreeCFile(cfile);
+    return all;
+}
+
+// The same over a stream of the library, whose buffer the decoder reads ahead.
+Bytes readAllOfMemory(const Bytes& stored, uint32_t most, int16_t* status) {
+    SFILE* stream = nullptr;
+    EXPECT_EQ(KalOpenFile(&stream, nullptr, KAL_MODE_MEMORY | KAL_MODE_CREATE | KAL_MODE_UPDATE, 0), KAL_OK);
+    stream->write(stream, stored.data(), uint32_t(stored.size()));
+    stream->seek(stream, 0, KAL_SEEK_START);
+    const Bytes all = readAll(stream, most, status);
+    stream->close(stream);
+    return all;
+}
+
 void append(Bytes* bytes, const Bytes& more) {
     bytes->insert(bytes->end(), more.begin(), more.end());
 }
@@ -61,6 +86,7 @@ void writeAndRead(uint16_t mode, uint32_t bufSize, uint32_t seed) {
         Bytes data;
     } runs[4];
     scfiletag* cfile = makeCFile(stream);
+    EXPECT_EQ(KalFlushCFile(cfile), stream->dirty != 0 ? KAL_ERR_RUN : KAL_OK) << "what waits is no run";
     for (auto& run : runs) { // the last of some clears its table more than 15 times
         const bool isLong = seed % 25 == 3 && &run == &runs[3];
         run = {expected.size(), 0, isLong ? randomBytes(70'000, 1) : sample(random, 1 + random() % 12'000)};
@@ -125,7 +151,7 @@ TEST_F(RunModel, WritesTheSimpleCodersBytesAndReadsThem) {
 // Room runs out, and somebody else writes, again and again. What the stream took in a call that failed is lost for the
 // run; where it took nothing the run goes on.
 TEST(Run, GoesOnWhereNothingMovedAndStartsAnewElsewhere) {
-    const Bytes data = randomBytes(20'000, 1);
+    const Bytes data = randomBytes(40'000, 1);
     VectorStream stream;
     SFILE* file = stream.file();
     scfiletag* cfile = makeCFile(file);
@@ -136,8 +162,13 @@ TEST(Run, GoesOnWhereNothingMovedAndStartsAnewElsewhere) {
     for (size_t at = 0; at < data.size();) {
         SCOPED_TRACE(at);
         const size_t before = stream.bytes.size();
-        const size_t piece = std::min(data.size() - at, 1 + random() % (random() % 9 == 0 ? 5000 : 40));
-        stream.capacity = random() % 2 == 0 ? SIZE_MAX : before + random() % 2 * (random() % 90);
+        const auto clear = std::adjacent_find(run.codes.begin(), run.codes.end(), [](auto& one, auto& next) {
+            return one.second == next.second;
+        });
+        const size_t piece = std::min(data.size() - at, 1 + random() % (random() % 9 == 0 ? 9000 : 40));
+        stream.capacity = random() % 2 == 0 ? SIZE_MAX : before + random() % 2 * (random() % 40);
+        if (piece > 40 && before < runStart + clear->first / 8) // the codes that close the first stretch
+            stream.capacity = std::max(before, runStart + clear->first / 8 - random() % 4);
         const auto refused = std::find_if(run.codes.begin(), run.codes.end(), [&](const auto& code) {
             return runStart + code.first / 8 > stream.capacity;
         });
@@ -170,7 +201,7 @@ TEST(Run, GoesOnWhereNothingMovedAndStartsAnewElsewhere) {
     file->pos = uint32_t(runStart);
     const Bytes few = read(cfile, 3);
     runStart = file->pos;
-    KalWriteCFile(cfile, few.data(), 3); // a run that was read is not one to write on with
+    KalWriteCFile(cfile, few.data(), uint16_t(few.size())); // a run that was read is not one to write on with
     KalFreeCFile(cfile);
     stream.bytes.resize(runStart + runOf(few).bytes.size());
     EXPECT_EQ(Bytes(stream.bytes.begin() + long(runStart), stream.bytes.end()), runOf(few).bytes);
@@ -182,10 +213,10 @@ TEST(Run, ReadsWhatOthersWriteAndWhatIsCut) {
         for (const Bytes& data : {randomLetters(30'000, 1, 4), randomBytes(12'000, 2), Bytes(60'000, 7)}) {
             VectorStream stream(runOf(data, lastCode).bytes);
             stream.bytes.resize(stream.bytes.size() + 50, 0xAA);
-            scfiletag* cfile = makeCFile(stream.file());
-            EXPECT_TRUE(read(cfile, 65535) == data) << "cleared behind " << lastCode;
-            EXPECT_EQ(cfile->status, KAL_ERR_RUN);
-            KalFreeCFile(cfile);
+            int16_t status, ahead;
+            EXPECT_TRUE(readAll(stream.file(), 60'000, &status) == data) << "cleared behind " << lastCode;
+            EXPECT_TRUE(readAllOfMemory(stream.bytes, 60'000, &ahead) == data) << lastCode << ", read ahead";
+            EXPECT_TRUE(status == KAL_ERR_RUN && ahead == KAL_ERR_RUN);
         }
     const Bytes data = randomLetters(3000, 5, 4);
     const SimpleRun whole = runOf(data);
@@ -213,7 +244,7 @@ TEST(Run, ReadsWhatOthersWriteAndWhatIsCut) {
     KalFreeCFile(cfile);
 }
 
-TEST(Run, RefusesWhatIsNoRun) {
+TEST(Run, RefusesWhatIsNoRunAndSurvivesDamage) {
     // What is stored, how many bytes of it come, the status, and where the stream then stands: nothing, too little; starts with
     // the end code, a character, a code that nobody knows; clear and then the end, 258, 'A' and 259.
     const std::tuple<Bytes, size_t, int16_t, uint32_t> rows[] = {
@@ -233,6 +264,20 @@ TEST(Run, RefusesWhatIsNoRun) {
         EXPECT_TRUE(cfile->status == status && stream.file()->pos == pos);
         EXPECT_EQ(val(cfile->runPos), KAL_NO_POSITION);
         KalFreeCFile(cfile);
+    }
+    std::mt19937 random(11);
+    const Bytes good = runOf(randomLetters(20'000, 3, 4)).bytes;
+    for (int round = 0; round < 300; round++) {
+        VectorStream stream(round % 2 == 0 ? randomBytes(2000, uint32_t(random())) : good);
+        stream.bytes[0] = 0;
+        stream.bytes[1] |= 1; // the clear code
+        for (int flips = round % 7; flips > 0; flips--)
+            stream.bytes[1 + random() % (stream.bytes.size() - 1)] ^= uint8_t(1u << random() % 8);
+        const auto most = uint32_t(1 + random() % 5000);
+        int16_t status, ahead;
+        const Bytes all = readAll(stream.file(), most, &status);
+        EXPECT_TRUE(readAllOfMemory(stream.bytes, most, &ahead) == all) << "round " << round;
+        EXPECT_TRUE(status < 0 && ahead == status) << "round " << round;
     }
     const Bytes clearAndA = {0x00, 0x83, 0x00};
     VectorStream stream(clearAndA);

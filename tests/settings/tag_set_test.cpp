@@ -393,7 +393,6 @@ TEST_F(Tags, ProcessesDrawDifferentNumbersAndVolatileSetsOutliveTheirMaker) {
             // Leaves its sets behind, as a process does that is killed.
             _exit(std::any_of(sets.begin(), sets.end(),
                               [&](TagSet& set) { return textOf(kRoot + set.GetPath() + "\\t") != own; }));
-            return 0;
         }));
     for (const pid_t process : processes)
         EXPECT_EQ(endOf(process), 0) << "a number was drawn twice";

@@ -31,18 +31,9 @@ class HostCallCounter {
 public:
     HostCallCounter() {
         all_ = writes_ = seeks_ = 0;
-        hostCalls.read = [](int fd, void* destination, size_t count) {
-            all_++;
-            return ::read(fd, destination, count);
-        };
-        hostCalls.write = [](int fd, const void* source, size_t count) {
-            all_++, writes_++;
-            return ::write(fd, source, count);
-        };
-        hostCalls.lseek = [](int fd, off_t offset, int origin) {
-            all_++, seeks_++;
-            return ::lseek(fd, offset, origin);
-        };
+        hostCalls.read = [](auto... given) { return all_++, ::read(given...); };
+        hostCalls.write = [](auto... given) { return all_++, writes_++, ::write(given...); };
+        hostCalls.lseek = [](auto... given) { return all_++, seeks_++, ::lseek(given...); };
     }
     static int64_t writes() { return writes_; }
     static int64_t seeks() { return seeks_; }

@@ -7,9 +7,7 @@
 #include <fstream>
 #include <random>
 #include <sstream>
-#include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -99,17 +97,6 @@ Bytes hexExample(const std::string& document, int n) {
     }
     EXPECT_FALSE(bytes.empty()) << document << " has no such example";
     return bytes;
-}
-
-TinyFileSystem::TinyFileSystem(const std::string& folder, size_t bytes) : folder_(folder) {
-    ::mkdir(folder.c_str(), 0700);
-    const std::string options = "size=" + std::to_string(bytes);
-    mounted_ = ::mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) == 0;
-}
-
-TinyFileSystem::~TinyFileSystem() {
-    if (mounted_)
-        ::umount2(folder_.c_str(), MNT_DETACH);
 }
 
 FileSizeLimit::FileSizeLimit(size_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {

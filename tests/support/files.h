@@ -81,21 +81,6 @@ Bytes bytesOf(const std::string& text);
 // each line, up to the first word that is none.
 Bytes hexExample(const std::string& document, int n = 0);
 
-// A file system of `bytes` at `folder`, which it makes, while it is in scope. mounted() is false where this
-// process may not mount.
-class TinyFileSystem {
-public:
-    TinyFileSystem(const std::string& folder, size_t bytes);
-    ~TinyFileSystem();
-    TinyFileSystem(const TinyFileSystem&) = delete;
-    TinyFileSystem& operator=(const TinyFileSystem&) = delete;
-    bool mounted() const { return mounted_; }
-
-private:
-    std::string folder_;
-    bool mounted_;
-};
-
 // Files of this process cannot grow past `bytes` while it is in scope.
 class FileSizeLimit {
 public:

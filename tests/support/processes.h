@@ -11,17 +11,25 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Runs `body` in a child that ends by exit, and gives its wait status: 0 when no check failed in it.
-inline int inChild(const std::function<void()>& body) {
+// Starts `body` in a child that ends by exit.
+inline pid_t startProcess(const std::function<void()>& body) {
     std::fflush(nullptr); // else the child would print it again
     const pid_t child = fork();
     if (child == 0) {
         body();
         std::exit(::testing::Test::HasFailure() ? 1 : 0);
     }
+    return child;
+}
+
+// The child's wait status: 0 when no check failed in it.
+inline int endOf(pid_t child) {
     int status = -1;
     waitpid(child, &status, 0);
     return status;
+}
+inline int inChild(const std::function<void()>& body) {
+    return endOf(startProcess(body));
 }
 
 // The same without the rights of the superuser.

@@ -2,8 +2,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -30,37 +28,24 @@ void RegistryTest::emptyVolatileTree() const {
         fs::remove_all(path("runtime/" + name));
 }
 
-pid_t startProcess(const std::function<int()>& work) {
-    const pid_t process = fork();
-    if (process == 0)
-        _exit(work());
-    return process;
-}
-
-int endOf(pid_t process) {
-    int status = 0;
-    while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+static int32_t createKey(const std::string& name, uint32_t option, HKEY& key) {
+    return RegCreateKeyExA(HKEY_CLASSES_ROOT, name.c_str(), 0, "string", option, KEY_ALL_ACCESS, nullptr,
+                           &key, nullptr);
 }
 
 HKEY makeTestKey(const std::string& name, uint32_t option) {
     HKEY key = nullptr;
-    EXPECT_EQ(RegCreateKeyExA(HKEY_CLASSES_ROOT, name.c_str(), 0, "string", option, KEY_ALL_ACCESS, nullptr,
-                              &key, nullptr),
-              0)
-        << name;
+    EXPECT_EQ(createKey(name, option, key), 0) << name;
     return key;
 }
 
 int32_t setText(const std::string& key, const std::string& text, uint32_t option) {
     HKEY opened = nullptr;
-    int32_t code = RegCreateKeyExA(HKEY_CLASSES_ROOT, key.c_str(), 0, "string", option, KEY_ALL_ACCESS,
-                                   nullptr, &opened, nullptr);
-    if (code != 0)
+    if (const int32_t code = createKey(key, option, opened); code != 0)
         return code;
-    code = RegSetValueExA(opened, nullptr, 0, REG_SZ, reinterpret_cast<const uint8_t*>(text.c_str()),
-                          static_cast<uint32_t>(text.size() + 1));
+    const int32_t code =
+        RegSetValueExA(opened, nullptr, 0, REG_SZ, reinterpret_cast<const uint8_t*>(text.c_str()),
+                       static_cast<uint32_t>(text.size() + 1));
     RegCloseKey(opened);
     return code;
 }

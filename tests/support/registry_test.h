@@ -4,12 +4,11 @@
 
 #include "platform/registry.h"
 #include "tests/support/files.h"
+#include "tests/support/processes.h"
 
-#include <functional>
 #include <map>
 #include <string>
 #include <strings.h>
-#include <sys/types.h>
 
 class RegistryTest : public FolderTest {
 protected:
@@ -20,14 +19,6 @@ protected:
     std::string volatileTree() const; // empty before there is one
     void emptyVolatileTree() const;   // as a start of the machine does
 };
-
-// Runs `work` in a forked process, which ends with its result as exit status.
-pid_t startProcess(const std::function<int()>& work);
-// The exit status, or -1 when a signal ended the process.
-int endOf(pid_t process);
-inline int inProcess(const std::function<int()>& work) {
-    return endOf(startProcess(work));
-}
 
 // Shorter forms of the registry's calls.
 HKEY makeTestKey(const std::string& name, uint32_t option = REG_OPTION_NON_VOLATILE);

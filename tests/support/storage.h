@@ -7,6 +7,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 
 // What a file holds: stream names, with `/` between them and the storages around, and bytes.
 using Streams = std::map<std::wstring, Bytes>;
@@ -21,13 +22,9 @@ public:
     Ref& operator=(const Ref&) = delete;
     void reset() {
         if (pointer_ != nullptr)
-            pointer_->Release();
-        pointer_ = nullptr;
+            std::exchange(pointer_, nullptr)->Release();
     }
-    Interface** out() {
-        reset();
-        return &pointer_;
-    }
+    Interface** out() { return reset(), &pointer_; }
     Interface* operator->() const { return pointer_; }
     Interface* get() const { return pointer_; }
 
@@ -39,20 +36,26 @@ inline constexpr uint32_t kUpdate = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 
 // The little-endian number of 32 bits at a place.
 inline uint32_t word(const Bytes& file, size_t at) {
-    return file[at] | file[at + 1] << 8 | file[at + 2] << 16 | uint32_t(file[at + 3]) << 24;
+    return uint32_t(file[at] | file[at + 1] << 8 | file[at + 2] << 16) | uint32_t(file[at + 3]) << 24;
 }
 
-std::wstring wide(const std::string& text);
-HRESULT createFile(const std::string& path, Ref<IStorage>& storage);
-HRESULT openFile(const std::string& path, uint32_t mode, Ref<IStorage>& storage);
-HRESULT makeStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream);
-HRESULT openStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream,
-                   uint32_t mode = kUpdate);
+inline std::wstring wide(const std::string& text) {
+    return std::wstring(text.begin(), text.end());
+}
+inline HRESULT createFile(const std::string& path, Ref<IStorage>& storage) {
+    return StgCreateDocfile(wide(path).c_str(), kUpdate | STGM_CREATE, 0, storage.out());
+}
+inline HRESULT openFile(const std::string& path, uint32_t mode, Ref<IStorage>& storage) {
+    return StgOpenStorage(wide(path).c_str(), nullptr, mode, nullptr, 0, storage.out());
+}
+inline HRESULT makeStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream) {
+    return storage->CreateStream(name.c_str(), kUpdate | STGM_CREATE, 0, 0, stream.out());
+}
+inline HRESULT openStream(IStorage* storage, const std::wstring& name, Ref<IStream>& stream,
+                          uint32_t mode = kUpdate) {
+    return storage->OpenStream(name.c_str(), nullptr, mode, 0, stream.out());
+}
 
-// All of it, or the test fails.
-void writeAll(IStream* stream, const Bytes& bytes);
-// All bytes from the start, until there are no more or an error, which `result` then holds.
-Bytes readAll(IStream* stream, HRESULT& result);
 // Makes or replaces a stream. STG_E_MEDIUMFULL when it took only a part.
 HRESULT putStream(IStorage* storage, const std::wstring& name, const Bytes& bytes);
 

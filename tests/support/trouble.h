@@ -31,8 +31,6 @@ struct Scenario {
     std::function<void(int status)> check = [](int) {}; // after each run, without trouble
     std::set<std::string> unfinished = {};              // files that a failed run may leave in any state
     std::set<std::string> loose = {}; // files whose bytes say nothing: `check` looks into them
-    bool keepsFolder =
-        false; // the folder is not put back: `prepare` does it, for files that the process keeps open
 };
 
 // The status that `check` gets when the run was killed.

@@ -1,4 +1,4 @@
-#include "tests/tools/bmp_files.h"
+#include "tests/tools/tool_test.h"
 
 #include <kal/cpp.h>
 

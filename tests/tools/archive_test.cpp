@@ -1,6 +1,5 @@
 // Archives as a person uses them, from the first picture to the last.
-#include "tests/tools/bmp_files.h"
-#include "tests/tools/run_tool.h"
+#include "tests/tools/tool_test.h"
 
 namespace {
 
@@ -107,9 +106,9 @@ END
 kal cat a.kal 3 5 | head -c 8 | cmp - <(gzip -c in/3.bmp | tail -c 8)
 kal cat a.kal 2 3 | tail -c +13 | od -An -v -tx1 -w4 >lines
 cut -c1-9 lines | cmp - <(tail -c +55 in/2.bmp | od -An -v -tx1 -w3)
-[ "$(cut -c10- lines | sort -u)" = ' 00' ])sh");
-    expectRefusals({{{"cat", "a.kal", "2", "5"}, "picture 2 has no operation 5"},
-                    {{"dump", "a.kal", "1"}, "there is no picture 1"}});
+[ "$(cut -c10- lines | sort -u)" = ' 00' ]
+fails 1 'picture 2 has no operation 5' kal cat a.kal 2 5
+fails 1 'there is no picture 1' kal dump a.kal 1)sh");
 }
 
 TEST_F(Archive, ChangesAndIsPacked) {
@@ -159,48 +158,47 @@ kal extract a.kal 3265 -o - | cmp - in/2.bmp)sh");
 
 TEST_F(Archive, IsAsBeforeWhenACommandFails) {
     writePictures({{40, 30, 8}});
-    runScript(
-        "kal store packed.kal in/1.bmp; kal store --plain plain.kal in/1.bmp; cp in/1.bmp p.bmp; : >empty;"
-        "printf 'BM, but no more' >wrong.bmp; head -c 40000 /dev/urandom >foreign; rmdir out");
-    std::vector<Refusal> refusals = {
-        {{"store", "packed.kal", "p.bmp", "p.bmp", "wrong.bmp"}, "wrong.bmp: it ends inside its headers"},
-        {{"store", "-j", "1", "plain.kal", "p.bmp", "wrong.bmp"}, "wrong.bmp: it ends inside its headers"},
-        {{"store", "--plain", "packed.kal", "p.bmp"}, "packed.kal: its pictures are compressed"},
-        {{"store", "new.kal", "none"}, "none: No such file"},
-        {{"store", "new.kal", "."}, "not a regular file"},
-        {{"store", "new.kal", std::string(5000, 'p')}, "File name too long"},
-        {{"store", "none/a.kal", "p.bmp"}, "none/a.kal: No such file"},
-        {{"extract", "packed.kal", "1", "-o", "none/out"}, "none/out: No such file"},
-        {{"extract", "packed.kal", "1", "-o", "/dev/null"}, "/dev/null: not a regular file"},
-        {{"extract", "packed.kal", "1", "1", "-o", "out"}, "out: several pictures want a folder"},
-        {{"list", "new\nline"}, "new?line: No such file"},
-        {{}, "", 2},
-        {{"frobnicate"}, "", 2},
-        {{"store", "a.kal"}, "PICTURE", 2},
-        {{"store", "-j", "0", "a.kal", "p.bmp"}, "0", 2},
-        {{"list"}, "ARCHIVE", 2},
-        {{"list", "packed.kal", "plain.kal"}, "plain.kal", 2},
-        {{"list", "packed.kal", "--xml"}, "--xml", 2},
-        {{"extract", "packed.kal", "1"}, "output", 2},
-        {{"extract", "packed.kal", "-o", "out"}, "ID", 2},
-        {{"extract", "packed.kal", "one", "-o", "out"}, "one", 2},
-        {{"extract", "packed.kal", "99999999999", "-o", "out"}, "99999999999", 2},
-        {{"extract", "packed.kal", "--all", "1", "-o", "out"}, "--all", 2},
-        {{"remove", "packed.kal"}, "ID", 2},
-        {{"cat", "packed.kal", "1"}, "OP", 2},
-        {{"pack"}, "ARCHIVE", 2},
-    };
-    for (const char* id : {"0", "2", "65534", "65535", "65537", "4294967295"}) {
-        refusals.push_back({{"extract", "packed.kal", id, "-o", "out"}, "packed.kal: there is no picture"});
-        refusals.push_back({{"remove", "packed.kal", id}, "packed.kal: there is no picture"});
-    }
-    for (const char* command : {"list", "stat", "pack"})
-        refusals.push_back({{command, "none"}, "none: No such file"});
-    for (const char* name : {"foreign", "empty", "p.bmp"})
-        for (const Arguments& arguments :
-             {Arguments{"store", name, "p.bmp"}, {"list", name}, {"pack", name}, {"remove", name, "1"}})
-            refusals.push_back({arguments, "not a picture archive"});
-    expectRefusals(refusals);
+    runScript(R"sh(
+kal store packed.kal in/1.bmp; kal store --plain plain.kal in/1.bmp; cp in/1.bmp p.bmp; : >empty
+printf 'BM, but no more' >wrong.bmp; head -c 40000 /dev/urandom >foreign; rmdir out
+refuses <<'END'
+1|wrong.bmp: it ends inside its headers|store packed.kal p.bmp p.bmp wrong.bmp
+1|wrong.bmp: it ends inside its headers|store -j 1 plain.kal p.bmp wrong.bmp
+1|packed.kal: its pictures are compressed|store --plain packed.kal p.bmp
+1|none: No such file|store new.kal none
+1|not a regular file|store new.kal .
+1|File name too long|store new.kal $(printf 'p%.0s' {1..5000})
+1|none/a.kal: No such file|store none/a.kal p.bmp
+1|none/out: No such file|extract packed.kal 1 -o none/out
+1|/dev/null: not a regular file|extract packed.kal 1 -o /dev/null
+1|out: several pictures want a folder|extract packed.kal 1 1 -o out
+1|new?line: No such file|list $'new\nline'
+2||
+2||frobnicate
+2|PICTURE|store a.kal
+2|0|store -j 0 a.kal p.bmp
+2|ARCHIVE|list
+2|plain.kal|list packed.kal plain.kal
+2|--xml|list packed.kal --xml
+2|output|extract packed.kal 1
+2|ID|extract packed.kal -o out
+2|one|extract packed.kal one -o out
+2|99999999999|extract packed.kal 99999999999 -o out
+2|--all|extract packed.kal --all 1 -o out
+2|ID|remove packed.kal
+2|OP|cat packed.kal 1
+2|ARCHIVE|pack
+END
+for id in 0 2 65534 65535 65537 4294967295; do
+    refuses <<<"1|packed.kal: there is no picture|extract packed.kal $id -o out"
+    refuses <<<"1|packed.kal: there is no picture|remove packed.kal $id"
+done
+for command in list stat pack; do refuses <<<"1|none: No such file|$command none"; done
+for name in foreign empty p.bmp; do
+    for command in "store $name p.bmp" "list $name" "pack $name" "remove $name 1"; do
+        refuses <<<"1|not a picture archive|$command"
+    done
+done)sh");
 }
 
 TEST_F(Archive, HasAnyNameOfTheHost) {
@@ -230,7 +228,7 @@ mkdir out
 kal extract -j 2 --all album.kal -o out >ids
 for id in 3 2 1 0; do cmp -i 54 $id.bmp out/$id.bmp; done
 kal sheet --size 16 album.kal -o sheet.png
-kal check album.kal | grep -q 'an operation-list file, whole'
+kal check album.kal | grep -q 'operation-list file, whole'
 for command in 'store album.kal 0.bmp' 'remove album.kal 1' 'pack album.kal' 'list 0.bmp'; do
     fails 1 'not a picture archive' kal $command
 done

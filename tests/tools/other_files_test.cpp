@@ -1,7 +1,7 @@
 // Compound files, resource files and settings as a person uses them.
 #include "tests/support/registry_test.h"
 #include "tests/support/storage.h"
-#include "tests/tools/run_tool.h"
+#include "tests/tools/tool_test.h"
 
 #include <kal.h>
 
@@ -15,14 +15,11 @@ class Settings : public RegistryTest {};
 
 TEST_F(Compound, PutCatAndListAgree) {
     Ref<IStorage> root, inner;
-    Ref<IStream> stream;
     ASSERT_EQ(createFile("nested.ole", root), S_OK);
     ASSERT_EQ(root->CreateStorage(L"inner", kUpdate, 0, 0, inner.out()), S_OK);
-    ASSERT_EQ(makeStream(inner.get(), L"x", stream), S_OK);
-    writeAll(stream.get(), bytesOf("deep"));
-    stream.reset();
+    EXPECT_EQ(putStream(inner.get(), L"x", bytesOf("deep")), S_OK);
     inner.reset();
-    expectRefusals({{{"compound", "list", "nested.ole", "--wait", "0"}, "nested.ole: in use"}});
+    runScript("fails 1 'nested.ole: in use' kal compound list nested.ole --wait 0");
     root.reset();
     writeFile("letter.doc", readFile(KAL_SOURCE_DIR "/tests/data/compound/letter.doc"));
     // Names are the host's own: neither a drive nor a separator.
@@ -38,20 +35,20 @@ kal compound list --json letter.doc | grep -qF '{"name": "\\x05SummaryInformatio
 kal compound put nested.ole inner/y small
 [ "$(kal compound cat nested.ole inner/x)" = deep ]
 kal compound list nested.ole | tail -3 | diff - <(printf '%s\n' 'storage      0  inner' 'stream       4  inner/x' 'stream       5  inner/y')
-kal compound put new.ole s text)sh");
-    expectRefusals({{{"compound"}, "", 2},
-                    {{"compound", "cat", "text"}, "STREAM", 2},
-                    {{"compound", "list", "none"}, "none: No such file"},
-                    {{"compound", "list", "text"}, "text: not a compound file"},
-                    {{"compound", "put", "text", "s", "text"}, "text: not a compound file"},
-                    {{"compound", "put", "other.ole", "s", "none"}, "none: No such file"},
-                    {{"compound", "put", "other.ole", "a:b", "text"}, "not a name for a stream"},
-                    {{"compound", "cat", "new.ole", "t"}, "t: there is no such stream"}});
-    const FileSizeLimit full(50000);
-    for (const char* put : {"s", "t"})
-        expectFailure(kal({"compound", "put", "new.ole", put, "large"}), 1, "no room");
-    EXPECT_EQ(kalSucceeds({"compound", "list", "new.ole"}), "kind    bytes  name\nstream     16  s\n");
-    EXPECT_EQ(kalSucceeds({"compound", "cat", "new.ole", "s"}), "no compound file");
+kal compound put new.ole s text
+refuses <<'END'
+2||compound
+2|STREAM|compound cat text
+1|none: No such file|compound list none
+1|text: not a compound file|compound list text
+1|text: not a compound file|compound put text s text
+1|none: No such file|compound put other.ole s none
+1|not a name for a stream|compound put other.ole a:b text
+1|t: there is no such stream|compound cat new.ole t
+END
+for name in s t; do (ulimit -f 50; fails 1 'no room' kal compound put new.ole $name large); done
+kal compound list new.ole | cmp - <(printf 'kind    bytes  name\nstream     16  s\n')
+kal compound cat new.ole s | cmp - text)sh");
 }
 
 TEST_F(ResourceFile, IsWhatItsScriptSays) {
@@ -96,45 +93,44 @@ fails 1 'resource 2 is damaged' kal resource list cut
 }
 
 TEST_F(ResourceFile, OfAWrongScriptIsNotMade) {
-    writeFile("out.res", bytesOf("old"));
-    writeFile("large", Bytes(65536));
-    std::string tooMany;
-    for (int id = 0; id < 4086; id++)
-        tooMany += std::to_string(id) + " text \"x\"\n";
-    std::vector<Refusal> refusals = {{{"resource", "make", "out.res", "none"}, "none: No such file"},
-                                     {{"resource", "make", "out.res"}, "SCRIPT", 2},
-                                     {{"resource"}, "", 2},
-                                     {{"resource", "list", "none"}, "none: No such file"},
-                                     {{"resource", "list", "out.res"}, "out.res: not a resource file"}};
-    for (const auto& [script, why] : std::vector<std::pair<std::string, const char*>>{
-             {"\n65535 text \"x\"", ":2: a line begins with an id"},
-             {"-1 text \"x\"", ":1: a line begins with an id"},
-             {"1x text \"x\"", "a line begins with an id"},
-             {"text \"x\"", "a line begins with an id"},
-             {"1 bitmap x", "\"text\" or \"file\""},
-             {"1", "\"text\" or \"file\""},
-             {"1 text", "a text needs a string"},
-             {"1 text x", "must stand in quotes"},
-             {"1 text \"x", "no closing quote"},
-             {"1 text \"x\\", "unknown escape"},
-             {"1 text \"\\q\"", "unknown escape"},
-             {"1 text \"\\x0\"", "two hexadecimal digits"},
-             {"1 text \"\\x00\"", "two hexadecimal digits"},
-             {"1 text \"\\x", "two hexadecimal digits"},
-             {"1 text \"a\"\"b\"", "a blank must follow"},
-             {"1 text \"a\" \"\"", "only the first string may be empty"},
-             {"1 text \"" + std::string(65534, 'x') + "\"", "larger than 65535"},
-             {"1 file", "name of a file is missing"},
-             {"1 file missing", "missing: No such file"},
-             {"1 file .", "not a regular file"},
-             {"1 file large", "larger than 65535"},
-             {"1 text \"x\"\n1 text \"y\"", ":2: the id stands in an earlier line"},
-             {tooMany, "4085 resources are the most"}}) {
-        const std::string name = "script" + std::to_string(refusals.size());
-        writeFile(name, bytesOf(script));
-        refusals.push_back({{"resource", "make", "out.res", name}, why});
-    }
-    expectRefusals(refusals);
+    runScript(R"sh(
+echo old >out.res; head -c 65536 /dev/zero >large
+refuses <<'END'
+1|none: No such file|resource make out.res none
+2|SCRIPT|resource make out.res
+2||resource
+1|none: No such file|resource list none
+1|out.res: not a resource file|resource list out.res
+END
+while IFS='|' read -r why lines; do
+    printf %b "$lines" >script
+    refuses <<<"1|$why|resource make out.res script"
+done <<END
+:2: a line begins with an id|\\n65535 text "x"
+:1: a line begins with an id|-1 text "x"
+:1: a line begins with an id|1x text "x"
+:1: a line begins with an id|text "x"
+"text" or "file"|1 bitmap x
+"text" or "file"|1
+a text needs a string|1 text
+must stand in quotes|1 text x
+no closing quote|1 text "x
+unknown escape|1 text "x\\\\
+unknown escape|1 text "\\\\q"
+two hexadecimal digits|1 text "\\\\x0"
+two hexadecimal digits|1 text "\\\\x00"
+two hexadecimal digits|1 text "\\\\x
+a blank must follow|1 text "a""b"
+only the first string may be empty|1 text "a" ""
+larger than 65535|1 text "$(head -c 65534 /dev/zero | tr '\0' x)"
+name of a file is missing|1 file
+missing: No such file|1 file missing
+not a regular file|1 file .
+larger than 65535|1 file large
+:2: the id stands in an earlier line|1 text "x"\\n1 text "y"
+4085 resources are the most|$(printf '%d text "x"\\n' {0..4085})
+END
+)sh");
 }
 
 TEST_F(Settings, AreListedChangedAndRemoved) {
@@ -161,21 +157,22 @@ fails 1 'there is no tag abc' kal settings get 'Maker\App' abc
 kal settings set Common Font serif; kal settings set App Parent Common; kal settings set Common Parent App
 [ "$(kal settings list App)" = 'Parent = Common' ]
 fails 1 'no tag' kal settings get App Font
-kal settings set App 'p?ttern' x; kal settings tree >before)sh");
-    expectRefusals({{{"settings"}, "", 2},
-                    {{"settings", "get", "App"}, "TAG", 2},
-                    {{"settings", "list", "None"}, "there is no such set"},
-                    {{"settings", "list", "App\\\\x"}, "there is no such set"},
-                    {{"settings", "get", "None\\Such", "t"}, "there is no such set"},
-                    {{"settings", "get", "App", "t"}, "there is no tag t"},
-                    {{"settings", "unset", "App", "pattern"}, "there is no tag pattern"},
-                    {{"settings", "unset", "Missing", "t"}, "there is no such set"},
-                    {{"settings", "set", "App", "t", ""}, "unset"},
-                    {{"settings", "set", "App", std::string(256, 't'), "v"}, "no tag can be named"},
-                    {{"settings", "set", std::string(300, 'p'), "t", "v"}, "cannot be opened"}});
-    runScript(
-        "kal settings tree | cmp - before; KAL_REGISTRY=before/registry fails 1 'settings App: the settings "
-        "cannot be opened' kal settings set App t v");
+kal settings set App 'p?ttern' x; kal settings tree >before
+refuses <<'END'
+2||settings
+2|TAG|settings get App
+1|there is no such set|settings list None
+1|there is no such set|settings list 'App\\x'
+1|there is no such set|settings get 'None\Such' t
+1|there is no tag t|settings get App t
+1|there is no tag pattern|settings unset App pattern
+1|there is no such set|settings unset Missing t
+1|unset|settings set App t ''
+1|no tag can be named|settings set App $(printf 't%.0s' {1..256}) v
+1|cannot be opened|settings set $(printf 'p%.0s' {1..300}) t v
+END
+kal settings tree | cmp - before
+KAL_REGISTRY=before/registry fails 1 'settings App: the settings cannot be opened' kal settings set App t v)sh");
 }
 
 } // namespace

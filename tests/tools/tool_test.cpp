@@ -1,6 +1,39 @@
-#include "tests/tools/bmp_files.h"
+#include "tests/tools/tool_test.h"
 
+#include <cstdio>
 #include <cstdlib>
+
+void runScript(const std::string& script) {
+    const std::string start = R"sh(
+exec 9>&2; BASH_XTRACEFD=9
+PATH=${KAL_TOOL%/*}:$PATH
+ends() {
+    status=0
+    told=$("${@:2}" 2>err) || status=$?
+    mapfile lines <err; rm err
+    [[ $status = 0 || (${#lines[@]} = 1 && ${lines[0]} == 'kal: '*"$1"*$'\n') ]]
+}
+fails() {
+    ends "${@:2}" && [ $status = $1 ]
+}
+poke() { printf "$(printf '\\x%s' "${@:3}")" | dd of="$1" bs=1 seek=$(($2)) conv=notrunc status=none; }
+sums() { find . -maxdepth 1 -type f -exec cksum {} +; }
+refuses() {
+    local code why arguments before=$(sums)
+    while IFS='|' read -r code why arguments; do
+        eval "fails $code \"\$why\" kal $arguments"
+        [ "$(sums)" = "$before" ]
+    done
+}
+)sh";
+    setenv("KAL_TOOL", KAL_TOOL, 1);
+    setenv("SCRIPT", (start + script).c_str(), 1);
+    std::FILE* out = popen("exec bash -euxo pipefail -c \"$SCRIPT\" 2>&1", "r");
+    std::string told;
+    for (int byte = 0; (byte = std::getc(out)) != EOF;)
+        told += static_cast<char>(byte);
+    EXPECT_EQ(pclose(out), 0) << told;
+}
 
 void setNumber(Bytes& bytes, size_t offset, size_t size, uint32_t number) {
     for (size_t i = 0; i < size; i++)
