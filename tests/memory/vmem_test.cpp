@@ -150,6 +150,8 @@ TEST_F(VMemTest, TheProcessStaysWithinTheLimit) {
             most = i % 64 == 0 ? std::max(most, residentBytes() - before) : most;
         }
         EXPECT_LT(kSanitized ? 0 : most, kLimit + kSlack) << "blocks of " << size;
+        const uint32_t pages = uint32_t(state().bytesResident) / size * ((size + 4095) / 4096 * 4096);
+        EXPECT_LE(pages + 128 * blocks.size(), kLimit + (2u << 20)) << "with the manager's records";
         std::shuffle(blocks.begin(), blocks.end(), std::mt19937(size));
         std::for_each(blocks.begin(), blocks.end(), KalFreeVMem);
         KalFreeVMem(KalAllocVMem(2, 50000));
