@@ -97,4 +97,9 @@ TEST_F(Resources, TheyAreFoundAlongTheSearchTextAndOnlyRead) {
     EXPECT_EQ(KalCloseRes(file), KAL_OK);
     EXPECT_EQ(readFile("home/APP.RES"), described);
     EXPECT_EQ(KalOpenRes(&file, "APP.RES", 5), KAL_ERR_FORMAT);
+    file = openItems(kNew, KAL_ITEMS_WIDE);
+    write(file, 1, std::string(65536, 'x'));
+    KalFlushIFile(file);
+    EXPECT_EQ(faultsIn(file->stream, KalVerifyResources), "4/1 have ") << "too many bytes";
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
 }

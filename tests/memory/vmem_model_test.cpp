@@ -22,12 +22,15 @@ struct Block {
 class Model {
 public:
     explicit Model(uint32_t seed) : random_(seed) {
-        isFull = false;
+        isFull = isUnreadable = false;
         written = told = 0;
         KalSetVMemErrorHandler([] { told++; });
         hostCalls.write = [](int fd, const void* bytes, size_t count) {
             written += isFull ? 0 : 1;
             return isFull ? (errno = ENOSPC, ssize_t(-1)) : ::write(fd, bytes, count);
+        };
+        hostCalls.read = [](int fd, void* bytes, size_t count) {
+            return isUnreadable ? (errno = EIO, ssize_t(-1)) : ::read(fd, bytes, count);
         };
     }
 
@@ -65,6 +68,7 @@ public:
         case 7:
             limit_ = uint32_t(random_() % 200000 + 1);
             isFull = random_() % 3 == 0;
+            isUnreadable = random_() % 5 == 0;
             return KalSetMaxVMem(limit_);
         case 8: // whatever they are, all bytes matter; a block that is out does not change
             KalMarkDirtyVMem(block.handle);
@@ -115,6 +119,7 @@ public:
     }
 
     void finish() {
+        isUnreadable = false;
         for (Block& block : blocks_) {
             lock(block, 0);
             if (!block.isListed)
@@ -157,11 +162,11 @@ private:
     bool lock(Block& block, size_t end) {
         if (!block.isIn && !block.bytes.empty()) {
             makeRoom(block.bytes.size());
-            block.isIn = true;
+            block.isIn = !isUnreadable;
             block.arrival = ++clock_;
         }
         auto* bytes = static_cast<uint8_t*>(KalLockVMem(block.handle));
-        EXPECT_EQ(bytes == nullptr, block.bytes.empty());
+        EXPECT_EQ(bytes == nullptr, !block.isIn);
         if (bytes == nullptr)
             return false;
         EXPECT_EQ(std::memcmp(bytes, block.bytes.data(), block.used), 0) << "what came back";
@@ -190,7 +195,8 @@ private:
         if (lock(block, 0))
             KalUnLockVMem(block.handle);
         size += block.locks > 0 && size > old ? 1 << 20 : 0; // no place has room for so much
-        const bool isRefused = block.locks > 0 && (size > old || size == 0);
+        const bool isOut = !block.isIn && old > 0;
+        const bool isRefused = isOut || (block.locks > 0 && (size > old || size == 0));
         if (!isRefused && size > old)
             makeRoom(size - old, &block);
         ASSERT_EQ(KalReAllocVMem(block.handle, size), isRefused ? nullptr : block.handle);
@@ -214,7 +220,8 @@ private:
     int writes_ = 0, told_ = 0;
     bool swapFailed_ = false;
     static inline int written, told; // what the host was asked for, and the handler
-    static inline bool isFull;       // the disk: what cannot be written stays in memory
+    // The disk: what cannot be written stays in memory, what cannot be read keeps its copy.
+    static inline bool isFull, isUnreadable;
     const HostCallGuard guard_;
     std::list<Block> blocks_;
 };

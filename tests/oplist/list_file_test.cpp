@@ -151,6 +151,7 @@ TEST_F(ListFile, TroubleIsToldAndLosesNoStoredList) {
                     const std::vector<Op> ops = load(file, id);
                     EXPECT_TRUE(ops.empty() || ops == (std::vector<Op>{{id, Bytes(100, 'n')}}));
                 }
+            EXPECT_EQ(faultsIn(file->ifile->stream, KalVerifyIOpFile), "");
             KalCloseIOpFile(file);
         };
         walkTrouble(

@@ -135,6 +135,10 @@ TEST_F(List, BlocksAreFilledAndFillersLeft) {
         EXPECT_EQ(putOp(list, {2, Bytes(20, 'x')}), offset + 28 <= 100 ? offset : 0x100000) << offset;
         list->putPending = 0;
     }
+    KalSeekOp(list, 0x100000);
+    putOp(list, {3, Bytes(10)});
+    KalShrinkOpList(list);
+    EXPECT_EQ(val(list->curBlock->capacity), 24u) << "cut where it stands, to what was ever put there";
     EXPECT_EQ(KalSeekOp(list, 0x400000), KAL_ERR_POSITION);
     EXPECT_EQ(putOp(list, {1, {}}), KAL_OP_FAILED) << "until the list is closed";
     EXPECT_EQ(KalGetOp(list), nullptr);

@@ -49,50 +49,39 @@ TEST_F(StreamTrouble, FailingHostCallsGiveTheirStatuses) {
                writeFew = [](SFILE*s) { return s->write(s, bytes, 9); },
                close = [](SFILE*s) { return +s->close(s); }, flush = [](SFILE*s) { return +KalFlushBuf(s); },
                toEnd = [](SFILE*s) { return +s->seek(s, 0, KAL_SEEK_END); };
-    const struct {
-        char fails;
-        Work work;
-        int result, status;
-        bool dirty = false;
-        uint32_t pos = 2000;
-    } rows[] = {{'r', readMuch, 0, KAL_ERR_READ},
-                {'r', readFew, 0, KAL_ERR_READ},
-                {'r', getChar, KAL_ERR_READ, KAL_ERR_READ},
-                {'r', writeFew, 0, KAL_ERR_READ, true},
-                {'w', writeMuch, 0, KAL_ERR_WRITE},
-                {'w', writeFew, KAL_ERR_WRITE, KAL_ERR_WRITE, true},
-                {'w', readFew, KAL_ERR_WRITE, KAL_ERR_WRITE, true},
-                {'w', close, KAL_ERR_WRITE, KAL_ERR_WRITE, true},
-                {'s', flush, KAL_ERR_SEEK, KAL_ERR_SEEK, true},
-                {'s', readFew, 0, KAL_ERR_SEEK},
-                {'s', readMuch, 0, KAL_ERR_SEEK},
-                {'s', writeFew, 0, KAL_ERR_SEEK},
-                {'s', writeMuch, 0, KAL_ERR_SEEK},
-                {'s', toEnd, KAL_ERR_SEEK, KAL_ERR_SEEK, false, KAL_NO_POSITION}};
+    // What fails, in what, whether the result tells of it, and whether a byte is to be written back.
+    const std::tuple<int, Work, bool, bool> rows[] = {
+        {KAL_ERR_READ, readMuch, false, false},   {KAL_ERR_READ, readFew, false, false},
+        {KAL_ERR_READ, getChar, true, false},     {KAL_ERR_READ, writeFew, false, true},
+        {KAL_ERR_WRITE, writeMuch, false, false}, {KAL_ERR_WRITE, writeFew, true, true},
+        {KAL_ERR_WRITE, readFew, true, true},     {KAL_ERR_WRITE, close, true, true},
+        {KAL_ERR_SEEK, flush, true, true},        {KAL_ERR_SEEK, readFew, false, false},
+        {KAL_ERR_SEEK, readMuch, false, false},   {KAL_ERR_SEEK, writeFew, false, false},
+        {KAL_ERR_SEEK, writeMuch, false, false},  {KAL_ERR_SEEK, toEnd, true, false}};
     const Bytes content = randomBytes(3000, 2);
     SFILE* s = nullptr;
-    for (const auto& row : rows)
-        for (const uint32_t bufSize : {row.dirty ? 1024u : 0u, 512u}) {
-            SCOPED_TRACE(::testing::Message() << "row " << &row - rows << " buffer " << bufSize);
+    for (const auto& [status, work, isTold, isDirty] : rows)
+        for (const uint32_t bufSize : {isDirty ? 1024u : 0u, 512u}) {
+            SCOPED_TRACE(::testing::Message() << KalStatusName(int16_t(status)) << " buffer " << bufSize);
             writeFile("f", content);
             s = openStream("f", KAL_MODE_UPDATE);
             EXPECT_EQ(KalSetBuf(s, bufSize), KAL_OK);
             EXPECT_EQ(s->getChar(s), content[0]);
-            EXPECT_EQ(row.dirty ? s->putChar(s, 'x') : 0, KAL_OK);
+            EXPECT_EQ(isDirty ? s->putChar(s, 'x') : 0, KAL_OK);
             s->pos = 2000;
             {
                 const HostCallGuard guard;
                 errno = EIO;
-                if (row.fails == 'r')
+                if (status == KAL_ERR_READ)
                     hostCalls.read = [](int, void*, size_t) { return ssize_t(-1); };
-                else if (row.fails == 'w')
+                else if (status == KAL_ERR_WRITE)
                     hostCalls.write = [](int, const void*, size_t) { return ssize_t(-1); };
                 else
                     hostCalls.lseek = [](int, off_t, int) { return off_t(-1); };
-                EXPECT_EQ(row.work(s), row.result);
+                EXPECT_EQ(work(s), isTold ? status : 0);
             }
-            EXPECT_TRUE(s->status == row.status && s->pos == row.pos)
-                << val(s->status) << " at " << val(s->pos);
+            EXPECT_EQ(val(s->status), status);
+            EXPECT_EQ(val(s->pos), work == toEnd ? KAL_NO_POSITION : 2000);
             EXPECT_EQ(s->seek(s, 2000, KAL_SEEK_START), KAL_OK);
             EXPECT_EQ(s->getChar(s), content[2000]) << "what a failed read left is no data";
             EXPECT_EQ(s->close(s), KAL_OK);
