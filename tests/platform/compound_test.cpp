@@ -1,7 +1,7 @@
 // Compound files as other programs and we see them.
-#include "tests/platform/told.h"
 #include "tests/support/faults.h"
 #include "tests/support/storage.h"
+#include "tests/support/told.h"
 
 #include <algorithm>
 #include <clocale>
@@ -65,7 +65,7 @@ public:
     bool isSame() const {
         Streams found;
         const Bytes file = readFile(path_);
-        EXPECT_EQ(toldOf(KalVerifyCompoundFile, file), "");
+        EXPECT_EQ(faultsIn(file, KalVerifyCompoundFile), "");
         return readStreams(path_, found) && found == model_;
     }
     const Streams& streams() const { return model_; }
@@ -130,7 +130,7 @@ TEST_F(Compound, RandomChangesAgreeWithAModelAndOtherReaders) {
         Model model(name, static_cast<uint32_t>(std::hash<std::string>()(name)),
                     name == names.back() ? 3 << 20 : 70000);
         EXPECT_TRUE(name != "made.ole" || model.streams() == made);
-        EXPECT_EQ(toldOf(KalVerifyCompoundFile, readFile(name)), "");
+        EXPECT_EQ(faultsIn(readFile(name), KalVerifyCompoundFile), "");
         if (name.find(' ') == name.npos)
             expectOthersRead(name, model.streams());
         for (int session = 0; session < 16; session++) {
@@ -190,7 +190,7 @@ TEST_F(Compound, TheDirectoryIsABalancedTreeInTheFormatsOrder) {
     EXPECT_LE(depthBelow(directory, word(directory, 76)), 19);
     Streams found;
     EXPECT_TRUE(readStreams("many.ole", found) && found.size() == names.size());
-    EXPECT_EQ(toldOf(KalVerifyCompoundFile, file), "");
+    EXPECT_EQ(faultsIn(file, KalVerifyCompoundFile), "");
 }
 
 // --- Limits, and who may do what -------------------------------------------------------------------------
