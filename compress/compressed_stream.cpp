@@ -58,7 +58,7 @@ uint16_t fail(CompressedStream* self, int16_t status, uint16_t count) {
 // The stream refused a byte. Once bytes of this call have passed, the run cannot go on, not even for who
 // seeks back to `runPos`; while none have, the call can be made again.
 uint16_t failOnStream(CompressedStream* self, uint16_t count) {
-    self->open = self->open && logicalPos(self->shown.stream) == self->shown.runPos;
+    self->open = logicalPos(self->shown.stream) == self->shown.runPos;
     return fail(self, self->shown.stream->status, count);
 }
 

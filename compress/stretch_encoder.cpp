@@ -109,7 +109,7 @@ const uint8_t* codeStretch(StretchStrings* strings, TAGWRITELZW* encoder, const 
     const uint32_t tag = strings->pairTag;
     uint32_t current = encoder->currentCode;
     uint32_t next = first;
-    if (current == kClearCode && in != end)
+    if (current == kClearCode)
         current = *in++;
 
     while (in != end && next <= kLastAssigned) {

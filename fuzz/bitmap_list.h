@@ -6,14 +6,24 @@
 
 #include <kal/heap.h>
 #include <kal/oplist.h>
+#include <kal/verify.h>
 #include <kal/vmem.h>
 
 inline constexpr size_t kBitmapBytes = 14; // of an input, that describe it
+
+struct Faults : FaultSink {
+    void Fault(uint64_t, uint32_t, const char* text) override {
+        require(text != nullptr && *text != 0, "a fault is told in words");
+        count++;
+    }
+    int32_t count = 0;
+};
 
 class BitmapList {
 public:
     explicit BitmapList(Input& input) {
         static const bool opened = (KalSetMaxVMem(1 << 19), KalOpenVMem(0) == KAL_OK);
+        memoryHost::countsBlocks = false; // since VMem stays open, and opens its swap file when it must
         require(opened && KalTempOpList(&list, KAL_OPL_VMEM_DIB) == KAL_OK, "a bitmap list can be made");
         list->blockSize = 64u + input.word() / 4;
         const uint16_t left = input.word(), top = input.word(), width = input.word(), height = input.word();
@@ -30,6 +40,20 @@ public:
     BitmapList(const BitmapList&) = delete;
     BitmapList& operator=(const BitmapList&) = delete;
 
+    // Puts what a list gives from its position on, `enough` bytes at most, also as rows. False where that stops early.
+    bool play(OpList* from, uint32_t enough, bool asRows) {
+        for (uint32_t total = 0; total < enough; total += KAL_OP_HEADER) {
+            void* op = KalGetOp(from);
+            if (op == nullptr)
+                return KalGetOpError(from) == KAL_OK;
+            total += KalOpSize(op);
+            KalPutOp(list, op);
+            if (asRows)
+                KalPutOpData(list, KAL_OP_ROW, op, KalOpSize(op));
+            require(KalFreeSMem(KalOpBlock(op)) == KAL_OK, "an op is one block");
+        }
+        return true;
+    }
     // All bands from a line on; each says the truth of itself.
     void read(uint16_t fromLine, uint16_t offset) {
         KalShrinkOpList(list);

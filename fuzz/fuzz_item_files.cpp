@@ -5,22 +5,11 @@
 #include "tests/support/vector_stream.h"
 
 #include <kal/resource.h>
-#include <kal/verify.h>
-
-#include <algorithm>
 
 namespace {
 
 constexpr uint16_t kMostItems = 40;   // looked at
 constexpr uint32_t kEnough = 1 << 18; // bytes of one list: a few hundred bytes can hold more
-
-struct Faults : FaultSink {
-    void Fault(uint64_t, uint32_t, const char* text) override {
-        require(text != nullptr && *text != 0, "a fault is told in words");
-        count++;
-    }
-    int32_t count = 0;
-};
 
 void readItem(IFILE* file, uint16_t id, uint32_t piece, bool whole) {
     const int32_t size = KalGetItemSize(file, id);
@@ -38,39 +27,24 @@ void readItem(IFILE* file, uint16_t id, uint32_t piece, bool whole) {
         require(KalDestroyTextRes(texts) == KAL_OK, "so are a text's");
 }
 
-void readList(IOPFILE* file, uint16_t id, bool whole, OpList* bitmap) {
+void readList(IOPFILE* file, uint16_t id, bool whole, BitmapList& bitmap) {
     OpList* list;
     if (KalOpenGetIOpList(file, id, &list) != KAL_OK)
         return require(!whole, "a list that is there opens");
-    uint32_t total = 0;
-    while (total < kEnough) {
-        void* op = KalGetOp(list);
-        if (op == nullptr)
-            break;
-        total += KAL_OP_HEADER + KalOpSize(op);
-        KalPutOp(bitmap, op);
-        require(KalFreeSMem(KalOpBlock(op)) == KAL_OK, "an op is one block");
-    }
-    require(!whole || total >= kEnough || KalGetOpError(list) == KAL_OK, "a whole list has no error");
+    require(bitmap.play(list, kEnough, false) || !whole, "a whole list has no error");
     require(KalCloseGetIOpList(file) == KAL_OK, "a list closes");
 }
 
 } // namespace
 
-std::vector<Field> fieldsOf(const Bytes& input) {
+Layout layoutOf(const Bytes& input) {
     constexpr size_t header = kBitmapBytes + 1;
-    if (input.size() < header + 4)
-        return {};
-    const bool wide = (input[header + 1] & 0x80) != 0;
-    std::vector<Field> fields = {{header + 2, 2}};
-    for (size_t at = header + 4; fields.size() < 60 && at + 10 <= input.size(); at += wide ? 10 : 8)
-        fields.insert(fields.end(), {{at, 2}, {at + 2, wide ? 4u : 2u}, {at + (wide ? 6 : 4), 4}});
-    return fields;
+    const bool wide = (numberAt(input, header, 2) & KAL_ITEMS_WIDE) != 0;
+    const size_t place = wide ? 6 : 4;
+    return {{{header + 2, 2}}, header + 4, {{0, 2}, {2, place - 2}, {place, 4}}, place + 4, {}, 0, 20};
 }
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    memoryHost::start();
-    Input input(data, size);
+void fuzz(Input input) {
     BitmapList bitmap(input);
     const uint32_t piece = 1 + input.byte() * 7u;
     const Bytes bytes = input.rest();
@@ -84,10 +58,10 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(wholeItems || !wholeLists, "whole lists are whole items");
     stream.rewind();
     IOPFILE* file;
-    const uint16_t format = bytes.size() < 2 ? 0 : static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+    const auto format = static_cast<uint16_t>(numberAt(bytes, 0, 2));
     if (KalMakeIOpFile(&file, stream.file(), format) != KAL_OK) {
         require(!wholeItems, "a whole file opens");
-        return 0;
+        return;
     }
     const size_t entryBytes =
         (format & KAL_ITEMS_WIDE) != 0 ? sizeof(ItemIndexWide) : sizeof(ItemIndexNarrow);
@@ -97,10 +71,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (id == KAL_ITEM_FREE)
             continue;
         readItem(file->ifile, id, piece, wholeItems);
-        readList(file, id, wholeLists, bitmap.list);
+        readList(file, id, wholeLists, bitmap);
     }
     require(KalFreeIOpFile(file) == KAL_OK, "reading changes nothing that could not be written");
     require(stream.bytes == bytes, "reading writes nothing");
     bitmap.read(0, 0);
-    return 0;
 }

@@ -10,22 +10,12 @@
 #include <kal/stream.h>
 #include <kal/text.h>
 
-#include <cstring>
-#include <memory>
-
 namespace {
 
 // A text with room behind it, for the call's own changes.
-class Room {
-public:
-    Room(const std::string& text, size_t more) : size(text.size() + 1 + more), bytes(new char[size]) {
-        std::memcpy(bytes.get(), text.c_str(), text.size() + 1);
-    }
-    operator char*() { return bytes.get(); }
-    const size_t size;
-
-private:
-    std::unique_ptr<char[]> bytes;
+struct Room : std::vector<char> {
+    Room(const std::string& text, size_t more) : vector(text.size() + 1 + more) { text.copy(data(), size()); }
+    operator char*() { return data(); }
 };
 
 void takeApart(const std::string& path, uint32_t size) {
@@ -33,7 +23,8 @@ void takeApart(const std::string& path, uint32_t size) {
     for (const auto part : parts) {
         Room out("", size);
         const int32_t length = part(path.c_str(), out, size);
-        require(size == 0 ? length == 0 : length >= 0 && length < int32_t(size) && out[length] == 0,
+        require(size == 0 ? length == 0
+                          : length >= 0 && length < int32_t(size) && out.at(size_t(length)) == 0,
                 "a part is ended, and as long as it is said to be");
     }
     Room directory("", KAL_DIR_SIZE - 1), file("", KAL_FILE_SIZE - 1), extension("", KAL_EXT_SIZE - 1);
@@ -47,9 +38,9 @@ void change(const std::string& path, const std::string& other, uint32_t size, in
     IncrString(Room(path, size), static_cast<int32_t>(maximum));
     IncrString(Room(path, 0), static_cast<int32_t>(path.size() / 2));
     Room sequence(path, size), unique(path, size), centred(path, size);
-    KalSequenceFilename(sequence, static_cast<uint32_t>(sequence.size), number);
-    KalGetUnique(unique, static_cast<uint32_t>(unique.size));
-    KalCenterString(toupper(centred), static_cast<uint32_t>(centred.size - 1), '*');
+    KalSequenceFilename(sequence, static_cast<uint32_t>(sequence.size()), number);
+    KalGetUnique(unique, static_cast<uint32_t>(unique.size()));
+    KalCenterString(toupper(centred), static_cast<uint32_t>(centred.size() - 1), '*');
 }
 
 void search(const std::string& name, const std::string& directories, uint32_t size) {
@@ -89,17 +80,13 @@ void askHost(const std::string& path, uint32_t size) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    memoryHost::start();
-    memoryHost::setContent("/found", {});
-    Input input(data, size);
+void fuzz(Input input) {
+    memoryHost::file("/found");
     const uint32_t room = input.byte() % 2 != 0 ? input.byte() : input.word() % 1000;
     const auto number = static_cast<int32_t>(input.number());
-    const std::string path = input.text(SIZE_MAX), other = input.text(SIZE_MAX);
+    const std::string path = input.text(), other = input.text();
     takeApart(path, room);
     change(path, other, room, number);
     search(path, other, room);
     askHost(path, room);
-    memoryHost::countBlocks();
-    return 0;
 }

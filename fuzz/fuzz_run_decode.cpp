@@ -13,7 +13,7 @@ namespace {
 // However good the input is, this much of it will do: a few hundred bytes can hold megabytes.
 constexpr size_t kEnough = 1 << 16;
 
-void readRun(const std::vector<uint8_t>& run, uint16_t piece) {
+void readRun(const Bytes& run, uint16_t piece) {
     VectorStream stream(run);
     // A buffer, as of a file that was just read: the way past the slots.
     const bool buffered = piece % 2 != 0 && !run.empty();
@@ -37,7 +37,7 @@ void readRun(const std::vector<uint8_t>& run, uint16_t piece) {
     require(stream.bytes == run, "reading writes nothing");
 }
 
-void decodeBySteps(const std::vector<uint8_t>& run, uint16_t roots) {
+void decodeBySteps(const Bytes& run, uint16_t roots) {
     readlzw decoder = {};
     require(KalInitReadLZW(&decoder, roots) == 0, "a decoder can be made");
     for (uint8_t byte : run) {
@@ -52,12 +52,9 @@ void decodeBySteps(const std::vector<uint8_t>& run, uint16_t roots) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size == 0)
-        return 0;
-    const std::vector<uint8_t> run(data + 1, data + size);
-    const uint8_t choice = data[0];
+void fuzz(Input input) {
+    const uint8_t choice = input.byte();
+    const Bytes run = input.rest();
     readRun(run, static_cast<uint16_t>(choice < 128 ? 1 + choice : choice * 255));
     decodeBySteps(run, static_cast<uint16_t>(1u << choice % 9));
-    return 0;
 }

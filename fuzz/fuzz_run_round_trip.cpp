@@ -6,32 +6,31 @@
 
 #include <kal/cfile.h>
 
-#include <algorithm>
-
 namespace {
 
 // The size of the piece at `at`.
-uint16_t pieceAt(const std::vector<uint8_t>& bytes, size_t at) {
+uint16_t pieceAt(const Bytes& bytes, size_t at) {
     const size_t wanted = bytes[at] < 200 ? 1u + bytes[at] % 16 : bytes[at] * 40u;
     return static_cast<uint16_t>(std::min(wanted, bytes.size() - at));
 }
 
 // Fuzz inputs are short; said several times over they fill tables.
-std::vector<uint8_t> repeated(const uint8_t* data, size_t size, unsigned times, size_t most) {
-    std::vector<uint8_t> bytes;
+Bytes repeated(const Bytes& some, unsigned times, size_t most) {
+    Bytes bytes;
     for (unsigned time = 0; time < times; time++)
-        for (size_t at = 0; at < size && bytes.size() < most; at++)
-            bytes.push_back(static_cast<uint8_t>(data[at] + time * (1 + at % 7)));
+        for (size_t at = 0; at < some.size() && bytes.size() < most; at++)
+            bytes.push_back(static_cast<uint8_t>(some[at] + time * (1 + at % 7)));
     return bytes;
 }
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 3)
-        return 0;
-    const auto bytes = repeated(data + 2, size - 2, 1u + data[0] % 16, data[0] < 240 ? 500 : 6000);
-    const bool fillsUp = data[1] % 2 != 0;
+void fuzz(Input input) {
+    const uint8_t times = input.byte();
+    const bool fillsUp = input.byte() % 2 != 0;
+    const Bytes bytes = repeated(input.rest(), 1u + times % 16, times < 240 ? 500 : 6000);
+    if (bytes.empty())
+        return;
 
     VectorStream stream;
     scfiletag* cfile;
@@ -58,7 +57,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     stream.rewind();
     for (size_t at = 0; at < bytes.size();) {
         const uint16_t piece = pieceAt(bytes, at);
-        std::vector<uint8_t> back(piece);
+        Bytes back(piece);
         require(KalReadCFile(cfile, back.data(), piece) == piece, "all bytes come back");
         require(std::equal(back.begin(), back.end(), bytes.begin() + static_cast<ptrdiff_t>(at)),
                 "bytes come back as they were");
@@ -68,5 +67,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(KalReadCFile(cfile, &beyond, 1) == 0 && cfile->status == KAL_ERR_RUN, "the run ends at its end");
     require(stream.file()->pos == stream.bytes.size(), "the stream stands behind the run");
     KalFreeCFile(cfile);
-    return 0;
 }

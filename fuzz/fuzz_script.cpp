@@ -5,10 +5,9 @@
 
 #include "fuzz/memory_host.h"
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    memoryHost::start();
-    memoryHost::setContent("/memory/script", Bytes(data, data + size));
-    memoryHost::setContent("/memory/a", Bytes(size));
+void fuzz(Input input) {
+    Bytes& script = memoryHost::file("/memory/script") = input.rest();
+    memoryHost::file("/memory/a").resize(script.size());
     try {
         for (const Resource& resource : readResourceScript("/memory/script")) {
             require(resource.bytes.size() <= kLargestResource, "a resource fits a resource file");
@@ -20,5 +19,4 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } catch (const Failure& failure) {
         require(onOneLine(failure.what()).size() > 0, "a failure says why");
     }
-    return 0;
 }

@@ -1,19 +1,30 @@
 // Mutations of the numbers that an input is read by; the rest is libFuzzer's own.
 #include "fuzz/fuzz_target.h"
 
-#include <algorithm>
-#include <cstring>
 #include <random>
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t most);
 
-// Leaks are found by counting blocks; the search for them would not follow pointers in packed records.
-extern "C" [[gnu::visibility("default")]] const char* __asan_default_options() {
-    return "detect_leaks=0:malloc_context_size=3:quarantine_size_mb=16:use_sigaltstack=0";
+__attribute__((weak)) Layout layoutOf(const Bytes&) {
+    return {};
 }
 
-__attribute__((weak)) std::vector<Field> fieldsOf(const Bytes&) {
-    return {};
+static std::vector<Field> fieldsOf(const Bytes& input) {
+    const Layout layout = layoutOf(input);
+    std::vector<Field> fields;
+    const auto add = [&](uint64_t start, const std::vector<Field>& some) {
+        for (const auto [at, bytes] : some)
+            if (start + at + bytes <= input.size())
+                fields.push_back({static_cast<size_t>(start + at), bytes});
+    };
+    add(0, layout.fields);
+    uint64_t at = layout.records;
+    for (size_t record = 0; at < input.size() && record < layout.most; record++) {
+        add(at, layout.ofRecord);
+        const uint64_t length = numberAt(input, at + layout.length.at, layout.length.bytes);
+        at += std::max<uint64_t>(layout.least, length + layout.more);
+    }
+    return fields;
 }
 
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t most, unsigned seed) {

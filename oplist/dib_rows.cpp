@@ -76,12 +76,9 @@ void passRow(OpList* list, uint32_t rowBytes) {
 }
 
 int16_t seekToRow(OpList* list, uint32_t row, uint32_t offset) {
-    opblock* first = firstBlock(list);
-    if (first == nullptr)
-        return KAL_OK;
     const uint32_t rowBytes = list->dib->rowBytes;
     if (hasOneBlock(list)) {
-        stand(list, first, row * rowBytes + offset, row);
+        stand(list, firstBlock(list), row * rowBytes + offset, row);
         return KAL_OK;
     }
     // No row of a bitmap without rows needs to fit a block.

@@ -29,7 +29,7 @@ class Faults final : public FaultSink {
 public:
     void Fault(uint64_t offset, uint32_t id, const char* text) override {
         const bool ofFile = id == KAL_FAULT_OF_FILE;
-        rows.add({numberCell(offset), ofFile ? Cell{"", "", true} : numberCell(id), textCell(text)});
+        rows.add({numberCell(offset), ofFile ? noNumberCell() : numberCell(id), textCell(text)});
         firstOf.emplace(id, text);
         count++;
     }
@@ -67,6 +67,15 @@ int32_t walk(SFILE* stream, FileKind kind, FaultSink& sink) {
     return 0;
 }
 
+// Whether the archive's first list is the mark that it is one.
+bool isMarked(const std::string& archive) {
+    try {
+        return !Archive::forReading(archive)->isAlbum();
+    } catch (const Damaged&) {
+        return false;
+    }
+}
+
 // Beyond what any list must be: that it is an archive, and that each picture is the one that was stored.
 void checkArchive(const StoredFile& file, Faults& faults) {
     IOPFILE* raw = nullptr;
@@ -79,12 +88,10 @@ void checkArchive(const StoredFile& file, Faults& faults) {
         try {
             if (item.id != 0)
                 checkPicture(*raw, item.id);
-            else if (Archive::forReading(file.path())->isAlbum())
-                throw Damaged("");
+            else if (!isMarked(file.path()))
+                faults.Fault(item.offset, item.id, "it is not the mark of a picture archive");
         } catch (const Damaged& damaged) {
-            const std::string text =
-                item.id != 0 ? damaged.what() : "it is not the mark of a picture archive";
-            faults.Fault(item.offset, item.id, text.c_str());
+            faults.Fault(item.offset, item.id, damaged.what());
         }
     }
 }
@@ -119,24 +126,22 @@ void print(const Arguments& arguments, FileKind kind, const Faults& faults,
     Rows lost({{"id", "lost"}, {"why", "why"}});
     if (recovered)
         for (const Lost& one : recovered->lost)
-            lost.add({{jsonText(one.name, Encoding::Utf8), one.name}, textCell(one.why)});
+            lost.add({textCell(one.name), textCell(one.why)});
     if (asked.json) {
         std::cout << "{\"kind\": " << jsonText(namesOf(kind).name, Encoding::Utf8)
                   << ", \"whole\": " << (faults.count == 0 ? "true" : "false")
-                  << ", \"faults\": " << faults.rows.json();
+                  << ", \"faults\": " << faults.rows.text();
         if (recovered)
-            std::cout << ", \"saved\": " << recovered->saved << ", \"lost\": " << lost.json();
+            std::cout << ", \"saved\": " << recovered->saved << ", \"lost\": " << lost.text();
         std::cout << "}\n";
         return;
     }
     if (faults.count > 0)
-        std::cout << faults.rows.table();
+        std::cout << faults.rows.text();
     else if (!asked.quiet)
-        std::cout << arguments.file
-                  << (*namesOf(kind).words == 'o' || *namesOf(kind).words == 'i' ? ": an " : ": a ")
-                  << namesOf(kind).words << ", whole\n";
+        std::cout << arguments.file << ": " << namesOf(kind).words << ", whole\n";
     if (recovered && !recovered->lost.empty())
-        std::cout << '\n' << lost.table();
+        std::cout << '\n' << lost.text();
     if (recovered && !asked.quiet)
         std::cout << (faults.count > 0 ? "\n" : "") << "saved " << recovered->saved << ", lost "
                   << recovered->lost.size() << ": " << arguments.recoverTo << '\n';

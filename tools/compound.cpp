@@ -203,10 +203,10 @@ void list(const Arguments& arguments) {
     gather(file.root(), "", 0, elements);
     Rows rows({{"name", nullptr}, {"kind", "kind"}, {"bytes", "bytes"}, {nullptr, "name"}});
     for (const Element& element : elements)
-        rows.add({{jsonText(element.name, Encoding::Utf8), ""},
+        rows.add({textCell(element.name),
                   textCell(element.isStream ? "stream" : "storage"),
                   bytesCell(element.bytes),
-                  {"", element.name}});
+                  {element.name}});
     rows.print();
 }
 

@@ -58,7 +58,7 @@ void forOps(const Arguments& arguments, Use use) {
 }
 
 Cell cellOf(bool there, uint32_t number) {
-    return there ? numberCell(number) : Cell{"", "", true};
+    return there ? numberCell(number) : noNumberCell();
 }
 
 void dump(const Arguments& arguments) {
@@ -82,7 +82,7 @@ void dump(const Arguments& arguments) {
             std::snprintf(text, sizeof text, "0x%04x", op.type);
             rows.add({numberCell(op.number),
                       numberCell(op.position),
-                      {std::to_string(op.type), text},
+                      {asked.json ? std::to_string(op.type) : text},
                       textCell(op.name()),
                       cellOf(op.isBand(), op.firstRow()),
                       cellOf(op.isBand(), op.rows()),

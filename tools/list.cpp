@@ -15,21 +15,19 @@ struct Arguments {
 
 void addRow(Rows& rows, const kal::Entry& item, const PictureForm& form) {
     const double ratio = static_cast<double>(item.size) / form.fileBytes;
-    char number[32];
-    char percent[32];
-    std::snprintf(number, sizeof number, "%.4f", ratio);
-    std::snprintf(percent, sizeof percent, "%.1f%%", 100 * ratio);
-    const std::string size = std::to_string(form.width) + "x" + std::to_string(form.height);
+    char shownRatio[32];
+    std::snprintf(shownRatio, sizeof shownRatio, asked.json ? "%.4f" : "%.1f%%",
+                  asked.json ? ratio : 100 * ratio);
     rows.add({numberCell(item.id),
               textCell(form.kind == PictureKind::Bmp ? "bmp" : "png"),
-              {"", size, true},
+              {std::to_string(form.width) + "x" + std::to_string(form.height), true},
               numberCell(form.width),
               numberCell(form.height),
               numberCell(form.bits),
               flagCell(form.topDown, "top-down", "bottom-up"),
               bytesCell(form.fileBytes),
               bytesCell(item.size),
-              {number, percent, true}});
+              {shownRatio, true}});
 }
 
 void list(const Arguments& arguments) {

@@ -26,7 +26,7 @@ uint64_t pngRowBytes(const PictureForm& form) {
 bool makesSense(const PictureForm& form) {
     const uint64_t rowBytes = form.kind == PictureKind::Bmp ? bmpRowBytes(form) : pngRowBytes(form);
     return form.kind <= PictureKind::Png && form.width > 0 && form.height > 0 && form.bits > 0 &&
-           form.bits <= 64 && form.rowBytes == rowBytes && rowBytes <= mostRowBytes &&
+           form.bits <= 64 && form.rowBytes == rowBytes && rowBytes > 0 && rowBytes <= mostRowBytes &&
            form.rowsBytes() <= UINT32_MAX;
 }
 

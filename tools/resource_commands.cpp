@@ -97,10 +97,11 @@ std::string join(const std::vector<std::string>& strings, const char* between, W
 
 void addRow(Rows& rows, const Row& row) {
     const auto text = [](const std::string& string) { return jsonText(string, Encoding::Bytes); };
-    Cell content = {"", "data"};
+    std::string content = asked.json ? "" : "data";
     if (!row.strings.empty())
-        content = {'[' + join(row.strings, ", ", text) + ']', "text " + join(row.strings, " ", quoted)};
-    rows.add({numberCell(row.id), bytesCell(row.bytes.size()), content});
+        content =
+            asked.json ? '[' + join(row.strings, ", ", text) + ']' : "text " + join(row.strings, " ", quoted);
+    rows.add({numberCell(row.id), bytesCell(row.bytes.size()), {content}});
 }
 
 // The item file at `path`, open for reading.

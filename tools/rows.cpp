@@ -3,73 +3,79 @@
 #include "tools/manners.h"
 
 #include <algorithm>
+#include <cstring>
 #include <iostream>
 
 Cell numberCell(uint64_t number) {
-    return {std::to_string(number), std::to_string(number), true};
+    return {std::to_string(number), true};
 }
 
 Cell bytesCell(uint64_t bytes) {
-    return {std::to_string(bytes), shownBytes(bytes), true};
+    return {asked.json ? std::to_string(bytes) : shownBytes(bytes), true};
 }
 
 Cell textCell(const std::string& text, Encoding encoding) {
-    return {jsonText(text, encoding), escaped(text)};
+    return {asked.json ? jsonText(text, encoding) : escaped(text)};
 }
 
 Cell flagCell(bool flag, const char* yes, const char* no) {
-    return {flag ? "true" : "false", flag ? yes : no};
+    if (asked.json)
+        return {flag ? "true" : "false"};
+    return {flag ? yes : no};
 }
 
 std::string Rows::json() const {
     std::string text = "[";
-    for (const auto& row : rows_) {
-        text += &row == rows_.data() ? "\n  {" : ",\n  {";
+    for (auto cell = cells_.begin(); cell != cells_.end();) {
+        text += cell == cells_.begin() ? "\n  {" : ",\n  {";
         const char* between = "\"";
-        for (size_t i = 0; i < columns_.size(); i++) {
-            if (columns_[i].member == nullptr || row[i].json.empty())
-                continue;
-            ((text += between) += columns_[i].member) += "\": " + row[i].json;
-            between = ", \"";
+        for (const Column& column : columns_) {
+            if (column.member != nullptr && !cell->text.empty()) {
+                ((text += between) += column.member) += "\": " + cell->text;
+                between = ", \"";
+            }
+            ++cell;
         }
         text += '}';
     }
-    return text + (rows_.empty() ? "]" : "\n]");
+    return text + (cells_.empty() ? "]" : "\n]");
 }
 
-// Each column as wide as its widest cell, the last as wide as it comes.
+// Each column as wide as its widest cell; no spaces at the end of a line.
 std::string Rows::table() const {
-    std::string text;
     std::vector<size_t> widths;
-    std::vector<bool> right;
-    for (size_t i = 0; i < columns_.size(); i++) {
-        widths.push_back(columns_[i].heading != nullptr ? std::char_traits<char>::length(columns_[i].heading)
-                                                        : 0);
-        right.push_back(!rows_.empty() && rows_[0][i].right);
-        for (const auto& row : rows_)
-            widths[i] = std::max(widths[i], row[i].shown.size());
+    for (const Column& column : columns_)
+        widths.push_back(column.heading != nullptr ? std::strlen(column.heading) : 0);
+    for (size_t i = 0; i < cells_.size(); i++) {
+        size_t& width = widths[i % columns_.size()];
+        width = std::max(width, cells_[i].text.size());
     }
-    std::string line;
-    const auto put = [&](size_t i, const std::string& shown) {
-        const std::string padding(widths[i] - shown.size(), ' ');
-        line += (line.empty() ? "" : "  ") + (right[i] ? padding + shown : shown + padding);
+
+    std::string text;
+    const auto line = [&](auto textOf) {
+        const size_t start = text.size();
+        for (size_t i = 0; i < columns_.size(); i++) {
+            if (columns_[i].heading == nullptr)
+                continue;
+            const std::string_view shown = textOf(i);
+            const size_t padding = widths[i] - shown.size();
+            const bool right = !cells_.empty() && cells_[i].right;
+            text.append(text.size() == start ? 0 : 2, ' ').append(right ? padding : 0, ' ');
+            text.append(shown).append(right ? 0 : padding, ' ');
+        }
+        text.resize(std::max(text.find_last_not_of(' ') + 1, start));
+        text += '\n';
     };
-    const auto end = [&] {
-        text += line.substr(0, line.find_last_not_of(' ') + 1) + '\n';
-        line.clear();
-    };
-    const auto each = [&](auto shown) {
-        for (size_t i = 0; i < columns_.size(); i++)
-            if (columns_[i].heading != nullptr)
-                put(i, shown(i));
-        end();
-    };
-    each([this](size_t i) { return std::string(columns_[i].heading); });
-    for (const auto& row : rows_)
-        each([&row](size_t i) { return row[i].shown; });
+    line([this](size_t i) { return std::string_view(columns_[i].heading); });
+    for (size_t row = 0; row < cells_.size(); row += columns_.size())
+        line([this, row](size_t i) { return std::string_view(cells_[row + i].text); });
     return text;
 }
 
+std::string Rows::text() const {
+    return asked.json ? json() : table();
+}
+
 void Rows::print() const {
-    std::cout << (asked.json ? json() + '\n' : table());
+    std::cout << text() << (asked.json ? "\n" : "");
 }

@@ -5,6 +5,7 @@
 #include "tools/text.h"
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,9 @@ struct Column {
     const char* heading; // null for one that only JSON has
 };
 
+// Made for what is asked: the table or JSON.
 struct Cell {
-    std::string json;  // JSON itself; empty: the row's object lacks the member
-    std::string shown; // in the table
+    std::string text; // JSON itself; empty: the row's object lacks the member
     bool right = false;
 };
 Cell numberCell(uint64_t number);
@@ -23,21 +24,27 @@ Cell bytesCell(uint64_t bytes);
 // In the table escaped.
 Cell textCell(const std::string& text, Encoding encoding = Encoding::Utf8);
 Cell flagCell(bool flag, const char* yes, const char* no);
+inline Cell noNumberCell() {
+    return {"", true};
+}
 
 class Rows {
 public:
     explicit Rows(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
     // A cell a column.
-    void add(std::vector<Cell> cells) { rows_.push_back(std::move(cells)); }
+    void add(std::initializer_list<Cell> row) { cells_.insert(cells_.end(), row); }
+    // The array without a line's end, or the table.
+    std::string text() const;
     // To standard output.
     void print() const;
+
+private:
     std::string json() const;
     std::string table() const;
 
-private:
     std::vector<Column> columns_;
-    std::vector<std::vector<Cell>> rows_;
+    std::vector<Cell> cells_; // row after row
 };
 
 #endif

@@ -70,17 +70,16 @@ void stat(const std::string& path) {
         {"holes", "holes", numberCell(holes.count)},
         {"holeBytes", "bytes in holes", bytesCell(holes.bytes)},
     };
-    std::vector<Column> columns;
-    std::vector<Cell> values;
-    Rows table({{nullptr, "what"}, {nullptr, "value"}});
-    for (const auto& fact : facts) {
-        columns.push_back({fact.member, nullptr});
-        values.push_back(fact.value);
-        table.add({{"", fact.what}, {"", fact.value.shown, true}});
+    std::vector<Column> columns = {{nullptr, "what"}, {nullptr, "value"}};
+    if (asked.json) {
+        columns.clear();
+        for (const auto& fact : facts)
+            columns.push_back({fact.member, nullptr});
     }
-    Rows object(columns);
-    object.add(values);
-    asked.json ? object.print() : table.print();
+    Rows table(columns);
+    for (const auto& fact : facts)
+        asked.json ? table.add({fact.value}) : table.add({{fact.what}, {fact.value.text, true}});
+    table.print();
     failures.end();
 }
 

@@ -3,14 +3,9 @@
 #define KAL_TESTS_COMPRESS_RUNS_H
 
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 #include "tests/support/vector_stream.h"
 
-#include <kal/cfile.h>
-
 #include <bit>
-#include <map>
-#include <random>
 
 // Of few letters, so that strings come again.
 inline Bytes randomLetters(size_t count, uint32_t seed, int letters) {

@@ -1,20 +1,10 @@
 #include "platform/clock.h"
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 #include "tests/support/processes.h"
 
-#include <kal/file.h>
-#include <kal/path.h>
-#include <kal/stream.h>
-
-#include <cerrno>
 #include <ctime>
 #include <fcntl.h>
-#include <filesystem>
-#include <random>
 #include <sys/stat.h>
-
-namespace fs = std::filesystem;
 
 namespace {
 

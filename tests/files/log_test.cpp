@@ -1,16 +1,9 @@
 // The message log belongs to the process, so each case has one of its own.
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 #include "tests/support/processes.h"
 #include "tests/support/room.h"
 
-#include <kal/log.h>
-#include <kal/path.h>
-
-#include <cerrno>
 #include <csignal>
-#include <filesystem>
-#include <map>
 
 namespace {
 
@@ -34,7 +27,7 @@ void log(const Steps& steps) {
     }
 }
 
-class MessageLog : public FolderTest {};
+using MessageLog = FolderTest;
 
 } // namespace
 
@@ -78,29 +71,11 @@ TEST_F(MessageLog, NamesHaveUpTo771CharactersAndOpenLater) {
                   EXPECT_EQ(told.text(), name);
                   for (int i = 0; i < 2; i++)
                       EXPECT_EQ(KalLogMessage("lost"), KAL_ERR_OPEN - ENOENT);
-                  std::filesystem::create_directory("later");
+                  fs::create_directory("later");
                   log({"kept"});
               }),
               0);
     EXPECT_EQ(content("later/log.t"), "kept\r");
-}
-
-TEST_F(MessageLog, WithoutMemoryNothingIsLeftBehind) {
-    for (int n = 1; !fileExists("log"); n++)
-        ASSERT_EQ(inChild([n] {
-                      failHeapAllocation(n);
-                      Room name(KAL_LOG_NAME_SIZE);
-                      const int status = KalGetLogMessName(name.data());
-                      const bool met = heapFaultHappened();
-                      failHeapAllocation(0);
-                      EXPECT_TRUE(status == KAL_OK || status == KAL_ERR_MEMORY) << status;
-                      EXPECT_EQ(liveHeapBlocks(), status == KAL_OK ? 1u : 0u);
-                      EXPECT_EQ(filesIn(".").size(), status == KAL_OK ? 1u : 0u) << "there once it is named";
-                      std::filesystem::remove("ZEP0.TMP");
-                      log(met ? Steps{"=log"} : Steps{"=log", "A"});
-                  }),
-                  0)
-            << n;
 }
 
 TEST_F(MessageLog, ExitLosesNothingAndAForkLeavesTheParentsTailAlone) {
@@ -139,6 +114,6 @@ TEST_F(MessageLog, WhatWaitsOnAFullDiskIsWrittenWhenThereIsRoom) {
         ASSERT_GT(got.size(), 1000 + last.size()) << "more than fitted";
         EXPECT_EQ(got, all.substr(0, got.size() - last.size()) + last)
             << "what waited follows what was written";
-        std::filesystem::remove("log");
+        fs::remove("log");
     }
 }

@@ -1,10 +1,4 @@
-#include "tests/support/files.h"
 #include "tests/support/room.h"
-
-#include <kal/file.h>
-#include <kal/path.h>
-
-#include <random>
 
 namespace {
 
@@ -70,23 +64,4 @@ TEST_F(NameSequence, NamesAndTextsCountUp) {
         EXPECT_EQ(step(pieces(row)[0], std::stoi(pieces(row)[1])), pieces(row)[2]) << row;
     EXPECT_EQ(KalIncrementName(nullptr), nullptr);
     IncrString(nullptr, 1);
-}
-
-TEST_F(NameSequence, RandomNamesStayWithinTheirSizes) {
-    std::mt19937 random(1);
-    for (int round = 0; round < 20'000; round++) {
-        std::string path(random() % (round % 50 == 0 ? 700 : 12), 0);
-        for (char& c : path)
-            c = "\\:..A99;"[random() % 8];
-        SCOPED_TRACE(path);
-        increment(path);
-        sequence(path, int32_t(random() % 2000), uint32_t(path.size() + 1 + random() % 20));
-        const auto size = uint32_t(random() % 300);
-        for (const auto part : {KalGetDir, KalGetFile, KalGetExt}) {
-            Room room(size);
-            part(path.c_str(), room.data(), size);
-        }
-        Room room(size, path);
-        KalGetUnique(room.data(), std::max(size, uint32_t(path.size() + 1)));
-    }
 }

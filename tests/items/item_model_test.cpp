@@ -3,11 +3,6 @@
 #include "tests/support/faults.h"
 #include "tests/support/trouble.h"
 
-#include <kal/resource.h>
-
-#include <cerrno>
-#include <random>
-
 namespace {
 
 class ItemModel : public FolderTest {
@@ -80,10 +75,8 @@ protected:
 TEST_F(ItemModel, RandomSequencesMatchAndAnotherReaderFindsTheSame) {
     for (uint32_t seed = firstSeed(), end = seed + 24; seed != end && !HasFailure(); seed++) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        const HeapBalance balance;
         const uint16_t format = seed % 2 != 0 ? 0x0001 : 0x8001, where = seed % 4 < 2 ? 0 : KAL_MODE_MEMORY;
-        const Bytes before =
-            randomBytes(where == 0 && seed % 3 != 0 ? 777 : 0, seed); // in front of the item file
+        const Bytes before = randomBytes(where == 0 && seed % 3 != 0 ? 777 : 0, seed); // in front of it
         Bytes after = before;
         ASSERT_EQ(KalOpenFile(&stream_, "f", kNew | where, 0), KAL_OK);
         stream_->write(stream_, before.data(), uint32_t(before.size()));
@@ -104,24 +97,23 @@ TEST_F(ItemModel, TroubleLosesNoItem) {
         write(made, id, std::string(60, char('a' + id)));
     ASSERT_EQ(KalCloseIFile(made), KAL_OK);
     const std::string longer(200, 'L'); // fits no old place, whose bytes the old index still names
-    const std::pair<uint16_t, std::function<int(IFILE*)>> works[] = {
-        {KAL_MODE_UPDATE,
-         [&](IFILE* file) {
-             return write(file, 3, longer) + write(file, 10, longer) == 400 ? KAL_OK : KAL_ERR_WRITE;
-         }},
-        {KAL_MODE_UPDATE, [](IFILE* file) { return KalReserveItems(file, 30); }}};
+    const std::function<int(IFILE*)> works[] = {
+        [&](IFILE* file) {
+            return write(file, 3, longer) + write(file, 10, longer) == 400 ? 0 : KAL_ERR_WRITE;
+        },
+        [](IFILE* file) { return KalReserveItems(file, 30); }};
     const auto check = [&](int) {
         IFILE* file = openItems(0, 0);
         for (uint16_t id = 0; id < 10; id++)
-            EXPECT_EQ(item(file, id),
-                      id == 3 && item(file, 3) == longer ? longer : std::string(60, char('a' + id)));
+            EXPECT_TRUE(item(file, id) == std::string(60, char('a' + id)) ||
+                        (id == 3 && item(file, 3) == longer));
         KalCloseIFile(file);
     };
     for (const auto& work : works) {
         const auto run = [&work] {
             IFILE* file = nullptr;
-            const int opened = KalOpenIFile(&file, "f", work.first, 0);
-            const int done = opened == KAL_OK ? work.second(file) : opened;
+            const int opened = KalOpenIFile(&file, "f", KAL_MODE_UPDATE, 0);
+            const int done = opened == KAL_OK ? work(file) : opened;
             const int closed = KalCloseIFile(file);
             return done != KAL_OK ? done : closed;
         };

@@ -5,12 +5,6 @@
 
 #include "tests/support/told.h"
 
-#include <kal/heap.h>
-#include <kal/item.h>
-
-#include <cstring>
-#include <map>
-
 inline constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
 
 inline IFILE* openItems(uint16_t mode, uint16_t format) {

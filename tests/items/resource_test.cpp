@@ -2,12 +2,6 @@
 #include "tests/items/items.h"
 #include "tests/support/faults.h"
 
-#include <kal/path.h>
-#include <kal/resource.h>
-
-#include <cerrno>
-#include <filesystem>
-
 namespace {
 
 using namespace std::string_literals;
@@ -17,8 +11,10 @@ IFILE* resources(const std::vector<std::string>& contents, uint16_t format, size
     IFILE* file = openItems(kNew, format);
     for (size_t i = 0; i < contents.size(); i++)
         write(file, uint16_t(i + 1), contents[i]);
+    EXPECT_EQ(KalFlushIFile(file), KAL_OK);
+    EXPECT_EQ(faultsIn(file->stream, KalVerifyResources), "");
     EXPECT_EQ(KalCloseIFile(file), KAL_OK);
-    std::filesystem::resize_file("f", std::filesystem::file_size("f") - cut);
+    fs::resize_file("f", fs::file_size("f") - cut);
     EXPECT_EQ(KalOpenRes(&file, "f", 0), KAL_OK);
     return file;
 }
@@ -35,7 +31,7 @@ std::string strings(IFILE* file, uint16_t id) {
     return all;
 }
 
-class Resources : public FolderTest {};
+using Resources = FolderTest;
 
 } // namespace
 
@@ -43,7 +39,6 @@ TEST_F(Resources, DataOfEverySize) {
     const std::string contents[] = {std::string(65535, 'x'), "\x7F", "", std::string(50, 'y')};
     const auto calls = {KalReadByteResData, KalReadWordResData, KalReadSByteResData, KalReadSWordResData};
     for (uint16_t way = 0; way < 16; way++) {
-        HeapBalance balance;
         const uint16_t type = way % 2;
         const bool small = way & 2;
         const auto read = [&](IFILE* file, uint16_t id, void** data) {
@@ -51,22 +46,19 @@ TEST_F(Resources, DataOfEverySize) {
                            : calls.begin()[way % 4](file, id, data);
         };
         IFILE* file = resources({contents, contents + 4}, way & 8 ? KAL_ITEMS_WIDE : 0, 40);
-        void* data = &balance;
+        void* data = &file;
         for (const uint16_t none : Words{99, KAL_ITEM_FREE})
             EXPECT_EQ(read(file, none, &data), KAL_ERR_RESOURCE);
-        EXPECT_EQ(data, &balance) << "untouched";
+        EXPECT_EQ(data, &file) << "untouched";
         const int statuses[] = {KAL_OK, KAL_OK, type == KAL_RES_WORDS ? KAL_ERR_READ : KAL_OK, KAL_ERR_END};
         for (uint16_t id = 1; id <= 4; id++) {
             EXPECT_EQ(read(file, id, &data), statuses[id - 1]) << id;
-            const std::string content =
-                id < 4 ? contents[id - 1] : std::string(10, 'y') + std::string(40, '\0');
-            EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)), content)
-                << "whole all the same";
+            EXPECT_EQ(std::string(static_cast<char*>(data), KalSizeSMem(data)),
+                      id < 4 ? contents[id - 1] : std::string(10, 'y') + std::string(40, '\0'));
             EXPECT_EQ(small ? KalDestroySRes(data) : KalDestroyRes(data), KAL_OK);
         }
         failHeapAllocation(1);
         EXPECT_EQ(read(file, 1, &data), small ? KAL_ERR_BUFFER : KAL_ERR_MEMORY);
-        EXPECT_EQ(data, nullptr);
         failHeapAllocation(0);
         EXPECT_EQ((small ? KalGetSRes : KalGetRes)(file, 99, 2, nullptr), KAL_ERR_RESOURCE_TYPE);
         EXPECT_EQ(KalDestroyRes(nullptr), KAL_ERR_MEMORY);
@@ -80,7 +72,6 @@ TEST_F(Resources, TextsEndWhereTheirItemDoes) {
                                                "a\0\0b\0\0"s, "\0a\0\0"s, y,  "cut\0off"s};
     const std::string expected[] = {"a bc ", " ",   " ",     "abc ", "a bc ",
                                     "a ",    " a ", y + " ", "cut ", "KAL_ERR_RESOURCE"};
-    const HeapBalance balance;
     IFILE* file = resources(contents, 0, 3);
     for (uint16_t id = 1; id <= 10; id++)
         EXPECT_EQ(strings(file, id), expected[id - 1]) << id;
@@ -94,7 +85,7 @@ TEST_F(Resources, TextsEndWhereTheirItemDoes) {
 }
 
 TEST_F(Resources, TheyAreFoundAlongTheSearchTextAndOnlyRead) {
-    std::filesystem::create_directory("home");
+    fs::create_directory("home");
     const Bytes described = hexExample("docs/formats/resource-file.md");
     writeFile("home/APP.RES", described);
     IFILE* file = nullptr;
@@ -106,5 +97,9 @@ TEST_F(Resources, TheyAreFoundAlongTheSearchTextAndOnlyRead) {
     EXPECT_EQ(KalCloseRes(file), KAL_OK);
     EXPECT_EQ(readFile("home/APP.RES"), described);
     EXPECT_EQ(KalOpenRes(&file, "APP.RES", 5), KAL_ERR_FORMAT);
-    KalSetHome(nullptr);
+    file = openItems(kNew, KAL_ITEMS_WIDE);
+    write(file, 1, std::string(65536, 'x'));
+    KalFlushIFile(file);
+    EXPECT_EQ(faultsIn(file->stream, KalVerifyResources), "4/1 have ") << "too many bytes";
+    EXPECT_EQ(KalCloseIFile(file), KAL_OK);
 }

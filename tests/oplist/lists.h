@@ -6,18 +6,22 @@
 #include "tests/support/faults.h"
 #include "tests/support/ops.h"
 
-#include <kal/vmem.h>
+// An op of lines of a bitmap, of which `pixels` may be too few or too many.
+inline Op bandOf(uint16_t line, uint16_t width, uint16_t lines, uint16_t depth, const Bytes& pixels) {
+    Op band = {KAL_OP_DIB, Bytes(KAL_DIB_OP_HEADER)};
+    const uint16_t words[] = {0, line, width, lines, depth};
+    std::memcpy(band.payload.data(), words, sizeof words);
+    band.payload.insert(band.payload.end(), pixels.begin(), pixels.end());
+    return band;
+}
 
 class ListTest : public FolderTest {
 protected:
     ListTest() : FolderTest(kInMemory) {
         KalSetMaxVMem(2 << 20);
-        EXPECT_EQ(KalOpenVMem(0), KAL_OK);
+        KalOpenVMem(0);
     }
-    ~ListTest() override {
-        EXPECT_EQ(KalVMemUsed(), 0) << "blocks were left";
-        EXPECT_EQ(KalCloseVMem(), KAL_OK);
-    }
+    ~ListTest() override { EXPECT_EQ(KalVMemUsed(), 0) << "blocks were left"; }
     static OpList* open(uint16_t mode, uint32_t blockSize = 0) {
         OpList* list = nullptr;
         EXPECT_EQ(KalOpenOpList(&list, "f", mode), KAL_OK);
@@ -37,10 +41,10 @@ protected:
     // Closes a list of that status, no block of which may have stayed locked.
     static void close(OpList* list, int status = KAL_OK) {
         EXPECT_EQ(KalGetOpError(list), status);
-        for (KalNodeHeader* node = list->blocks != nullptr ? list->blocks->first : nullptr; node;
-             node = node->next)
-            EXPECT_EQ(KalReAllocVMem(reinterpret_cast<opblock*>(node + 1)->vmem, 0),
-                      val(reinterpret_cast<opblock*>(node + 1)->vmem));
+        for (auto* node = list->blocks != nullptr ? list->blocks->first : nullptr; node; node = node->next) {
+            void* const block = reinterpret_cast<opblock*>(node + 1)->vmem;
+            EXPECT_EQ(KalReAllocVMem(block, 0), block);
+        }
         KalCloseOpList(list);
     }
     static IOPFILE* openFile(const char* name, uint16_t mode, uint16_t format) {
@@ -52,10 +56,9 @@ protected:
         OpList* list = nullptr;
         if (const int status = KalOpenPutIOpList(file, id, &list); status != KAL_OK)
             return status;
-        bool put = true;
+        int status = KAL_OK;
         for (const auto& op : ops)
-            put = putOpData(list, op) != KAL_OP_FAILED && put;
-        const int status = put ? int16_t{KAL_OK} : KalGetOpError(list);
+            status = putOpData(list, op) != KAL_OP_FAILED ? status : KalGetOpError(list);
         const int closed = KalClosePutIOpList(file);
         return status != KAL_OK ? status : closed;
     }
@@ -67,8 +70,6 @@ protected:
         EXPECT_EQ(KalCloseGetIOpList(file), KAL_OK);
         return ops;
     }
-
-    HeapBalance balance_; // from before the manager to behind it
 };
 
 #endif

@@ -1,17 +1,9 @@
 // Directories, the home and the environment of a task, and the time of day.
 #include "tests/support/faults.h"
 #include "tests/support/room.h"
-#include "tests/support/trouble.h"
-
-#include <kal/heap.h>
-#include <kal/path.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <thread>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -27,7 +19,6 @@ std::string told(uint32_t size, Call call) {
 class Tasks : public FolderTest {
 protected:
     ~Tasks() override {
-        KalSetHome(nullptr);
         for (const auto& [name, value] : before_)
             set(name.c_str(), value.empty() ? nullptr : value.c_str());
     }
@@ -39,7 +30,6 @@ protected:
     static std::string here(uint32_t size = 512) { return told(size, KalGetCurWorkDir); }
 
 private:
-    const HeapBalance balance_;
     std::map<std::string, std::string> before_;
 };
 
@@ -65,7 +55,6 @@ TEST_F(Tasks, DirectoriesWithAndWithoutTheirSeparator) {
     }
     EXPECT_TRUE(fs::exists("drive/below/three") && fs::exists("one") && fs::exists("two"));
     EXPECT_EQ(KalMakeDir(nullptr), KAL_ERR_EMPTY_PATH);
-    walkTrouble({.run = [] { return KalMakeDir("three"); }, .statuses = {KAL_ERR_MEMORY, -1}});
     EXPECT_EQ(KalGetCurWorkDir(nullptr, 10), KAL_ERR_DESTINATION);
     EXPECT_EQ(here(0), "KAL_ERR_DESTINATION");
     EXPECT_EQ(here(uint32_t(top.size())), "KAL_ERR_CURRENT_DIR");
@@ -110,14 +99,6 @@ TEST_F(Tasks, SearchTextIsTheHomeThenThePath) {
         EXPECT_EQ(static_cast<char*>(KalGetTaskData(17)), searchText);
         KalSetHome(nullptr);
         EXPECT_EQ(KalGetTaskData(17), nullptr);
-    }
-    for (int n = 1, met = 1; met; n++) {
-        failHeapAllocation(n);
-        KalSetHome("C:\\A\\B");
-        met = heapFaultHappened();
-        failHeapAllocation(0);
-        EXPECT_EQ(KalGetHome() == nullptr, met && n > 1) << n; // the first is the environment's
-        EXPECT_EQ(KalGetHome() == nullptr, KalGetTaskData(17) == nullptr);
     }
 }
 

@@ -1,13 +1,7 @@
 // Paths as text, and the names that are made of them.
 #include "paths/temp_names.h"
 #include "tests/support/faults.h"
-#include "tests/support/files.h"
 #include "tests/support/room.h"
-
-#include <kal/heap.h>
-#include <kal/path.h>
-
-#include <filesystem>
 
 namespace {
 
@@ -26,7 +20,7 @@ std::string unique(const std::string& given, uint32_t size) {
     return status == KAL_OK ? name.text() : nameOf(status);
 }
 
-class TempNames : public FolderTest {};
+using TempNames = FolderTest;
 
 } // namespace
 
@@ -94,16 +88,15 @@ TEST_F(TempNames, NamesCountOnFromTheTemplateWhereTheyFit) {
     Room tooSmall(2, "A.B");
     EXPECT_EQ(KalGetUnique(tooSmall.data(), 2) | KalGetUnique(nullptr, 10), KAL_ERR_SERVICE);
     EXPECT_EQ(tooSmall.text(), "A.B");
-    std::filesystem::create_directory("sub");
+    fs::create_directory("sub");
     for (const char* directory : {"sub", "sub\\", ""}) {
-        const HeapBalance balance;
         EXPECT_EQ(KalTempPath(directory), KAL_OK);
         EXPECT_EQ(unique("", 772), *directory != 0 ? "sub\\ZEP0.TMP" : "ZEP1.TMP");
-        failHeapAllocation(1);
-        EXPECT_EQ(KalTempPath("X"), KAL_ERR_MEMORY);
-        failHeapAllocation(0);
-        EXPECT_EQ(KalGetTaskData(3), nullptr);
     }
+    failHeapAllocation(1);
+    EXPECT_EQ(KalTempPath("X"), KAL_ERR_MEMORY);
+    failHeapAllocation(0);
+    EXPECT_EQ(KalGetTaskData(3), nullptr);
     const size_t open = filesIn("/proc/self/fd").size();
     for (const std::string name : {"ZEP.TMP", "none\\A.B"}) { // taken by making it, or told by errno why not
         Room room(772, name);

@@ -4,6 +4,7 @@
 #include "tests/support/told.h"
 
 #include <algorithm>
+#include <clocale>
 #include <cstring>
 #include <filesystem>
 #include <random>
@@ -254,6 +255,30 @@ TEST_F(Compound, ReadersShareAndAWriterIsAlone) {
          {std::pair("pipe", STG_E_ACCESSDENIED), {".", STG_E_ACCESSDENIED}, {"none", STG_E_FILENOTFOUND}})
         EXPECT_EQ(openFile(name, STGM_READ, first), result) << name;
     EXPECT_EQ(createFile("no/such/folder", first), STG_E_FILENOTFOUND);
+}
+
+TEST_F(Compound, NamesGoToTheHostAsTheLocaleHasThem) {
+    const std::wstring longest(5000, L'x');
+    const std::wstring longBytes = L"\u00e9" + longest;
+    const struct {
+        const char* locale;
+        const wchar_t* name;
+        const char* made; // null: refused
+    } rows[] = {{"C", L"\u00e9", "\xE9"},          {"C", L"\u20ac", nullptr},
+                {"C", longest.c_str(), nullptr},   {"C", nullptr, nullptr},
+                {"C", longBytes.c_str(), nullptr}, {"C.UTF-8", L"\u00e9", "\xC3\xA9"},
+                {"C.UTF-8", L"\xD800", nullptr}};
+    for (const auto& [locale, name, made] : rows) {
+        std::setlocale(LC_ALL, locale);
+        Ref<IStorage> storage;
+        const HRESULT wanted = made != nullptr ? S_OK : STG_E_INVALIDNAME;
+        EXPECT_EQ(StgCreateDocfile(name, kUpdate | STGM_CREATE, 0, storage.out()), wanted)
+            << &name - &rows[0].name;
+        EXPECT_TRUE(made == nullptr || fileExists(made)) << made;
+        storage.reset();
+        EXPECT_EQ(StgOpenStorage(name, nullptr, STGM_READ, nullptr, 0, storage.out()), wanted);
+    }
+    std::setlocale(LC_ALL, "C");
 }
 
 } // namespace

@@ -1,10 +1,6 @@
 // The page on the registry's format, held against what the library writes and reads.
 #include "tests/support/registry_test.h"
 
-#include <kal/tagset.h>
-
-#include <filesystem>
-
 using RegistryPage = RegistryTest;
 
 TEST_F(RegistryPage, TheExampleIsWhatIsWrittenAndReads) {
@@ -24,7 +20,7 @@ TEST_F(RegistryPage, TheExampleIsWhatIsWrittenAndReads) {
 
     // A log that somebody else wrote after the page.
     setenv("KAL_REGISTRY", path("other").c_str(), 1);
-    std::filesystem::create_directory(path("other"));
+    fs::create_directory(path("other"));
     writeFile(path("other/log"), page);
     TagSet set;
     ASSERT_EQ(set.SetPath("MAKER\\APP", 1), 0);

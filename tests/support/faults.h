@@ -6,11 +6,7 @@
 #include "platform/global_memory.h"
 #include "platform/heap_faults.h"
 #include "platform/host_calls.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <unistd.h>
+#include "tests/support/files.h"
 
 // A field of a packed record by value: the assertion macros bind references, which packed fields do not take.
 template <class T>
@@ -46,22 +42,6 @@ public:
 private:
     HostCallGuard guard_;
     static inline int64_t all_, writes_, seeks_;
-};
-
-// Fails if blocks of small or global memory were leaked or freed too often in its scope.
-class HeapBalance {
-public:
-    HeapBalance() : before_(liveHeapBlocks()), globalBefore_(liveGlobalBlocks()) {}
-    ~HeapBalance() {
-        EXPECT_EQ(liveHeapBlocks(), before_) << "small-memory blocks leaked or lost";
-        EXPECT_EQ(liveGlobalBlocks(), globalBefore_) << "global memory blocks leaked or lost";
-    }
-    HeapBalance(const HeapBalance&) = delete;
-    HeapBalance& operator=(const HeapBalance&) = delete;
-
-private:
-    uint64_t before_;
-    uint32_t globalBefore_;
 };
 
 // Runs `attempt(n)` with the n-th allocation failing, for n = 1, 2, ... until one run needs no more than

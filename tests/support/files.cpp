@@ -29,6 +29,10 @@ FolderTest::FolderTest(Place place) : before_(fs::current_path()) {
 }
 
 FolderTest::~FolderTest() {
+    KalCloseVMem();
+    KalSetMaxVMem(0);
+    KalTempPath(nullptr);
+    KalSetHome(nullptr);
     std::error_code ignored;
     fs::current_path(before_, ignored);
     fs::remove_all(folder_, ignored);

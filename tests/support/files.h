@@ -1,20 +1,53 @@
-// Real files for tests, made and read with plain host calls.
+// Real files for tests, made and read with plain host calls; and what nearly every test includes.
 #ifndef KAL_TESTS_SUPPORT_FILES_H
 #define KAL_TESTS_SUPPORT_FILES_H
 
-#include <gtest/gtest.h>
+#include "platform/global_memory.h"
+#include "platform/heap_faults.h"
 
-#include <cstdint>
-#include <initializer_list>
+#include <gtest/gtest.h>
+#include <kal.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
+
+namespace fs = std::filesystem;
 
 using Bytes = std::vector<uint8_t>;
 
 // For loops over modes, formats and ids.
 using Words = std::initializer_list<uint16_t>;
 
-// A folder of its own for each test, gone afterwards; the current directory while the test runs.
+// Fails if blocks of small or global memory were leaked or freed too often in its scope.
+class HeapBalance {
+public:
+    HeapBalance() : before_(liveHeapBlocks()), globalBefore_(liveGlobalBlocks()) {}
+    ~HeapBalance() {
+        EXPECT_EQ(liveHeapBlocks(), before_) << "small-memory blocks leaked or lost";
+        EXPECT_EQ(liveGlobalBlocks(), globalBefore_) << "global memory blocks leaked or lost";
+    }
+    HeapBalance(const HeapBalance&) = delete;
+    HeapBalance& operator=(const HeapBalance&) = delete;
+
+private:
+    uint64_t before_;
+    uint32_t globalBefore_;
+};
+
+// A folder of its own for each test, gone afterwards; the current directory while the test runs. What a test has set for
+// its task is as it was then, and no memory may be left.
 class FolderTest : public ::testing::Test {
 protected:
     // In memory, where that is to be had, for thousands of small files, which would have to wait for the disk.
@@ -24,6 +57,7 @@ protected:
     std::string path(const std::string& name) const { return folder_ + "/" + name; }
 
 private:
+    const HeapBalance balance_;
     std::string folder_;
     std::string before_;
 };

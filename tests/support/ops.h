@@ -4,12 +4,6 @@
 
 #include "tests/support/files.h"
 
-#include <kal/heap.h>
-#include <kal/oplist.h>
-
-#include <cstring>
-#include <random>
-
 struct Op {
     uint16_t type;
     Bytes payload;
@@ -24,13 +18,13 @@ inline Op randomOp(std::mt19937& random, uint32_t most) {
     return op;
 }
 
-inline uint32_t putOp(OpList* list, const Op& op) {
+inline uint32_t putOp(OpList* list, const Op& op, uint32_t (*put)(OpList*, void*) = KalPutOp) {
     void* made = KalCreateOp(op.type, uint32_t(op.payload.size()));
     if (made == nullptr)
         return KAL_OP_FAILED;
     if (!op.payload.empty())
         std::memcpy(made, op.payload.data(), op.payload.size());
-    const uint32_t position = KalPutOp(list, made);
+    const uint32_t position = put(list, made);
     KalFreeSMem(KalOpBlock(made));
     return position;
 }
@@ -39,10 +33,10 @@ inline uint32_t putOpData(OpList* list, const Op& op) {
     return KalPutOpData(list, op.type, op.payload.data(), uint32_t(op.payload.size()));
 }
 
-// The ops from the list's position to its end.
-inline std::vector<Op> restOf(OpList* list) {
+// The ops from the list's position to its end, or the first of them.
+inline std::vector<Op> restOf(OpList* list, size_t most = SIZE_MAX) {
     std::vector<Op> ops;
-    while (void* op = KalGetOp(list)) {
+    while (void* op = ops.size() < most ? KalGetOp(list) : nullptr) {
         const auto* bytes = static_cast<const uint8_t*>(op);
         ops.push_back({KalOpType(op), Bytes(bytes, bytes + KalOpSize(op))});
         KalFreeSMem(KalOpBlock(op));

@@ -3,12 +3,7 @@
 #ifndef KAL_TESTS_SUPPORT_ROOM_H
 #define KAL_TESTS_SUPPORT_ROOM_H
 
-#include <gtest/gtest.h>
-#include <kal/status.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
+#include "tests/support/files.h"
 
 class Room {
 public:

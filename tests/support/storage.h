@@ -36,7 +36,7 @@ inline constexpr uint32_t kUpdate = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 
 // The little-endian number of 32 bits at a place.
 inline uint32_t word(const Bytes& file, size_t at) {
-    return file[at] | file[at + 1] << 8 | file[at + 2] << 16 | uint32_t(file[at + 3]) << 24;
+    return uint32_t(file[at] | file[at + 1] << 8 | file[at + 2] << 16) | uint32_t(file[at + 3]) << 24;
 }
 
 inline std::wstring wide(const std::string& text) {

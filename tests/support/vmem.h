@@ -5,12 +5,7 @@
 #include "platform/global_memory.h"
 #include "tests/support/files.h"
 
-#include <kal/vmem.h>
-
-#include <cstring>
-#include <fstream>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 inline constexpr bool kSanitized = true; // slower, and the process's memory is not its own
@@ -20,11 +15,6 @@ inline constexpr bool kSanitized = false;
 
 class VMemFixture : public FolderTest {
 protected:
-    ~VMemFixture() override {
-        KalCloseVMem();
-        KalSetMaxVMem(0);
-    }
-
     static void open(uint32_t limit) {
         KalSetMaxVMem(limit);
         ASSERT_EQ(KalOpenVMem(0), 0);

@@ -2,10 +2,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/processes.h"
 
-#include <kal/text.h>
-
 #include <csignal>
-#include <cstring>
 #include <deque>
 #include <pty.h>
 

@@ -230,7 +230,7 @@ mkdir out
 kal extract -j 2 --all album.kal -o out >ids
 for id in 3 2 1 0; do cmp -i 54 $id.bmp out/$id.bmp; done
 kal sheet --size 16 album.kal -o sheet.png
-kal check album.kal | grep -q 'an operation-list file, whole'
+kal check album.kal | grep -q 'operation-list file, whole'
 for command in 'store album.kal 0.bmp' 'remove album.kal 1' 'pack album.kal' 'list 0.bmp'; do
     fails 1 'not a picture archive' kal $command
 done
