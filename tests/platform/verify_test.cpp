@@ -66,12 +66,15 @@ TEST_F(VerifyFiles, TellWhereAndWhatIsWrong) {
         const std::string told = faultsIn(damaged, verify), wanted = std::to_string(place) + text;
         EXPECT_NE(told.find(wanted), std::string::npos) << wanted << "expected, told was\n" << told;
         const std::string sound = faultsIn(whole, verify);
-        EXPECT_GT(withEachAllocationFailing([&, verify = verify, &whole = whole](int n) {
-                      failHeapAllocationsFrom(n);
-                      const std::string found = faultsIn(whole, verify);
-                      EXPECT_EQ(found, heapFaultHappened() ? "KAL_ERR_BUFFER" : sound) << n;
-                  }),
-                  0);
+        bool met = true;
+        for (int n = 1; met; n++) {
+            const HeapBalance balance;
+            failHeapAllocationsFrom(n);
+            const std::string found = faultsIn(whole, verify);
+            met = heapFaultHappened();
+            failHeapAllocation(0);
+            EXPECT_EQ(found, met ? "KAL_ERR_BUFFER" : sound) << n;
+        }
     }
 }
 
