@@ -71,8 +71,7 @@ TEST_F(Refused, NoListIsNoCrash) {
     KalShrinkDIBOpList(nullptr), KalShrinkOpList(nullptr), KalSetOpListFilter(nullptr, filter);
     EXPECT_EQ(KalDIBPosToLineNumber(nullptr) | uint32_t(KalGetOpError(nullptr)), 0u);
     EXPECT_EQ(KalIsOpListEmpty(nullptr), 1);
-    OpList *list = open(KAL_OPL_VMEM), *bitmap = openBitmap(8, 2, 8),
-           *file = open(kNew);
+    OpList *list = open(KAL_OPL_VMEM), *bitmap = openBitmap(8, 2, 8), *file = open(kNew);
     for (OpList* each : {list, bitmap, file}) {
         EXPECT_EQ(KalPutOp(each, nullptr) & KalPutOp(nullptr, nullptr) & KalPutDIBOp(each, nullptr),
                   KAL_OP_FAILED);
