@@ -22,9 +22,9 @@ struct Faults : FaultSink {
 class BitmapList {
 public:
     explicit BitmapList(Input& input) {
-        KalSetMaxVMem(1 << 19);
-        require(KalOpenVMem(0) == KAL_OK && KalTempOpList(&list, KAL_OPL_VMEM_DIB) == KAL_OK,
-                "a bitmap list can be made");
+        static const bool opened = (KalSetMaxVMem(1 << 19), KalOpenVMem(0) == KAL_OK);
+        memoryHost::countsBlocks = false; // since VMem stays open, and opens its swap file when it must
+        require(opened && KalTempOpList(&list, KAL_OPL_VMEM_DIB) == KAL_OK, "a bitmap list can be made");
         list->blockSize = 64u + input.word() / 4;
         const uint16_t left = input.word(), top = input.word(), width = input.word(), height = input.word();
         const uint8_t depth = input.byte(), choice = input.byte();
@@ -36,20 +36,20 @@ public:
     ~BitmapList() {
         KalCloseOpList(list);
         require(KalVMemUsed() == 0, "a list leaves no block");
-        KalCloseVMem();
     }
     BitmapList(const BitmapList&) = delete;
     BitmapList& operator=(const BitmapList&) = delete;
 
-    // Puts what a list gives from its position on, `enough` bytes at most. False where that stops early.
-    bool play(OpList* from, uint32_t enough) {
+    // Puts what a list gives from its position on, `enough` bytes at most, also as rows. False where that stops early.
+    bool play(OpList* from, uint32_t enough, bool asRows) {
         for (uint32_t total = 0; total < enough; total += KAL_OP_HEADER) {
             void* op = KalGetOp(from);
             if (op == nullptr)
                 return KalGetOpError(from) == KAL_OK;
             total += KalOpSize(op);
             KalPutOp(list, op);
-            KalPutOpData(list, KAL_OP_ROW, op, KalOpSize(op));
+            if (asRows)
+                KalPutOpData(list, KAL_OP_ROW, op, KalOpSize(op));
             require(KalFreeSMem(KalOpBlock(op)) == KAL_OK, "an op is one block");
         }
         return true;

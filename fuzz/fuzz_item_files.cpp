@@ -31,7 +31,7 @@ void readList(IOPFILE* file, uint16_t id, bool whole, BitmapList& bitmap) {
     OpList* list;
     if (KalOpenGetIOpList(file, id, &list) != KAL_OK)
         return require(!whole, "a list that is there opens");
-    require(bitmap.play(list, kEnough) || !whole, "a whole list has no error");
+    require(bitmap.play(list, kEnough, false) || !whole, "a whole list has no error");
     require(KalCloseGetIOpList(file) == KAL_OK, "a list closes");
 }
 

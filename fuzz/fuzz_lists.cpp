@@ -32,11 +32,11 @@ void fuzz(Input input) {
     OpList* list;
     const auto mode = static_cast<uint16_t>(compressed ? KAL_OPL_COMPRESSED : 0);
     require(KalOpenOpList(&list, "/list", mode) == KAL_OK, "a list that is there opens");
-    const bool whole = bitmap.play(list, kEnough);
+    const bool whole = bitmap.play(list, kEnough, true);
     require(told != 0 || whole, "what is called whole reads to its end");
     KalIsOpListEmpty(list);
     KalSeekOp(list, choice);
-    bitmap.play(list, kEnough);
+    bitmap.play(list, kEnough, true);
     KalCloseOpList(list);
     require(memoryHost::file("/list") == bytes, "reading changes nothing");
     bitmap.read(line, choice);

@@ -13,19 +13,12 @@ namespace {
 void repair(Bytes& log) {
     const uint32_t header[] = {kMagic, kVersion, 1, static_cast<uint32_t>(log.size())};
     std::memcpy(log.data(), header, sizeof header);
-    for (size_t at = kHeaderBytes; at + kRecordHead <= log.size();) {
-        const size_t length = numberAt(log, at, 4);
+    for (size_t at = kHeaderBytes, length;; at += length) {
+        length = numberAt(log, at, 4);
         if (length < kRecordHead || length > log.size() - at)
             return;
-        uint32_t sum = 2166136261u;
-        const auto add = [&sum](unsigned byte) { sum = (sum ^ byte) * 16777619u; };
-        for (const unsigned byte : {1u, 0u, 0u, 0u}) // the log's number
-            add(byte);
-        for (size_t k = 0; k < length; k++)
-            if (k < 4 || k >= 8)
-                add(log[at + k]);
-        std::memcpy(&log[at + 4], &sum, 4);
-        at += length;
+        const uint32_t check = checkOf(1, {reinterpret_cast<const char*>(&log[at]), length});
+        std::memcpy(&log[at + 4], &check, sizeof check);
     }
 }
 

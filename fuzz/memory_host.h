@@ -12,6 +12,8 @@ inline constexpr int kFirst = 100000; // the first descriptor: none of the host'
 Bytes& file(const std::string& path);
 // Whether something was refused its room, since the input began.
 inline bool wasFull;
+// Whether no input may leave a block of the heap.
+inline bool countsBlocks = true;
 
 } // namespace memoryHost
 

@@ -47,7 +47,7 @@ public:
             return false;
         if (clashesWithMini_)
             refuseSmallStreams();
-        return true;
+        return !readFailed_; // what could not be read is no damage that may be noted
     }
 
 private:
@@ -88,10 +88,13 @@ private:
     }
 
     // Whether the file has all bytes of what lies in a chain, also where its last sector is cut short.
-    bool reaches(const Chain& chain, uint64_t size) const {
+    bool reaches(const Chain& chain, uint64_t size) {
+        if (chain.byteCount() < size || size == 0 || !file_.sectors().isLastCutShort())
+            return chain.byteCount() >= size;
         uint8_t last;
-        return chain.byteCount() >= size &&
-               (size == 0 || !file_.sectors().isLastCutShort() || chain.read(size - 1, &last, 1).count == 1);
+        const Moved got = chain.read(size - 1, &last, 1);
+        readFailed_ = readFailed_ || got.failed;
+        return got.count == 1;
     }
 
     // A chain that is too short stays so: nothing that the file is given later becomes a part of it.
@@ -145,6 +148,7 @@ private:
     Owners sectors_;
     Owners miniSectors_;
     bool clashesWithMini_ = false;
+    bool readFailed_ = false;
 };
 
 } // namespace

@@ -30,8 +30,8 @@ bool MiniSectors::copyContainer(Chain& fresh) {
         return false;
     uint8_t bytes[4096];
     for (uint64_t at = 0; at < fresh.byteCount(); at += sizeof bytes) {
-        const size_t step = container_.read(at, bytes, sizeof bytes).count;
-        if (fresh.write(at, bytes, step).count != step)
+        const Moved got = container_.read(at, bytes, sizeof bytes); // short where the file is
+        if (got.failed || fresh.write(at, bytes, got.count).count != got.count)
             return false;
     }
     return true;

@@ -185,7 +185,6 @@ bool Sectors::makeFree(uint32_t count) {
     const uint32_t end = first + pages + difats;
     if (uint64_t(first) + uint64_t(pages) * table.perPage() > kMaxSector ||
         !secure(end + missing) || // all that are asked for, or a table would stay that nothing is there for
-
         !fatSectors_.reserve(fatCount + pages) || !difatSectors_.reserve(difatCount + difats) ||
         !table.grow(pages))
         return false;

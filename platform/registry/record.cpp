@@ -4,8 +4,6 @@
 
 #include <cerrno>
 
-namespace {
-
 uint32_t checkOf(uint32_t logNumber, std::string_view record) {
     char number[4];
     storeLittle(number, logNumber);
@@ -15,8 +13,6 @@ uint32_t checkOf(uint32_t logNumber, std::string_view record) {
             hash = (hash ^ static_cast<uint8_t>(byte)) * 16777619u;
     return hash;
 }
-
-} // namespace
 
 int checkPath(std::string_view path) {
     uint32_t name = 0;

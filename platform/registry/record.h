@@ -47,6 +47,9 @@ struct RegistryRecord {
     bool load(uint32_t logNumber, std::string_view from);
 };
 
+// What the second number of a record is, in the log of that number.
+uint32_t checkOf(uint32_t logNumber, std::string_view record);
+
 // 0, EINVAL for a name without characters, ENAMETOOLONG.
 int checkPath(std::string_view path);
 

@@ -3,7 +3,7 @@
 #ifndef KAL_TESTS_ITEMS_ITEMS_H
 #define KAL_TESTS_ITEMS_ITEMS_H
 
-#include "tests/support/files.h"
+#include "tests/support/told.h"
 
 inline constexpr uint16_t kNew = KAL_MODE_CREATE | KAL_MODE_UPDATE;
 
@@ -23,20 +23,6 @@ inline std::string item(IFILE* file, uint16_t id) {
 
 inline uint32_t write(IFILE* file, uint16_t id, const std::string& text) {
     return KalWriteIFile(file, text.data(), uint32_t(text.size()), id);
-}
-
-// What a walk through a stored file tells, each as "offset/id last-word ", or the status that kept it from walking.
-inline std::string faultsIn(SFILE* stream, int32_t (*verify)(SFILE*, FaultSink&) = KalVerifyIFile) {
-    struct : FaultSink {
-        void Fault(uint64_t offset, uint32_t id, const char* text) override {
-            told += std::to_string(offset) + "/" + (id == KAL_FAULT_OF_FILE ? "file" : std::to_string(id));
-            told += std::strrchr(text, ' ') + std::string(" ");
-        }
-        std::string told;
-    } sink;
-    const int32_t count = verify(stream, sink);
-    EXPECT_TRUE(count < 0 || count == std::count(sink.told.begin(), sink.told.end(), '/')) << sink.told;
-    return count < 0 ? KalStatusName(int16_t(count)) : sink.told;
 }
 
 // Reads an item file; fails where one that the library wrote cannot be: an extent under the index, behind the end, or

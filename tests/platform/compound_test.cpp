@@ -1,9 +1,10 @@
 // Compound files as other programs and we see them.
-#include "tests/platform/told.h"
 #include "tests/support/faults.h"
 #include "tests/support/storage.h"
+#include "tests/support/told.h"
 
 #include <algorithm>
+#include <clocale>
 #include <cstring>
 #include <filesystem>
 #include <random>
@@ -64,7 +65,7 @@ public:
     bool isSame() const {
         Streams found;
         const Bytes file = readFile(path_);
-        EXPECT_EQ(toldOf(KalVerifyCompoundFile, file), "");
+        EXPECT_EQ(faultsIn(file, KalVerifyCompoundFile), "");
         return readStreams(path_, found) && found == model_;
     }
     const Streams& streams() const { return model_; }
@@ -129,7 +130,7 @@ TEST_F(Compound, RandomChangesAgreeWithAModelAndOtherReaders) {
         Model model(name, static_cast<uint32_t>(std::hash<std::string>()(name)),
                     name == names.back() ? 3 << 20 : 70000);
         EXPECT_TRUE(name != "made.ole" || model.streams() == made);
-        EXPECT_EQ(toldOf(KalVerifyCompoundFile, readFile(name)), "");
+        EXPECT_EQ(faultsIn(readFile(name), KalVerifyCompoundFile), "");
         if (name.find(' ') == name.npos)
             expectOthersRead(name, model.streams());
         for (int session = 0; session < 16; session++) {
@@ -147,12 +148,10 @@ TEST_F(Compound, RandomChangesAgreeWithAModelAndOtherReaders) {
 
 // How many entries of a directory stand below each other, at the most.
 int depthBelow(const Bytes& directory, uint32_t index) {
-    if (index == 0xFFFFFFFF)
-        return 0;
-    const auto below = [&](size_t field) {
-        return depthBelow(directory, word(directory, index * size_t(128) + field));
-    };
-    return 1 + std::max(below(68), below(72));
+    const size_t entry = index * size_t(128);
+    return index == 0xFFFFFFFF ? 0
+                               : 1 + std::max(depthBelow(directory, word(directory, entry + 68)),
+                                              depthBelow(directory, word(directory, entry + 72)));
 }
 
 TEST_F(Compound, TheDirectoryIsABalancedTreeInTheFormatsOrder) {
@@ -189,7 +188,7 @@ TEST_F(Compound, TheDirectoryIsABalancedTreeInTheFormatsOrder) {
     EXPECT_LE(depthBelow(directory, word(directory, 76)), 19);
     Streams found;
     EXPECT_TRUE(readStreams("many.ole", found) && found.size() == names.size());
-    EXPECT_EQ(toldOf(KalVerifyCompoundFile, file), "");
+    EXPECT_EQ(faultsIn(file, KalVerifyCompoundFile), "");
 }
 
 // --- Limits, and who may do what -------------------------------------------------------------------------
@@ -256,6 +255,30 @@ TEST_F(Compound, ReadersShareAndAWriterIsAlone) {
          {std::pair("pipe", STG_E_ACCESSDENIED), {".", STG_E_ACCESSDENIED}, {"none", STG_E_FILENOTFOUND}})
         EXPECT_EQ(openFile(name, STGM_READ, first), result) << name;
     EXPECT_EQ(createFile("no/such/folder", first), STG_E_FILENOTFOUND);
+}
+
+TEST_F(Compound, NamesGoToTheHostAsTheLocaleHasThem) {
+    const std::wstring longest(5000, L'x');
+    const std::wstring longBytes = L"\u00e9" + longest;
+    const struct {
+        const char* locale;
+        const wchar_t* name;
+        const char* made; // null: refused
+    } rows[] = {{"C", L"\u00e9", "\xE9"},          {"C", L"\u20ac", nullptr},
+                {"C", longest.c_str(), nullptr},   {"C", nullptr, nullptr},
+                {"C", longBytes.c_str(), nullptr}, {"C.UTF-8", L"\u00e9", "\xC3\xA9"},
+                {"C.UTF-8", L"\xD800", nullptr}};
+    for (const auto& [locale, name, made] : rows) {
+        std::setlocale(LC_ALL, locale);
+        Ref<IStorage> storage;
+        const HRESULT wanted = made != nullptr ? S_OK : STG_E_INVALIDNAME;
+        EXPECT_EQ(StgCreateDocfile(name, kUpdate | STGM_CREATE, 0, storage.out()), wanted)
+            << &name - &rows[0].name;
+        EXPECT_TRUE(made == nullptr || fileExists(made)) << made;
+        storage.reset();
+        EXPECT_EQ(StgOpenStorage(name, nullptr, STGM_READ, nullptr, 0, storage.out()), wanted);
+    }
+    std::setlocale(LC_ALL, "C");
 }
 
 } // namespace

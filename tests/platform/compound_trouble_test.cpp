@@ -1,7 +1,7 @@
 // Compound files that meet trouble: kills, full disks, failing calls, damage.
-#include "tests/platform/told.h"
 #include "tests/support/faults.h"
 #include "tests/support/storage.h"
+#include "tests/support/told.h"
 #include "tests/support/trouble.h"
 
 #include <cstring>
@@ -109,7 +109,7 @@ TEST_F(CompoundTrouble, AFullDiskLosesNothing) {
     const HostCallGuard guard;
     for (const bool setsAside : {true, false}) {
         if (!setsAside)
-            hostCalls.fallocate = [](int, int, off_t, off_t) {
+            hostCalls.fallocate = [](auto...) {
                 errno = EOPNOTSUPP;
                 return -1;
             };
@@ -117,26 +117,20 @@ TEST_F(CompoundTrouble, AFullDiskLosesNothing) {
         writeStreams("full.ole", model);
         Ref<IStorage> storage, another;
         Ref<IStream> stream, other;
-        const auto write = [](IStream* to, size_t at, const Bytes& bytes) {
-            uint32_t written = 1;
-            EXPECT_EQ(to->Seek(static_cast<int64_t>(at), STREAM_SEEK_SET, nullptr), S_OK);
-            EXPECT_EQ(to->Write(bytes.data(), static_cast<uint32_t>(bytes.size()), &written), S_OK);
-            return written;
-        };
+        uint32_t written = 30001;
         ASSERT_EQ(openFile("full.ole", kUpdate, storage), S_OK);
         ASSERT_EQ(openStream(storage.get(), L"s9000", other), S_OK);
         ASSERT_EQ(openStream(storage.get(), L"s10", stream), S_OK);
         const FileSizeLimit limit(600000);
         EXPECT_EQ(other->SetSize(10000000), STG_E_MEDIUMFULL); // what does not succeed takes no room
-        EXPECT_EQ(write(other.get(), 10000000, {1}), 0u);
-        const Bytes piece = randomBytes(30001, 9);
-        Bytes& taken = model[L"s10"];
-        for (uint32_t written = 30001; written == piece.size();) {
-            written = write(stream.get(), taken.size(), piece);
+        const Bytes piece = randomBytes(written, 9);
+        for (Bytes& taken = model[L"s10"] = {}; written == piece.size();) {
+            EXPECT_EQ(stream->Write(piece.data(), written, &written), S_OK);
             taken.insert(taken.end(), piece.begin(), piece.begin() + written);
         }
-        EXPECT_GT(taken.size(), 540000u);
-        EXPECT_EQ(write(other.get(), 0, model[L"s9000"] = randomBytes(9000, 77)), 9000u);
+        EXPECT_GT(model[L"s10"].size(), 540000u);
+        EXPECT_EQ(other->Write((model[L"s9000"] = randomBytes(9000, 77)).data(), 9000, &written), S_OK);
+        EXPECT_EQ(written, 9000u);
         EXPECT_EQ(resize(storage.get(), L"s4096", 100) | storage->Commit(0), S_OK);
         model[L"s4096"].resize(100);
         stream.reset();
@@ -147,6 +141,93 @@ TEST_F(CompoundTrouble, AFullDiskLosesNothing) {
         EXPECT_EQ(createFile("another.ole", another), STG_E_MEDIUMFULL);
         EXPECT_FALSE(fileExists("another.ole"));
     }
+}
+
+// Streams larger than the buffers, doubtful mini sectors and, where KAL_TEST_LARGE asks for a minute more, a DIFAT:
+// whatever fails is told.
+TEST_F(CompoundTrouble, ALargeFileTellsWhatItDoesNotGet) {
+    const size_t size = std::getenv("KAL_TEST_LARGE") != nullptr ? 7'200'000 : 100'000;
+    Streams streams = someStreams(), after;
+    streams[L"large"] = Bytes(size, 'x');
+    writeStreams("large.ole", streams);
+    {
+        Ref<IStorage> root, inner;
+        ASSERT_EQ(openFile("large.ole", kUpdate, root), S_OK);
+        for (int i = 0; i < 100; i++)
+            EXPECT_EQ(root->CreateStorage(std::to_wstring(i).c_str(), kUpdate, 0, 0, inner.out()), S_OK);
+    }
+    Bytes doubtful = readFile("large.ole");
+    doubtful[64]++; // the mini FAT seems to be longer: the first change makes small streams anew
+    writeFile("large.ole", doubtful);
+    const auto run = [size] {
+        Bytes bytes(70'000);
+        uint32_t moved = 0;
+        SFILE* file = nullptr;
+        if (KalOpenFile(&file, "large.ole", 0, 0) != KAL_OK)
+            return int(STG_E_READFAULT);
+        const std::string faults = faultsIn(file, KalVerifyCompoundFile);
+        int result = faults.find('/') != std::string::npos ? S_OK : STG_E_READFAULT; // the mini FAT's
+        file->close(file);
+        Ref<IStorage> root, inner;
+        if (const HRESULT opened = openFile("large.ole", kUpdate, root); opened != S_OK)
+            return int(opened);
+        const auto note = [&](HRESULT got) { result = result == S_OK ? int(got) : result; };
+        for (const wchar_t* name : {L"large", L"s64"}) {
+            Ref<IStream> stream;
+            if (const HRESULT opened = openStream(root.get(), name, stream); opened != S_OK) {
+                note(opened);
+                continue;
+            }
+            note(stream->Read(bytes.data(), 10, &moved));
+            note(stream->Seek(int64_t(size) - 50'000, STREAM_SEEK_SET, nullptr));
+            note(stream->Write(bytes.data(), uint32_t(bytes.size()), &moved));
+            note(moved == bytes.size() ? S_OK : STG_E_MEDIUMFULL);
+        }
+        note(root->CreateStorage(L"inner", kUpdate | STGM_CREATE, 0, 0, inner.out()));
+        if (inner.get() != nullptr)
+            note(putStream(inner.get(), L"small", Bytes(2000)));
+        note(root->Commit(0));
+        return result;
+    };
+    walkTrouble({.run = run,
+                 .statuses = {STG_E_INSUFFICIENTMEMORY, STG_E_READFAULT, STG_E_WRITEFAULT, STG_E_MEDIUMFULL,
+                              STG_E_ACCESSDENIED, STG_E_DOCFILECORRUPT, STG_E_SHAREVIOLATION},
+                 .check =
+                     [&](int status) {
+                         Streams found;
+                         const bool isWhole = readStreams("large.ole", found);
+                         after = after.empty() ? found : after;
+                         EXPECT_TRUE(status != S_OK || (isWhole && found == after));
+                     },
+                 .loose = {"large.ole"}}, // a call that is made again may find another place
+                kNoMemory | kHostFails);
+}
+
+// In a file whose last sector is cut short the last byte of a stream is looked for: one that the host does not give is not
+// one that the file has not.
+TEST_F(CompoundTrouble, AReadThatFailsTakesNoStreamAway) {
+    Streams model = {{L"a", randomBytes(5000, 1)}};
+    writeStreams("short.ole", model);
+    const Bytes file = readFile("short.ole");
+    writeFile("short.ole", Bytes(file.begin(), file.end() - 50));
+    walkTrouble({.run =
+                     [] {
+                         Ref<IStorage> root;
+                         if (const HRESULT opened = openFile("short.ole", kUpdate, root); opened != S_OK)
+                             return int(opened);
+                         const HRESULT put = putStream(root.get(), L"b", Bytes(10));
+                         const HRESULT kept = root->Commit(0);
+                         return int(put != S_OK ? put : kept);
+                     },
+                 .statuses = {STG_E_READFAULT, STG_E_WRITEFAULT, STG_E_MEDIUMFULL, STG_E_ACCESSDENIED,
+                              STG_E_DOCFILECORRUPT, STG_E_SHAREVIOLATION, STG_E_INSUFFICIENTMEMORY},
+                 .check =
+                     [&](int) {
+                         Streams found;
+                         EXPECT_TRUE(readStreams("short.ole", found) && found[L"a"] == model[L"a"]);
+                     },
+                 .loose = {"short.ole"}},
+                kHostFails);
 }
 
 // --- Damage -----------------------------------------------------------------------------------------------
@@ -160,7 +241,7 @@ void useWhatOpens(const std::string& path) {
     const bool isOpen = openFile(path, kUpdate, storage) == S_OK;
     storage.reset();
     const bool isSound = isOpen && readStreams(path, sound, kUpdate);
-    EXPECT_TRUE((isWhole && isSound) || toldOf(KalVerifyCompoundFile, readFile(path)) != "")
+    EXPECT_TRUE((isWhole && isSound) || faultsIn(readFile(path), KalVerifyCompoundFile) != "")
         << "the checker says nothing";
     if (!isOpen)
         return;
@@ -181,33 +262,23 @@ void useWhatOpens(const std::string& path) {
 }
 
 TEST_F(CompoundTrouble, RandomDamageAndCutsAreSurvived) {
-    const Streams model = someStreams();
-    Streams found;
-    writeStreams("whole.ole", model);
+    writeStreams("whole.ole", someStreams());
     const Bytes files[] = {readFile("whole.ole"), readFile(KAL_SOURCE_DIR "/tests/data/compound/table.xls")};
     std::mt19937 random(firstSeed());
     const int rounds = std::getenv("KAL_TEST_LARGE") != nullptr ? 100000 : 2000;
     for (int round = 0; round < rounds && !HasFailure(); round++) {
         SCOPED_TRACE(::testing::Message() << "seed " << firstSeed() << ", round " << round);
         Bytes file = files[round % 2];
+        if (random() % 8 == 0)
+            file.resize(random() % (file.size() / 100 + 1) * 100);
         const uint32_t flips = round % 4 < 2 ? 1 : static_cast<uint32_t>(random() % 60);
-        for (uint32_t i = 0; i < flips; i++) {
+        for (uint32_t i = 0; i < flips && !file.empty(); i++) {
             // Half of them where the structures are.
             const size_t bound = random() % 2 == 0 ? std::min<size_t>(file.size(), 2048) : file.size();
             file[random() % bound] ^= static_cast<uint8_t>(1u << random() % 8);
         }
         writeFile("damaged.ole", file);
         useWhatOpens("damaged.ole");
-    }
-    for (size_t length = 0; length < files[0].size() && !HasFailure();
-         length += length % 512 == 0 ? 100 : 412) {
-        SCOPED_TRACE(::testing::Message() << "cut to " << length);
-        writeFile("cut.ole", Bytes(files[0].begin(), files[0].begin() + static_cast<ptrdiff_t>(length)));
-        EXPECT_EQ(readStreams("cut.ole", found), found == model) << "a stream cut short tells so";
-        EXPECT_NE(toldOf(KalVerifyCompoundFile, readFile("cut.ole")), "");
-        for (const auto& [name, bytes] : found)
-            EXPECT_TRUE(model.count(name) == 1 && bytes == model.at(name));
-        useWhatOpens("cut.ole");
     }
 }
 
@@ -264,7 +335,7 @@ TEST_F(CompoundTrouble, OneDamagedNumberDamagesWhatItIsOf) {
             for (size_t byte = 0; byte < 4; byte++)
                 file[changes[i] + byte] = static_cast<uint8_t>(changes[i + 1] >> 8 * byte);
             writeFile("bad.ole", file);
-            EXPECT_NE(toldOf(KalVerifyCompoundFile, file), "") << "the checker says nothing";
+            EXPECT_NE(faultsIn(file, KalVerifyCompoundFile), "") << "the checker says nothing";
             Ref<IStorage> storage;
             if (damaged == "file" || damaged == "directory") {
                 EXPECT_TRUE(damaged == "directory" || !readStreams("bad.ole", found));

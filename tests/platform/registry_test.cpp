@@ -1,8 +1,8 @@
 // The registry in one process: its calls, and what becomes of its files in every trouble.
 #include "tests/support/registry_test.h"
 #include "platform/registry/record.h"
-#include "tests/platform/told.h"
 #include "tests/support/faults.h"
+#include "tests/support/told.h"
 #include "tests/support/trouble.h"
 
 #include <algorithm>
@@ -157,13 +157,13 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
         states.emplace_back(fs::file_size(log), dumpRegistry());
     }
     const Bytes whole = readFile(log);
-    EXPECT_EQ(toldOf(KalVerifyRegistry, whole), "");
+    EXPECT_EQ(faultsIn(whole, KalVerifyRegistry), "");
     const auto damaged = [&](size_t at, const Bytes& bytes) {
         SCOPED_TRACE("damage at " + std::to_string(at));
         std::string before; // what the records that end there or earlier say
         for (const auto& [length, dump] : states)
             before = length <= at ? dump : before;
-        ASSERT_NE(toldOf(KalVerifyRegistry, bytes), "");
+        ASSERT_NE(faultsIn(bytes, KalVerifyRegistry), "");
         ASSERT_EQ(dumpOf(log, bytes), before);
         ASSERT_EQ(setText("Next", "works"), 0);
         forgetRegistry();
@@ -194,7 +194,7 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
     for (const size_t length : {10, 12}) // of the path, of the name: to behind the record's end
         damaged(whole.size(), withRecord(whole, {value, "k", "n", 1, "text"}, length, 7));
     for (const uint32_t type : {REG_SZ, REG_SZ + 1})
-        EXPECT_EQ(toldOf(KalVerifyRegistry, withRecord(whole, {value, "k", "", type, "text"})) == "",
+        EXPECT_EQ(faultsIn(withRecord(whole, {value, "k", "", type, "text"}), KalVerifyRegistry) == "",
                   type != REG_SZ);
     static size_t most;
     const HostCallGuard guard;
@@ -206,7 +206,7 @@ TEST_F(Registry, APowerCutKeepsWhatStoodBeforeTheDamage) {
         for (const int bit : {0x01, 0x10, 0x80}) {
             const std::string dump = dumpOf(log, flipped(at, bit));
             const bool isWhole = dump == states.back().second;
-            EXPECT_TRUE(isWhole || toldOf(KalVerifyRegistry, flipped(at, bit)) != "") << at;
+            EXPECT_TRUE(isWhole || faultsIn(flipped(at, bit), KalVerifyRegistry) != "") << at;
             EXPECT_TRUE(isWhole || std::any_of(states.begin(), states.end(),
                                                [&](auto& state) { return state.second == dump; }))
                 << at;

@@ -1,5 +1,4 @@
-// Faults for tests: a host call that fails, comes short or kills at its n-th use, and the heap's allocations
-// failing one after another.
+// Faults for tests: host calls put back and counted, and the heap held in balance.
 #ifndef KAL_TESTS_SUPPORT_FAULTS_H
 #define KAL_TESTS_SUPPORT_FAULTS_H
 
@@ -43,20 +42,5 @@ private:
     HostCallGuard guard_;
     static inline int64_t all_, writes_, seeks_;
 };
-
-// Runs `attempt(n)` with the n-th allocation failing, for n = 1, 2, ... until one run needs no more than
-// n - 1. Each run must leave the heap as it found it. Returns the number of runs that met the fault.
-template <class Attempt>
-int withEachAllocationFailing(Attempt attempt) {
-    for (int n = 1;; n++) {
-        HeapBalance balance;
-        failHeapAllocation(n);
-        attempt(n);
-        const bool met = heapFaultHappened();
-        failHeapAllocation(0);
-        if (!met || ::testing::Test::HasFatalFailure())
-            return n - 1;
-    }
-}
 
 #endif

@@ -99,21 +99,17 @@ Bytes hexExample(const std::string& document, int n) {
     return bytes;
 }
 
-FileSizeLimit::FileSizeLimit(size_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+uint64_t FileSizeLimit::set(uint64_t bytes) {
     rlimit limit{};
     getrlimit(RLIMIT_FSIZE, &limit);
-    before_ = std::exchange(limit.rlim_cur, bytes);
+    const uint64_t before = std::exchange(limit.rlim_cur, bytes);
     setrlimit(RLIMIT_FSIZE, &limit);
+    return before;
 }
+
+FileSizeLimit::FileSizeLimit(size_t bytes) : before_(set(bytes)), handler_(std::signal(SIGXFSZ, SIG_IGN)) {}
 
 FileSizeLimit::~FileSizeLimit() {
     lift();
     std::signal(SIGXFSZ, handler_);
-}
-
-void FileSizeLimit::lift() {
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    limit.rlim_cur = before_;
-    setrlimit(RLIMIT_FSIZE, &limit);
 }

@@ -88,9 +88,11 @@ public:
     ~FileSizeLimit();
     FileSizeLimit(const FileSizeLimit&) = delete;
     FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-    void lift();
+    void lift() { set(before_); }
 
 private:
+    static uint64_t set(uint64_t bytes); // gives what it was
+
     uint64_t before_;
     void (*handler_)(int);
 };

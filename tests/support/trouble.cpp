@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <sys/mman.h>
 #include <type_traits>
 
@@ -20,18 +21,10 @@ using Names = std::vector<std::string>;
 
 // --- Host calls that are counted, fail, come short or kill ------------------------------------------------
 
-enum class Effect {
-    none,
-    fail,    // call `nth` fails
-    failOn,  // and so does every later one
-    shorten, // transfer `nth` moves half of its bytes; a single byte is interrupted by a signal
-    noRoom,  // change `nth` finds the disk full, after half of its bytes, and so does every later one
-    kill     // the process is killed before change `nth`
-};
-
 struct {
     HostCalls real;
-    Effect effect;
+    unsigned trouble; // one of Trouble, or 0
+    bool goesOn;      // so that later calls fail, too
     size_t nth;
     Names all, transfers, changes; // the calls so far: all, those that move bytes, those that change files
 } trap;
@@ -62,14 +55,13 @@ Answer answerTo(const char* name, int openFlags) {
     if (isChange)
         trap.changes.emplace_back(name);
     const size_t call = trap.all.size(), change = trap.changes.size(), nth = trap.nth;
-    const bool isIt = trap.effect == Effect::fail ? call == nth : call >= nth;
-    if ((trap.effect == Effect::fail || trap.effect == Effect::failOn) && isIt && !isSafe)
+    if (trap.trouble == kHostFails && (trap.goesOn ? call >= nth : call == nth) && !isSafe)
         return {EIO};
-    if (trap.effect == Effect::shorten && isTransfer && trap.transfers.size() == nth)
+    if (trap.trouble == kCutShort && isTransfer && trap.transfers.size() == nth) // of a single byte: a signal
         return {EINTR, true};
-    if (trap.effect == Effect::noRoom && takesRoom && change >= nth)
+    if (trap.trouble == kDiskFull && takesRoom && change >= nth)
         return {ENOSPC, isTransfer && change == nth};
-    if (trap.effect == Effect::kill && isChange && change == nth)
+    if (trap.trouble == kKilled && isChange && change == nth)
         ::kill(::getpid(), SIGKILL);
     return {};
 }
@@ -109,8 +101,8 @@ Result trapped(const char* name, Arguments... arguments) {
 }
 
 // All calls of platform/host_calls.h come here and are counted from 1.
-void setTrap(Effect effect, size_t nth) {
-    trap = {hostCalls, effect, nth, {}, {}, {}};
+void setTrap(unsigned trouble, bool goesOn, size_t nth) {
+    trap = {hostCalls, trouble, goesOn, nth, {}, {}, {}};
 #define KAL_TRAP(name, result, parameters)                                                                   \
     hostCalls.name = [](auto... arguments) -> result {                                                       \
         return trapped<&HostCalls::name, result>(#name, arguments...);                                       \
@@ -149,123 +141,87 @@ void restoreFiles(const Files& files) {
     }
 }
 
-size_t openDescriptors() {
-    return filesIn("/proc/self/fd").size();
-}
-
-class Walk {
-public:
-    explicit Walk(const Scenario& scenario) : scenario_(scenario) {}
-
-    int walk(unsigned troubles) {
-        round("no trouble", [this] { return wanted_ = troubled(Effect::none, 0); });
-        const Names all = trap.all, transfers = trap.transfers, changes = trap.changes;
-        if (troubles & kNoMemory) {
-            failAllocations(failHeapAllocation, "fails");
-            failAllocations(failHeapAllocationsFrom, "and all later ones fail");
-        }
-        if (troubles & kHostFails) {
-            each(all, Effect::fail, "host call", "fails");
-            each(all, Effect::failOn, "host call", "and all later ones fail");
-        }
-        if (troubles & kCutShort)
-            each(transfers, Effect::shorten, "transfer", "comes short");
-        if (troubles & kDiskFull)
-            each(changes, Effect::noRoom, "change", "finds the disk full");
-        if (troubles & kKilled)
-            each(changes, Effect::kill, "change", "does not come: the process is killed");
-        return rounds_;
-    }
-
-private:
-    // One run, and what must hold after it. `run` gives its status.
-    void round(const std::string& trouble, const std::function<int()>& run) {
-        SCOPED_TRACE("when " + trouble);
-        const HeapBalance balance;
-        const size_t descriptors = openDescriptors();
-        restoreFiles(start_);
-        scenario_.prepare();
-        mayStay_ = false;
-        const Files before = filesOfTest();
-        const int status = run();
-        const Files after = filesOfTest();
-        if (rounds_++ == 0)
-            done_ = after;
-        else if (status != kWasKilled && status != wanted_) {
-            EXPECT_TRUE(scenario_.statuses.count(status) != 0) << "status " << status;
-        }
-        for (const Files& files : {before, done_, after})
-            for (const auto& [name, bytes] : files)
-                checkFile(name, status, before, after);
-        scenario_.check(status);
-        EXPECT_EQ(openDescriptors(), descriptors) << "descriptors left open or closed too often";
-    }
-
-    void checkFile(const std::string& name, int status, const Files& before, const Files& after) {
-        const auto is = [&](const Files& files) {
-            const auto found = files.find(name);
-            const auto now = after.find(name);
-            return found == files.end() ? now == after.end()
-                                        : now != after.end() && found->second == now->second;
-        };
-        const bool excused = mayStay_ || scenario_.loose.count(name) != 0 ||
-                             (status != wanted_ && scenario_.unfinished.count(name) != 0);
-        EXPECT_TRUE(excused || is(done_) || (status != wanted_ && is(before)))
-            << "'" << name << "' is half made, left or lost"
-            << (status == wanted_ ? ", and the run says 'done'" : "");
-    }
-
-    void failAllocations(void (*fail)(int64_t), const char* how) {
-        for (int64_t n = 1; !::testing::Test::HasFailure(); n++) {
-            bool met = false;
-            round("allocation " + std::to_string(n) + " " + how, [&] {
-                fail(n);
-                const int status = scenario_.run();
-                met = heapFaultHappened();
-                failHeapAllocation(0);
-                return status;
-            });
-            if (!met)
-                return;
-        }
-    }
-
-    void each(const Names& calls, Effect effect, const char* what, const char* how) {
-        for (size_t n = 1; n <= calls.size() && !::testing::Test::HasFailure(); n++)
-            round(std::string(what) + " " + std::to_string(n) + " (" + calls[n - 1] + ") " + how,
-                  [&] { return effect == Effect::kill ? killed(n) : troubled(effect, n); });
-    }
-
-    int troubled(Effect effect, size_t n) {
-        const HostCallGuard guard;
-        setTrap(effect, n);
-        const int status = scenario_.run();
-        for (size_t i = n - 1; i < trap.all.size() && (i == n - 1 || effect == Effect::failOn); i++)
-            mayStay_ = mayStay_ || trap.all[i].find("unlink") != std::string::npos;
-        EXPECT_TRUE(status == wanted_ || effect != Effect::shorten) << "a short transfer is no failure";
-        return status;
-    }
-
-    int killed(size_t n) {
-        const int end = inChild([&] {
-            setTrap(Effect::kill, n);
-            scenario_.run();
-            _exit(0);
-        });
-        EXPECT_TRUE(WIFSIGNALED(end)) << "the run took fewer steps than the first";
-        return kWasKilled;
-    }
-
-    const Scenario& scenario_;
-    int rounds_ = 0;
-    int wanted_ = 0;
-    bool mayStay_ = false; // the host refused to delete
-    const Files start_ = filesOfTest();
-    Files done_;
-};
-
 } // namespace
 
 int walkTrouble(const Scenario& scenario, unsigned troubles) {
-    return Walk(scenario).walk(troubles);
+    const Files start = filesOfTest();
+    Files done;
+    int rounds = 0, wanted = 0;
+    bool mayStay = false; // the host refused to delete
+    const auto trapped = [&](unsigned trouble, bool goesOn, size_t n) {
+        const HostCallGuard guard;
+        setTrap(trouble, goesOn, n);
+        const int status = scenario.run();
+        for (size_t i = n - 1; i < trap.all.size() && (i == n - 1 || goesOn); i++)
+            mayStay = mayStay || trap.all[i].find("unlink") != std::string::npos;
+        EXPECT_TRUE(status == wanted || trouble != kCutShort) << "a short transfer is no failure";
+        return status;
+    };
+    // One run, and what must hold after it. `run` gives its status.
+    const auto round = [&](const std::string& trouble, const std::function<int()>& run) {
+        SCOPED_TRACE("when " + trouble);
+        const HeapBalance balance;
+        const size_t descriptors = filesIn("/proc/self/fd").size();
+        restoreFiles(start);
+        scenario.prepare();
+        mayStay = false;
+        const Files before = filesOfTest();
+        const int status = run();
+        const Files after = filesOfTest();
+        if (rounds++ == 0)
+            done = after;
+        EXPECT_TRUE(status == kWasKilled || status == wanted || scenario.statuses.count(status) != 0)
+            << status;
+        for (const Files& files : {before, done, after})
+            for (const auto& [name, bytes] : files) {
+                const auto of = [&name = name](const Files& all) {
+                    return all.count(name) != 0 ? std::optional(all.at(name)) : std::nullopt;
+                };
+                EXPECT_TRUE(
+                    mayStay || scenario.loose.count(name) != 0 || of(after) == of(done) ||
+                    (status != wanted && (of(after) == of(before) || scenario.unfinished.count(name) != 0)))
+                    << "'" << name << "' is half made, left or lost; the status is " << status;
+            }
+        scenario.check(status);
+        EXPECT_EQ(filesIn("/proc/self/fd").size(), descriptors)
+            << "descriptors left open or closed too often";
+    };
+
+    round("no trouble", [&] { return wanted = trapped(0, false, 0); });
+    const Names all = trap.all, transfers = trap.transfers, changes = trap.changes;
+    for (const auto fail : {failHeapAllocation, failHeapAllocationsFrom}) {
+        bool met = (troubles & kNoMemory) != 0;
+        for (int64_t n = 1; met && !::testing::Test::HasFailure(); n++)
+            round("allocation " + std::to_string(n) +
+                      (fail == failHeapAllocation ? " fails" : " and all later ones fail"),
+                  [&] {
+                      fail(n);
+                      const int status = scenario.run();
+                      met = heapFaultHappened();
+                      failHeapAllocation(0);
+                      return status;
+                  });
+    }
+    const struct {
+        unsigned trouble;
+        bool goesOn;
+        const Names& calls;
+        const char *what, *how;
+    } walks[] = {{kHostFails, false, all, "host call", "fails"},
+                 {kHostFails, true, all, "host call", "and all later ones fail"},
+                 {kCutShort, false, transfers, "transfer", "comes short"},
+                 {kDiskFull, false, changes, "change", "finds the disk full"},
+                 {kKilled, false, changes, "change", "does not come: the process is killed"}};
+    for (const auto& [trouble, goesOn, calls, what, how] : walks)
+        for (size_t n = 1; (troubles & trouble) != 0 && n <= calls.size() && !::testing::Test::HasFailure();
+             n++)
+            round(std::string(what) + " " + std::to_string(n) + " (" + calls[n - 1] + ") " + how,
+                  [&, trouble = trouble, goesOn = goesOn] {
+                      if (trouble != kKilled)
+                          return trapped(trouble, goesOn, n);
+                      const int end = inChild([&] { trapped(kKilled, false, n), _exit(0); });
+                      EXPECT_TRUE(WIFSIGNALED(end)) << "the run took fewer steps than the first";
+                      return kWasKilled;
+                  });
+    return rounds;
 }

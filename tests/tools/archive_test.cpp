@@ -133,9 +133,10 @@ for how in '' --plain; do
     kal extract a.kal 1 -o link && cmp a.kal in/1.bmp # the file that the link leads to
     rm a.kal link fresh.kal out/*
 done
-kal store a.kal - <in/1.bmp
-kal extract a.kal 1 -o - | cmp - in/1.bmp
+kal store a.kal - <in/2.bmp
+kal extract a.kal 1 -o - | cmp - in/2.bmp
 kal extract a.kal 1 --png -o - | cmp - <(kal extract a.kal 1 -o p.png && cat p.png)
+kal store a.kal p.png; kal extract a.kal 2 --png -o - | cmp - p.png # more than is read at a time
 kal sheet a.kal -o - | head -c 4 | grep -q PNG)sh");
 }
 
@@ -212,6 +213,7 @@ done
 [ $(find . -mindepth 1 -maxdepth 1 -printf . | wc -c) = 10 ]
 [ "$(kal --version)" = "kal 1.0.0" ]
 for command in store list extract remove pack stat dump cat; do kal $command --help | grep -q "  kal $command "; done
+kal extract --help | grep -qxF 'Usage: kal extract [--all] -o FILE [--png] [-j N] ARCHIVE [ID...]'
 fails 1 'standard output: cannot be written' eval 'kal list a.kal >/dev/full'
 cp a.kal before
 fails 1 'standard output: cannot be written' eval 'kal list a.kal >&-' || true
