@@ -14,7 +14,7 @@ void repair(Bytes& log) {
     const uint32_t header[] = {kMagic, kVersion, 1, static_cast<uint32_t>(log.size())};
     std::memcpy(log.data(), header, sizeof header);
     for (size_t at = kHeaderBytes, length;; at += length) {
-        length = numberAt(log, at, 4);
+        length = static_cast<size_t>(numberAt(log, at, 4));
         if (length < kRecordHead || length > log.size() - at)
             return;
         const uint32_t check = checkOf(1, {reinterpret_cast<const char*>(&log[at]), length});

@@ -18,7 +18,7 @@ using Bytes = std::vector<uint8_t>;
 inline uint64_t numberAt(const Bytes& input, uint64_t at, size_t bytes) {
     uint64_t number = 0;
     if (at < input.size() && bytes <= input.size() - at)
-        std::memcpy(&number, &input[at], bytes);
+        std::memcpy(&number, &input[static_cast<size_t>(at)], bytes);
     return number;
 }
 

@@ -26,16 +26,10 @@ struct RowSink : OpSink {
     Bytes seen;
 };
 
-void freeOp(void* op) {
-    KalFreeSMem(op != nullptr ? KalOpBlock(op) : nullptr);
-}
-
 // What reads or puts at the list's position; whether it could.
 using Step = bool (*)(OpList*);
 bool getsOp(OpList* list) {
-    void* op = KalGetOp(list);
-    freeOp(op);
-    return op != nullptr;
+    return !restOf(list, 1).empty();
 }
 bool putsOp(OpList* list) {
     return putOp(list, {3, Bytes(8)}) != KAL_OP_FAILED;
@@ -77,8 +71,7 @@ TEST_F(Refused, NoListIsNoCrash) {
     KalShrinkDIBOpList(nullptr), KalShrinkOpList(nullptr), KalSetOpListFilter(nullptr, filter);
     EXPECT_EQ(KalDIBPosToLineNumber(nullptr) | uint32_t(KalGetOpError(nullptr)), 0u);
     EXPECT_EQ(KalIsOpListEmpty(nullptr), 1);
-    OpList *list = open(KAL_OPL_VMEM), *bitmap = openBitmap(8, 2, 8),
-           *file = open(KAL_MODE_CREATE | KAL_MODE_UPDATE);
+    OpList *list = open(KAL_OPL_VMEM), *bitmap = openBitmap(8, 2, 8), *file = open(kNew);
     for (OpList* each : {list, bitmap, file}) {
         EXPECT_EQ(KalPutOp(each, nullptr) & KalPutOp(nullptr, nullptr) & KalPutDIBOp(each, nullptr),
                   KAL_OP_FAILED);
@@ -221,8 +214,7 @@ TEST_F(Refused, BandsShowAFilterEachRowAndOddOnesPutWhatTheyHold) {
         OpList* list = openBitmap(2, 3, depth);
         RowFilter filter;
         KalSetOpListFilter(list, filter);
-        Op band{KAL_OP_DIB, Bytes(KAL_DIB_OP_HEADER + 3 * (depth == 8 ? 2 : 8))};
-        band.payload[4] = 2, band.payload[6] = 3, band.payload[8] = uint8_t(depth);
+        Op band = bandOf(0, 2, 3, depth, Bytes(3 * (depth == 8 ? 2 : 8)));
         for (int line = 0; line < 3; line++)
             band.payload[KAL_DIB_OP_HEADER + line * (depth == 8 ? 2 : 8)] = uint8_t('a' + line);
         EXPECT_NE(putOp(list, band), KAL_OP_FAILED);
@@ -235,9 +227,7 @@ TEST_F(Refused, BandsShowAFilterEachRowAndOddOnesPutWhatTheyHold) {
         RowSink sink;
         list->filter = nullptr, list->sink = &sink;
         band.payload.resize(KAL_DIB_OP_HEADER + 8), band.payload[4] = 1, band.payload[6] = 1;
-        void* op = KalCreateOp(KAL_OP_DIB, uint32_t(band.payload.size()));
-        std::memcpy(op, band.payload.data(), band.payload.size());
-        KalPutDIBOp(list, op), freeOp(op);
+        putOp(list, band, KalPutDIBOp);
         EXPECT_EQ(sink.seen.size(), 1u);
         list->sink = nullptr;
         close(list);
@@ -285,7 +275,7 @@ TEST_F(Refused, AListThatDidNotGoInIsToldByTheFilesEnd) {
 
 // Longer than any buffer, so that each read and seek asks the host.
 TEST_F(Refused, WhatTheHostDoesNotGiveIsTold) {
-    IOPFILE* file = openFile("f", KAL_MODE_CREATE | KAL_MODE_UPDATE, KAL_ITEMS_WIDE);
+    IOPFILE* file = openFile("f", kNew, KAL_ITEMS_WIDE);
     for (const uint16_t id : {uint16_t{1}, uint16_t{2}})
         EXPECT_EQ(store(file, id, std::vector<Op>(30, Op{5, Bytes(1000)})), KAL_OK);
     EXPECT_EQ(KalCloseIOpFile(file), KAL_OK);
