@@ -58,7 +58,7 @@ public:
         headers_ = bmpHeaders(layout.width, layout.height, layout.topDown, layout.bits, palette);
     }
 
-    const char* whatIsLost() const override { return "it comes back without its run-length compression"; }
+    const char* whatIsLost() const override { return "comes back without run-length compression"; }
     void before(const Take& take) override { take(PicturePart::Before, headers_); }
     void rows(uint8_t* to, uint32_t count) override {
         for (; count > 0; count--, to += form_.rowBytes)
@@ -87,7 +87,7 @@ public:
     }
 
     const char* whatIsLost() const override {
-        return "its pixels come back, not its bytes nor what else it says";
+        return "only the pixels come back, no other bytes";
     }
     void before(const Take& take) override {
         if (!reader_.layout().palette.empty())

@@ -100,8 +100,8 @@ runs '\x31' >r4.bmp; runs '\x7f' >over
 kal store r.kal r4.bmp over 2>notes >ids
 kal extract r.kal 1 -o - | cmp - <(kal extract r.kal 2 -o -)
 kal store a.kal *.bmp *.png >ids 2>notes
-[ "$(cat notes)" = $'kal: r4.bmp and 1 more: it comes back without its run-length compression
-kal: a.png and 16 more: its pixels come back, not its bytes nor what else it says' ]
+[ "$(cat notes)" = $'kal: r4.bmp and 1 more: comes back without run-length compression
+kal: a.png and 16 more: only the pixels come back, no other bytes' ]
 kal store --plain b.kal *.bmp *.png >ids 2>notes
 mkdir own png plain; kal extract a.kal --all -o own >ids; kal extract a.kal --all --png -o png >ids; kal extract b.kal --all -o plain >ids
 i=0
