@@ -40,6 +40,7 @@ while read -r -a command; do
         [ $status != 0 ] || break
         mapfile -t lines <../err
         [ $status = 1 ] && [ ${#lines[@]} = 1 ] && [[ ${lines[0]} == 'kal: '* ]]
+        [ $least != 3000 ] || [[ ${lines[0]} == 'kal: not enough memory' ]]
         diff -r . ../before
     done
     cmp ../out ../all; diff -r . ../done; back; rm -r ../done
