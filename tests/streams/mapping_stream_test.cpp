@@ -44,6 +44,7 @@ protected:
 
 TEST_F(Mapping, TheStoredLengthIsTrustedAsFarAsTheMappingReaches) {
     SFILE* writer = open(kCreate, 1000);
+    EXPECT_TRUE(sizeof(void*) == 4 || writer->bufStart == 0) << "positions count from the view";
     EXPECT_EQ(read(), "") << "nothing is published before the writer closes";
     EXPECT_EQ(writer->close(writer), KAL_OK);
     write("hello", 40'000'000); // anew, in the room that it has
