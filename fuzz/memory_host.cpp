@@ -45,8 +45,8 @@ int openAt(int folder, const char* name, int flags, mode_t = 0) {
     const bool makes = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_DIRECTORY;
     if (files.count(path) != 0 ? (flags & O_EXCL) != 0 : !makes)
         return fail(makes ? EEXIST : ENOENT);
-    if (folder >= kFirst) // what is mapped of a log stays where it is
-        file(path).reserve(kDisk);
+    if (folder >= kFirst) // what is mapped of a log, of 64 KiB and some more, stays where it is
+        file(path).reserve(kDisk / 2);
     file(path);
     static int last = kFirst;
     opened[++last] = {files[path], path};
