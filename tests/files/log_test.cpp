@@ -78,6 +78,19 @@ TEST_F(MessageLog, NamesHaveUpTo771CharactersAndOpenLater) {
     EXPECT_EQ(content("later/log.t"), "kept\r");
 }
 
+TEST_F(MessageLog, AFileIsThereOnceItIsNamedAndWithoutMemoryNothing) {
+    for (int n = 1; filesIn(".").empty(); n++)
+        ASSERT_EQ(inChild([n] {
+                      failHeapAllocation(n);
+                      const bool named = KalGenLogMessName() == KAL_OK;
+                      failHeapAllocation(0);
+                      EXPECT_EQ(liveHeapBlocks(), named ? 1u : 0u);
+                      EXPECT_EQ(filesIn(".").size(), named ? 1u : 0u);
+                  }),
+                  0)
+            << n;
+}
+
 TEST_F(MessageLog, ExitLosesNothingAndAForkLeavesTheParentsTailAlone) {
     std::string expected;
     for (int i = 0; i < 300; i++)

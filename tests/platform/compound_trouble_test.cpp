@@ -305,7 +305,8 @@ TEST_F(CompoundTrouble, OneDamagedNumberDamagesWhatItIsOf) {
     // What is damaged, then places and the numbers put there.
     const std::pair<std::string, std::vector<size_t>> cases[] = {
         // Nothing can be read: signature, byte order, sector sizes, the limit of small streams, FAT and directory.
-        {"file", {0, 0, 28, 0x0009FEFF, 28, 0x0008FFFE, 28, 0x000CFFFE, 32, 7, 56, 0x2000, 44, 0}},
+        {"file",
+         {0, 0, 26, 0xFFFE0004, 28, 0x0009FEFF, 28, 0x0008FFFE, 28, 0x000CFFFE, 32, 7, 56, 0x2000, 44, 0}},
         {"file", {44, 0x40000000, 48, kVoid, fat(directory), directory, entry(0, 66), 0x00000102}},
         {"directory", {fat(directory), kVoid}},                         // cut off: nothing can be written
         {"tree", {entry(1, 68), 1, entry(1, 72), 77, entry(1, 68), 0}}, // no stream can be added or removed
