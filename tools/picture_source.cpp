@@ -86,9 +86,7 @@ public:
         form_.fileBytes = static_cast<uint32_t>(fileBytes);
     }
 
-    const char* whatIsLost() const override {
-        return "only the pixels come back, no other bytes";
-    }
+    const char* whatIsLost() const override { return "only the pixels come back, no other bytes"; }
     void before(const Take& take) override {
         if (!reader_.layout().palette.empty())
             take(PicturePart::Before, reader_.layout().palette);
