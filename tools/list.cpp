@@ -5,7 +5,8 @@
 #include "tools/picture.h"
 #include "tools/rows.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <string>
 
 namespace {
 
@@ -13,11 +14,18 @@ struct Arguments {
     std::string archive;
 };
 
+// What part of `of` a number is, with so many decimal places.
+std::string fraction(uint64_t number, uint64_t of, size_t places) {
+    for (size_t i = 0; i < places; i++)
+        number *= 10;
+    std::string text = std::to_string((number + of / 2) / std::max<uint64_t>(of, 1));
+    text.insert(0, places + 1 - std::min(places + 1, text.size()), '0');
+    return text.insert(text.size() - places, ".");
+}
+
 void addRow(Rows& rows, const kal::Entry& item, const PictureForm& form) {
-    const double ratio = static_cast<double>(item.size) / form.fileBytes;
-    char shownRatio[32];
-    std::snprintf(shownRatio, sizeof shownRatio, asked.json ? "%.4f" : "%.1f%%",
-                  asked.json ? ratio : 100 * ratio);
+    const std::string ratio = asked.json ? fraction(item.size, form.fileBytes, 4)
+                                         : fraction(uint64_t{item.size} * 100, form.fileBytes, 1) + '%';
     rows.add({numberCell(item.id),
               textCell(form.kind == PictureKind::Bmp ? "bmp" : "png"),
               {std::to_string(form.width) + "x" + std::to_string(form.height), true},
@@ -27,7 +35,7 @@ void addRow(Rows& rows, const kal::Entry& item, const PictureForm& form) {
               flagCell(form.topDown, "top-down", "bottom-up"),
               bytesCell(form.fileBytes),
               bytesCell(item.size),
-              {shownRatio, true}});
+              {ratio, true}});
 }
 
 void list(const Arguments& arguments) {

@@ -24,17 +24,28 @@ Cell flagCell(bool flag, const char* yes, const char* no) {
     return {flag ? yes : no};
 }
 
+void Rows::add(std::initializer_list<Cell> row) {
+    for (const Cell& cell : row) {
+        texts_ += cell.text;
+        cells_.push_back({texts_.size(), cell.right});
+    }
+}
+
+std::string_view Rows::textOf(size_t cell) const {
+    const size_t start = cell > 0 ? cells_[cell - 1].end : 0;
+    return std::string_view(texts_).substr(start, cells_[cell].end - start);
+}
+
 std::string Rows::json() const {
     std::string text = "[";
-    for (auto cell = cells_.begin(); cell != cells_.end();) {
-        text += cell == cells_.begin() ? "\n  {" : ",\n  {";
+    for (size_t row = 0; row < cells_.size(); row += columns_.size()) {
+        text += row == 0 ? "\n  {" : ",\n  {";
         const char* between = "\"";
-        for (const Column& column : columns_) {
-            if (column.member != nullptr && !cell->text.empty()) {
-                ((text += between) += column.member) += "\": " + cell->text;
-                between = ", \"";
-            }
-            ++cell;
+        for (size_t i = 0; i < columns_.size(); i++) {
+            if (columns_[i].member == nullptr || textOf(row + i).empty())
+                continue;
+            (((text += between) += columns_[i].member) += "\": ") += textOf(row + i);
+            between = ", \"";
         }
         text += '}';
     }
@@ -48,16 +59,16 @@ std::string Rows::table() const {
         widths.push_back(column.heading != nullptr ? std::strlen(column.heading) : 0);
     for (size_t i = 0; i < cells_.size(); i++) {
         size_t& width = widths[i % columns_.size()];
-        width = std::max(width, cells_[i].text.size());
+        width = std::max(width, textOf(i).size());
     }
 
     std::string text;
-    const auto line = [&](auto textOf) {
+    const auto line = [&](auto textAt) {
         const size_t start = text.size();
         for (size_t i = 0; i < columns_.size(); i++) {
             if (columns_[i].heading == nullptr)
                 continue;
-            const std::string_view shown = textOf(i);
+            const std::string_view shown = textAt(i);
             const size_t padding = widths[i] - shown.size();
             const bool right = !cells_.empty() && cells_[i].right;
             text.append(text.size() == start ? 0 : 2, ' ').append(right ? padding : 0, ' ');
@@ -68,7 +79,7 @@ std::string Rows::table() const {
     };
     line([this](size_t i) { return std::string_view(columns_[i].heading); });
     for (size_t row = 0; row < cells_.size(); row += columns_.size())
-        line([this, row](size_t i) { return std::string_view(cells_[row + i].text); });
+        line([this, row](size_t i) { return textOf(row + i); });
     return text;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct Column {
@@ -33,7 +34,7 @@ public:
     explicit Rows(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
     // A cell a column.
-    void add(std::initializer_list<Cell> row) { cells_.insert(cells_.end(), row); }
+    void add(std::initializer_list<Cell> row);
     // The array without a line's end, or the table.
     std::string text() const;
     // To standard output.
@@ -43,8 +44,16 @@ private:
     std::string json() const;
     std::string table() const;
 
+    // A cell's text in `texts_`, in which there are all, row after row.
+    struct Place {
+        size_t end;
+        bool right;
+    };
+    std::string_view textOf(size_t cell) const;
+
     std::vector<Column> columns_;
-    std::vector<Cell> cells_; // row after row
+    std::vector<Place> cells_;
+    std::string texts_;
 };
 
 #endif
