@@ -16,12 +16,15 @@ kal::Status write(uint16_t mode, const char* word, int lines) {
     auto text = kal::Stream::inCompoundFile(fileName, streamName, mode | KAL_MODE_UPDATE);
     if (!text)
         return text.error();
-    kal::streambuf buffer(*text);
-    std::ostream out(&buffer);
-    for (int line = 1; line <= lines; line++)
-        out << word << ' ' << line << '\n';
-    out.flush();
-    return out ? text->close() : buffer.status();
+    {
+        kal::streambuf buffer(*text); // gone before what it stands on is closed
+        std::ostream out(&buffer);
+        for (int line = 1; line <= lines; line++)
+            out << word << ' ' << line << '\n';
+        if (!out.flush())
+            return buffer.status();
+    }
+    return text->close();
 }
 
 // The text from a place on, up to the end of that line.

@@ -56,7 +56,7 @@ bool hasRoom(OpList* list, opblock* block, uint32_t bytes) {
         capacity = std::max(bytes, uint32_t(list->blockSize));
     if (capacity <= block->capacity || uint64_t(block->offset) + bytes > capacity)
         return false;
-    if (KalReAllocVMem(block->vmem, capacity) == nullptr) // what was shrunk has memory
+    if (block->vmem != nullptr && KalReAllocVMem(block->vmem, capacity) == nullptr)
         return false;
     block->capacity = capacity;
     return true;
