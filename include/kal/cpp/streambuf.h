@@ -187,8 +187,12 @@ public:
     explicit streambuf(CompressedStream& run) : streambuf(run.get()) {}
     streambuf(const streambuf&) = delete;
     streambuf& operator=(const streambuf&) = delete;
-    // Writes what waits. What is beneath must still be open.
-    ~streambuf() override { streambuf::sync(); }
+    // Writes what waits, and gives back what was read ahead. Where neither is, as behind a flush, what is beneath may be
+    // closed already.
+    ~streambuf() override {
+        if (pptr() != pbase() || gptr() != egptr())
+            streambuf::sync();
+    }
 
     // Of the last operation beneath.
     Status status() const {
